@@ -1,0 +1,81 @@
+// One collector: a row of the table in core/collectors.cpp. The row is at once the collector's
+// configuration, its run-time control block, the header of the file it is writing, and its hooks.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+
+#include "framework/stop.h"
+#include "framework/sync.h"
+
+// Kinds of payload in an upload file.
+enum data_type : uint8_t {
+    DATA_TYPE_STATS = 1,
+    DATA_TYPE_MICRODUMP = 2,
+    DATA_TYPE_STATIC = 3,
+    DATA_TYPE_MPS = 4,
+};
+
+// The upload file's header in host byte order. It is written field by field, big-endian, in this
+// order and without padding (framework/dropbox.h).
+struct __attribute__((packed)) record_header {
+    uint32_t header_version = 7;
+    uint32_t header_len = 53;  // also the base of the test whether a record is full
+    uint32_t client_id = 0;
+    uint8_t data_type = DATA_TYPE_STATS;
+    uint32_t rec_version = 1;
+    uint64_t realtime_ms = 0;  // wall clock at which the record was begun
+    uint32_t payload_len = 0;  // bytes of compressed payload behind the header
+    uint8_t header_attr1 = 0;  // 0 becomes 1 when the header is written
+    uint8_t header_attr2 = 1;
+    uint64_t uptime_ms = 0;    // boot-time clock at which the record was begun
+    int16_t timezone_min = 0;  // minutes ahead of UTC when the record was begun
+    uint64_t campaign_id = 0;
+    uint32_t seq = 0;          // for layout only: the number comes from the sequence file
+};
+static_assert(sizeof(record_header) == 53);
+
+struct collector_info;
+
+using collector_thread_func = int (*)(collector_info* row);
+using collector_cfg_read_handler = void (*)(FILE* stream, collector_info* row);  // stream may be null
+using collector_cfg_update_handler = int (*)(collector_info* row);               // 0: written
+using collector_sig_handler = void (*)(int signo);  // must be async-signal-safe
+
+// Threads: `enabled` and `terminate` are written under `mutex` and may be read without it; `stop`
+// and `running` go from 0 to 1 once. Everything from `rec_fname` and `size` on belongs to the row's
+// own thread.
+struct collector_info {
+    const char* name = nullptr;
+    const char* up_dir = nullptr;       // dropbox directory; its existence is the owner's consent
+    const char* down_dir = nullptr;     // where downloaded files arrive
+    const char* cfg_file = nullptr;     // local configuration; null: none
+    const char* dl_cfg_file = nullptr;  // downloaded configuration; null: none
+    char rec_fname[256] = "";           // path of the open record; empty: none
+    std::atomic<uint8_t> enabled{0};    // opted in
+    std::atomic<uint8_t> terminate{0};  // leave the opt-in wait
+    stop_flag stop{};                   // the thread must end
+    std::atomic<uint8_t> running{0};    // the thread was created
+    int32_t size = 65536;               // upper bound of one upload file, bytes
+    uint64_t max_upload_wait_time = 0;  // ms
+    int32_t notify = 0;
+    int32_t interval = 0;
+    int32_t interval_max = 0;
+    int32_t interval_min = 0;
+    int32_t threshold = 0;
+    int32_t threshold_max = 0;
+    int32_t threshold_min = 0;
+    int32_t no_supported_kernel = 0;
+    int32_t compress_ratio = 200;  // compressed bytes per 1000 bytes of record, estimated
+    pthread_t thread{};
+    vexa_mutex mutex{};
+    vexa_cond cond{};
+    record_header hdr{};
+    collector_thread_func thread_func = nullptr;
+    collector_cfg_read_handler cfg_read_handler = nullptr;
+    collector_cfg_update_handler cfg_update_handler = nullptr;
+    collector_sig_handler sig_handler = nullptr;
+};

@@ -1,0 +1,152 @@
+#define LOG_TAG "vexastatsd"
+
+#include "framework/files.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "framework/unique_handle.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr char TEST_CONFIG_FILE[] = "/data/vendor/vexastats/.property";
+constexpr char LCD_BRIGHTNESS_FILE[] = "/sys/class/leds/lcd-backlight/brightness";
+
+struct charge_status {
+    char name[32];
+    uint32_t value;
+};
+
+constexpr charge_status CHARGE_STATUS[] = {
+    {"Unknown", 0}, {"Charging", 1}, {"Discharging", 2}, {"Not charging", 3}, {"Full", 4},
+};
+
+// Reads until `size` bytes, a newline among them (when to_newline), or the end. -1 on failure.
+ssize_t read_up_to(int fd, char* buf, size_t size, bool to_newline) {
+    size_t have = 0;
+    while (have < size) {
+        const ssize_t got = read(fd, buf + have, size - have);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return -1;
+        if (got == 0) break;
+        const bool found = to_newline && memchr(buf + have, '\n', static_cast<size_t>(got));
+        have += static_cast<size_t>(got);
+        if (found) break;
+    }
+    return static_cast<ssize_t>(have);
+}
+
+bool write_all(int fd, const void* data, size_t len) {
+    const char* at = static_cast<const char*>(data);
+    while (len > 0) {
+        const ssize_t done = write(fd, at, len);
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return false;
+        at += done;
+        len -= static_cast<size_t>(done);
+    }
+    return true;
+}
+
+}  // namespace
+
+bool vexastats_get_test_config_file(char* buf, size_t size) {
+    unique_file file(fopen(TEST_CONFIG_FILE, "re"));
+    if (!file) return false;
+    ALOGD("Found %s\n", TEST_CONFIG_FILE);
+    // One byte less than there is room for: the line is at most size - 2 characters.
+    if (size < 2 || !fgets(buf, static_cast<int>(size - 1), file.get())) {
+        ALOGE("[ERROR] failed to get property");
+        return false;
+    }
+    return true;
+}
+
+int read_max_n_chars_from_file(const char* dir, const char* name, char* buf, int len) {
+    buf[0] = '\0';
+    char path[257];  // 256 characters at most
+    const int path_len = snprintf(path, sizeof path, "%s/%s", dir, name);
+    if (path_len < 0 || static_cast<size_t>(path_len) >= sizeof path || len <= 0) return 0;
+    const unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd) return 0;
+    const ssize_t count = read_up_to(fd.get(), buf, static_cast<size_t>(len), false);
+    if (count <= 0) {
+        buf[0] = '\0';
+        return 0;
+    }
+    buf[count] = '\0';
+    return static_cast<int>(count);
+}
+
+bool is_dir_exist(const char* path) {
+    if (!path) return false;
+    const unique_dir dir(opendir(path));
+    return dir != nullptr;
+}
+
+ssize_t vexastats_read_line_at(int dir_fd, const char* path, char* buf, size_t size) {
+    if (size < 2) return -EINVAL;
+    const unique_fd fd(openat(dir_fd, path, O_RDONLY | O_CLOEXEC));
+    if (!fd) return -errno;
+    const ssize_t count = read_up_to(fd.get(), buf, size - 1, true);
+    if (count <= 0) return -ENODATA;
+    const void* newline = memchr(buf, '\n', static_cast<size_t>(count));
+    const size_t len = newline ? static_cast<size_t>(static_cast<const char*>(newline) - buf)
+                               : static_cast<size_t>(count);
+    buf[len] = '\0';
+    return static_cast<ssize_t>(len);
+}
+
+int vexastats_read_sysfs(const char* path, char* buf, size_t size) {
+    const ssize_t len = vexastats_read_line_at(AT_FDCWD, path, buf, size);
+    if (len >= 0) return 0;
+    if (len == -ENODATA) {
+        ALOGE("failed fget %s\n", path);
+    } else {
+        ALOGE("failed to open %s. err:%d\n", path, static_cast<int>(-len));
+    }
+    return -EINVAL;
+}
+
+int chg_stat_txt_to_enum(const char* text, uint32_t* out) {
+    if (!text) return -EINVAL;
+    *out = 0;
+    for (const charge_status& status : CHARGE_STATUS) {
+        if (strcmp(text, status.name) == 0) *out = status.value;
+    }
+    return 0;
+}
+
+bool vexastats_lcd_off_status() {
+    char brightness[32];
+    if (vexastats_read_sysfs(LCD_BRIGHTNESS_FILE, brightness, sizeof brightness) != 0) {
+        ALOGE("failed to read %s\n", LCD_BRIGHTNESS_FILE);
+        return false;
+    }
+    return strcmp(brightness, "0") == 0;
+}
+
+int vexastats_replace_file(const char* path, const void* data, size_t len) {
+    char beside[PATH_MAX];
+    const int path_len = snprintf(beside, sizeof beside, "%s.new", path);
+    if (path_len < 0 || static_cast<size_t>(path_len) >= sizeof beside) return -ENAMETOOLONG;
+    unique_fd fd(open(beside, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    if (!fd) return -errno;
+    if (!write_all(fd.get(), data, len) || fsync(fd.get()) != 0) {
+        const int error = errno ? errno : EIO;
+        unlink(beside);
+        return -error;
+    }
+    fd.reset();
+    if (rename(beside, path) != 0) {
+        const int error = errno;
+        unlink(beside);
+        return -error;
+    }
+    return 0;
+}
