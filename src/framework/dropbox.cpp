@@ -270,8 +270,10 @@ void deliver_finished_file(const collector_info* row, const char* path, const ch
     }
     record_path name = "";
     char dropped[PATH_MAX];
-    snprintf(name, sizeof name, "%s", path);
-    if (!set_free_name(row, name, &header.realtime_ms) || !dropbox_path(row, name, dropped)) return;
+    uint64_t ms = header.realtime_ms;
+    if (strlen(path) >= sizeof name) return;
+    memcpy(name, path, strlen(path) + 1);
+    if (!set_free_name(row, name, &ms) || !dropbox_path(row, name, dropped)) return;
     if (fsync(fd.get()) != 0 || rename(path, dropped) != 0) {
         ALOGE("failed to move file. err:%d\n", errno);
         return;
