@@ -16,6 +16,7 @@
 #include "platform_test.h"
 #include "support/files.h"
 #include "support/gzip.h"
+#include "support/log.h"
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
@@ -185,8 +186,8 @@ TEST_F(RecordTest, FailedRenameLeavesNothingHalfMadeAndNoRecord) {
     fs::remove_all(UP_DIR);
     EXPECT_EQ(append("data", WRITE_DROP | WRITE_BEGIN_NEW), 0u);
     EXPECT_EQ(handle.file, nullptr);
-    EXPECT_THAT(platform_test_log_text(), HasSubstr("failed to move file. err:2\n"));
-    EXPECT_THAT(platform_test_log_text(), HasSubstr("to drbox\n"));
+    EXPECT_THAT(log_text(), HasSubstr("failed to move file. err:2\n"));
+    EXPECT_THAT(log_text(), HasSubstr("to drbox\n"));
     EXPECT_EQ(names_in(STATS_DIR), std::vector<std::string>{"teststats.seq"});
     fs::create_directories(UP_DIR);
     EXPECT_TRUE(begin()) << "the collector goes on at its next pass";
@@ -197,7 +198,7 @@ TEST_F(RecordTest, RecordNameWithoutADotFailsBeforeAnyHeader) {
     strcpy(row.rec_fname, "/data/vendor/vexastats/7/nodot");
     write_file(row.rec_fname, OLD_LINE + "x");
     EXPECT_EQ(move_to_dropbox(&row, &handle, false), -EINVAL);
-    EXPECT_THAT(platform_test_log_text(), HasSubstr("invalid rec_fname /data/vendor/vexastats/7/nodot\n"));
+    EXPECT_THAT(log_text(), HasSubstr("invalid rec_fname /data/vendor/vexastats/7/nodot\n"));
     EXPECT_EQ(names_in(STATS_DIR), (std::vector<std::string>{"nodot", "teststats.tmp"}));
 }
 
@@ -219,7 +220,7 @@ TEST_F(RecordTest, RecordSizeCountsBehindTheFirstLine) {
     EXPECT_EQ(vexastats_record_size(&row), 5u);
     write_file(record_path(), "");
     EXPECT_EQ(vexastats_record_size(&row), 0u);
-    EXPECT_THAT(platform_test_log_text(), HasSubstr("vexastats_record_size: invalid size of "));
+    EXPECT_THAT(log_text(), HasSubstr("vexastats_record_size: invalid size of "));
 }
 
 // ---- Left-overs of an interrupted hand-over --------------------------------------------------------
