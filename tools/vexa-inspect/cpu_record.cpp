@@ -137,18 +137,29 @@ std::array<uint8_t, OVERWRITTEN_MAX_BYTES> sample_head(uint8_t cpus, bool with_t
     return head;
 }
 
-// Puts a guessed head back in front and takes the guess for true when everything then fits to the
-// last byte. The restored sample serves to find the next one and is then dropped.
+bool times_ascend(const std::vector<cpu_sample>& samples) {
+    return std::is_sorted(samples.begin(), samples.end(), [](const auto& a, const auto& b) {
+        return a.uptime_100ms < b.uptime_100ms;
+    });
+}
+
+// Puts a guessed head back in front. The guess is taken for true when everything then fits to the
+// last byte and whole samples follow in order of time. The restored sample serves to find the next
+// one and is then dropped.
 bool try_head(std::span<uint8_t> room_and_payload, size_t lost, uint8_t cpus, bool with_timezone,
               cpu_record* record) {
     const auto restored = room_and_payload.subspan(OVERWRITTEN_MAX_BYTES - lost);
     const auto head = sample_head(cpus, with_timezone);
     std::copy_n(head.begin(), lost, restored.begin());
-    if (!try_decode(restored, &record->samples)) return false;
+    std::vector<cpu_sample> samples;
+    if (!try_decode(restored, &samples) || samples.size() < 2) return false;
+    samples.erase(samples.begin());
+    if (!times_ascend(samples)) return false;
+
     byte_cursor cursor(restored);
     (void)decode_sample(cursor);
     record->skipped_bytes = cursor.offset() - lost;
-    record->samples.erase(record->samples.begin());
+    record->samples = std::move(samples);
     return true;
 }
 

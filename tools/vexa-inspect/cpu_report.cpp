@@ -291,7 +291,7 @@ std::string cpu_record_report(const upload_file& file, const report_options& opt
     const auto shown = thin_out(all, options.max_rows);
     const auto shown_of_all =
         shown.size() < all.size() ? fmt::format(", {} of them shown", shown.size()) : "";
-    return skipped_note(record) + fmt::format("  {} samples{}\n\n", all.size(), shown_of_all) +
+    return skipped_note(record) + fmt::format("  samples   {}{}\n\n", all.size(), shown_of_all) +
            load_table(shown) + "\n" + frequency_table(shown) + "\n" + battery_table(shown) + "\n" +
            temperature_table(all) + "\n" + network_table(all) + "\n" +
            process_table(all, options.max_processes);
