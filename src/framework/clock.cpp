@@ -15,11 +15,17 @@ uint64_t clock_ms(clockid_t clock) {
 
 }  // namespace
 
-uint64_t vexastats_mono_time_ms() { return clock_ms(CLOCK_MONOTONIC); }
+uint64_t vexastats_mono_time_ms() {
+    return clock_ms(CLOCK_MONOTONIC);
+}
 
-uint64_t vexastats_uptime_ms() { return clock_ms(CLOCK_BOOTTIME); }
+uint64_t vexastats_uptime_ms() {
+    return clock_ms(CLOCK_BOOTTIME);
+}
 
-uint64_t vexastats_real_time_ms() { return clock_ms(CLOCK_REALTIME); }
+uint64_t vexastats_real_time_ms() {
+    return clock_ms(CLOCK_REALTIME);
+}
 
 int16_t vexastats_timezone_min() {
     timespec now = {};

@@ -34,16 +34,17 @@ struct __attribute__((packed)) record_header {
     uint64_t uptime_ms = 0;    // boot-time clock at which the record was begun
     int16_t timezone_min = 0;  // minutes ahead of UTC when the record was begun
     uint64_t campaign_id = 0;
-    uint32_t seq = 0;          // for layout only: the number comes from the sequence file
+    uint32_t seq = 0;  // for layout only: the number comes from the sequence file
 };
 static_assert(sizeof(record_header) == 53);
 
 struct collector_info;
 
 using collector_thread_func = int (*)(collector_info* row);
-using collector_cfg_read_handler = void (*)(FILE* stream, collector_info* row);  // stream may be null
-using collector_cfg_update_handler = int (*)(collector_info* row);               // 0: written
-using collector_sig_handler = void (*)(int signo);  // must be async-signal-safe
+using collector_cfg_read_handler = void (*)(FILE* stream,
+                                            collector_info* row);   // stream may be null
+using collector_cfg_update_handler = int (*)(collector_info* row);  // 0: written
+using collector_sig_handler = void (*)(int signo);                  // must be async-signal-safe
 
 // Threads: `enabled` and `terminate` are written under `mutex` and may be read without it; `stop`
 // and `running` go from 0 to 1 once. Everything from `rec_fname` and `size` on belongs to the row's

@@ -27,9 +27,9 @@ void vexastats_wait_dir_ready(const char* path, const stop_flag* stop);
 // newline. Returns 0, or -EINVAL, logged. Any thread.
 int vexastats_read_sysfs(const char* path, char* buf, size_t size);
 
-// As vexastats_read_sysfs, without a word in the log and relative to an open directory (or AT_FDCWD).
-// Returns the length of the line, -ENOENT and the like when the file cannot be opened, or -ENODATA
-// when it holds no line.
+// As vexastats_read_sysfs, without a word in the log and relative to an open directory (or
+// AT_FDCWD). Returns the length of the line, -ENOENT and the like when the file cannot be opened,
+// or -ENODATA when it holds no line.
 ssize_t vexastats_read_line_at(int dir_fd, const char* path, char* buf, size_t size);
 
 // Number of a battery's charge status text: "Unknown" 0, "Charging" 1, "Discharging" 2,

@@ -24,13 +24,15 @@ int optout_monitor(optout_context* context);
 // shutdown pass. Changes are logged. Thread: the monitor, or main when it could not be started.
 void optout_handle(optout_context* context, int terminate);
 
-// Raises the stop flag of every running row and wakes whatever it waits in. Thread: as optout_handle.
+// Raises the stop flag of every running row and wakes whatever it waits in. Thread: as
+// optout_handle.
 void optout_stop_rows(optout_context* context);
 
 // Returns when the row is enabled, or its `terminate` or `stop` was set; test `enabled` afterwards.
 // Null: returns at once. Thread: the row's own.
 void vexastats_wait_optin(collector_info* row);
 
-// Waits until property "vendor.orb.vexa.enabled" reads "1", looking every 5 s, for at most timeout_s
-// seconds or until `stop` is raised. Returns 0 once it does, else -EINVAL; the waits are logged.
+// Waits until property "vendor.orb.vexa.enabled" reads "1", looking every 5 s, for at most
+// timeout_s seconds or until `stop` is raised. Returns 0 once it does, else -EINVAL; the waits are
+// logged.
 int vexastats_wait_prop_enalbled(int timeout_s, const stop_flag& stop);

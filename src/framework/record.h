@@ -1,7 +1,8 @@
 // Record files: what a collector appends to until the record is full or asked for.
 //
 // States of a record, and where each is found:
-//   open      "<dir>/<prefix>", its path in the row's rec_fname: one text line with the times at which
+//   open      "<dir>/<prefix>", its path in the row's rec_fname: one text line with the times at
+//   which
 //             it was begun, then the collector's bytes
 //   finished  "<dir>/<stem>.<realtime_ms>": header and compressed payload, on its way out
 //             (framework/dropbox.h); one that is found at the next begin is delivered or removed
@@ -13,6 +14,7 @@
 #include <cstdio>
 
 #include "framework/collector_info.h"
+#include "framework/payload_stream.h"
 
 struct record_init_req {
     collector_info* row = nullptr;
@@ -23,7 +25,8 @@ struct record_init_req {
 };
 
 struct record_handle {
-    FILE* file = nullptr;  // the open record; null when there is none
+    FILE* file = nullptr;           // the open record; null when there is none
+    unique_payload_stream payload;  // its payload so far, once the record is nearly full
 };
 
 enum write_flags : uint32_t {
@@ -40,22 +43,23 @@ struct write_req {
     uint8_t rolled_over = 0;  // set to 1 when the record was full and handed over first
 };
 
-// Opens or creates the record and leaves the stream at its end. With neither resume nor discard, what
-// an earlier run left is handed over and a new record begun. A finished file that an interrupted
-// hand-over left is delivered when it is whole and removed when it is not.
-// Returns the stream, which the caller owns through its record_handle, or null; failures are logged.
-// Thread: the row's own, while no write is under way; does not take the record-file lock.
+// Opens or creates the record and leaves the stream at its end. With neither resume nor discard,
+// what an earlier run left is handed over and a new record begun. A finished file that an
+// interrupted hand-over left is delivered when it is whole and removed when it is not. Returns the
+// stream, which the caller owns through its record_handle, or null; failures are logged. Thread:
+// the row's own, while no write is under way; does not take the record-file lock.
 FILE* vexastats_record_init(record_init_req* req);
 
 // Appends req->len bytes to the record. A record that the bytes would make larger than the row's
-// `size` (as estimated, then as measured) is handed over first. After a failed hand-over the handle's
-// stream is null and the collector begins again with vexastats_record_init. After a short write or a
-// failed flush the record is cut back to where it was.
-// Returns the bytes appended, 0 on failure, or the short count of a short write; failures are logged.
-// Thread: any; serialised over all collectors by the record-file lock.
+// `size` (as estimated, then as measured) is handed over first. After a failed hand-over the
+// handle's stream is null and the collector begins again with vexastats_record_init. After a short
+// write or a failed flush the record is cut back to where it was. Returns the bytes appended, 0 on
+// failure, or the short count of a short write; failures are logged. Thread: any; serialised over
+// all collectors by the record-file lock.
 size_t vexastats_write_file(write_req* req);
 
-// Closes the record's stream, if there is one; the file stays for the next run. Thread: the row's own.
+// Closes the record's stream, if there is one; the file stays for the next run. Thread: the row's
+// own.
 void vexastats_record_close(record_handle* handle);
 
 // Bytes in the record after its first line (of which at most 256 are counted), 0 on any failure.

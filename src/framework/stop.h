@@ -7,7 +7,8 @@
 
 struct stop_flag {
     std::atomic<uint8_t> raised{0};
-    std::atomic<int> fd{-1};  // eventfd, readable for ever once raised; lives as long as the process
+    std::atomic<int> fd{
+        -1};  // eventfd, readable for ever once raised; lives as long as the process
 };
 
 // Makes the descriptor, once; a flag without one is still honoured by waits that begin later.
@@ -18,4 +19,6 @@ int stop_flag_open(stop_flag* stop);
 // Async-signal-safe; any thread.
 bool stop_flag_raise(stop_flag* stop);
 
-inline bool stop_flag_is_raised(const stop_flag& stop) { return stop.raised.load() != 0; }
+inline bool stop_flag_is_raised(const stop_flag& stop) {
+    return stop.raised.load() != 0;
+}

@@ -4,6 +4,7 @@
 #include <sys/inotify.h>
 
 #include <cstddef>
+#include <cstdint>
 
 #include "framework/stop.h"
 
@@ -12,6 +13,13 @@ struct watch_buffer {
     alignas(inotify_event) char bytes[4096];
     size_t len = 0;
 };
+
+// Events that end a watch on a directory: it was removed, renamed or unmounted.
+inline constexpr uint32_t WATCH_DIR_GONE = IN_DELETE_SELF | IN_MOVE_SELF;
+
+// Watches every ancestor directory of `path` for being removed or renamed itself, either of which
+// takes `path` away without an event on `path`. Ancestors that cannot be watched are left out.
+void watch_ancestors(int fd, const char* path);
 
 // Waits for events on inotify descriptor `fd` and reads as many as fit. Returns true with
 // buffer->len > 0, or false with errno set (EINTR once `stop` is raised).

@@ -1,0 +1,5 @@
+#include "core/daemon.h"
+
+int main() {
+    return daemon_run();
+}

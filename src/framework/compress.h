@@ -1,0 +1,20 @@
+// The compressor's settings, which the upload format fixes.
+#pragma once
+
+#include <zlib.h>
+
+#include <cstddef>
+#include <cstdio>
+
+// Bytes that are read, compressed and written at a time.
+inline constexpr size_t COMPRESS_PIECE = 16384;
+
+// Window bits for zlib: 32 KB, and 16 more for a gzip wrapper.
+inline constexpr int GZIP_WINDOW_BITS = 15 + 16;
+
+// deflateInit2 with the upload format's settings. Returns Z_OK or the zlib error.
+int compress_begin(z_stream* stream);
+
+// Reads past a record's first line: at most 255 characters, as far as its newline.
+// Returns false when there is nothing to read.
+bool skip_first_line(FILE* record);

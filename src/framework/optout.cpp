@@ -1,0 +1,158 @@
+#define LOG_TAG "vexastatsd"
+
+#include "framework/optout.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "framework/files.h"
+#include "framework/unique_handle.h"
+#include "framework/wait.h"
+#include "framework/watch.h"
+#include "platform/log.h"
+#include "platform/properties.h"
+
+namespace {
+
+constexpr char DROPBOX_ROOT[] = "/data/vendor/vexa/up";
+constexpr char ENABLED_PROPERTY[] = "vendor.orb.vexa.enabled";
+constexpr int PROPERTY_POLL_S = 5;
+
+// Directories come and go by rename as well as by mkdir and rmdir.
+constexpr uint32_t CHILD_CHANGED = IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_MOVED_FROM;
+
+enum class watch_end { ROOT_GONE, STOPPED };
+
+// Brings the rows in step after one buffer of events; returns whether the root itself is gone.
+bool handle_events(optout_context* context, const watch_buffer& events) {
+    bool root_gone = false;
+    watch_for_each(events, [&](const inotify_event& event) {
+        // An overflowed queue has lost events: look at everything.
+        if (event.mask & (CHILD_CHANGED | IN_Q_OVERFLOW)) optout_handle(context, 0);
+        if (event.mask & (WATCH_DIR_GONE | IN_IGNORED)) root_gone = true;
+    });
+    return root_gone;
+}
+
+// Synchronises and then watches the dropbox root until it goes away or the monitor has to end.
+watch_end watch_dropbox_root(optout_context* context) {
+    optout_handle(context, 0);
+
+    const unique_fd fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!fd) {
+        ALOGE("failed inotify_init. err:%d\n", errno);
+        return watch_end::STOPPED;
+    }
+    const int watch =
+        inotify_add_watch(fd.get(), DROPBOX_ROOT, CHILD_CHANGED | WATCH_DIR_GONE | IN_ONLYDIR);
+    if (watch < 0 && (errno == ENOENT || errno == ENOTDIR)) return watch_end::ROOT_GONE;
+    if (watch < 0) {
+        ALOGE("failed inotify_add_watch. err:%d\n", errno);
+        return watch_end::STOPPED;
+    }
+    watch_ancestors(fd.get(), DROPBOX_ROOT);
+    optout_handle(context, 0);  // what came or went before the watch stood
+
+    while (!stop_flag_is_raised(context->stop)) {
+        watch_buffer events;
+        if (!watch_read(fd.get(), &events, context->stop)) {
+            ALOGE("%s: failed to read event. err:%d\n", "optout_monitor", errno);
+            return watch_end::STOPPED;
+        }
+        if (handle_events(context, events)) {
+            optout_handle(context, 0);
+            return watch_end::ROOT_GONE;
+        }
+    }
+    return watch_end::STOPPED;
+}
+
+void sync_row(collector_info* row, bool missing, bool is_dir) REQUIRES(row->mutex) {
+    if (missing && row->enabled) {
+        row->enabled = 0;
+        ALOGI("%s disabled\n", row->name);
+    } else if (is_dir && !row->enabled) {
+        row->enabled = 1;
+        ALOGI("%s enabled\n", row->name);
+        row->cond.notify_all();
+    }
+}
+
+void terminate_row(collector_info* row, bool missing) REQUIRES(row->mutex) {
+    // A row that is opted out in this very moment is not terminated here: deliberate. Its stop
+    // flag, which is raised next, ends it.
+    if (missing && row->enabled) {
+        row->enabled = 0;
+        ALOGI("%s disabled\n", row->name);
+        return;
+    }
+    row->terminate = 1;
+    ALOGI("%s Terminated\n", row->name);
+    row->cond.notify_all();
+}
+
+}  // namespace
+
+int optout_monitor(optout_context* context) {
+    do {
+        vexastats_wait_dir_ready(DROPBOX_ROOT, &context->stop);
+    } while (watch_dropbox_root(context) == watch_end::ROOT_GONE &&
+             !stop_flag_is_raised(context->stop));
+
+    stop_flag_raise(&context->stop);
+    optout_handle(context, 1);
+    optout_stop_rows(context);
+    return 0;
+}
+
+void optout_handle(optout_context* context, int terminate) {
+    for (int32_t i = 0; i < context->count; i++) {
+        collector_info* row = &context->table[i];
+        if (!row->running || stop_flag_is_raised(row->stop)) continue;
+
+        struct stat status = {};
+        const int error = stat(row->up_dir, &status) == 0 ? 0 : errno;
+        const vexa_lock lock(row->mutex);
+        if (terminate) {
+            terminate_row(row, error == ENOENT);
+        } else {
+            sync_row(row, error == ENOENT, error == 0 && S_ISDIR(status.st_mode));
+        }
+    }
+}
+
+void optout_stop_rows(optout_context* context) {
+    for (int32_t i = 0; i < context->count; i++) {
+        collector_info* row = &context->table[i];
+        if (!row->running) continue;
+        stop_flag_raise(&row->stop);
+        const vexa_lock lock(row->mutex);
+        row->cond.notify_all();
+    }
+}
+
+void vexastats_wait_optin(collector_info* row) {
+    if (!row || row->enabled) return;
+    const vexa_lock lock(row->mutex);
+    while (!row->enabled && !row->terminate && !stop_flag_is_raised(row->stop)) {
+        row->cond.wait(row->mutex);
+    }
+    row->terminate = 0;
+}
+
+int vexastats_wait_prop_enalbled(int timeout_s, const stop_flag& stop) {
+    char value[PROPERTY_VALUE_MAX];
+    property_get(ENABLED_PROPERTY, value, "0");
+    for (int waited_s = 0; strcmp(value, "1") != 0; waited_s += PROPERTY_POLL_S) {
+        if (stop_flag_is_raised(stop)) return -EINVAL;
+        if (waited_s >= timeout_s) {
+            ALOGI("%s() wait time expired %d\n", __func__, timeout_s);
+            return -EINVAL;
+        }
+        ALOGI("%s() waiting for %s...\n", __func__, ENABLED_PROPERTY);
+        vexastats_sleep_ms(PROPERTY_POLL_S * 1000, stop);
+        property_get(ENABLED_PROPERTY, value, "0");
+    }
+    return 0;
+}

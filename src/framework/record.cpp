@@ -1,0 +1,323 @@
+#define LOG_TAG "vexastatsd"
+
+#include "framework/record.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "framework/clock.h"
+#include "framework/dropbox.h"
+#include "framework/record_line.h"
+#include "framework/unique_handle.h"
+#include "platform/log.h"
+
+namespace {
+
+// Serialises every append and hand-over of all collectors.
+vexa_mutex g_record_lock;
+
+// ---- Beginning
+// -----------------------------------------------------------------------------------
+
+// Fills row->rec_fname with "<dir>/<name>"; false when it does not fit.
+bool set_record_name(collector_info* row, const char* dir, const char* name) {
+    const int len = snprintf(row->rec_fname, sizeof row->rec_fname, "%s/%s", dir, name);
+    if (len >= 0 && static_cast<size_t>(len) < sizeof row->rec_fname) return true;
+    row->rec_fname[0] = '\0';
+    errno = ENAMETOOLONG;
+    return false;
+}
+
+// Finds the first entry of the directory whose name begins with `prefix`.
+bool find_old_record(DIR* dir, const record_init_req& req) {
+    while (const dirent* entry = readdir(dir)) {
+        if (strncmp(entry->d_name, req.prefix, strlen(req.prefix)) == 0) {
+            return set_record_name(req.row, req.dir, entry->d_name);
+        }
+    }
+    return false;
+}
+
+bool has_data_after(FILE* stream, size_t first_line_len) {
+    struct stat status = {};
+    return fstat(fileno(stream), &status) == 0 &&
+           static_cast<uint64_t>(status.st_size) > first_line_len;
+}
+
+// Hands an old record over, without beginning a new one.
+void hand_over_old_record(collector_info* row, unique_file stream) {
+    record_handle handle;
+    handle.file = stream.release();
+    char path[sizeof row->rec_fname];
+    memcpy(path, row->rec_fname, sizeof path);
+    if (move_to_dropbox(row, &handle, false) != 0) ALOGE("failed to move old %s to drbox\n", path);
+}
+
+// Deals with the record that an earlier run left under row->rec_fname. Returns its stream, at its
+// end, when the record is to be resumed, and null when a new one is to be begun.
+FILE* take_old_record(const record_init_req& req) {
+    collector_info* row = req.row;
+    if (req.discard) {
+        if (remove(row->rec_fname) != 0)
+            ALOGE("failed to remove %s. err:%d\n", row->rec_fname, errno);
+        return nullptr;
+    }
+    unique_file stream = record_open(row->rec_fname, "r+be");
+    if (!stream) {
+        ALOGE("failed to open %s. err:%d\n", row->rec_fname, errno);
+        return nullptr;
+    }
+    char line[RECORD_LINE_SIZE];
+    if (!record_read_line(stream.get(), line)) {
+        ALOGE("failed to read timestamp\n");
+        return nullptr;
+    }
+    record_times times;
+    if (!record_line_parse(line, &times) ||
+        times.version != static_cast<int32_t>(row->hdr.rec_version)) {
+        // The old file is then overwritten, not dropped: deliberate.
+        ALOGE("invalid timestamp format\n");
+        return nullptr;
+    }
+    row->hdr.realtime_ms = times.realtime_ms;
+    row->hdr.uptime_ms = times.uptime_ms;
+    row->hdr.timezone_min = times.timezone_min;
+    (void)fseek(stream.get(), 0, SEEK_END);
+    if (req.resume) return stream.release();
+    if (has_data_after(stream.get(), strlen(line))) hand_over_old_record(row, std::move(stream));
+    return nullptr;
+}
+
+// ---- Appending
+// -----------------------------------------------------------------------------------
+
+// The record's end position, with the stream moved there; -1 with the stated message on failure.
+off_t seek_to_end(FILE* stream, const char* caller) {
+    if (fseeko(stream, 0, SEEK_END) != 0) {
+        ALOGE("%s fseek failed. err:%d\n", caller, errno);
+        return -1;
+    }
+    return ftello(stream);
+}
+
+// What a file of that many record bytes is estimated to need in the upload.
+uint64_t estimated_len(const collector_info* row, uint64_t record_len) {
+    return record_len * static_cast<uint64_t>(row->compress_ratio) / 1000;
+}
+
+// The comparison is made in 32 bits, as the row's size is.
+bool exceeds_size(const collector_info* row, uint64_t payload_len) {
+    return static_cast<int32_t>(row->hdr.header_len + payload_len) > row->size;
+}
+
+enum class full_test { FITS, FULL, FAILED };
+
+// Compresses the whole record, first line included, into nothing.
+full_test measure_whole_record(const write_req& req, uint64_t estimate) {
+    FILE* stream = req.handle->file;
+    rewind(stream);
+    size_t compressed = 0;
+    if (vexastats_compress(stream, nullptr, &compressed) != 0) {
+        ALOGE("failed to get compressed size\n");
+        (void)seek_to_end(stream, "vexastats_write_file");
+        return full_test::FAILED;
+    }
+    if (seek_to_end(stream, "vexastats_write_file") < 0) return full_test::FAILED;
+    return exceeds_size(req.row, compressed + estimate) ? full_test::FULL : full_test::FITS;
+}
+
+// The measure above counts the record with its first line, the payload stream knows the size
+// without it. Beside the line's own bytes the two differ because the compressor's blocks end a
+// line's length apart, which moves a few bytes per block (docs/architecture.md has the figures).
+// Only where that difference could turn the answer is the whole record compressed.
+constexpr uint64_t BYTES_PER_BLOCK = 8;
+constexpr uint64_t FIRST_LINE_SLACK = 16;
+
+full_test full_by_payload(const write_req& req, off_t pos, uint64_t estimate) {
+    unique_payload_stream& payload = req.handle->payload;
+    if (!payload) payload = payload_stream_open(req.row->rec_fname);
+    size_t without_line = 0;
+    if (!payload || !payload_stream_measure(payload.get(), &without_line)) {
+        payload.reset();
+        return measure_whole_record(req, estimate);
+    }
+    const uint64_t line_len = static_cast<uint64_t>(pos) -
+                              std::min<uint64_t>(pos, payload_stream_input_len(payload.get()));
+    const uint64_t blocks_slack = BYTES_PER_BLOCK * payload_stream_blocks(payload.get());
+    const uint64_t least =
+        without_line + line_len / 2 - std::min(without_line, FIRST_LINE_SLACK / 2 + blocks_slack);
+    const uint64_t most = without_line + line_len + FIRST_LINE_SLACK + blocks_slack;
+    const bool full = exceeds_size(req.row, least + estimate);
+    if (full == exceeds_size(req.row, most + estimate)) {
+        return full ? full_test::FULL : full_test::FITS;
+    }
+    return measure_whole_record(req, estimate);
+}
+
+// Whether the new bytes would push the upload past the row's size.
+full_test test_full(const write_req& req, off_t pos) {
+    const uint64_t record_len = req.len + static_cast<uint64_t>(pos);
+    if (!exceeds_size(req.row, estimated_len(req.row, record_len))) return full_test::FITS;
+    return full_by_payload(req, pos, estimated_len(req.row, req.len));
+}
+
+// Returns false when the record could not be handed over.
+bool roll_over_if_full(write_req* req, off_t pos) {
+    switch (test_full(*req, pos)) {
+        case full_test::FITS:
+            return true;
+        case full_test::FAILED:
+            return false;
+        case full_test::FULL:
+            break;
+    }
+    req->rolled_over = 1;
+    if (move_to_dropbox(req->row, req->handle, true) == 0) return true;
+    ALOGE("failed to move %s to drbox\n", req->row->rec_fname);
+    return false;
+}
+
+// A record that was begun before the wall clock was set.
+bool needs_late_clock(const collector_info* row) {
+    return row->hdr.realtime_ms < PLAUSIBLE_REAL_TIME_MS + 1 &&
+           vexastats_real_time_ms() >= PLAUSIBLE_REAL_TIME_MS &&
+           row->hdr.uptime_ms <= vexastats_uptime_ms();
+}
+
+// Corrects the header's times and rewrites the first line in place. The file's length does not
+// change, so a longer line overwrites the first bytes of the data: deliberate.
+bool update_rt_timestamp(collector_info* row, record_handle* handle) {
+    if (!handle->file) return false;
+    row->hdr.realtime_ms = vexastats_real_time_ms() - vexastats_uptime_ms() + row->hdr.uptime_ms;
+    row->hdr.timezone_min = vexastats_timezone_min();
+    handle->payload.reset();
+    if (fseeko(handle->file, 0, SEEK_SET) != 0) {
+        ALOGE("%s fseek failed. err:%d\n", __func__, errno);
+        return false;
+    }
+    if (!record_line_write(handle->file, row) || fflush(handle->file) != 0) {
+        ALOGE("failed to write timestamp\n");
+        vexastats_record_close(handle);
+        return false;
+    }
+    return seek_to_end(handle->file, __func__) >= 0;
+}
+
+// Takes back what a failed write left, so that no half sample stands in the record.
+void cut_back(FILE* stream, off_t pos) {
+    clearerr(stream);
+    if (ftruncate(fileno(stream), pos) != 0) ALOGE("failed to cut record. err:%d\n", errno);
+    (void)fseeko(stream, 0, SEEK_END);
+}
+
+// Returns the bytes appended, fewer than req->len on failure.
+size_t append(const write_req& req) {
+    FILE* stream = req.handle->file;
+    const off_t pos = stream ? seek_to_end(stream, "vexastats_write_file") : -1;
+    if (pos < 0) return 0;
+    const size_t written = fwrite(req.data, 1, req.len, stream);
+    if (written != req.len) {
+        ALOGE("%s: failed to write file\n", "vexastats_write_file");
+        cut_back(stream, pos);
+        return written;
+    }
+    if (fflush(stream) != 0) {
+        ALOGE("%s: failed to flush. err:%d\n", "vexastats_write_file", errno);
+        cut_back(stream, pos);
+        return 0;
+    }
+    if (req.handle->payload &&
+        !payload_stream_append(req.handle->payload.get(), req.data, req.len)) {
+        req.handle->payload.reset();
+    }
+    return written;
+}
+
+size_t write_locked(write_req* req, size_t len) {
+    const off_t pos = seek_to_end(req->handle->file, "vexastats_write_file");
+    if (pos < 0) return 0;
+    if (len > 0 && !roll_over_if_full(req, pos)) return 0;
+    if (needs_late_clock(req->row) && !update_rt_timestamp(req->row, req->handle)) {
+        ALOGE("failed to update rt timestamp\n");
+    }
+    if (len > 0) {
+        const size_t written = append(*req);
+        if (written != len) return written;
+    }
+    if ((req->flags & WRITE_DROP) &&
+        move_to_dropbox(req->row, req->handle, (req->flags & WRITE_BEGIN_NEW) != 0) != 0) {
+        ALOGE("failed to move %s to drbox\n", req->row->rec_fname);
+        return 0;
+    }
+    return len;
+}
+
+}  // namespace
+
+FILE* vexastats_record_init(record_init_req* req) {
+    if (!req->dir || !req->prefix || !req->row) return nullptr;
+
+    unique_dir dir(opendir(req->dir));
+    if (!dir && errno == ENOENT && mkdir(req->dir, 0700) != 0) {
+        ALOGE("failed to create %s. err:%d\n", req->dir, errno);
+        return nullptr;
+    }
+    if (dir) {
+        deliver_finished_files(req->row, req->dir, req->prefix);
+        if (find_old_record(dir.get(), *req)) {
+            if (FILE* resumed = take_old_record(*req)) return resumed;
+        }
+        dir.reset();
+        req->row->rec_fname[0] = '\0';
+    }
+    if (!set_record_name(req->row, req->dir, req->prefix)) {
+        ALOGE("failed to open %s. err:%d\n", req->prefix, errno);
+        return nullptr;
+    }
+    return record_begin(req->row, __func__);
+}
+
+size_t vexastats_write_file(write_req* req) {
+    if (!req->handle->file || !req->row) return 0;
+    if (!req->data && !(req->flags & WRITE_DROP)) return 0;
+    if (!req->data) req->len = 0;
+
+    const vexa_lock lock(g_record_lock);
+    return write_locked(req, req->len);
+}
+
+void vexastats_record_close(record_handle* handle) {
+    handle->payload.reset();
+    if (handle->file) (void)fclose(handle->file);
+    handle->file = nullptr;
+}
+
+size_t vexastats_record_size(collector_info* row) {
+    if (!row) {
+        ALOGE("%s: invalid collector info\n", __func__);
+        return 0;
+    }
+    const unique_file stream(fopen(row->rec_fname, "rbe"));
+    if (!stream) {
+        ALOGE("%s: failed to open %s. err:%d\n", __func__, row->rec_fname, errno);
+        return 0;
+    }
+    struct stat status = {};
+    if (fstat(fileno(stream.get()), &status) != 0) {
+        ALOGE("%s: failed to get %s status. err:%d\n", __func__, row->rec_fname, errno);
+        return 0;
+    }
+    char line[257];
+    const size_t line_len = fgets(line, sizeof line, stream.get()) ? strlen(line) : 0;
+    if (line_len == 0 || static_cast<uint64_t>(status.st_size) < line_len) {
+        ALOGE("%s: invalid size of %s\n", __func__, row->rec_fname);
+        return 0;
+    }
+    return static_cast<size_t>(status.st_size) - line_len;
+}
