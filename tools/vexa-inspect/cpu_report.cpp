@@ -202,6 +202,8 @@ struct traffic {
 void add_traffic(const std::vector<cpu_network_entry>& entries,
                  std::map<std::tuple<uint16_t, uint8_t, uint8_t>, traffic>* all) {
     for (const auto& entry : entries) {
+        // The traffic of a UID stands with its first process; the rows of the others hold none.
+        if (entry.rx_bytes == 0 && entry.tx_bytes == 0) continue;
         const auto key = std::tuple(entry.uid, entry.interface_class, entry.counter_set);
         const auto it = all->try_emplace(key, traffic{entry, entry}).first;
         it->second.last = entry;

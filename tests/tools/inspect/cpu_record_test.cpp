@@ -198,6 +198,14 @@ TEST(CpuReport, ProcessesComeByLoadInPerCentOfOneCpu) {
     EXPECT_THAT(text, Not(HasSubstr("none  other")));
 }
 
+TEST(CpuReport, EmptyRowsOfLaterProcessesDoNotHideTheTrafficOfTheirUid) {
+    const auto text = report(
+        sample({.network = {network_entry(1, 10001, 1, 1000, 500)}}) +
+        sample({.processes = {process_entry("a", 1, 0, {network_entry(1, 10001, 1, 1700, 600)}),
+                              process_entry("b", 1, 0, {network_entry(1, 10001, 1, 0, 0)})}}));
+    EXPECT_THAT(text, ContainsRegex("10001 +wlan +foreground +1700 +600 +.700 +.100"));
+}
+
 TEST(CpuReport, NameCannotSteerTheTerminal) {
     const auto text = report(sample({.processes = {process_entry("\x1b[2J\xffx", 1, 1)}}));
     EXPECT_THAT(text, HasSubstr("\\x1b[2J\\xffx"));
