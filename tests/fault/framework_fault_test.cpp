@@ -26,7 +26,7 @@ constexpr char DOWNLOADED[] = "/data/vendor/vexa/down/2/teststats.cfg";
 const std::string RECORD = std::string(STATS_DIR) + "/teststats.tmp";
 const std::string OLD_RECORD = "Version=1 Realtime=1600000000000 Uptime=77 Timezone=60\nold data";
 
-size_t open_descriptors() { return names_in("/proc/self/fd").size(); }
+size_t open_descriptors() { return list_dir("/proc/self/fd").size(); }
 
 class FrameworkFaultTest : public ::testing::Test {
   protected:
@@ -56,8 +56,8 @@ class FrameworkFaultTest : public ::testing::Test {
     // The payloads in the dropbox; throws when a file is not whole.
     static std::set<std::string> dropped() {
         std::set<std::string> payloads;
-        for (const std::string& name : names_in(UP_DIR)) {
-            payloads.insert(gunzip(read_file(std::string(UP_DIR) + "/" + name).substr(53)));
+        for (const std::string& name : list_dir(UP_DIR)) {
+            payloads.insert(gunzip(file_text(std::string(UP_DIR) + "/" + name).substr(53)));
         }
         return payloads;
     }
@@ -112,12 +112,12 @@ TEST_F(FrameworkFaultTest, FailedAppendLeavesNoHalfSample) {
         [&] {
             ASSERT_TRUE(begin());
             ASSERT_EQ(append("before"), 6u);
-            before = read_file(RECORD);
+            before = file_text(RECORD);
         },
         [&] { count = append("0123456789"); },
         [&](const std::string& failed) {
             if (failed == "ftruncate") return;
-            EXPECT_EQ(read_file(RECORD), count == 10 ? before + "0123456789" : before);
+            EXPECT_EQ(file_text(RECORD), count == 10 ? before + "0123456789" : before);
         });
     expect_logged({"vexastats_write_file: failed to write file\n", "vexastats_write_file: failed to flush. err:28\n",
                    "vexastats_write_file fseek failed. err:5\n"});
@@ -135,7 +135,7 @@ TEST_F(FrameworkFaultTest, FailedHandOverKeepsTheRecordUntilItsUploadIsSafe) {
             ASSERT_TRUE(handle.file || begin());
             const std::set<std::string> payloads = dropped();
             const bool safe = payloads.contains("beforeafter") || payloads.contains("before") ||
-                              read_file(RECORD).ends_with("before") || read_file(RECORD).ends_with("beforeafter");
+                              file_text(RECORD).ends_with("before") || file_text(RECORD).ends_with("beforeafter");
             EXPECT_TRUE(safe) << "the data is gone";
             EXPECT_LE(payloads.size(), 1u) << "the data came twice";
         });
@@ -166,7 +166,7 @@ TEST_F(FrameworkFaultTest, FailedMeasureFailsTheAppendOrFallsBack) {
 
 TEST_F(FrameworkFaultTest, FailedBeginDeliversWhatWasLeftOnceOrTwiceNever) {
     fail_every_call(
-        [&] { write_file(RECORD, OLD_RECORD); }, [&] { begin(); },
+        [&] { write_text_file(RECORD, OLD_RECORD); }, [&] { begin(); },
         [&](const std::string& failed) {
             // What cannot be opened or handed over is overwritten; nothing of it may come twice.
             EXPECT_LE(dropped().size(), 1u) << failed;
@@ -184,12 +184,12 @@ TEST_F(FrameworkFaultTest, FailedLoadKeepsTheDownloadUntilItIsRecorded) {
     fail_every_call(
         [&] {
             ASSERT_TRUE(begin());
-            write_file(DOWNLOADED, "clientid=2;size=70000;interval=7;threshold=0;notify=0\n");
+            write_text_file(DOWNLOADED, "clientid=2;size=70000;interval=7;threshold=0;notify=0\n");
         },
         [&] { vexastats_init_params(&row); },
         [&](const std::string& failed) {
             if (fs::exists(DOWNLOADED)) return;
-            EXPECT_THAT(read_file(row.cfg_file), ::testing::HasSubstr("size=70000;interval=7;")) << failed;
+            EXPECT_THAT(file_text(row.cfg_file), ::testing::HasSubstr("size=70000;interval=7;")) << failed;
         });
     expect_logged({"failed to open test_collector cfg. err:", "failed to update cfg file.\n",
                    "failed to open dloaded cfg file. err:28\n", "failed to remove /data/vendor/vexa/down/2/teststats.cfg. err:5\n"});

@@ -33,20 +33,20 @@ void phone_reset() {
     fs::create_directories(DOWN_DIR);
     remove_content("/dev/log");
     remove_content("/dev/properties");
-    write_file("/dev/properties/ro.build.type", "user");
+    write_text_file("/dev/properties/ro.build.type", "user");
     fs::remove(CLOCK_FILE);
 }
 
 void phone_set_clock(const std::string& spec) {
     const std::string beside = std::string(CLOCK_FILE) + ".new";
-    write_file(beside, spec + "\n");
+    write_text_file(beside, spec + "\n");
     fs::rename(beside, CLOCK_FILE);
 }
 
 std::string phone_log() {
     std::string text;
     if (!fs::exists("/dev/log/main")) return text;
-    const std::string log = read_file("/dev/log/main");
+    const std::string log = file_text("/dev/log/main");
     for (size_t at = 0; at + 28 <= log.size();) {
         uint16_t payload_len = 0;
         memcpy(&payload_len, log.data() + at, sizeof payload_len);
@@ -67,7 +67,7 @@ void opt_out(int client_id) { fs::remove_all(fs::path(UP_DIR) / std::to_string(c
 void deliver(int client_id, const std::string& name, const std::string& text) {
     const fs::path dir = fs::path(DOWN_DIR) / std::to_string(client_id);
     fs::create_directories(dir);
-    write_file(dir / ".arriving", text);
+    write_text_file(dir / ".arriving", text);
     fs::rename(dir / ".arriving", dir / name);
 }
 

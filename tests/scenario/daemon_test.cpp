@@ -29,11 +29,11 @@ class DaemonTest : public ::testing::Test {
 TEST_F(DaemonTest, AnnouncesItselfAndEndsInOrder) {
     daemon_process daemon;
     ASSERT_TRUE(eventually_logged("vexastatsd version: 1.2 started\n"));
-    EXPECT_EQ(read_file(ENABLED), "1");
+    EXPECT_EQ(file_text(ENABLED), "1");
     ASSERT_TRUE(eventually([] { return fs::exists(STATS_DIR); }));
     EXPECT_EQ(fs::status(STATS_DIR).permissions(), fs::perms::owner_all);
     EXPECT_TRUE(daemon.stop());
-    EXPECT_EQ(read_file(ENABLED), "0");
+    EXPECT_EQ(file_text(ENABLED), "0");
     EXPECT_EQ(phone_log(),
               "property_set vendor.orb.vexa.enabled 1\n"
               "vexastatsd version: 1.2 started\n"
@@ -45,14 +45,14 @@ TEST_F(DaemonTest, AnnouncesItselfAndEndsInOrder) {
 
 TEST_F(DaemonTest, TestFileCountsOnDebugBuildsOnly) {
     fs::create_directory(STATS_DIR);
-    write_file(std::string(STATS_DIR) + "/.property", "0zzz");
+    write_text_file(std::string(STATS_DIR) + "/.property", "0zzz");
     for (const auto& [build, value] : {std::pair{"user", "1"}, {"eng", "0"}, {"userdebug", "0"}}) {
         SCOPED_TRACE(build);
         fs::remove("/dev/log/main");
-        write_file("/dev/properties/ro.build.type", build);
+        write_text_file("/dev/properties/ro.build.type", build);
         daemon_process daemon;
         ASSERT_TRUE(eventually_logged("version: 1.2 started\n"));
-        EXPECT_EQ(read_file(ENABLED), value);
+        EXPECT_EQ(file_text(ENABLED), value);
         EXPECT_EQ(logged("test: property_set vendor.orb.vexa.enabled 0\n"), std::string(value) == "0");
         EXPECT_TRUE(daemon.stop());
     }
@@ -66,7 +66,7 @@ TEST_F(DaemonTest, StatsDirectoryThatCannotBeMadeEndsTheDaemonWithThePropertyAsI
     ASSERT_TRUE(status);
     EXPECT_EQ(WEXITSTATUS(*status), 256 - 22);
     EXPECT_THAT(phone_log(), HasSubstr("failed to create /data/vendor/vexastats. err:13\n"));
-    EXPECT_EQ(read_file(ENABLED), "1");
+    EXPECT_EQ(file_text(ENABLED), "1");
 }
 
 TEST_F(DaemonTest, ConsentComesAndGoesByDirectoryAndByRename) {
@@ -83,7 +83,7 @@ TEST_F(DaemonTest, ConsentComesAndGoesByDirectoryAndByRename) {
 }
 
 TEST_F(DaemonTest, PlainFileInTheDropboxRootIsNoConsent) {
-    write_file(std::string(UP_DIR) + "/2", "");
+    write_text_file(std::string(UP_DIR) + "/2", "");
     daemon_process daemon;
     ASSERT_TRUE(eventually_logged("started\n"));
     opt_in(3);  // an event that comes after the first look
@@ -136,7 +136,7 @@ TEST_F(DaemonTest, SamplesReachTheDropboxWithTheirConfiguration) {
         return uploads.size() >= 3;
     }));
     EXPECT_TRUE(daemon.stop());
-    EXPECT_EQ(read_file("/data/vendor/vexa/down/2/2-1.1-cpustats.cfg.req"),
+    EXPECT_EQ(file_text("/data/vendor/vexa/down/2/2-1.1-cpustats.cfg.req"),
               "clientID=2\nversion=1.1\nkey=cpustats.cfg\nrequestType=1\nrequestTimer=31536000\n"
               "connType=1\nconnTimer=360\n");
     EXPECT_FALSE(fs::exists(std::string(DOWN_DIR) + "/2/cpustats.cfg"));
@@ -159,7 +159,7 @@ TEST_F(DaemonTest, CollectorGoesOnAfterConsentWasGoneInTheMiddleOfARollOver) {
     for (int i = 0; i < 5; i++) {
         ASSERT_TRUE(eventually([] { return !take_uploads(2).empty(); })) << phone_log();
         opt_out(2);
-        write_file(std::string(UP_DIR) + "/2", "");  // no directory, so a hand-over fails
+        write_text_file(std::string(UP_DIR) + "/2", "");  // no directory, so a hand-over fails
         usleep(static_cast<useconds_t>(1000 * i));
         fs::remove(std::string(UP_DIR) + "/2");
         opt_in(2);
@@ -174,7 +174,7 @@ TEST_F(DaemonTest, OpenDescriptorsAreClosedInProgramsItStarts) {
     ASSERT_TRUE(eventually_logged("cpu_collector enabled\n"));
     for (const auto& entry : fs::directory_iterator("/.host/proc/" + std::to_string(daemon.pid()) + "/fd")) {
         const std::string fd = entry.path().filename();
-        const std::string info = read_file("/.host/proc/" + std::to_string(daemon.pid()) + "/fdinfo/" + fd);
+        const std::string info = file_text("/.host/proc/" + std::to_string(daemon.pid()) + "/fdinfo/" + fd);
         const size_t flags = info.find("flags:\t");
         if (std::stoi(fd) <= 2 || flags == std::string::npos) continue;
         EXPECT_TRUE(std::stoi(info.substr(flags + 7), nullptr, 8) & O_CLOEXEC) << fs::read_symlink(entry);

@@ -55,7 +55,7 @@ TEST(KillStorm, DropboxIsWholeAndNumbersNeverRepeat) {
     }
     printf("%d kills: %zu whole upload files, %zu samples\n", KILLS, seen.numbers.size(), seen.samples);
     // Nothing piles up beside the record: its file, the number, the configuration.
-    for (const std::string& name : names_in(std::string(STATS_DIR) + "/2")) {
+    for (const std::string& name : list_dir(std::string(STATS_DIR) + "/2")) {
         EXPECT_TRUE(name == "cpustats.tmp" || name == "cpustats.seq" || name == ".cpustats.cfg" ||
                     name == "cpustats.seq.new" || name == ".cpustats.cfg.new" ||
                     name.starts_with("cpustats.1"))

@@ -100,7 +100,7 @@ void one_round(std::mt19937& rnd, tally* result) {
     }
     ASSERT_EQ(*status, 0) << log;
     ASSERT_TRUE(log.ends_with("property_set vendor.orb.vexa.enabled 0\nvexastatsd stopped\n")) << log;
-    ASSERT_EQ(read_file("/dev/properties/vendor.orb.vexa.enabled"), "0");
+    ASSERT_EQ(file_text("/dev/properties/vendor.orb.vexa.enabled"), "0");
     result->stop_ms.push_back(taken.count());
 }
 

@@ -11,7 +11,7 @@ std::vector<taken_upload> take_uploads(int client_id) {
     std::vector<taken_upload> taken;
     const fs::path dir = fs::path(UP_DIR) / std::to_string(client_id);
     if (!fs::exists(dir)) return taken;
-    for (const std::string& name : names_in(dir)) {
+    for (const std::string& name : list_dir(dir)) {
         try {
             taken.push_back({name, upload_read(dir / name)});
         } catch (const upload_error& e) {
