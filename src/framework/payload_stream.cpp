@@ -88,7 +88,7 @@ size_t payload_stream_blocks(const payload_stream* stream) {
     return stream->blocks;
 }
 
-bool payload_stream_measure(const payload_stream* stream, size_t* len) {
+bool payload_stream_measure(const payload_stream* stream, uint64_t* len) {
     z_stream copy = {};
     if (deflateCopy(&copy, const_cast<z_stream*>(&stream->zlib)) != Z_OK) return false;
     unsigned char out[COMPRESS_PIECE];

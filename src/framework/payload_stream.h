@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 
@@ -28,7 +29,7 @@ size_t payload_stream_input_len(const payload_stream* stream);
 size_t payload_stream_blocks(const payload_stream* stream);
 
 // Exact size in bytes of the payload if it ended here. Returns false when memory fails.
-bool payload_stream_measure(const payload_stream* stream, size_t* len);
+bool payload_stream_measure(const payload_stream* stream, uint64_t* len);
 
 // Ends the payload and writes it to `out`; *len is its size. The stream is of no use afterwards.
 bool payload_stream_finish(payload_stream* stream, FILE* out, size_t* len);

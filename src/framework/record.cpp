@@ -132,27 +132,28 @@ full_test measure_whole_record(const write_req& req, uint64_t estimate) {
     return exceeds_size(req.row, compressed + estimate) ? full_test::FULL : full_test::FITS;
 }
 
-// The measure above counts the record with its first line, the payload stream knows the size
-// without it. Beside the line's own bytes the two differ because the compressor's blocks end a
-// line's length apart, which moves a few bytes per block (docs/architecture.md has the figures).
-// Only where that difference could turn the answer is the whole record compressed.
-constexpr uint64_t BYTES_PER_BLOCK = 8;
-constexpr uint64_t FIRST_LINE_SLACK = 16;
+// The measure above counts the record with its first line, the payload stream knows the size without
+// it. What the line adds depends on how well its characters go with the data: nothing when the data
+// repeats them, up to two bytes each when it has none of them. And as the compressor's blocks then end
+// a line's length apart, each may move by a few bytes (docs/architecture.md has the figures). Only
+// where the answer lies within that reach is the whole record compressed.
+constexpr uint64_t LINE_BYTE_COST_MAX = 2;
+constexpr uint64_t LINE_SLACK = 32;
+constexpr uint64_t BLOCK_SLACK = 8;
 
 full_test full_by_payload(const write_req& req, off_t pos, uint64_t estimate) {
     unique_payload_stream& payload = req.handle->payload;
     if (!payload) payload = payload_stream_open(req.row->rec_fname);
-    size_t without_line = 0;
+    uint64_t without_line = 0;
     if (!payload || !payload_stream_measure(payload.get(), &without_line)) {
         payload.reset();
         return measure_whole_record(req, estimate);
     }
     const uint64_t line_len = static_cast<uint64_t>(pos) -
                               std::min<uint64_t>(pos, payload_stream_input_len(payload.get()));
-    const uint64_t blocks_slack = BYTES_PER_BLOCK * payload_stream_blocks(payload.get());
-    const uint64_t least =
-        without_line + line_len / 2 - std::min(without_line, FIRST_LINE_SLACK / 2 + blocks_slack);
-    const uint64_t most = without_line + line_len + FIRST_LINE_SLACK + blocks_slack;
+    const uint64_t blocks_slack = BLOCK_SLACK * (1 + payload_stream_blocks(payload.get()));
+    const uint64_t least = without_line - std::min(without_line, blocks_slack);
+    const uint64_t most = without_line + LINE_BYTE_COST_MAX * line_len + LINE_SLACK + blocks_slack;
     const bool full = exceeds_size(req.row, least + estimate);
     if (full == exceeds_size(req.row, most + estimate)) {
         return full ? full_test::FULL : full_test::FITS;

@@ -1,0 +1,272 @@
+// The phone's clocks on Linux: this machine's own, unless the file /dev/clock says otherwise. The
+// file may appear, be rewritten or be replaced at any time. Reading a clock looks at the file's
+// time stamp; a wait with a time-out watches the file, and works its deadline out afresh at every
+// change.
+#include "platform/clock.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <bit>
+
+#include "framework/unique_handle.h"
+#include "host/clock_course.h"
+
+namespace {
+
+constexpr char CLOCK_DIR[] = "/dev";
+constexpr char CLOCK_FILE[] = "/dev/clock";
+
+// A file as young as this may be rewritten without its time stamp changing (the kernel counts it in
+// ticks of up to 10 ms): it is read again each time.
+constexpr int64_t YOUNG_NS = 20 * NS_PER_MS;
+
+// How often a wait looks by itself when the file cannot be watched.
+constexpr int64_t UNWATCHED_LOOK_NS = 200 * NS_PER_MS;
+
+constexpr nfds_t MAX_TIMED_FDS = 63;
+
+int64_t to_ns(const timespec& time) {
+    return int64_t{time.tv_sec} * NS_PER_S + time.tv_nsec;
+}
+
+timespec to_timespec(int64_t ns) {
+    int64_t seconds = ns / NS_PER_S;
+    int64_t rest = ns % NS_PER_S;
+    if (rest < 0) {  // before 1970
+        seconds -= 1;
+        rest += NS_PER_S;
+    }
+    return {.tv_sec = seconds, .tv_nsec = rest};
+}
+
+int64_t host_clock_ns(clockid_t clock) {
+    timespec now = {};
+    clock_gettime(clock, &now);
+    return to_ns(now);
+}
+
+// What is known of the clocks, and of the file it was read from.
+struct clock_state {
+    clock_course course{};
+    int64_t active = 0;    // a SPEC was read: the course holds instead of the machine's clocks
+    int64_t settled = 0;   // the file was old enough when it was read to be known by its stamp
+    int64_t mtime_ns = 0;  // stamp and identity of the file as it was read
+    int64_t ino = 0;
+
+    bool knows(const struct stat& file) const {
+        return settled && mtime_ns == to_ns(file.st_mtim) &&
+               ino == static_cast<int64_t>(file.st_ino);
+    }
+};
+
+// The state that all threads and signal handlers share, as two copies that take turns: the newer
+// one is whole at all times, so a reader never waits, not even a handler that interrupted the
+// writer.
+class shared_state {
+  public:
+    clock_state load() const {
+        for (;;) {
+            const uint64_t turn = turn_.load();
+            words copy;
+            for (size_t i = 0; i < copy.size(); ++i) copy[i] = copies_[turn % 2][i].load();
+            // Unchanged: the writer of the turn after next, who reuses this copy, has not begun.
+            if (turn_.load() == turn) return std::bit_cast<clock_state>(copy);
+        }
+    }
+
+    // For the one thread that holds the turn to refresh.
+    void store(const clock_state& state) {
+        const uint64_t next = turn_.load() + 1;
+        const words copy = std::bit_cast<words>(state);
+        for (size_t i = 0; i < copy.size(); ++i) copies_[next % 2][i].store(copy[i]);
+        turn_.store(next);
+    }
+
+  private:
+    using words = std::array<int64_t, sizeof(clock_state) / sizeof(int64_t)>;
+    std::atomic<uint64_t> turn_{0};
+    std::array<std::array<std::atomic<int64_t>, std::tuple_size_v<words>>, 2> copies_{};
+};
+
+shared_state state;
+std::atomic<bool> refreshing{false};
+std::atomic<bool> looked{false};  // this process has looked for the file before
+std::atomic<int64_t> boot_floor_ns{
+    0};  // latest reading of the boot-time clock: never runs backwards
+
+int64_t raise_boot_floor(int64_t boot_ns) {
+    int64_t floor_ns = boot_floor_ns.load();
+    while (floor_ns < boot_ns && !boot_floor_ns.compare_exchange_weak(floor_ns, boot_ns)) {
+    }
+    return std::max(floor_ns, boot_ns);
+}
+
+// The course of clocks that nothing was said about.
+clock_course machine_course(int64_t host_ns) {
+    return {.host_ns = host_ns,
+            .boot_ns = host_ns,
+            .real_ns = host_clock_ns(CLOCK_REALTIME),
+            .speed = 1};
+}
+
+// Reads the file and publishes what it says, from its time stamp on. What cannot be parsed is left
+// alone: a writer was caught in the middle, and its end will be another change.
+void read_clock_file(bool first_look) {
+    const unique_fd fd(open(CLOCK_FILE, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!fd) return;
+    struct stat file = {};
+    char text[256];
+    if (fstat(fd.get(), &file) != 0) return;
+    const ssize_t len = read(fd.get(), text, sizeof text);
+    if (len <= 0 || len == sizeof text) return;
+    const std::optional<clock_spec> spec = clock_spec_parse(text, static_cast<size_t>(len));
+    if (!spec) return;
+
+    const clock_state before = state.load();
+    const int64_t host_ns = host_clock_ns(CLOCK_BOOTTIME);
+    const int64_t age_ns =
+        std::max<int64_t>(host_clock_ns(CLOCK_REALTIME) - to_ns(file.st_mtim), 0);
+    const clock_course present = before.active ? before.course : machine_course(host_ns);
+    if (!first_look) raise_boot_floor(course_boot_ns(present, host_ns));
+    state.store({
+        .course = course_apply(present, *spec, host_ns - age_ns, !first_look),
+        .active = 1,
+        .settled = age_ns > YOUNG_NS,
+        .mtime_ns = to_ns(file.st_mtim),
+        .ino = static_cast<int64_t>(file.st_ino),
+    });
+}
+
+// The clocks as they are now said to be. With `wait_turn` a change that another thread is reading
+// is waited for; without (as in a signal handler) what was known before it may be returned.
+clock_state present_state(bool wait_turn) {
+    const bool first_look = !looked.load();
+    struct stat file = {};
+    if (stat(CLOCK_FILE, &file) != 0) {
+        looked.store(true);
+        return state.load();
+    }
+    const clock_state known = state.load();
+    if (known.knows(file)) return known;
+    while (refreshing.exchange(true)) {
+        if (!wait_turn) return known;
+        refreshing.wait(true);
+    }
+    read_clock_file(first_look && !looked.exchange(true));
+    refreshing.store(false);
+    refreshing.notify_all();
+    return state.load();
+}
+
+int64_t boot_now_ns(const clock_state& now) {
+    const int64_t host_ns = host_clock_ns(CLOCK_BOOTTIME);
+    return now.active ? raise_boot_floor(course_boot_ns(now.course, host_ns)) : host_ns;
+}
+
+// A thread's watch over the clock file, made at its first wait with a time-out.
+class clock_watch {
+  public:
+    // Returns a descriptor that is readable once the file may have changed since the last call, or
+    // -1 when none can be had. Look at the file after this, not before.
+    int arm() {
+        if (fd_ && !drain()) return fd_.get();
+        if (!fd_) fd_.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+        // The directory tells of a file that comes; adding a watch that is there already is
+        // harmless.
+        if (!fd_ || inotify_add_watch(fd_.get(), CLOCK_DIR, IN_CREATE | IN_MOVED_TO) < 0) {
+            fd_.reset();
+            return -1;
+        }
+        watch_file();
+        return fd_.get();
+    }
+
+  private:
+    // Throws the waiting events away. Returns whether there were any.
+    bool drain() const {
+        alignas(inotify_event) char events[4096];
+        bool any = false;
+        while (read(fd_.get(), events, sizeof events) > 0) any = true;
+        return any;
+    }
+
+    void watch_file() {
+        const int wd = inotify_add_watch(fd_.get(), CLOCK_FILE,
+                                         IN_CLOSE_WRITE | IN_MODIFY | IN_ATTRIB | IN_MOVE_SELF);
+        if (wd < 0 || wd == file_wd_) return;
+        if (file_wd_ >= 0)
+            inotify_rm_watch(fd_.get(), file_wd_);  // fails when the old file is gone
+        file_wd_ = wd;
+    }
+
+    unique_fd fd_;
+    int file_wd_ = -1;
+};
+
+thread_local clock_watch watch;
+
+int poll_for_ns(pollfd* fds, nfds_t count, int64_t host_ns) {
+    const timespec timeout = to_timespec(host_ns);
+    return ppoll(fds, count, &timeout, nullptr);
+}
+
+// As ppoll on fds, but also ends, with 0, when watch_fd is readable.
+int poll_watched(pollfd* fds, nfds_t count, int watch_fd, int64_t host_ns) {
+    if (watch_fd < 0) return poll_for_ns(fds, count, std::min(host_ns, UNWATCHED_LOOK_NS));
+    pollfd all[MAX_TIMED_FDS + 1];
+    std::copy_n(fds, count, all);
+    all[count] = {.fd = watch_fd, .events = POLLIN, .revents = 0};
+    int ready = poll_for_ns(all, count + 1, host_ns);
+    if (ready > 0 && all[count].revents) --ready;
+    std::copy_n(all, count, fds);
+    return ready;
+}
+
+}  // namespace
+
+int platform_clock_gettime(clockid_t clock, timespec* now) {
+    const bool boot = clock == CLOCK_BOOTTIME || clock == CLOCK_MONOTONIC;
+    const int saved_errno = errno;
+    const clock_state current = present_state(false);
+    errno = saved_errno;
+    if (!current.active || (!boot && clock != CLOCK_REALTIME)) return clock_gettime(clock, now);
+    // The monotonic clock is the boot-time clock: the simulated phone never suspends.
+    *now = to_timespec(boot ? boot_now_ns(current)
+                            : course_real_ns(current.course, host_clock_ns(CLOCK_BOOTTIME)));
+    return 0;
+}
+
+int platform_poll(pollfd* fds, nfds_t count, int64_t timeout_ms) {
+    if (timeout_ms < 0) return ppoll(fds, count, nullptr, nullptr);
+    if (timeout_ms == 0) return poll(fds, count, 0);
+    if (count > MAX_TIMED_FDS) {
+        errno = EINVAL;
+        return -1;
+    }
+    int64_t deadline_ns = 0;
+    int watch_fd = watch.arm();
+    clock_state current = present_state(true);
+    if (__builtin_mul_overflow(timeout_ms, NS_PER_MS, &deadline_ns) ||
+        __builtin_add_overflow(deadline_ns, boot_now_ns(current), &deadline_ns)) {
+        deadline_ns = INT64_MAX;
+    }
+    for (;;) {
+        const int64_t host_ns = host_clock_ns(CLOCK_BOOTTIME);
+        const int64_t end_ns =
+            current.active ? course_host_ns(current.course, deadline_ns) : deadline_ns;
+        // The last look at the descriptors is taken also when the time has passed.
+        if (end_ns <= host_ns) return poll(fds, count, 0);
+        const int ready = poll_watched(fds, count, watch_fd, end_ns - host_ns);
+        if (ready != 0) return ready;
+        watch_fd = watch.arm();
+        current = present_state(true);
+    }
+}

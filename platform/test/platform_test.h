@@ -1,0 +1,68 @@
+// The scripted platform, for unit tests: a log that can be asserted, properties in memory and
+// clocks that are moved by hand. A test binary starts each test with a fresh one. All functions:
+// any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Empties the log and the properties and puts the clocks back to their first readings, in auto
+// mode. No thread may be waiting with a time-out.
+void platform_test_reset();
+
+// Log ---------------------------------------------------------------------------------------------
+
+struct platform_test_log_entry {
+    int priority = 0;  // ANDROID_LOG_...
+    std::string tag;
+    std::string text;  // as logged, its newline included
+
+    bool operator==(const platform_test_log_entry&) const = default;
+};
+
+// What was logged since the last clear, oldest first.
+std::vector<platform_test_log_entry> platform_test_log();
+
+// Number of entries whose text is exactly `text`.
+size_t platform_test_log_count(std::string_view text);
+
+// Waits until an entry whose text is exactly `text` has been logged since the last clear. Returns
+// false when limit_ms of real time pass without it.
+bool platform_test_wait_log(std::string_view text, int64_t limit_ms);
+
+void platform_test_clear_log();
+
+// Properties --------------------------------------------------------------------------------------
+
+// The value of a property; nothing when it was never set.
+std::optional<std::string> platform_test_property(std::string_view name);
+void platform_test_set_property(std::string_view name, std::string_view value);
+
+// Clocks ------------------------------------------------------------------------------------------
+
+// First readings: three numbers that no code could take for one another.
+inline constexpr int64_t PLATFORM_TEST_REAL_MS = 1700000000000;  // 2023-11-14T22:13:20Z
+inline constexpr int64_t PLATFORM_TEST_BOOT_MS = 5000000;
+inline constexpr int64_t PLATFORM_TEST_MONO_MS = 4000000;
+
+void platform_test_set_real_ms(int64_t real_ms);  // a jump that no wait notices
+void platform_test_set_boot_ms(int64_t boot_ms);  // as after a suspend; no wait notices
+
+// Lets time pass on all three clocks and ends the waits whose time has then come.
+void platform_test_advance_ms(int64_t ms);
+
+enum class platform_test_clock {
+    // A wait with a time-out and nothing ready moves the clocks to its deadline and ends at once.
+    AUTO,
+    // It lasts until another thread moves the clocks past its deadline or a descriptor is ready.
+    MANUAL,
+};
+void platform_test_set_clock(platform_test_clock mode);
+
+// Waits until at least `threads` threads are parked: blocked in a wait whose time has not come and
+// none of whose descriptors is ready. Returns false when limit_ms of real time pass before.
+bool platform_test_wait_parked(size_t threads, int64_t limit_ms);
