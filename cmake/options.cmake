@@ -21,6 +21,9 @@ if(VEXA_SANITIZE)
   add_compile_options(-fsanitize=${VEXA_SANITIZE} -fno-sanitize-recover=all -O1)
   add_link_options(-fsanitize=${VEXA_SANITIZE})
 endif()
+if(VEXA_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)  # the code under test tells the fuzzer its coverage
+endif()
 
 # The daemon's own code is compiled without exceptions and RTTI; tools and tests use both.
 function(vexa_daemon_library name)

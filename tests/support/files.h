@@ -26,6 +26,11 @@ inline std::optional<std::string> read_file(const std::filesystem::path& path) {
     return content;
 }
 
+// The same, with nothing for a file that cannot be read.
+inline std::string file_text(const std::filesystem::path& path) {
+    return read_file(path).value_or("");
+}
+
 // The names in a directory, sorted; none when it is missing.
 inline std::vector<std::string> list_dir(const std::filesystem::path& path) {
     std::vector<std::string> names;

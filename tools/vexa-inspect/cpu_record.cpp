@@ -1,0 +1,211 @@
+#include "cpu_record.h"
+
+#include <algorithm>
+
+#include "byte_cursor.h"
+
+namespace {
+
+constexpr uint32_t TIMEZONE_CHANGED = 1u << 31;
+constexpr size_t PROCESS_NETWORK_ROWS = 4;
+
+// What each item takes at least; a count is checked against the bytes left with these.
+constexpr size_t CPU_BYTES = 7 * 4 + 4;
+constexpr size_t THERMAL_ZONE_MIN_BYTES = 1 + 4;
+constexpr size_t NETWORK_ENTRY_BYTES = 12;
+constexpr size_t PROCESS_MIN_BYTES = 1 + 2 + 1 + PROCESS_NETWORK_ROWS * NETWORK_ENTRY_BYTES;
+
+uint32_t decode_cpu_count(byte_cursor& cursor) {
+    const auto count = cursor.take<uint32_t>("cpu_count");
+    cursor.check_count(count, CPU_BYTES, sizeof(count), "cpu_count");
+    if (count == 0)
+        throw upload_error(upload_place::payload, cursor.offset() - sizeof(count),
+                           "cpu_count is 0");
+    return count;
+}
+
+void decode_power(byte_cursor& cursor, cpu_sample* sample) {
+    sample->charge_counter_uah = cursor.take<int32_t>("charge_counter_uah");
+    const auto word = cursor.take<uint16_t>("the power word");
+    sample->brightness = static_cast<uint8_t>((word & 0xFC00) >> 8);
+    sample->capacity_percent = word >> 3 & 0x7F;
+    sample->charge_status = word & 7;
+}
+
+void decode_thermal_zones(byte_cursor& cursor, cpu_sample* sample) {
+    const auto count = cursor.take<uint16_t>("the thermal zone count");
+    cursor.check_count(count, THERMAL_ZONE_MIN_BYTES, sizeof(count), "the thermal zone count");
+    sample->thermal_zones.resize(count);
+    for (auto& zone : sample->thermal_zones) {
+        zone.name = cursor.take_text("a thermal zone's name");
+        zone.temp_mdegc = cursor.take<int32_t>("temp_mdegc");
+    }
+}
+
+cpu_network_entry decode_network_entry(byte_cursor& cursor) {
+    cpu_network_entry entry;
+    entry.interface_class = cursor.take<uint8_t>("interface_class");
+    entry.uid = cursor.take<uint16_t>("uid");
+    entry.counter_set = cursor.take<uint8_t>("counter_set");
+    entry.rx_bytes = cursor.take<uint32_t>("rx_bytes");
+    entry.tx_bytes = cursor.take<uint32_t>("tx_bytes");
+    return entry;
+}
+
+void decode_network(byte_cursor& cursor, cpu_sample* sample) {
+    const auto count = cursor.take<uint16_t>("the network entry count");
+    cursor.check_count(count, NETWORK_ENTRY_BYTES, sizeof(count), "the network entry count");
+    sample->network.resize(count);
+    for (auto& entry : sample->network) entry = decode_network_entry(cursor);
+}
+
+void decode_processes(byte_cursor& cursor, cpu_sample* sample) {
+    const auto count = cursor.take<uint16_t>("the process count");
+    cursor.check_count(count, PROCESS_MIN_BYTES, sizeof(count), "the process count");
+    sample->processes.resize(count);
+    for (auto& process : sample->processes) {
+        process.name = cursor.take_text("a process's name");
+        process.load_x500 = cursor.take<uint16_t>("load_x500");
+        process.cpuset_class = cursor.take<uint8_t>("cpuset_class");
+        for (size_t row = 0; row < PROCESS_NETWORK_ROWS; row++) {
+            const auto entry = decode_network_entry(cursor);
+            if (entry.interface_class != 0) process.network.push_back(entry);
+        }
+    }
+}
+
+cpu_sample decode_sample(byte_cursor& cursor) {
+    cpu_sample sample;
+    const auto stamp = cursor.take<uint32_t>("uptime_100ms");
+    sample.uptime_100ms = stamp & ~TIMEZONE_CHANGED;
+    if (stamp & TIMEZONE_CHANGED) sample.timezone_min = cursor.take<int16_t>("timezone_min");
+    const uint32_t cpus = decode_cpu_count(cursor);
+    sample.times.resize(cpus);
+    for (auto& times : sample.times)
+        for (auto& ticks : times.ticks) ticks = cursor.take<uint32_t>("cpu_times_ticks");
+    sample.freq_khz.resize(cpus);
+    for (auto& freq : sample.freq_khz) freq = cursor.take<uint32_t>("cpu_freq_khz");
+    decode_power(cursor, &sample);
+    decode_thermal_zones(cursor, &sample);
+    decode_network(cursor, &sample);
+    decode_processes(cursor, &sample);
+    return sample;
+}
+
+std::vector<cpu_sample> decode_samples(std::span<const uint8_t> bytes) {
+    std::vector<cpu_sample> samples;
+    byte_cursor cursor(bytes);
+    while (cursor.left() > 0) {
+        const size_t start = cursor.offset();
+        samples.push_back(decode_sample(cursor));
+        // The collector counts the CPUs once, when it starts.
+        if (samples.back().times.size() != samples.front().times.size())
+            throw upload_error(upload_place::payload, start, "a sample with another CPU count");
+    }
+    return samples;
+}
+
+// A record that was begun before the wall clock was set got a new first line once it was. A longer
+// one overwrote the first bytes of the first sample, a shorter one left the end of the old line in
+// front of it. Numbers of digits bound both: 12 more of the time, 3 of the time-zone offset.
+constexpr size_t OVERWRITTEN_MAX_BYTES = 15;
+constexpr size_t LEFT_OVER_MAX_BYTES = 4;
+constexpr uint8_t GUESSED_CPUS_MAX = 32;
+
+bool try_decode(std::span<const uint8_t> bytes, std::vector<cpu_sample>* samples) try {
+    *samples = decode_samples(bytes);
+    return true;
+} catch (const upload_error&) {
+    return false;
+}
+
+bool skip_left_over_line(std::span<const uint8_t> payload, cpu_record* record) {
+    for (size_t size = 1; size <= std::min(payload.size(), LEFT_OVER_MAX_BYTES); size++) {
+        if (payload[size - 1] != '\n' || !try_decode(payload.subspan(size), &record->samples))
+            continue;
+        record->skipped_bytes = size;
+        return true;
+    }
+    return false;
+}
+
+// What the overwritten bytes must have been, as far as it matters: the head of a sample for `cpus`.
+std::array<uint8_t, OVERWRITTEN_MAX_BYTES> sample_head(uint8_t cpus, bool with_timezone) {
+    std::array<uint8_t, OVERWRITTEN_MAX_BYTES> head{};
+    head[3] = with_timezone ? 0x80 : 0;
+    head[with_timezone ? 6 : 4] = cpus;
+    return head;
+}
+
+bool times_ascend(const std::vector<cpu_sample>& samples) {
+    return std::is_sorted(samples.begin(), samples.end(), [](const auto& a, const auto& b) {
+        return a.uptime_100ms < b.uptime_100ms;
+    });
+}
+
+// Puts a guessed head back in front. The guess is taken for true when everything then fits to the
+// last byte and whole samples follow in order of time. The restored sample serves to find the next
+// one and is then dropped.
+bool try_head(std::span<uint8_t> room_and_payload, size_t lost, uint8_t cpus, bool with_timezone,
+              cpu_record* record) {
+    const auto restored = room_and_payload.subspan(OVERWRITTEN_MAX_BYTES - lost);
+    const auto head = sample_head(cpus, with_timezone);
+    std::copy_n(head.begin(), lost, restored.begin());
+    std::vector<cpu_sample> samples;
+    if (!try_decode(restored, &samples) || samples.size() < 2) return false;
+    samples.erase(samples.begin());
+    if (!times_ascend(samples)) return false;
+
+    byte_cursor cursor(restored);
+    (void)decode_sample(cursor);
+    record->skipped_bytes = cursor.offset() - lost;
+    record->samples = std::move(samples);
+    return true;
+}
+
+bool skip_overwritten_sample(std::span<const uint8_t> payload, cpu_record* record) {
+    std::vector<uint8_t> bytes(OVERWRITTEN_MAX_BYTES);
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    for (size_t lost = 1; lost <= OVERWRITTEN_MAX_BYTES; lost++) {
+        const uint8_t guesses =
+            lost <= 4 ? 1 : GUESSED_CPUS_MAX;  // else the CPU count is still there
+        for (uint8_t cpus = 1; cpus <= guesses; cpus++)
+            for (const bool with_timezone : {false, true})
+                if (try_head(bytes, lost, cpus, with_timezone, record)) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+cpu_record cpu_record_decode(std::span<const uint8_t> payload) {
+    cpu_record record;
+    try {
+        record.samples = decode_samples(payload);
+    } catch (const upload_error&) {
+        if (!skip_left_over_line(payload, &record) && !skip_overwritten_sample(payload, &record))
+            throw;
+    }
+    return record;
+}
+
+std::optional<double> cpu_load_percent(const cpu_times& before, const cpu_times& after) {
+    const cpu_times offline;
+    if (before.ticks == offline.ticks || after.ticks == offline.ticks) return std::nullopt;
+    uint64_t total = 0, idle = 0;
+    for (size_t i = 0; i < cpu_times::COUNTERS; i++) {
+        // The counters wrap at 32 bits; the idle ones can also step back a little, which counts as
+        // none.
+        const uint32_t difference = after.ticks[i] - before.ticks[i];
+        const uint32_t passed = difference > INT32_MAX ? 0 : difference;
+        total += passed;
+        if (i == cpu_times::IDLE || i == cpu_times::IOWAIT) idle += passed;
+    }
+    if (total == 0) return std::nullopt;
+    return 100.0 * static_cast<double>(total - idle) / static_cast<double>(total);
+}
+
+double cpu_process_load_percent(uint16_t load_x500) {
+    constexpr double ticks_a_scan = 10 * 100;  // 10 seconds of 100 clock ticks
+    return load_x500 / 500.0 / ticks_a_scan * 100;
+}

@@ -1,0 +1,300 @@
+#include "cpu_report.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+#include <map>
+#include <tuple>
+
+#include "cpu_record.h"
+#include "text.h"
+
+namespace {
+
+using text_row = std::vector<std::string>;
+
+json_object network_json(const std::vector<cpu_network_entry>& entries) {
+    json_object list = json_object::array();
+    for (const auto& entry : entries)
+        list.push_back({{"interface_class", entry.interface_class},
+                        {"uid", entry.uid},
+                        {"counter_set", entry.counter_set},
+                        {"rx_bytes", entry.rx_bytes},
+                        {"tx_bytes", entry.tx_bytes}});
+    return list;
+}
+
+json_object sample_json(const cpu_sample& sample) {
+    json_object object;
+    object["uptime_100ms"] = sample.uptime_100ms;
+    if (sample.timezone_min) object["timezone_min"] = *sample.timezone_min;
+    object["cpu_count"] = sample.times.size();
+    object["cpu_times_ticks"] = json_object::array();
+    for (const auto& times : sample.times) object["cpu_times_ticks"].push_back(times.ticks);
+    object["cpu_freq_khz"] = sample.freq_khz;
+    object["charge_counter_uah"] = sample.charge_counter_uah;
+    object["brightness"] = sample.brightness;
+    object["capacity_percent"] = sample.capacity_percent;
+    object["charge_status"] = sample.charge_status;
+    object["thermal_zones"] = json_object::array();
+    for (const auto& zone : sample.thermal_zones)
+        object["thermal_zones"].push_back({{"name", zone.name}, {"temp_mdegc", zone.temp_mdegc}});
+    object["network"] = network_json(sample.network);
+    object["processes"] = json_object::array();
+    for (const auto& process : sample.processes)
+        object["processes"].push_back({{"name", process.name},
+                                       {"load_x500", process.load_x500},
+                                       {"cpuset_class", process.cpuset_class},
+                                       {"network", network_json(process.network)}});
+    return object;
+}
+
+// The text for a number that stands for something, or the number itself where it stands for
+// nothing.
+template <size_t N>
+std::string named(const char* const (&names)[N], size_t value) {
+    return value < N ? names[value] : fmt::format("{}", value);
+}
+
+constexpr const char* charge_status_names[] = {"unknown", "charging", "discharging", "not charging",
+                                               "full"};
+constexpr const char* interface_names[] = {"none", "wlan", "rmnet", "r_rmnet"};
+constexpr const char* counter_set_names[] = {"background", "foreground"};
+constexpr const char* cpuset_names[] = {"foreground", "background", "top app", "other"};
+
+// A sample on its way into the tables, with its local time of day.
+struct timed_sample {
+    const cpu_sample* sample = nullptr;
+    std::string time;
+};
+
+std::vector<timed_sample> add_times(const upload_header& header,
+                                    const std::vector<cpu_sample>& samples) {
+    std::vector<timed_sample> timed;
+    int timezone_min = header.timezone_min;
+    for (const auto& sample : samples) {
+        timezone_min = sample.timezone_min.value_or(static_cast<int16_t>(timezone_min));
+        const uint64_t realtime_ms =
+            header.realtime_ms + uint64_t{sample.uptime_100ms} * 100 - header.uptime_ms;
+        timed.push_back(
+            {&sample, text_time_of_day(static_cast<int64_t>(realtime_ms), timezone_min)});
+    }
+    return timed;
+}
+
+// At most `max` of them, evenly spread, the first and the last among them.
+std::vector<timed_sample> thin_out(const std::vector<timed_sample>& samples, size_t max) {
+    if (samples.size() <= max) return samples;
+    std::vector<timed_sample> kept;
+    for (size_t i = 0; i < max; i++)
+        kept.push_back(samples[i * (samples.size() - 1) / std::max<size_t>(max - 1, 1)]);
+    return kept;
+}
+
+std::vector<text_column> cpu_columns(size_t cpus) {
+    std::vector<text_column> columns = {{"time", text_align::left}};
+    for (size_t i = 0; i < cpus; i++) columns.push_back({fmt::format("cpu{}", i)});
+    return columns;
+}
+
+std::string load_cell(const cpu_times* before, const cpu_times& after) {
+    if (after.ticks == cpu_times{}.ticks) return "off";
+    const auto load = before ? cpu_load_percent(*before, after) : std::nullopt;
+    return load ? fmt::format("{:.0f}", *load) : "-";
+}
+
+std::string load_table(const std::vector<timed_sample>& samples) {
+    std::vector<text_row> rows;
+    const cpu_sample* before = nullptr;
+    for (const auto& [sample, time] : samples) {
+        text_row row = {time};
+        for (size_t i = 0; i < sample->times.size(); i++)
+            row.push_back(load_cell(before ? &before->times[i] : nullptr, sample->times[i]));
+        rows.push_back(row);
+        before = sample;
+    }
+    return "  Load of each CPU since the row above, %\n" +
+           text_table(cpu_columns(samples.front().sample->times.size()), rows);
+}
+
+std::string frequency_table(const std::vector<timed_sample>& samples) {
+    std::vector<text_row> rows;
+    for (const auto& [sample, time] : samples) {
+        text_row row = {time};
+        for (const uint32_t freq_khz : sample->freq_khz)
+            row.push_back(fmt::format("{}", freq_khz / 1000));
+        rows.push_back(row);
+    }
+    return "  Frequency of each CPU, MHz\n" +
+           text_table(cpu_columns(samples.front().sample->freq_khz.size()), rows);
+}
+
+std::string brightness_cell(uint8_t brightness) {
+    if (brightness == CPU_BRIGHTNESS_UNKNOWN) return "full or unknown";
+    return fmt::format("{}", brightness);
+}
+
+std::string capacity_cell(uint8_t capacity_percent) {
+    if (capacity_percent == CPU_CAPACITY_UNKNOWN) return "unknown";
+    return fmt::format("{}", capacity_percent);
+}
+
+std::string battery_table(const std::vector<timed_sample>& samples) {
+    std::vector<text_row> rows;
+    for (const auto& [sample, time] : samples)
+        rows.push_back({time, fmt::format("{:.1f}", sample->charge_counter_uah / 1000.0),
+                        capacity_cell(sample->capacity_percent),
+                        named(charge_status_names, sample->charge_status),
+                        brightness_cell(sample->brightness)});
+    return "  Battery and backlight (of 255)\n" + text_table({{"time", text_align::left},
+                                                              {"charge mAh"},
+                                                              {"level %"},
+                                                              {"status", text_align::left},
+                                                              {"backlight", text_align::left}},
+                                                             rows);
+}
+
+// What the samples say of one thermal zone. Zones are told apart by name and, among zones of one
+// name, by their order.
+struct zone_summary {
+    std::vector<int32_t> known_mdegc;
+    bool unknown_last = false;
+};
+
+std::string temperature(int32_t mdegc) {
+    return fmt::format("{:.1f}", mdegc / 1000.0);
+}
+
+text_row zone_row(const std::string& name, const zone_summary& zone) {
+    const auto& known = zone.known_mdegc;
+    if (known.empty()) return {text_printable(name), "unknown"};
+    const auto [lowest, highest] = std::minmax_element(known.begin(), known.end());
+    return {text_printable(name), zone.unknown_last ? "unknown" : temperature(known.back()),
+            temperature(known.front()), temperature(*lowest), temperature(*highest)};
+}
+
+std::string temperature_table(const std::vector<timed_sample>& samples) {
+    std::map<std::pair<std::string, size_t>, zone_summary> zones;
+    std::vector<std::pair<std::string, size_t>> order;
+    for (const auto& [sample, time] : samples) {
+        std::map<std::string, size_t> seen;
+        for (const auto& zone : sample->thermal_zones) {
+            const auto key = std::pair(zone.name, seen[zone.name]++);
+            const auto [it, is_new] = zones.try_emplace(key);
+            if (is_new) order.push_back(key);
+            it->second.unknown_last = zone.temp_mdegc == CPU_TEMP_UNKNOWN;
+            if (!it->second.unknown_last) it->second.known_mdegc.push_back(zone.temp_mdegc);
+        }
+    }
+    if (order.empty()) return "  No thermal zones\n";
+    std::vector<text_row> rows;
+    for (const auto& key : order) rows.push_back(zone_row(key.first, zones[key]));
+    return "  Temperatures, degrees Celsius\n" +
+           text_table({{"zone", text_align::left}, {"last"}, {"first"}, {"lowest"}, {"highest"}},
+                      rows);
+}
+
+struct traffic {
+    cpu_network_entry first, last;
+};
+
+void add_traffic(const std::vector<cpu_network_entry>& entries,
+                 std::map<std::tuple<uint16_t, uint8_t, uint8_t>, traffic>* all) {
+    for (const auto& entry : entries) {
+        // The traffic of a UID stands with its first process; the rows of the others hold none.
+        if (entry.rx_bytes == 0 && entry.tx_bytes == 0) continue;
+        const auto key = std::tuple(entry.uid, entry.interface_class, entry.counter_set);
+        const auto it = all->try_emplace(key, traffic{entry, entry}).first;
+        it->second.last = entry;
+    }
+}
+
+text_row traffic_row(const traffic& item) {
+    const auto& [first, last] = item;
+    return {fmt::format("{}", last.uid),
+            named(interface_names, last.interface_class),
+            named(counter_set_names, last.counter_set),
+            fmt::format("{}", last.rx_bytes),
+            fmt::format("{}", last.tx_bytes),
+            fmt::format("+{}", last.rx_bytes - first.rx_bytes),
+            fmt::format("+{}", last.tx_bytes - first.tx_bytes)};
+}
+
+std::string network_table(const std::vector<timed_sample>& samples) {
+    std::map<std::tuple<uint16_t, uint8_t, uint8_t>, traffic> all;
+    for (const auto& [sample, time] : samples) {
+        add_traffic(sample->network, &all);
+        for (const auto& process : sample->processes) add_traffic(process.network, &all);
+    }
+    if (all.empty()) return "  No network traffic\n";
+    std::vector<text_row> rows;
+    for (const auto& [key, item] : all) rows.push_back(traffic_row(item));
+    return "  Network by UID, bytes: total at the end, and growth over the record\n" +
+           text_table({{"uid"},
+                       {"interface", text_align::left},
+                       {"set", text_align::left},
+                       {"received"},
+                       {"sent"},
+                       {"received"},
+                       {"sent"}},
+                      rows);
+}
+
+std::string process_load_cell(uint16_t load_x500) {
+    return fmt::format("{}{:.1f}", load_x500 == CPU_LOAD_X500_MAX ? ">" : "",
+                       cpu_process_load_percent(load_x500));
+}
+
+std::string process_table(const std::vector<timed_sample>& samples, size_t max) {
+    const auto has_processes = [](const timed_sample& timed) {
+        return !timed.sample->processes.empty();
+    };
+    const auto last = std::find_if(samples.rbegin(), samples.rend(), has_processes);
+    if (last == samples.rend()) return "  No process block in this record\n";
+
+    auto processes = last->sample->processes;
+    std::stable_sort(processes.begin(), processes.end(),
+                     [](const auto& a, const auto& b) { return a.load_x500 > b.load_x500; });
+    std::vector<text_row> rows;
+    for (size_t i = 0; i < std::min(max, processes.size()); i++)
+        rows.push_back({process_load_cell(processes[i].load_x500),
+                        text_printable(processes[i].name),
+                        named(cpuset_names, processes[i].cpuset_class)});
+    return fmt::format(
+               "  Highest loads of {} processes at {}, % of one CPU (last of {} process blocks)\n",
+               processes.size(), last->time,
+               std::count_if(samples.begin(), samples.end(), has_processes)) +
+           text_table({{"load"}, {"process", text_align::left}, {"cpuset", text_align::left}},
+                      rows);
+}
+
+std::string skipped_note(const cpu_record& record) {
+    if (record.skipped_bytes == 0) return "";
+    return fmt::format(
+        "  The first {} bytes are no whole sample: the record was begun before the clock was "
+        "set.\n\n",
+        record.skipped_bytes);
+}
+
+}  // namespace
+
+void cpu_record_add_json(const upload_file& file, json_object* object) {
+    const auto record = cpu_record_decode(file.payload);
+    if (record.skipped_bytes > 0) (*object)["skipped_bytes"] = record.skipped_bytes;
+    auto& records = (*object)["records"] = json_object::array();
+    for (const auto& sample : record.samples) records.push_back(sample_json(sample));
+}
+
+std::string cpu_record_report(const upload_file& file, const report_options& options) {
+    const auto record = cpu_record_decode(file.payload);
+    if (record.samples.empty()) return skipped_note(record) + "  No samples\n";
+    const auto all = add_times(file.header, record.samples);
+    const auto shown = thin_out(all, options.max_rows);
+    const auto shown_of_all =
+        shown.size() < all.size() ? fmt::format(", {} of them shown", shown.size()) : "";
+    return skipped_note(record) + fmt::format("  samples   {}{}\n\n", all.size(), shown_of_all) +
+           load_table(shown) + "\n" + frequency_table(shown) + "\n" + battery_table(shown) + "\n" +
+           temperature_table(all) + "\n" + network_table(all) + "\n" +
+           process_table(all, options.max_processes);
+}

@@ -1,0 +1,65 @@
+// vexa-inspect FILE...: shows what upload files hold.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "record_formats.h"
+
+namespace {
+
+constexpr int EXIT_DAMAGED = 1;
+constexpr int EXIT_USAGE = 2;
+
+struct arguments {
+    std::vector<std::string> files;
+    bool json = false;
+    report_options report;
+};
+
+std::string show(const std::string& path, const arguments& args) {
+    const auto file = upload_read(path);
+    return args.json ? upload_json(path, file) + "\n"
+                     : upload_report(path, file, args.report) + "\n";
+}
+
+// Shows every file that can be shown; a damaged one gets a message and does not hide the others.
+int inspect(const arguments& args) {
+    int result = EXIT_SUCCESS;
+    for (const auto& path : args.files) {
+        try {
+            fmt::print("{}", show(path, args));
+        } catch (const std::exception& error) {
+            fflush(stdout);  // so that the message comes where the file would
+            fmt::print(stderr, "vexa-inspect: {}: {}\n", path, error.what());
+            result = EXIT_DAMAGED;
+        }
+    }
+    if (fflush(stdout) == 0) return result;
+    fmt::print(stderr, "vexa-inspect: cannot write the output\n");
+    return EXIT_DAMAGED;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    arguments args;
+    CLI::App app("Shows what upload files hold. Exit code 1 when a file is damaged.",
+                 "vexa-inspect");
+    app.add_option("FILE", args.files, "upload files")->required();
+    app.add_flag("--json", args.json, "one JSON object a line for each file, with the raw values");
+    app.add_option("--rows", args.report.max_rows,
+                   "most rows of a table over time (default: all samples)")
+        ->check(CLI::PositiveNumber);
+    app.add_option("--processes", args.report.max_processes, "most processes shown (default: 10)")
+        ->check(CLI::PositiveNumber);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? EXIT_SUCCESS : EXIT_USAGE;
+    }
+    return inspect(args);
+}

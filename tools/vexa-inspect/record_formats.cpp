@@ -1,0 +1,94 @@
+#include "record_formats.h"
+
+#include <fmt/format.h>
+
+#include "cpu_report.h"
+#include "text.h"
+
+namespace {
+
+constexpr size_t DATA_TYPE_OFFSET = 12;
+
+constexpr record_format formats[] = {
+    {.client_id = 2,
+     .rec_version = 6,
+     .data_type = 1,
+     .name = "CPU statistics",
+     .add_json = cpu_record_add_json,
+     .report = cpu_record_report},
+};
+
+void add_unknown_json(const upload_file& file, json_object* object) {
+    std::string hex;
+    for (const uint8_t byte : file.payload) hex += fmt::format("{:02x}", byte);
+    (*object)["payload_hex"] = hex;
+    (*object)["records"] = json_object::array();
+}
+
+std::string unknown_report(const upload_file& file, const report_options& options) {
+    return "  Payload of an unknown format:\n" + text_hex(file.payload, options.max_hex_bytes);
+}
+
+std::string header_report(const upload_header& header, const char* format_name,
+                          size_t payload_bytes) {
+    return fmt::format(
+        "  client    {} ({}), record version {}, data type {}\n"
+        "  begun     {}, {} after boot\n"
+        "  sequence  {}, campaign {}, attributes {} and {}\n"
+        "  payload   {} bytes in the file, {} unpacked\n",
+        header.client_id, format_name, header.rec_version, header.data_type,
+        text_local_time(header.realtime_ms, header.timezone_min), text_duration(header.uptime_ms),
+        header.seq, header.campaign_id ? fmt::format("{}", header.campaign_id) : "none",
+        header.header_attr1, header.header_attr2, header.payload_len, payload_bytes);
+}
+
+}  // namespace
+
+const record_format* record_format_find(const upload_header& header) {
+    for (const auto& format : formats) {
+        if (format.client_id != header.client_id || format.rec_version != header.rec_version)
+            continue;
+        if (format.data_type != header.data_type)
+            throw upload_error(upload_place::file, DATA_TYPE_OFFSET,
+                               fmt::format("data type is {}, but {} has {}", header.data_type,
+                                           format.name, format.data_type));
+        return &format;
+    }
+    return nullptr;
+}
+
+std::string upload_json(const std::string& path, const upload_file& file) {
+    const auto& header = file.header;
+    json_object object = {
+        {"file", path},
+        {"header_version", header.header_version},
+        {"header_len", header.header_len},
+        {"client_id", header.client_id},
+        {"data_type", header.data_type},
+        {"rec_version", header.rec_version},
+        {"realtime_ms", header.realtime_ms},
+        {"payload_len", header.payload_len},
+        {"header_attr1", header.header_attr1},
+        {"header_attr2", header.header_attr2},
+        {"uptime_ms", header.uptime_ms},
+        {"timezone_min", header.timezone_min},
+        {"campaign_id", header.campaign_id},
+        {"seq", header.seq},
+        {"payload_bytes", file.payload.size()},
+    };
+    const auto* format = record_format_find(header);
+    if (format)
+        format->add_json(file, &object);
+    else
+        add_unknown_json(file, &object);
+    // Names come from the phone and need not be UTF-8; what is not becomes U+FFFD.
+    return object.dump(-1, ' ', false, json_object::error_handler_t::replace);
+}
+
+std::string upload_report(const std::string& path, const upload_file& file,
+                          const report_options& options) {
+    const auto* format = record_format_find(file.header);
+    return fmt::format("{}\n", path) +
+           header_report(file.header, format ? format->name : "unknown", file.payload.size()) +
+           "\n" + (format ? format->report(file, options) : unknown_report(file, options));
+}
