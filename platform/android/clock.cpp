@@ -3,7 +3,9 @@
 
 #include <errno.h>
 
-int platform_clock_gettime(clockid_t clock, timespec* now) { return clock_gettime(clock, now); }
+int platform_clock_gettime(clockid_t clock, timespec* now) {
+    return clock_gettime(clock, now);
+}
 
 int platform_poll(pollfd* fds, nfds_t count, int64_t timeout_ms) {
     if (timeout_ms < 0) return ppoll(fds, count, nullptr, nullptr);

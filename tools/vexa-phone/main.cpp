@@ -1,10 +1,10 @@
 // vexa-phone: makes the tree of a simulated phone, and runs commands in one.
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <CLI/CLI.hpp>
 #include <filesystem>
-#include <iostream>
 
 #include "host/clock_course.h"
 #include "phone/phone_tree.h"
@@ -59,46 +59,51 @@ int run(const run_arguments& arguments) {
     return run_in_phone(options, {beside / "vexastatsd"});
 }
 
+// Reads the words before the command and does what they say.
+int do_as_told(int argc, char** argv, run_arguments* arguments) {
+    CLI::App app{"A simulated phone on this machine"};
+    app.require_subcommand(1);
+    CLI::App* create =
+        app.add_subcommand("create", "Make the tree of a phone in a new or empty directory");
+    create->add_option("DIR", arguments->dir)->required();
+    CLI::App* run_it = app.add_subcommand("run", "Run a command in the phone in DIR");
+    run_it->footer("vexa-phone run DIR [OPTIONS] [-- COMMAND...]: without COMMAND, the daemon");
+    run_it->add_option("DIR", arguments->dir)->required();
+    run_it->add_flag("--host-proc", arguments->host_proc, "Show this machine's own /proc");
+    run_it->add_option("--property", arguments->properties, "Set a property before the start")
+        ->type_name("NAME=VALUE")
+        ->take_all()
+        ->check(check_property);
+    run_it->add_option("--clock", arguments->clock, "Give the phone another time")
+        ->type_name("SPEC")
+        ->check(check_clock);
+    run_it->add_option("--size", arguments->size, "Put /data/vendor on a file system of this size")
+        ->type_name("BYTES");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error);
+    }
+    if (run_it->parsed()) return run(*arguments);
+    phone_create(arguments->dir);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc > 3 && strcmp(argv[1], RUN_INSIDE) == 0) {
         return become_command(static_cast<int>(strtol(argv[2], nullptr, 10)), argv + 3);
     }
-
-    run_arguments arguments;
-    CLI::App app{"A simulated phone on this machine"};
-    app.require_subcommand(1);
-    CLI::App* create =
-        app.add_subcommand("create", "Make the tree of a phone in a new or empty directory");
-    create->add_option("DIR", arguments.dir)->required();
-    CLI::App* run_it =
-        app.add_subcommand("run", "Run COMMAND (default: the daemon) in the phone in DIR");
-    run_it->add_option("DIR", arguments.dir)->required();
-    run_it->add_flag("--host-proc", arguments.host_proc, "Show this machine's own /proc");
-    run_it->add_option("--property", arguments.properties, "Set a property before the start")
-        ->type_name("NAME=VALUE")
-        ->take_all()
-        ->check(check_property);
-    run_it->add_option("--clock", arguments.clock, "Give the phone another time")
-        ->type_name("SPEC")
-        ->check(check_clock);
-    run_it->add_option("--size", arguments.size, "Put /data/vendor on a file system of this size")
-        ->type_name("BYTES");
-
-    // The command's own options are none of ours.
-    int own = 1;
-    while (own < argc && strcmp(argv[own], "--") != 0) ++own;
-    if (own < argc) arguments.command.assign(argv + own + 1, argv + argc);
     try {
-        app.parse(own, argv);
-        if (run_it->parsed()) return run(arguments);
-        phone_create(arguments.dir);
-        return 0;
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error);
+        // The command's own options are none of ours.
+        run_arguments arguments;
+        int own = 1;
+        while (own < argc && strcmp(argv[own], "--") != 0) ++own;
+        if (own < argc) arguments.command.assign(argv + own + 1, argv + argc);
+        return do_as_told(own, argv, &arguments);
     } catch (const std::exception& error) {
-        std::cerr << "vexa-phone: " << error.what() << "\n";
+        fprintf(stderr, "vexa-phone: %s\n", error.what());
         return 1;
     }
 }
