@@ -11,6 +11,7 @@ constexpr size_t PROCESS_NETWORK_ROWS = 4;
 
 // What each item takes at least; a count is checked against the bytes left with these.
 constexpr size_t CPU_BYTES = 7 * 4 + 4;
+constexpr size_t SAMPLE_MIN_BYTES = CPU_BYTES + 20;
 constexpr size_t THERMAL_ZONE_MIN_BYTES = 1 + 4;
 constexpr size_t NETWORK_ENTRY_BYTES = 12;
 constexpr size_t PROCESS_MIN_BYTES = 1 + 2 + 1 + PROCESS_NETWORK_ROWS * NETWORK_ENTRY_BYTES;
@@ -110,7 +111,9 @@ std::vector<cpu_sample> decode_samples(std::span<const uint8_t> bytes) {
 // front of it. Numbers of digits bound both: 12 more of the time, 3 of the time-zone offset.
 constexpr size_t OVERWRITTEN_MAX_BYTES = 15;
 constexpr size_t LEFT_OVER_MAX_BYTES = 4;
-constexpr uint8_t GUESSED_CPUS_MAX = 32;
+
+// How far to look for the second sample: further than the largest first one reaches.
+constexpr size_t FIRST_SAMPLE_MAX_BYTES = size_t{256} << 10;
 
 bool try_decode(std::span<const uint8_t> bytes, std::vector<cpu_sample>* samples) try {
     *samples = decode_samples(bytes);
@@ -129,12 +132,32 @@ bool skip_left_over_line(std::span<const uint8_t> payload, cpu_record* record) {
     return false;
 }
 
-// What the overwritten bytes must have been, as far as it matters: the head of a sample for `cpus`.
-std::array<uint8_t, OVERWRITTEN_MAX_BYTES> sample_head(uint8_t cpus, bool with_timezone) {
-    std::array<uint8_t, OVERWRITTEN_MAX_BYTES> head{};
-    head[3] = with_timezone ? 0x80 : 0;
-    head[with_timezone ? 6 : 4] = cpus;
-    return head;
+// A quick test that most positions fail: whether a sample with a possible CPU count may begin here.
+bool may_begin_sample(std::span<const uint8_t> bytes) {
+    if (bytes.size() < SAMPLE_MIN_BYTES) return false;
+    byte_cursor cursor(bytes);
+    if (cursor.take<uint32_t>("uptime_100ms") & TIMEZONE_CHANGED)
+        cursor.take<int16_t>("timezone_min");
+    const auto cpus = cursor.take<uint32_t>("cpu_count");
+    return cpus > 0 && cpus <= cursor.left() / CPU_BYTES;
+}
+
+// Whether `rest` is a sample for `cpus` CPUs that lacks its first few bytes. They are put back as
+// far as they matter: the flag of the time zone, and the CPU count.
+bool is_rest_of_sample(std::span<const uint8_t> rest, size_t cpus) {
+    for (const bool with_timezone : {false, true}) {
+        std::vector<uint8_t> bytes(OVERWRITTEN_MAX_BYTES);
+        bytes[3] = with_timezone ? 0x80 : 0;
+        for (size_t i = 0; i < 4; i++)
+            bytes[(with_timezone ? 6 : 4) + i] = static_cast<uint8_t>(cpus >> 8 * i);
+        for (size_t lost = OVERWRITTEN_MAX_BYTES; lost > 0; lost--) {
+            bytes.resize(lost);
+            bytes.insert(bytes.end(), rest.begin(), rest.end());
+            std::vector<cpu_sample> samples;
+            if (try_decode(bytes, &samples) && samples.size() == 1) return true;
+        }
+    }
+    return false;
 }
 
 bool times_ascend(const std::vector<cpu_sample>& samples) {
@@ -143,35 +166,18 @@ bool times_ascend(const std::vector<cpu_sample>& samples) {
     });
 }
 
-// Puts a guessed head back in front. The guess is taken for true when everything then fits to the
-// last byte and whole samples follow in order of time. The restored sample serves to find the next
-// one and is then dropped.
-bool try_head(std::span<uint8_t> room_and_payload, size_t lost, uint8_t cpus, bool with_timezone,
-              cpu_record* record) {
-    const auto restored = room_and_payload.subspan(OVERWRITTEN_MAX_BYTES - lost);
-    const auto head = sample_head(cpus, with_timezone);
-    std::copy_n(head.begin(), lost, restored.begin());
-    std::vector<cpu_sample> samples;
-    if (!try_decode(restored, &samples) || samples.size() < 2) return false;
-    samples.erase(samples.begin());
-    if (!times_ascend(samples)) return false;
-
-    byte_cursor cursor(restored);
-    (void)decode_sample(cursor);
-    record->skipped_bytes = cursor.offset() - lost;
-    record->samples = std::move(samples);
-    return true;
-}
-
+// Looks for the second sample. It is found where everything fits from there to the last byte, in
+// order of time, and what stands in front is the rest of a sample.
 bool skip_overwritten_sample(std::span<const uint8_t> payload, cpu_record* record) {
-    std::vector<uint8_t> bytes(OVERWRITTEN_MAX_BYTES);
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    for (size_t lost = 1; lost <= OVERWRITTEN_MAX_BYTES; lost++) {
-        const uint8_t guesses =
-            lost <= 4 ? 1 : GUESSED_CPUS_MAX;  // else the CPU count is still there
-        for (uint8_t cpus = 1; cpus <= guesses; cpus++)
-            for (const bool with_timezone : {false, true})
-                if (try_head(bytes, lost, cpus, with_timezone, record)) return true;
+    for (size_t at = 1; at < std::min(payload.size(), FIRST_SAMPLE_MAX_BYTES); at++) {
+        std::vector<cpu_sample> samples;
+        if (!may_begin_sample(payload.subspan(at)) || !try_decode(payload.subspan(at), &samples) ||
+            !times_ascend(samples) ||
+            !is_rest_of_sample(payload.first(at), samples[0].times.size()))
+            continue;
+        record->skipped_bytes = at;
+        record->samples = std::move(samples);
+        return true;
     }
     return false;
 }
