@@ -87,17 +87,17 @@ TEST_F(ConfigTest, LocalFileIsAppliedOrRecreated) {
         row.interval = 60000;
         row.threshold = 300000;
         row.notify = row.no_supported_kernel = 0;
-        write_file(LOCAL, c.text);
+        write_text_file(LOCAL, c.text);
         EXPECT_EQ(vexastats_init_params(&row), 0);
         EXPECT_EQ(values(), c.values);
-        EXPECT_EQ(read_file(LOCAL), c.rewritten ? local_text(c.values) : c.text);
+        EXPECT_EQ(file_text(LOCAL), c.rewritten ? local_text(c.values) : c.text);
         EXPECT_EQ(log_text().find("invalid 2 config file. re-create.") != std::string::npos, c.rewritten);
     }
 }
 
 TEST_F(ConfigTest, MissingLocalFileIsWrittenFromTheDefaults) {
     EXPECT_EQ(vexastats_init_params(&row), 0);
-    EXPECT_EQ(read_file(LOCAL), local_text(DEFAULTS));
+    EXPECT_EQ(file_text(LOCAL), local_text(DEFAULTS));
     EXPECT_EQ(log_text(), "");
 }
 
@@ -118,26 +118,26 @@ TEST_F(ConfigTest, DownloadedValuesAreClampedAndRecordedBeforeTheFileGoes) {
     for (const clamp_case& c : cases) {
         SCOPED_TRACE(c.values);
         SetUp();
-        write_file(LOCAL, local_text(DEFAULTS));
-        write_file(DOWNLOADED, "# from the server\n\n" + std::string(c.values) + "\n");
+        write_text_file(LOCAL, local_text(DEFAULTS));
+        write_text_file(DOWNLOADED, "# from the server\n\n" + std::string(c.values) + "\n");
         EXPECT_EQ(vexastats_init_params(&row), 0);
         EXPECT_EQ(values(), c.applied);
-        EXPECT_EQ(read_file(LOCAL), local_text(c.applied));
+        EXPECT_EQ(file_text(LOCAL), local_text(c.applied));
         EXPECT_FALSE(fs::exists(DOWNLOADED));
     }
 }
 
 TEST_F(ConfigTest, RowWithoutBoundsTakesZero) {
     row.interval_max = row.interval_min = row.threshold_max = row.threshold_min = 0;
-    write_file(DOWNLOADED, "clientid=2;size=1;interval=70;threshold=-3;notify=0\n");
+    write_text_file(DOWNLOADED, "clientid=2;size=1;interval=70;threshold=-3;notify=0\n");
     EXPECT_EQ(vexastats_init_params(&row), 0);
     EXPECT_EQ(row.interval, 0);
     EXPECT_EQ(row.threshold, 0);
 }
 
 TEST_F(ConfigTest, ForeignDownloadIsRefusedAndStays) {
-    write_file(LOCAL, local_text(DEFAULTS));
-    write_file(DOWNLOADED, "clientid=1;size=1;interval=200;threshold=300000;notify=1\n");
+    write_text_file(LOCAL, local_text(DEFAULTS));
+    write_text_file(DOWNLOADED, "clientid=1;size=1;interval=200;threshold=300000;notify=1\n");
     for (int load = 0; load < 2; load++) {
         platform_test_clear_log();
         EXPECT_EQ(vexastats_init_params(&row), 0);
@@ -148,7 +148,7 @@ TEST_F(ConfigTest, ForeignDownloadIsRefusedAndStays) {
 }
 
 TEST_F(ConfigTest, DownloadStaysWhenTheLocalFileCannotBeWritten) {
-    write_file(DOWNLOADED, "clientid=2;size=1;interval=200;threshold=300000;notify=1\n");
+    write_text_file(DOWNLOADED, "clientid=2;size=1;interval=200;threshold=300000;notify=1\n");
     fs::remove_all(fs::path(LOCAL).parent_path());
     EXPECT_EQ(vexastats_init_params(&row), -EINVAL);
     EXPECT_THAT(log_text(), HasSubstr("failed to open test_collector cfg. err:2\nfailed to update cfg file.\n"));
@@ -160,7 +160,7 @@ TEST_F(ConfigTest, RowThatCannotWriteItsFileSaysSo) {
     row.cfg_update_handler = nullptr;
     EXPECT_EQ(vexastats_init_params(&row), -1);
     EXPECT_EQ(vexastats_init_params(nullptr), -EINVAL);
-    write_file(LOCAL, local_text(DEFAULTS));
+    write_text_file(LOCAL, local_text(DEFAULTS));
     EXPECT_EQ(vexastats_init_params(&row), 0);
 }
 
@@ -181,12 +181,12 @@ void seen_handler(FILE* stream, collector_info*) {
 TEST_F(ConfigTest, OwnHandlerSeesBothFilesAndTheDownloadIsConsumed) {
     g_seen.clear();
     row.cfg_read_handler = seen_handler;
-    write_file(LOCAL, "mine");
-    write_file(DOWNLOADED, "theirs");
+    write_text_file(LOCAL, "mine");
+    write_text_file(DOWNLOADED, "theirs");
     EXPECT_EQ(vexastats_init_params(&row), 0);
     EXPECT_EQ(g_seen, (std::vector<std::string>{"mine", "theirs"}));
     EXPECT_FALSE(fs::exists(DOWNLOADED));
-    EXPECT_EQ(read_file(LOCAL), local_text(DEFAULTS));
+    EXPECT_EQ(file_text(LOCAL), local_text(DEFAULTS));
 }
 
 }  // namespace

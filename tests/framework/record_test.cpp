@@ -77,14 +77,14 @@ TEST_F(RecordTest, HeaderHasEveryFieldBigEndianAndTheSecondSequenceNumber) {
     ASSERT_EQ(append("data"), 4u);
     drop();
 
-    const std::string upload = read_file(std::string(UP_DIR) + "/teststats.1700000000000");
+    const std::string upload = file_text(std::string(UP_DIR) + "/teststats.1700000000000");
     ASSERT_GT(upload.size(), 53u);
     const auto payload_len = static_cast<char>(upload.size() - 53);
     const std::string expected = bytes("00000007 00000035 00000007 01 00000003 0000018bcfe56800 000000") +
                                  payload_len + bytes("01 01 0000000000001388 ff2e 0102030405060708 00000001");
     EXPECT_EQ(hex(upload.substr(0, 53)), hex(expected));
     EXPECT_EQ(payload(upload), "data");
-    EXPECT_EQ(read_file(std::string(STATS_DIR) + "/teststats.seq"), "2\n");
+    EXPECT_EQ(file_text(std::string(STATS_DIR) + "/teststats.seq"), "2\n");
     EXPECT_FALSE(fs::exists(record_path()));
 }
 
@@ -94,7 +94,7 @@ TEST_F(RecordTest, SequenceNumbersOfConsecutiveFilesAreTwoApart) {
         platform_test_advance_ms(10);
         const uint64_t start_ms = row.hdr.realtime_ms;
         ASSERT_EQ(append("x", WRITE_DROP | WRITE_BEGIN_NEW), 1u);
-        const std::string upload = read_file(std::string(UP_DIR) + "/teststats." + std::to_string(start_ms));
+        const std::string upload = file_text(std::string(UP_DIR) + "/teststats." + std::to_string(start_ms));
         EXPECT_EQ(hex(upload.substr(49, 4)), hex(bytes("000000") + static_cast<char>(expected)));
     }
 }
@@ -102,7 +102,7 @@ TEST_F(RecordTest, SequenceNumbersOfConsecutiveFilesAreTwoApart) {
 TEST_F(RecordTest, RecordOfOnlyItsFirstLineGivesAnEmptyGzipStream) {
     ASSERT_TRUE(begin());
     EXPECT_EQ(drop(), 0u);
-    const std::string upload = read_file(std::string(UP_DIR) + "/teststats.1700000000000");
+    const std::string upload = file_text(std::string(UP_DIR) + "/teststats.1700000000000");
     EXPECT_EQ(payload(upload), "");
     EXPECT_EQ(handle.file, nullptr);
     EXPECT_EQ(append("later"), 0u) << "there is no record until the next begin";
@@ -112,16 +112,16 @@ TEST_F(RecordTest, TwoRecordsOfOneMillisecondGetDifferentNames) {
     ASSERT_TRUE(begin());
     ASSERT_EQ(append("first", WRITE_DROP | WRITE_BEGIN_NEW), 5u);
     ASSERT_EQ(append("second", WRITE_DROP), 6u);
-    EXPECT_EQ(payload(read_file(std::string(UP_DIR) + "/teststats.1700000000000")), "first");
-    EXPECT_EQ(payload(read_file(std::string(UP_DIR) + "/teststats.1700000000001")), "second");
+    EXPECT_EQ(payload(file_text(std::string(UP_DIR) + "/teststats.1700000000000")), "first");
+    EXPECT_EQ(payload(file_text(std::string(UP_DIR) + "/teststats.1700000000001")), "second");
 }
 
 TEST_F(RecordTest, NothingIsWrittenWithoutAStreamOrWithoutDataAndDrop) {
     EXPECT_EQ(append("data"), 0u);
     ASSERT_TRUE(begin());
-    const std::string before = read_file(record_path());
+    const std::string before = file_text(record_path());
     EXPECT_EQ(drop(0), 0u);
-    EXPECT_EQ(read_file(record_path()), before);
+    EXPECT_EQ(file_text(record_path()), before);
     EXPECT_EQ(before, "Version=3 Realtime=1700000000000 Uptime=5000 Timezone=0\n");
 }
 
@@ -154,13 +154,13 @@ TEST_F(RecordTest, OldRecordIsResumedHandedOverOrOverwritten) {
     for (const old_record_case& c : cases) {
         SCOPED_TRACE(c.name);
         SetUp();
-        write_file(record_path(), c.content);
+        write_text_file(record_path(), c.content);
         ASSERT_TRUE(begin(c.resume, c.discard));
-        EXPECT_EQ(read_file(record_path()), c.record);
+        EXPECT_EQ(file_text(record_path()), c.record);
         const std::string upload = std::string(UP_DIR) + "/teststats.1600000000000";
         ASSERT_EQ(fs::exists(upload), !c.uploaded.empty());
         if (!c.uploaded.empty()) {
-            EXPECT_EQ(payload(read_file(upload)), c.uploaded);
+            EXPECT_EQ(payload(file_text(upload)), c.uploaded);
         }
         EXPECT_EQ(row.hdr.uptime_ms, c.record == NEW_LINE ? 5000u : 77u);
     }
@@ -177,7 +177,7 @@ TEST_F(RecordTest, LateClockRewritesTheFirstLineOverTheFirstDataBytes) {
 
     EXPECT_EQ(row.hdr.realtime_ms, START_MS - 60000);
     // "86400000" became "1699999940000": five characters more, over the first five bytes.
-    EXPECT_EQ(read_file(record_path()),
+    EXPECT_EQ(file_text(record_path()),
               "Version=3 Realtime=1699999940000 Uptime=5000 Timezone=0\n56789abc");
 }
 
@@ -188,7 +188,7 @@ TEST_F(RecordTest, FailedRenameLeavesNothingHalfMadeAndNoRecord) {
     EXPECT_EQ(handle.file, nullptr);
     EXPECT_THAT(log_text(), HasSubstr("failed to move file. err:2\n"));
     EXPECT_THAT(log_text(), HasSubstr("to drbox\n"));
-    EXPECT_EQ(names_in(STATS_DIR), std::vector<std::string>{"teststats.seq"});
+    EXPECT_EQ(list_dir(STATS_DIR), std::vector<std::string>{"teststats.seq"});
     fs::create_directories(UP_DIR);
     EXPECT_TRUE(begin()) << "the collector goes on at its next pass";
 }
@@ -196,10 +196,10 @@ TEST_F(RecordTest, FailedRenameLeavesNothingHalfMadeAndNoRecord) {
 TEST_F(RecordTest, RecordNameWithoutADotFailsBeforeAnyHeader) {
     ASSERT_TRUE(begin());
     strcpy(row.rec_fname, "/data/vendor/vexastats/7/nodot");
-    write_file(row.rec_fname, OLD_LINE + "x");
+    write_text_file(row.rec_fname, OLD_LINE + "x");
     EXPECT_EQ(move_to_dropbox(&row, &handle, false), -EINVAL);
     EXPECT_THAT(log_text(), HasSubstr("invalid rec_fname /data/vendor/vexastats/7/nodot\n"));
-    EXPECT_EQ(names_in(STATS_DIR), (std::vector<std::string>{"nodot", "teststats.tmp"}));
+    EXPECT_EQ(list_dir(STATS_DIR), (std::vector<std::string>{"nodot", "teststats.tmp"}));
 }
 
 TEST_F(RecordTest, HeaderOfANamelessRecordHasNoSequenceNumber) {
@@ -218,7 +218,7 @@ TEST_F(RecordTest, RecordSizeCountsBehindTheFirstLine) {
     EXPECT_EQ(vexastats_record_size(&row), 0u);
     append("12345");
     EXPECT_EQ(vexastats_record_size(&row), 5u);
-    write_file(record_path(), "");
+    write_text_file(record_path(), "");
     EXPECT_EQ(vexastats_record_size(&row), 0u);
     EXPECT_THAT(log_text(), HasSubstr("vexastats_record_size: invalid size of "));
 }
@@ -232,7 +232,7 @@ class LeftOverTest : public RecordTest {
         EXPECT_TRUE(begin());
         append("finished data");
         drop();
-        std::string upload = read_file(std::string(UP_DIR) + "/teststats.1700000000000");
+        std::string upload = file_text(std::string(UP_DIR) + "/teststats.1700000000000");
         fs::remove(std::string(UP_DIR) + "/teststats.1700000000000");
         platform_test_advance_ms(60000);
         return upload;
@@ -242,19 +242,19 @@ class LeftOverTest : public RecordTest {
 
 TEST_F(LeftOverTest, WholeFileIsDeliveredAndItsRecordNotASecondTime) {
     const std::string upload = make_finished();
-    write_file(left_over(), upload);
-    write_file(record_path(), NEW_LINE + "finished data");
+    write_text_file(left_over(), upload);
+    write_text_file(record_path(), NEW_LINE + "finished data");
     ASSERT_TRUE(begin());
-    EXPECT_EQ(names_in(UP_DIR), std::vector<std::string>{"teststats.1700000000000"});
-    EXPECT_EQ(read_file(std::string(UP_DIR) + "/teststats.1700000000000"), upload);
+    EXPECT_EQ(list_dir(UP_DIR), std::vector<std::string>{"teststats.1700000000000"});
+    EXPECT_EQ(file_text(std::string(UP_DIR) + "/teststats.1700000000000"), upload);
     EXPECT_FALSE(fs::exists(left_over()));
 }
 
 TEST_F(LeftOverTest, OtherRecordBesideAWholeFileIsDeliveredToo) {
-    write_file(left_over(), make_finished());
-    write_file(record_path(), OLD_LINE + "other");
+    write_text_file(left_over(), make_finished());
+    write_text_file(record_path(), OLD_LINE + "other");
     ASSERT_TRUE(begin());
-    EXPECT_EQ(names_in(UP_DIR),
+    EXPECT_EQ(list_dir(UP_DIR),
               (std::vector<std::string>{"teststats.1600000000000", "teststats.1700000000000"}));
 }
 
@@ -264,12 +264,12 @@ TEST_F(LeftOverTest, FileCutAnywhereIsRemovedAndItsRecordDelivered) {
         SCOPED_TRACE(len);
         fs::remove_all(UP_DIR);
         fs::create_directories(UP_DIR);
-        write_file(left_over(), upload.substr(0, len));
-        write_file(record_path(), NEW_LINE + "finished data");
+        write_text_file(left_over(), upload.substr(0, len));
+        write_text_file(record_path(), NEW_LINE + "finished data");
         ASSERT_TRUE(begin());
         ASSERT_FALSE(fs::exists(left_over()));
-        ASSERT_EQ(names_in(UP_DIR).size(), 1u);
-        ASSERT_EQ(payload(read_file(std::string(UP_DIR) + "/" + names_in(UP_DIR)[0])), "finished data");
+        ASSERT_EQ(list_dir(UP_DIR).size(), 1u);
+        ASSERT_EQ(payload(file_text(std::string(UP_DIR) + "/" + list_dir(UP_DIR)[0])), "finished data");
     }
 }
 
@@ -279,10 +279,10 @@ TEST_F(LeftOverTest, ForeignLongerOrDamagedFileIsRemoved) {
     foreign[11] = 8;
     damaged[65] ^= 1;
     for (const std::string& bad : {foreign, damaged, upload + "x"}) {
-        write_file(left_over(), bad);
+        write_text_file(left_over(), bad);
         ASSERT_TRUE(begin());
         EXPECT_FALSE(fs::exists(left_over()));
-        EXPECT_TRUE(names_in(UP_DIR).empty());
+        EXPECT_TRUE(list_dir(UP_DIR).empty());
     }
 }
 
@@ -371,8 +371,8 @@ TEST_F(RecordTest, RecordIsFullAtTheVeryByteOfTheLiteralRule) {
                 ASSERT_EQ(append(data, 0, &rolled_over), data.size());
                 ASSERT_EQ(rolled_over, !expected.empty()) << "append " << i;
                 if (!rolled_over) continue;
-                const std::string path = std::string(UP_DIR) + "/" + names_in(UP_DIR)[0];
-                ASSERT_EQ(read_file(path).substr(53), expected);
+                const std::string path = std::string(UP_DIR) + "/" + list_dir(UP_DIR)[0];
+                ASSERT_EQ(file_text(path).substr(53), expected);
                 fs::remove(path);
             }
         }

@@ -4,7 +4,8 @@
 #include <string>
 #include <string_view>
 
-// The gzip stream of `data` as the upload format fixes it: level default, 32 KB window, memory level 8.
+// The gzip stream of `data` as the upload format fixes it: level default, 32 KB window, memory
+// level 8.
 std::string gzip(std::string_view data);
 
 // The content of a whole gzip stream; throws std::runtime_error when it is damaged or not alone.

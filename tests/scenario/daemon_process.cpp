@@ -1,0 +1,117 @@
+#include "scenario/daemon_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+#include "support/files.h"
+
+namespace fs = std::filesystem;
+using steady = std::chrono::steady_clock;
+
+namespace {
+
+constexpr char CLOCK_FILE[] = "/dev/clock";
+
+void remove_content(const fs::path& dir) {
+    for (const fs::directory_entry& entry : fs::directory_iterator(dir)) fs::remove_all(entry.path());
+}
+
+std::string daemon_path() { return fs::read_symlink("/proc/self/exe").parent_path() / "vexastatsd"; }
+
+}  // namespace
+
+void phone_reset() {
+    remove_content("/data");
+    fs::create_directories(UP_DIR);
+    fs::create_directories(DOWN_DIR);
+    remove_content("/dev/log");
+    remove_content("/dev/properties");
+    write_text_file("/dev/properties/ro.build.type", "user");
+    fs::remove(CLOCK_FILE);
+}
+
+void phone_set_clock(const std::string& spec) {
+    const std::string beside = std::string(CLOCK_FILE) + ".new";
+    write_text_file(beside, spec + "\n");
+    fs::rename(beside, CLOCK_FILE);
+}
+
+std::string phone_log() {
+    std::string text;
+    if (!fs::exists("/dev/log/main")) return text;
+    const std::string log = file_text("/dev/log/main");
+    for (size_t at = 0; at + 28 <= log.size();) {
+        uint16_t payload_len = 0;
+        memcpy(&payload_len, log.data() + at, sizeof payload_len);
+        if (at + 28 + payload_len > log.size()) break;
+        const std::string payload = log.substr(at + 28, payload_len);
+        const std::string message = payload.substr(payload.find('\0') + 1).c_str();
+        text += message;
+        if (message.empty() || message.back() != '\n') text += '\n';
+        at += 28 + payload_len;
+    }
+    return text;
+}
+
+void opt_in(int client_id) { fs::create_directory(fs::path(UP_DIR) / std::to_string(client_id)); }
+
+void opt_out(int client_id) { fs::remove_all(fs::path(UP_DIR) / std::to_string(client_id)); }
+
+void deliver(int client_id, const std::string& name, const std::string& text) {
+    const fs::path dir = fs::path(DOWN_DIR) / std::to_string(client_id);
+    fs::create_directories(dir);
+    write_text_file(dir / ".arriving", text);
+    fs::rename(dir / ".arriving", dir / name);
+}
+
+bool eventually_impl(bool (*condition)(void*), void* arg, milliseconds limit) {
+    const steady::time_point deadline = steady::now() + limit;
+    for (;;) {
+        if (condition(arg)) return true;
+        if (steady::now() >= deadline) return false;
+        usleep(2000);
+    }
+}
+
+daemon_process::daemon_process(const std::map<std::string, std::string>& environment) {
+    const std::string path = daemon_path();
+    pid_ = fork();
+    if (pid_ < 0) throw std::runtime_error("fork failed");
+    if (pid_ == 0) {
+        for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDOUT_FILENO);
+        execl(path.c_str(), path.c_str(), nullptr);
+        _exit(127);
+    }
+    pid_fd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+}
+
+daemon_process::~daemon_process() {
+    if (pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    close(pid_fd_);
+}
+
+std::optional<int> daemon_process::wait(milliseconds limit) {
+    pollfd ended{.fd = pid_fd_, .events = POLLIN, .revents = 0};
+    if (poll(&ended, 1, static_cast<int>(limit.count())) != 1) return {};
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return status;
+}
+
+bool daemon_process::stop(milliseconds limit) {
+    signal(SIGTERM);
+    return wait(limit) == 0;
+}

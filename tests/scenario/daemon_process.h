@@ -1,0 +1,67 @@
+// The real daemon as a child process of a test, in the phone that the test binary has entered: what
+// its owner, the upload agent and the server see of it.
+#pragma once
+
+#include <signal.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+inline constexpr char UP_DIR[] = "/data/vendor/vexa/up";
+inline constexpr char DOWN_DIR[] = "/data/vendor/vexa/down";
+inline constexpr char STATS_DIR[] = "/data/vendor/vexastats";
+
+using std::chrono::milliseconds;
+
+// Empties the phone: data, log, properties and clock as they are before a first start.
+void phone_reset();
+
+// Sets the simulated clock, for example "real=1970-01-01T00:00:10Z speed=20".
+void phone_set_clock(const std::string& spec);
+
+// The text of every entry in the main log, oldest first, one a line.
+std::string phone_log();
+
+// Makes or removes the directories that stand for the owner's consent and for the download agent.
+void opt_in(int client_id);
+void opt_out(int client_id);
+
+// Delivers a file as the download agent does: whole, by rename.
+void deliver(int client_id, const std::string& name, const std::string& text);
+
+// Waits until `condition` holds, looking every few milliseconds. Returns false after the limit.
+template <class Condition>
+bool eventually(Condition condition, milliseconds limit = milliseconds(10000));
+
+class daemon_process {
+  public:
+    explicit daemon_process(const std::map<std::string, std::string>& environment = {});
+    ~daemon_process();  // kills what still runs
+    daemon_process(const daemon_process&) = delete;
+    daemon_process& operator=(const daemon_process&) = delete;
+
+    pid_t pid() const { return pid_; }
+    void signal(int signo) const { kill(pid_, signo); }
+
+    // Waits for the end. Returns the wait status, or nothing when the limit passes.
+    std::optional<int> wait(milliseconds limit);
+
+    // SIGTERM, and whether the daemon then ended in order: exit code 0, within the limit.
+    bool stop(milliseconds limit = milliseconds(3000));
+
+  private:
+    pid_t pid_ = -1;
+    int pid_fd_ = -1;
+};
+
+bool eventually_impl(bool (*condition)(void*), void* arg, milliseconds limit);
+
+template <class Condition>
+bool eventually(Condition condition, milliseconds limit) {
+    return eventually_impl([](void* arg) { return (*static_cast<Condition*>(arg))(); }, &condition,
+                           limit);
+}

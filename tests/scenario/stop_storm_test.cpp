@@ -1,0 +1,118 @@
+// Starts the daemon over and over and stops it at a random moment of its life, while directories come
+// and go and the windows between a flag and the wait behind it are widened.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <random>
+#include <thread>
+
+#include "scenario/daemon_process.h"
+#include "support/files.h"
+
+namespace fs = std::filesystem;
+using steady = std::chrono::steady_clock;
+
+namespace {
+
+int rounds(int by_default) {
+    const char* text = getenv("VEXA_STORM_ROUNDS");
+    return text ? atoi(text) : by_default;
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int STORM_ROUNDS = 100;  // the instrumented daemon needs its time to start
+#else
+constexpr int STORM_ROUNDS = 1000;
+#endif
+
+// Makes and removes, by name and by rename, what the daemon waits for, until told to end.
+void churn_directories(unsigned seed, const std::atomic<bool>& end) {
+    std::mt19937 rnd(seed);
+    const char* dirs[] = {"/data/vendor/vexa",      "/data/vendor/vexa/up",   "/data/vendor/vexa/up/2",
+                          "/data/vendor/vexa/down", "/data/vendor/vexa/down/2"};
+    std::error_code ignored;
+    while (!end) {
+        const fs::path dir = dirs[rnd() % std::size(dirs)];
+        const fs::path aside = "/data/vendor/aside" + std::to_string(rnd() % 3);
+        switch (rnd() % 4) {
+            case 0:
+                fs::remove_all(aside, ignored);
+                fs::rename(dir, aside, ignored);
+                break;
+            case 1:
+                fs::rename(aside, dir, ignored);
+                break;
+            default:
+                fs::create_directories(dir, ignored);
+        }
+        usleep(rnd() % 500);
+    }
+}
+
+struct tally {
+    std::vector<double> stop_ms;
+    int before_main = 0;  // the signal was faster than the daemon's first line
+};
+
+void print_distribution(const tally& result) {
+    std::vector<double> ms = result.stop_ms;
+    ASSERT_FALSE(ms.empty());
+    std::sort(ms.begin(), ms.end());
+    const auto at = [&](double part) { return ms[static_cast<size_t>(part * static_cast<double>(ms.size() - 1))]; };
+    printf("%zu stops in order, %d before the first line; ms from signal to exit: "
+           "min %.2f, median %.2f, 90 %% %.2f, 99 %% %.2f, max %.2f\n",
+           ms.size(), result.before_main, ms.front(), at(0.5), at(0.9), at(0.99), ms.back());
+}
+
+void one_round(std::mt19937& rnd, tally* result) {
+    phone_reset();
+    if (rnd() % 4) opt_in(2);
+    if (rnd() % 2) fs::create_directories(std::string(DOWN_DIR) + "/2");
+    if (rnd() % 8 == 0) fs::remove_all("/data/vendor/vexa");
+    if (rnd() % 8 == 0) phone_set_clock("real=1970-01-01T00:00:10Z");
+    const bool churning = rnd() % 2;
+
+    std::atomic<bool> end{false};
+    std::thread churn;
+    if (churning) churn = std::thread(churn_directories, rnd(), std::cref(end));
+    daemon_process daemon({{"VEXA_TEST_WINDOW_US", std::to_string(rnd() % 3 * 200)}});
+    usleep(rnd() % 2 ? rnd() % 4000 : rnd() % 40000);
+
+    constexpr int SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
+    const int signo = SIGNALS[rnd() % 3];
+    const auto begin = steady::now();
+    daemon.signal(signo);
+    if (rnd() % 3 == 0) daemon.signal(SIGNALS[rnd() % 3]);
+    const std::optional<int> status = daemon.wait(milliseconds(3000));
+    const std::chrono::duration<double, std::milli> taken = steady::now() - begin;
+    end = true;
+    if (churn.joinable()) churn.join();
+
+    const std::string log = phone_log();
+    ASSERT_TRUE(status) << "still there after 3 s:\n" << log;
+    if (WIFSIGNALED(*status) && log.empty()) {
+        result->before_main++;
+        return;
+    }
+    ASSERT_EQ(*status, 0) << log;
+    ASSERT_TRUE(log.ends_with("property_set vendor.orb.vexa.enabled 0\nvexastatsd stopped\n")) << log;
+    ASSERT_EQ(file_text("/dev/properties/vendor.orb.vexa.enabled"), "0");
+    result->stop_ms.push_back(taken.count());
+}
+
+TEST(StopStorm, EveryStopEndsInOrder) {
+    std::mt19937 rnd(20161231);
+    tally result;
+    for (int i = 0; i < rounds(STORM_ROUNDS); i++) {
+        SCOPED_TRACE(testing::Message() << "round " << i);
+        one_round(rnd, &result);
+        if (HasFatalFailure()) return;
+    }
+    print_distribution(result);
+}
+
+}  // namespace
