@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -31,7 +30,9 @@ class table_reporter : public benchmark::BenchmarkReporter {
 
     bool failed() const { return failed_; }
 
-    void print() const {
+    void print() {
+        std::sort(workloads_.begin(), workloads_.end(),
+                  [](const workload& a, const workload& b) { return a.name < b.name; });
         fmt::print("| workload | ours | floor | ratio |\n|---|---:|---:|---:|\n");
         for (const auto& [name, ours_us, floor_us] : workloads_)
             fmt::print("| {} | {:.1f} µs | {:.1f} µs | {:.2f} |\n", name, ours_us, floor_us,
@@ -56,7 +57,7 @@ class table_reporter : public benchmark::BenchmarkReporter {
         return workloads_.back();
     }
 
-    std::vector<workload> workloads_;  // in the order in which they ran
+    std::vector<workload> workloads_;
     bool failed_ = false;
 };
 
