@@ -35,28 +35,30 @@ bool handle_events(optout_context* context, const watch_buffer& events) {
     return root_gone;
 }
 
-// Synchronises and then watches the dropbox root until it goes away or the monitor has to end.
-watch_end watch_dropbox_root(optout_context* context) {
+// Synchronises and then watches the dropbox root, with a fresh descriptor in *notifier, until it goes
+// away or the monitor has to end.
+watch_end watch_dropbox_root(optout_context* context, unique_fd* notifier) {
     optout_handle(context, 0);
 
-    const unique_fd fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (!fd) {
+    notifier->reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    const int fd = notifier->get();
+    if (fd < 0) {
         ALOGE("failed inotify_init. err:%d\n", errno);
         return watch_end::STOPPED;
     }
     const int watch =
-        inotify_add_watch(fd.get(), DROPBOX_ROOT, CHILD_CHANGED | WATCH_DIR_GONE | IN_ONLYDIR);
+        inotify_add_watch(fd, DROPBOX_ROOT, CHILD_CHANGED | WATCH_DIR_GONE | IN_ONLYDIR);
     if (watch < 0 && (errno == ENOENT || errno == ENOTDIR)) return watch_end::ROOT_GONE;
     if (watch < 0) {
         ALOGE("failed inotify_add_watch. err:%d\n", errno);
         return watch_end::STOPPED;
     }
-    watch_ancestors(fd.get(), DROPBOX_ROOT);
+    watch_ancestors(fd, DROPBOX_ROOT);
     optout_handle(context, 0);  // what came or went before the watch stood
 
     while (!stop_flag_is_raised(context->stop)) {
         watch_buffer events;
-        if (!watch_read(fd.get(), &events, context->stop)) {
+        if (!watch_read(fd, &events, context->stop)) {
             ALOGE("%s: failed to read event. err:%d\n", "optout_monitor", errno);
             return watch_end::STOPPED;
         }
@@ -95,9 +97,11 @@ void terminate_row(collector_info* row, bool missing) REQUIRES(row->mutex) {
 }  // namespace
 
 int optout_monitor(optout_context* context) {
+    // Closed last: the kernel takes its time over it (5 to 15 ms), in which the collectors end too.
+    unique_fd notifier;
     do {
         vexastats_wait_dir_ready(DROPBOX_ROOT, &context->stop);
-    } while (watch_dropbox_root(context) == watch_end::ROOT_GONE &&
+    } while (watch_dropbox_root(context, &notifier) == watch_end::ROOT_GONE &&
              !stop_flag_is_raised(context->stop));
 
     stop_flag_raise(&context->stop);

@@ -94,7 +94,7 @@ TEST_F(ClockTest, JumpsOfTenYearsNeitherSpinNorStopTheSamples) {
 
 TEST_F(ClockTest, SummerTimeChangesShowInHeadersAndSamples) {
     phone_set_clock("real=2023-03-26T00:59:50Z speed=20");
-    daemon_process daemon({{"TZ", "Europe/Berlin"}});
+    daemon_process daemon({"TZ=Europe/Berlin"});
     const auto in_zone = [](int16_t minutes) {
         return [=](const taken_upload& upload) { return upload.file.header.timezone_min == minutes; };
     };

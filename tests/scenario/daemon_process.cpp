@@ -1,14 +1,10 @@
 #include "scenario/daemon_process.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
-#include <stdexcept>
 
 #include "support/files.h"
 
@@ -22,8 +18,6 @@ constexpr char CLOCK_FILE[] = "/dev/clock";
 void remove_content(const fs::path& dir) {
     for (const fs::directory_entry& entry : fs::directory_iterator(dir)) fs::remove_all(entry.path());
 }
-
-std::string daemon_path() { return fs::read_symlink("/proc/self/exe").parent_path() / "vexastatsd"; }
 
 }  // namespace
 
@@ -80,36 +74,8 @@ bool eventually_impl(bool (*condition)(void*), void* arg, milliseconds limit) {
     }
 }
 
-daemon_process::daemon_process(const std::map<std::string, std::string>& environment) {
-    const std::string path = daemon_path();
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("fork failed");
-    if (pid_ == 0) {
-        for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
-        const int null = open("/dev/null", O_WRONLY);
-        dup2(null, STDOUT_FILENO);
-        execl(path.c_str(), path.c_str(), nullptr);
-        _exit(127);
-    }
-    pid_fd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-}
-
-daemon_process::~daemon_process() {
-    if (pid_ > 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    close(pid_fd_);
-}
-
-std::optional<int> daemon_process::wait(milliseconds limit) {
-    pollfd ended{.fd = pid_fd_, .events = POLLIN, .revents = 0};
-    if (poll(&ended, 1, static_cast<int>(limit.count())) != 1) return {};
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return status;
-}
+daemon_process::daemon_process(const std::vector<std::string>& environment)
+    : child_process({program("vexastatsd")}, "/dev/null", environment) {}
 
 bool daemon_process::stop(milliseconds limit) {
     signal(SIGTERM);

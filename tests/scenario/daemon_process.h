@@ -2,14 +2,11 @@
 // its owner, the upload agent and the server see of it.
 #pragma once
 
-#include <signal.h>
-#include <sys/types.h>
-
 #include <chrono>
-#include <map>
-#include <optional>
 #include <string>
 #include <vector>
+
+#include "support/process.h"
 
 inline constexpr char UP_DIR[] = "/data/vendor/vexa/up";
 inline constexpr char DOWN_DIR[] = "/data/vendor/vexa/down";
@@ -37,25 +34,12 @@ void deliver(int client_id, const std::string& name, const std::string& text);
 template <class Condition>
 bool eventually(Condition condition, milliseconds limit = milliseconds(10000));
 
-class daemon_process {
+class daemon_process : public child_process {
   public:
-    explicit daemon_process(const std::map<std::string, std::string>& environment = {});
-    ~daemon_process();  // kills what still runs
-    daemon_process(const daemon_process&) = delete;
-    daemon_process& operator=(const daemon_process&) = delete;
-
-    pid_t pid() const { return pid_; }
-    void signal(int signo) const { kill(pid_, signo); }
-
-    // Waits for the end. Returns the wait status, or nothing when the limit passes.
-    std::optional<int> wait(milliseconds limit);
+    explicit daemon_process(const std::vector<std::string>& environment = {});
 
     // SIGTERM, and whether the daemon then ended in order: exit code 0, within the limit.
     bool stop(milliseconds limit = milliseconds(3000));
-
-  private:
-    pid_t pid_ = -1;
-    int pid_fd_ = -1;
 };
 
 bool eventually_impl(bool (*condition)(void*), void* arg, milliseconds limit);

@@ -1,7 +1,6 @@
 // Starts the daemon over and over and stops it at a random moment of its life, while directories come
 // and go and the windows between a flag and the wait behind it are widened.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -79,7 +78,7 @@ void one_round(std::mt19937& rnd, tally* result) {
     std::atomic<bool> end{false};
     std::thread churn;
     if (churning) churn = std::thread(churn_directories, rnd(), std::cref(end));
-    daemon_process daemon({{"VEXA_TEST_WINDOW_US", std::to_string(rnd() % 3 * 200)}});
+    daemon_process daemon({"VEXA_TEST_WINDOW_US=" + std::to_string(rnd() % 3 * 200)});
     usleep(rnd() % 2 ? rnd() % 4000 : rnd() % 40000);
 
     constexpr int SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
@@ -94,7 +93,7 @@ void one_round(std::mt19937& rnd, tally* result) {
 
     const std::string log = phone_log();
     ASSERT_TRUE(status) << "still there after 3 s:\n" << log;
-    if (WIFSIGNALED(*status) && log.empty()) {
+    if (*status > 128 && log.empty()) {
         result->before_main++;
         return;
     }

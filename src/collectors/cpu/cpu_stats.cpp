@@ -1,0 +1,187 @@
+#define LOG_TAG "vexastatsd"
+
+#include "collectors/cpu/cpu_stats.h"
+
+#include <errno.h>
+
+#include <algorithm>
+
+#include "collectors/cpu/cpu_sample.h"
+#include "collectors/cpu/readproc.h"
+#include "collectors/cpu/vexapslist.h"
+#include "framework/clock.h"
+#include "framework/wait.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr int64_t SCAN_PERIOD_MS = 10000;
+
+// ---- The parts of a sample
+
+void read_thermal(cpu_stats* stats) {
+    if (get_thermal_stats(&stats->thermal) != 0) {
+        ALOGE("%s: failed to get thermal info\n", "prepare_cpu_stats");
+    }
+}
+
+int read_times(cpu_stats* stats, cpu_sample* sample) {
+    if (!stats->times.assign_zeroed(static_cast<size_t>(stats->cpu_count))) {
+        ALOGE("failed to alloc cpustat\n");
+        return -EINVAL;
+    }
+    if (read_cpu_times(stats->times.data(), stats->cpu_count) != 0) {
+        ALOGE("failed to read cpu usage\n");
+        return -EINVAL;
+    }
+    sample->times = stats->times.data();
+    return 0;
+}
+
+int read_frequencies(cpu_stats* stats, const collector_info& row, cpu_sample* sample) {
+    for (int32_t cpu = 0; cpu < stats->cpu_count; ++cpu) {
+        int32_t& frequency_kHz = stats->frequencies_kHz[static_cast<size_t>(cpu)];
+        if (read_cpu_frequency(cpu, &frequency_kHz) != 0) return -EINVAL;
+        if (cpu != 0) continue;
+        stats->low_frequency_count =
+            frequency_kHz > row.threshold ? 0 : stats->low_frequency_count + 1;
+    }
+    sample->frequencies_kHz = stats->frequencies_kHz.data();
+    return 0;
+}
+
+void read_power(cpu_stats* stats, cpu_sample* sample) {
+    const power_values power = read_power_values("prepare_cpu_stats");
+    sample->charge_counter_uAh = power.charge_counter_uAh;
+    sample->power_word = pack_power_word(power);
+    power_trigger_update(&stats->power, vexastats_mono_time_ms(), power.charge_counter_uAh);
+}
+
+void read_network(cpu_stats* stats) {
+    if (get_network_stats(&stats->traffic, &stats->network) != 0) {
+        ALOGE("%s: failed to get network stats\n", "prepare_cpu_stats");
+    }
+}
+
+// A sample carries either the network entries or the process block, in which the entries of each
+// process's UID stand. Makes room for what it is; *process_len is the length of the block.
+int make_room(cpu_stats* stats, size_t base_len, cpu_sample* sample, uint64_t* process_len) {
+    if (!stats->power.snapshot) {
+        sample->network = stats->network.nodes.data();
+        sample->network_count = static_cast<uint16_t>(stats->network.nodes.size());
+        if (!stats->bytes.assign_zeroed(base_len + sample->network_count * NETWORK_ROW_LEN)) {
+            ALOGE("%s: failed to realloc for netstat\n", "prepare_cpu_stats");
+            return -ENOMEM;
+        }
+        return 0;
+    }
+    if (vexaps_store_ps_info(nullptr, &stats->network, &sample->process_count, process_len,
+                             UINT64_MAX) != 0 ||
+        *process_len == 0) {
+        ALOGE("%s: failed to get size of ps stat\n", "prepare_cpu_stats");
+        sample->process_count = 0;
+        *process_len = 0;
+    }
+    if (!stats->bytes.assign_zeroed(base_len + *process_len)) {
+        ALOGE("%s: failed to realloc\n", "prepare_cpu_stats");
+        return -ENOMEM;
+    }
+    return 0;
+}
+
+int compose(cpu_stats* stats, const cpu_sample& sample, uint64_t process_len) {
+    uint8_t* processes = cpu_sample_put(stats->bytes.data(), sample);
+    if (sample.process_count == 0) return 0;
+    uint16_t count = 0;
+    uint64_t written = 0;
+    const int result =
+        vexaps_store_ps_info(processes, &stats->network, &count, &written, process_len);
+    if (result != 0) ALOGE("%s: failed to get ps stat\n", "prepare_cpu_stats");
+    return result;
+}
+
+int write_sample(cpu_stats* stats, collector_info* row, record_handle* record) {
+    write_req req{.row = row,
+                  .handle = record,
+                  .data = stats->bytes.data(),
+                  .len = stats->bytes.size(),
+                  .flags = WRITE_BEGIN_NEW};
+    const size_t count = vexastats_write_file(&req);
+    stats->storage_failed = count != req.len;
+    if (!stats->storage_failed) return 0;
+    ALOGE("%s: failed to write file. cnt:%zu\n", "prepare_cpu_stats", count);
+    return -EINVAL;
+}
+
+// ---- The loop
+
+// Scans the processes when the last scan is long enough ago.
+void scan_processes(const cpu_stats& stats, DIR* proc_dir, uint64_t now_ms, uint64_t* scan_ms) {
+    if (!proc_dir || !stats.tracks_processes || now_ms - *scan_ms <= SCAN_PERIOD_MS) return;
+    rewinddir(proc_dir);
+    vexa_inc_proc_tbl_tick();
+    vexa_ps_readproc(proc_dir, PROC_CLASSES_REPORTED);
+    *scan_ms = now_ms;
+}
+
+void sleep_between_looks(const cpu_stats& stats, const collector_info& row) {
+    const int64_t longest_ms = stats.tracks_processes ? SCAN_PERIOD_MS : INT64_MAX;
+    vexastats_sleep_ms(std::min<int64_t>(row.interval, longest_ms), row.stop);
+}
+
+}  // namespace
+
+int prepare_cpu_stats(cpu_stats* stats, collector_info* row, record_handle* record) {
+    stats->storage_failed = !record->file;
+    if (stats->storage_failed) return -EINVAL;
+
+    const timezone_state zone = sampling_timezone(&stats->timezone, *row);
+    read_thermal(stats);
+    const size_t base_len = cpu_sample_base_len(zone.changed, stats->cpu_count, stats->thermal);
+    if (!stats->bytes.reserve(base_len) ||
+        !stats->frequencies_kHz.assign_zeroed(static_cast<size_t>(stats->cpu_count))) {
+        ALOGE("failed to alloc\n");
+        return -ENOMEM;
+    }
+    cpu_sample sample{.time_stamp = sampling_time_stamp(zone.changed),
+                      .timezone_min = zone.offset_min,
+                      .cpu_count = stats->cpu_count,
+                      .thermal = &stats->thermal};
+    if (zone.changed) {
+        ALOGD("%s: timezone changed %d\n", "prepare_cpu_stats", zone.offset_min);
+    }
+
+    int result = read_times(stats, &sample);
+    if (result == 0) result = read_frequencies(stats, *row, &sample);
+    if (result != 0) return result;
+    read_power(stats, &sample);
+    read_network(stats);
+
+    uint64_t process_len = 0;
+    result = make_room(stats, base_len, &sample, &process_len);
+    if (result == 0) result = compose(stats, sample, process_len);
+    if (result == 0) result = write_sample(stats, row, record);
+    return result;
+}
+
+int poll_cpu_stats(cpu_stats* stats, collector_info* row, record_handle* record, DIR* proc_dir) {
+    uint64_t sample_ms = 0;
+    uint64_t scan_ms = 0;
+    stats->low_frequency_count = 0;
+    stats->storage_failed = false;
+    for (;;) {
+        if (!row->enabled || stop_flag_is_raised(row->stop)) return 0;
+        const uint64_t now_ms = vexastats_mono_time_ms();
+        scan_processes(*stats, proc_dir, now_ms, &scan_ms);
+        if (now_ms - sample_ms > static_cast<uint64_t>(row->interval)) {
+            const int result = prepare_cpu_stats(stats, row, record);
+            if (result != 0) {
+                ALOGE("failed to prepare cpu stats. err:%d\n", result);
+                return -EINVAL;
+            }
+            sample_ms = now_ms;
+        }
+        sleep_between_looks(*stats, *row);
+        if (stats->low_frequency_count >= 1) return 0;
+    }
+}

@@ -1,0 +1,43 @@
+// The sampling loop of the CPU collector and one sample of it. All functions: the collector's
+// thread.
+#pragma once
+
+#include <dirent.h>
+
+#include <cstdint>
+
+#include "collectors/cpu/cpu_times.h"
+#include "collectors/cpu/network_stats.h"
+#include "collectors/cpu/power_stats.h"
+#include "collectors/cpu/thermal_stats.h"
+#include "framework/collector_info.h"
+#include "framework/grow_array.h"
+#include "framework/record.h"
+#include "framework/sampling.h"
+
+// What the collector keeps from one sample to the next.
+struct cpu_stats {
+    int32_t cpu_count = -1;
+    bool tracks_processes = false;
+    timezone_memory timezone{};
+    power_trigger power{};
+    int low_frequency_count = 0;  // samples in a row with core 0 at or below the threshold
+    bool storage_failed = false;  // there was no record for the last sample, or it did not take it
+
+    // Work space, used again for every sample.
+    thermal_list thermal{};
+    grow_array<cpu_times> times{};
+    grow_array<int32_t> frequencies_kHz{};
+    network_table traffic{};
+    network_list network{};
+    grow_array<uint8_t> bytes{};
+};
+
+// Samples every row->interval ms, and scans the processes every 10 s when `proc_dir` (may be null)
+// and stats->tracks_processes allow it, until the row is disabled or stopped or core 0 is found at
+// or below row->threshold. Returns 0, or -EINVAL once a sample failed, which is logged.
+int poll_cpu_stats(cpu_stats* stats, collector_info* row, record_handle* record, DIR* proc_dir);
+
+// Takes one sample and appends it to the record. Returns 0, or -EINVAL or -ENOMEM, logged. A source
+// other than the cores' times and frequencies never fails a sample.
+int prepare_cpu_stats(cpu_stats* stats, collector_info* row, record_handle* record);

@@ -1,0 +1,36 @@
+// The periodic walk over "/proc" that fills the process table. All functions but the parsers: the
+// CPU collector's thread.
+#pragma once
+
+#include <dirent.h>
+
+#include <cstdint>
+#include <string_view>
+
+#include "collectors/cpu/vexapslist.h"
+
+// Every cpuset class but CPUSET_OTHER, in which a phone keeps what the owner does not notice.
+inline constexpr uint32_t PROC_CLASSES_REPORTED =
+    1u << CPUSET_FOREGROUND | 1u << CPUSET_BACKGROUND | 1u << CPUSET_TOP_APP;
+
+// Hands every process of the listing from `dir` on (open on "/proc"; null: none) whose cpuset class
+// has its bit (1 << class) in `class_mask` to the process table. Nothing is logged: what cannot be
+// read stays empty. Returns 0.
+int vexa_ps_readproc(DIR* dir, uint32_t class_mask);
+
+// What the walks did so far.
+struct readproc_counters {
+    uint64_t entries = 0;      // directory entries examined
+    uint64_t bitmap_hits = 0;  // processes whose cpuset was known without reading it
+};
+readproc_counters vexa_ps_readproc_counters();
+
+// Takes parent, state, times and, while the entry has no name, the command's name from the text of
+// "/proc/<pid>/stat", as far as the text holds them. The name may hold anything, ") R 1" included.
+void parse_proc_stat(std::string_view text, vexa_proc_entry* entry);
+
+// Takes the real UID from the text of "/proc/<pid>/status", if it has one.
+void parse_proc_status(std::string_view text, vexa_proc_entry* entry);
+
+// The class of a process with that text, or its first 9 bytes, in "/proc/<pid>/cpuset".
+cpuset_class parse_proc_cpuset(std::string_view text);

@@ -1,0 +1,270 @@
+#define LOG_TAG "vexastatsd"
+
+#include "collectors/cpu/vexapslist.h"
+
+#include <errno.h>
+#include <inttypes.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+
+#include "framework/little_endian.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr size_t INITIAL_ROOM = 25;
+constexpr int MAX_AGE_SCANS = 6;
+constexpr float TRACED_LOAD = 0.5f;
+constexpr size_t ROWS_PER_PROCESS = 4;
+constexpr size_t ROWS_LEN = ROWS_PER_PROCESS * NETWORK_ROW_LEN;
+
+// Weights of the past and of the present in the load. The first is one unit below 0.2: deliberate.
+constexpr float OLD_LOAD_WEIGHT = std::bit_cast<float>(0x3E4CCCCCu);
+constexpr float NEW_LOAD_WEIGHT = std::bit_cast<float>(0x3F4CCCCDu);
+
+struct proc_slot {
+    int32_t pid;
+    vexa_proc_entry* entry;
+};
+
+// Trivially destructible: only the collector's thread may give the memory back.
+struct proc_table {
+    proc_slot* slots = nullptr;
+    size_t count = 0;
+    size_t capacity = 0;
+    uint8_t tick = 0;
+    // Slots before this one were looked at for their age in this scan, and stay: a scan in
+    // ascending order looks at each slot once.
+    size_t aged = 0;
+    vexa_proc_entry* spare = nullptr;  // an entry for reuse, so that a scan of known processes
+                                       // allocates nothing
+};
+proc_table g_table;
+
+bool reserve(size_t count) {
+    if (count <= g_table.capacity) return true;
+    const size_t wanted = std::max(count, g_table.capacity * 2);
+    void* grown = realloc(g_table.slots, wanted * sizeof(proc_slot));
+    if (!grown) return false;
+    g_table.slots = static_cast<proc_slot*>(grown);
+    g_table.capacity = wanted;
+    return true;
+}
+
+// First slot of [0, count) whose PID is not below `pid`.
+size_t lower_bound(int32_t pid, size_t count) {
+    const proc_slot* found =
+        std::lower_bound(g_table.slots, g_table.slots + count, pid,
+                         [](const proc_slot& slot, int32_t wanted) { return slot.pid < wanted; });
+    return static_cast<size_t>(found - g_table.slots);
+}
+
+// Scans since the entry was last updated. The extra 2 once the tick has wrapped around is
+// deliberate.
+int age_of(const vexa_proc_entry& entry) {
+    const int wrapped = g_table.tick < entry.tick ? 2 : 0;
+    return (g_table.tick - entry.tick + wrapped) & 0xFF;
+}
+
+// Finds the place of `pid`, and on the way removes the processes of smaller PID that are too old.
+size_t age_up_to(int32_t pid) {
+    proc_table& table = g_table;
+    if (table.aged > 0 && table.slots[table.aged - 1].pid >= pid) {
+        return lower_bound(pid, table.aged);
+    }
+    size_t kept = table.aged;
+    size_t at = table.aged;
+    for (; at < table.count && table.slots[at].pid < pid; ++at) {
+        if (age_of(*table.slots[at].entry) >= MAX_AGE_SCANS) {
+            free(table.slots[at].entry);
+        } else {
+            table.slots[kept++] = table.slots[at];
+        }
+    }
+    if (kept != at) {
+        std::copy(table.slots + at, table.slots + table.count, table.slots + kept);
+        table.count -= at - kept;
+    }
+    table.aged = kept;
+    return kept;
+}
+
+void keep_spare(unique_proc_entry entry) {
+    free(g_table.spare);
+    g_table.spare = entry.release();
+}
+
+void insert_at(size_t at, unique_proc_entry entry) {
+    proc_table& table = g_table;
+    if (!reserve(table.count + 1)) return keep_spare(std::move(entry));
+    // Only a process that comes before a known one is announced: deliberate.
+    if (at < table.count) printf("New PID %" PRId32 "\n", entry->pid);
+    entry->load = 0;
+    std::copy_backward(table.slots + at, table.slots + table.count, table.slots + table.count + 1);
+    table.slots[at] = {.pid = entry->pid, .entry = entry.get()};
+    (void)entry.release();
+    ++table.count;
+    if (at < table.aged) ++table.aged;
+}
+
+// The load of a process that had `before` and now has `now`. Times that ran backwards wrap around,
+// and a tick that wrapped around gives a negative number of scans: both still give a finite number.
+float new_load(const vexa_proc_entry& before, const vexa_proc_entry& now, int scans) {
+    const uint64_t ticks = (now.user_time - before.user_time) +
+                           (now.system_time - before.system_time) +
+                           (now.child_user_time - before.child_user_time) +
+                           (now.child_system_time - before.child_system_time);
+    const float value = static_cast<float>(ticks) / static_cast<float>(scans);
+    if (before.load == 0) return value;
+    const float past = before.load * OLD_LOAD_WEIGHT;
+    const float present = value * NEW_LOAD_WEIGHT;
+    return past + present;
+}
+
+void update(vexa_proc_entry* known, unique_proc_entry entry) {
+    const int scans = g_table.tick - known->tick;
+    // Met twice in one scan: no time has passed that a load could refer to.
+    if (scans != 0) {
+        known->load = new_load(*known, *entry, scans);
+        if (known->load > TRACED_LOAD) {
+            printf("Tick %u PID %" PRId32 " %s CPU %g\n", unsigned{g_table.tick}, known->pid,
+                   known->name, static_cast<double>(known->load));
+        }
+        known->tick = g_table.tick;
+        known->user_time = entry->user_time;
+        known->system_time = entry->system_time;
+        known->child_user_time = entry->child_user_time;
+        known->child_system_time = entry->child_system_time;
+    }
+    keep_spare(std::move(entry));
+}
+
+// ---- The process block
+
+// The nodes of the UID, at most as many as a process has rows.
+struct taken_rows {
+    network_node* nodes[ROWS_PER_PROCESS] = {};
+    size_t count = 0;
+};
+
+taken_rows take_rows(network_list* network, uint32_t uid) {
+    taken_rows rows;
+    if (!network) return rows;
+    for (network_node& node : network->nodes) {
+        if (node.uid != static_cast<uint16_t>(uid)) continue;
+        if (rows.count == ROWS_PER_PROCESS) {
+            ALOGE(">4 Entries in NW table for UID %d", static_cast<int>(uid));
+            break;
+        }
+        rows.nodes[rows.count++] = &node;
+    }
+    return rows;
+}
+
+uint16_t packed_load(float load) {
+    return static_cast<uint16_t>(std::clamp(static_cast<double>(load) * 500.0, 0.0, 65535.0));
+}
+
+// Writes the rows and takes their traffic out of the list. `out` null: only the latter.
+void put_rows(uint8_t* out, const taken_rows& rows) {
+    for (size_t i = 0; i < rows.count; ++i) {
+        if (out) out = network_row_put(out, *rows.nodes[i]);
+        rows.nodes[i]->received = 0;
+        rows.nodes[i]->transmitted = 0;
+    }
+}
+
+// Sizes or writes one process behind *size bytes. Each field has its own margin to the limit, and a
+// field that does not keep it is left out. With the exact size as the limit the margins are one
+// byte too wide for the last process, whose rows stay the zeroes that the buffer holds: deliberate.
+void store_process(uint8_t* buffer, const vexa_proc_entry& entry, const taken_rows& rows,
+                   uint64_t* size, uint64_t limit) {
+    const size_t name_len = strnlen(entry.name, sizeof entry.name - 1);
+    if (buffer && *size < limit) {
+        const size_t room = static_cast<size_t>(limit - *size);
+        const size_t written = std::min(name_len, room - 1);
+        memcpy(buffer + *size, entry.name, written);
+        buffer[*size + written] = '\0';
+    }
+    *size += name_len + 1;
+
+    const auto fits = [&](uint64_t margin) { return limit > margin && *size < limit - margin; };
+    if (fits(sizeof(uint16_t))) {
+        if (buffer) put_le(buffer + *size, packed_load(entry.load));
+        *size += sizeof(uint16_t);
+    }
+    if (fits(sizeof(uint8_t))) {
+        if (buffer) buffer[*size] = entry.cpuset;
+        *size += sizeof(uint8_t);
+    }
+    const bool rows_fit = fits(ROWS_LEN);
+    if (buffer) put_rows(rows_fit ? buffer + *size : nullptr, rows);
+    if (rows_fit) *size += ROWS_LEN;
+}
+
+}  // namespace
+
+void vexa_init_proc_tbl() {
+    (void)reserve(INITIAL_ROOM);
+}
+
+void vexa_release_proc_tbl() {
+    for (size_t i = 0; i < g_table.count; ++i) free(g_table.slots[i].entry);
+    free(g_table.slots);
+    free(g_table.spare);
+    g_table = {};
+}
+
+void vexa_inc_proc_tbl_tick() {
+    ++g_table.tick;
+    g_table.aged = 0;
+}
+
+unique_proc_entry vexa_make_proc_entry() {
+    if (!g_table.spare) {
+        return unique_proc_entry(static_cast<vexa_proc_entry*>(calloc(1, sizeof(vexa_proc_entry))));
+    }
+    unique_proc_entry entry(std::exchange(g_table.spare, nullptr));
+    *entry = {};
+    return entry;
+}
+
+void vexa_insert_proc_tbl_entry(unique_proc_entry entry) {
+    if (!entry) return;
+    entry->tick = g_table.tick;
+    const size_t at = age_up_to(entry->pid);
+    if (at < g_table.count && g_table.slots[at].pid == entry->pid) {
+        update(g_table.slots[at].entry, std::move(entry));
+    } else {
+        insert_at(at, std::move(entry));
+    }
+}
+
+int vexa_process_in_table(int32_t pid) {
+    const size_t at = lower_bound(pid, g_table.count);
+    return at < g_table.count && g_table.slots[at].pid == pid ? 1 : 0;
+}
+
+int vexaps_store_ps_info(uint8_t* buffer, network_list* network, uint16_t* count, uint64_t* size,
+                         uint64_t limit) {
+    if (!count || !size) return -EINVAL;
+    *count = 0;
+    *size = 0;
+    for (size_t i = 0; i < g_table.count && *count < UINT16_MAX; ++i) {
+        const vexa_proc_entry& entry = *g_table.slots[i].entry;
+        ++*count;
+        store_process(buffer, entry, take_rows(network, entry.uid), size, limit);
+        if (*size > limit) {
+            ALOGE("Exceed PS Data Buf %zu Max %zu", static_cast<size_t>(*size),
+                  static_cast<size_t>(limit));
+            *size = limit;
+            break;
+        }
+    }
+    return 0;
+}
