@@ -25,7 +25,7 @@ uint32_t decode_cpu_count(byte_cursor& cursor) {
     return count;
 }
 
-void decode_power(byte_cursor& cursor, cpu_sample* sample) {
+void decode_power(byte_cursor& cursor, cpu_record_sample* sample) {
     sample->charge_counter_uah = cursor.take<int32_t>("charge_counter_uah");
     const auto word = cursor.take<uint16_t>("the power word");
     sample->brightness = static_cast<uint8_t>((word & 0xFC00) >> 8);
@@ -33,7 +33,7 @@ void decode_power(byte_cursor& cursor, cpu_sample* sample) {
     sample->charge_status = word & 7;
 }
 
-void decode_thermal_zones(byte_cursor& cursor, cpu_sample* sample) {
+void decode_thermal_zones(byte_cursor& cursor, cpu_record_sample* sample) {
     const auto count = cursor.take<uint16_t>("the thermal zone count");
     cursor.check_count(count, THERMAL_ZONE_MIN_BYTES, sizeof(count), "the thermal zone count");
     sample->thermal_zones.resize(count);
@@ -43,8 +43,8 @@ void decode_thermal_zones(byte_cursor& cursor, cpu_sample* sample) {
     }
 }
 
-cpu_network_entry decode_network_entry(byte_cursor& cursor) {
-    cpu_network_entry entry;
+cpu_record_network_entry decode_network_entry(byte_cursor& cursor) {
+    cpu_record_network_entry entry;
     entry.interface_class = cursor.take<uint8_t>("interface_class");
     entry.uid = cursor.take<uint16_t>("uid");
     entry.counter_set = cursor.take<uint8_t>("counter_set");
@@ -53,14 +53,14 @@ cpu_network_entry decode_network_entry(byte_cursor& cursor) {
     return entry;
 }
 
-void decode_network(byte_cursor& cursor, cpu_sample* sample) {
+void decode_network(byte_cursor& cursor, cpu_record_sample* sample) {
     const auto count = cursor.take<uint16_t>("the network entry count");
     cursor.check_count(count, NETWORK_ENTRY_BYTES, sizeof(count), "the network entry count");
     sample->network.resize(count);
     for (auto& entry : sample->network) entry = decode_network_entry(cursor);
 }
 
-void decode_processes(byte_cursor& cursor, cpu_sample* sample) {
+void decode_processes(byte_cursor& cursor, cpu_record_sample* sample) {
     const auto count = cursor.take<uint16_t>("the process count");
     cursor.check_count(count, PROCESS_MIN_BYTES, sizeof(count), "the process count");
     sample->processes.resize(count);
@@ -75,8 +75,8 @@ void decode_processes(byte_cursor& cursor, cpu_sample* sample) {
     }
 }
 
-cpu_sample decode_sample(byte_cursor& cursor) {
-    cpu_sample sample;
+cpu_record_sample decode_sample(byte_cursor& cursor) {
+    cpu_record_sample sample;
     const auto stamp = cursor.take<uint32_t>("uptime_100ms");
     sample.uptime_100ms = stamp & ~TIMEZONE_CHANGED;
     if (stamp & TIMEZONE_CHANGED) sample.timezone_min = cursor.take<int16_t>("timezone_min");
@@ -93,8 +93,8 @@ cpu_sample decode_sample(byte_cursor& cursor) {
     return sample;
 }
 
-std::vector<cpu_sample> decode_samples(std::span<const uint8_t> bytes) {
-    std::vector<cpu_sample> samples;
+std::vector<cpu_record_sample> decode_samples(std::span<const uint8_t> bytes) {
+    std::vector<cpu_record_sample> samples;
     byte_cursor cursor(bytes);
     while (cursor.left() > 0) {
         const size_t start = cursor.offset();
@@ -115,7 +115,7 @@ constexpr size_t LEFT_OVER_MAX_BYTES = 4;
 // How far to look for the second sample: further than the largest first one reaches.
 constexpr size_t FIRST_SAMPLE_MAX_BYTES = size_t{256} << 10;
 
-bool try_decode(std::span<const uint8_t> bytes, std::vector<cpu_sample>* samples) try {
+bool try_decode(std::span<const uint8_t> bytes, std::vector<cpu_record_sample>* samples) try {
     *samples = decode_samples(bytes);
     return true;
 } catch (const upload_error&) {
@@ -153,14 +153,14 @@ bool is_rest_of_sample(std::span<const uint8_t> rest, size_t cpus) {
         for (size_t lost = OVERWRITTEN_MAX_BYTES; lost > 0; lost--) {
             bytes.resize(lost);
             bytes.insert(bytes.end(), rest.begin(), rest.end());
-            std::vector<cpu_sample> samples;
+            std::vector<cpu_record_sample> samples;
             if (try_decode(bytes, &samples) && samples.size() == 1) return true;
         }
     }
     return false;
 }
 
-bool times_ascend(const std::vector<cpu_sample>& samples) {
+bool times_ascend(const std::vector<cpu_record_sample>& samples) {
     return std::is_sorted(samples.begin(), samples.end(), [](const auto& a, const auto& b) {
         return a.uptime_100ms < b.uptime_100ms;
     });
@@ -170,7 +170,7 @@ bool times_ascend(const std::vector<cpu_sample>& samples) {
 // order of time, and what stands in front is the rest of a sample.
 bool skip_overwritten_sample(std::span<const uint8_t> payload, cpu_record* record) {
     for (size_t at = 1; at < std::min(payload.size(), FIRST_SAMPLE_MAX_BYTES); at++) {
-        std::vector<cpu_sample> samples;
+        std::vector<cpu_record_sample> samples;
         if (!may_begin_sample(payload.subspan(at)) || !try_decode(payload.subspan(at), &samples) ||
             !times_ascend(samples) ||
             !is_rest_of_sample(payload.first(at), samples[0].times.size()))
@@ -195,17 +195,18 @@ cpu_record cpu_record_decode(std::span<const uint8_t> payload) {
     return record;
 }
 
-std::optional<double> cpu_load_percent(const cpu_times& before, const cpu_times& after) {
-    const cpu_times offline;
+std::optional<double> cpu_load_percent(const cpu_record_times& before,
+                                       const cpu_record_times& after) {
+    const cpu_record_times offline;
     if (before.ticks == offline.ticks || after.ticks == offline.ticks) return std::nullopt;
     uint64_t total = 0, idle = 0;
-    for (size_t i = 0; i < cpu_times::COUNTERS; i++) {
+    for (size_t i = 0; i < cpu_record_times::COUNTERS; i++) {
         // The counters wrap at 32 bits; the idle ones can also step back a little, which counts as
         // none.
         const uint32_t difference = after.ticks[i] - before.ticks[i];
         const uint32_t passed = difference > INT32_MAX ? 0 : difference;
         total += passed;
-        if (i == cpu_times::IDLE || i == cpu_times::IOWAIT) idle += passed;
+        if (i == cpu_record_times::IDLE || i == cpu_record_times::IOWAIT) idle += passed;
     }
     if (total == 0) return std::nullopt;
     return 100.0 * static_cast<double>(total - idle) / static_cast<double>(total);
