@@ -104,7 +104,7 @@ TEST_F(ClockTest, SummerTimeChangesShowInHeadersAndSamples) {
     EXPECT_TRUE(eventually_uploaded(in_zone(60)));
     bool change_seen = false;
     EXPECT_TRUE(eventually_uploaded([&](const taken_upload& upload) {
-        for (const cpu_sample& sample : upload.cpu().samples) {
+        for (const cpu_record_sample& sample : upload.cpu().samples) {
             if (sample.timezone_min == 120) change_seen = true;
         }
         return upload.file.header.timezone_min == 120;
