@@ -36,7 +36,7 @@ class VexaPhone : public testing::Test {
 };
 
 TEST_F(VexaPhone, ExitCodeIsTheCommands) {
-    put_files({{"/tmp/vexa_phone_test.no_program", "text"}});
+    write_text_file(phone_.path("/data/no_program"), "text");
     const struct {
         std::vector<std::string> command;
         int code;
@@ -45,14 +45,13 @@ TEST_F(VexaPhone, ExitCodeIsTheCommands) {
         {{"sh", "-c", "exit 5"}, 5},
         {{"sh", "-c", "kill -KILL $$"}, 128 + SIGKILL},
         {{"no-such-program"}, 127},
-        {{"/tmp/vexa_phone_test.no_program"}, 126},
+        {{"/data/no_program"}, 126},
         {{"sh", "-c", "test $# = 2 && test \"$2\" = --", "name", "--host-proc", "--"}, 0},
     };
     for (const auto& row : rows) {
         child_process run(phone_.run(row.command), output_path());
         EXPECT_EQ(run.wait(), row.code) << row.command[0] << ": " << output();
     }
-    unlink("/tmp/vexa_phone_test.no_program");
 }
 
 TEST_F(VexaPhone, SignalsReachTheCommandItself) {
