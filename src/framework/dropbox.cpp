@@ -169,7 +169,8 @@ int hand_over(collector_info* row, payload_stream* payload, size_t record_len) {
         return -EINVAL;
     }
     if (!write_upload(row, record.get(), payload, record_len, finished.stream())) return -EINVAL;
-    if (!finished.sync_and_close()) {
+    // Its name and the sequence file's must be on the disk as well before the record may go.
+    if (!finished.sync_and_close() || !sync_dir_of(finished.path())) {
         ALOGE("failed to move file. err:%d\n", errno);
         return -EINVAL;
     }
@@ -181,8 +182,7 @@ int hand_over(collector_info* row, payload_stream* payload, size_t record_len) {
         ALOGE("invalid rec_fname. err:%d\n", errno);
         return -EINVAL;
     }
-    // The sequence file must not fall back behind a file that carries its number.
-    if (!sync_dir_of(finished.path()) || !finished.rename_to(dropped)) {
+    if (!finished.rename_to(dropped)) {
         ALOGE("failed to move file. err:%d\n", errno);
         return -EINVAL;
     }

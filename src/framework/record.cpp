@@ -132,11 +132,11 @@ full_test measure_whole_record(const write_req& req, uint64_t estimate) {
     return exceeds_size(req.row, compressed + estimate) ? full_test::FULL : full_test::FITS;
 }
 
-// The measure above counts the record with its first line, the payload stream knows the size without
-// it. What the line adds depends on how well its characters go with the data: nothing when the data
-// repeats them, up to two bytes each when it has none of them. And as the compressor's blocks then end
-// a line's length apart, each may move by a few bytes (docs/architecture.md has the figures). Only
-// where the answer lies within that reach is the whole record compressed.
+// The measure above counts the record with its first line, the payload stream knows the size
+// without it. What the line adds depends on how well its characters go with the data: nothing when
+// the data repeats them, up to two bytes each when it has none of them. And as the compressor's
+// blocks then end a line's length apart, each may move by a few bytes (docs/architecture.md has the
+// figures). Only where the answer lies within that reach is the whole record compressed.
 constexpr uint64_t LINE_BYTE_COST_MAX = 2;
 constexpr uint64_t LINE_SLACK = 32;
 constexpr uint64_t BLOCK_SLACK = 8;

@@ -56,22 +56,33 @@ inline bool skip_word(text_cursor* text) {
     return scan_word(text, SIZE_MAX, &ignored);
 }
 
+// The number that a run of digits stands for, or UINT64_MAX when it does not fit.
+inline uint64_t saturated_digits(const char* at, const char* end) {
+    uint64_t sum = 0;
+    for (; at < end; ++at) {
+        const auto digit = static_cast<uint64_t>(*at - '0');
+        if (sum > (UINT64_MAX - digit) / 10) return UINT64_MAX;
+        sum = sum * 10 + digit;
+    }
+    return sum;
+}
+
 // The sign and the digits of a number; one that does not fit is UINT64_MAX. Returns false when
 // there are no digits.
 inline bool scan_digits(text_cursor* text, bool* negative, uint64_t* value) {
+    constexpr ptrdiff_t ALWAYS_FITS = 19;  // digits
     skip_blanks(text);
     *negative = text->at < text->end && *text->at == '-';
     if (*negative || (text->at < text->end && *text->at == '+')) ++text->at;
-    if (text->at >= text->end || !is_digit_char(*text->at)) return false;
+    const char* begin = text->at;
+    const char* at = begin;
     uint64_t sum = 0;
-    bool fits = true;
-    for (; text->at < text->end && is_digit_char(*text->at); ++text->at) {
-        const auto digit = static_cast<uint64_t>(*text->at - '0');
-        fits = fits && (sum < UINT64_MAX / 10 || (sum == UINT64_MAX / 10 && digit <= 5));
-        sum = sum * 10 + digit;
+    for (; at < text->end && is_digit_char(*at); ++at) {
+        sum = sum * 10 + static_cast<uint64_t>(*at - '0');
     }
-    *value = fits ? sum : UINT64_MAX;
-    return true;
+    text->at = at;
+    *value = at - begin <= ALWAYS_FITS ? sum : saturated_digits(begin, at);
+    return at != begin;
 }
 
 // "%lu", "%llu"; a minus sign negates. Narrower ones ("%u", "%hu", "%hhu") keep the low bits.

@@ -90,6 +90,7 @@ void take_step(const mount_step& step, const phone_options& options) {
             break;
         case mount_kind::BIND:
         case mount_kind::BIND_RO:
+        case mount_kind::DEVICE:
         case mount_kind::PROC:
             make_mount_point(step.source, target);
             mount_or_fail(step.source, target, nullptr, MS_BIND | MS_REC);

@@ -4,7 +4,9 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
+
+#include <algorithm>
+#include <charconv>
 
 #include "framework/files.h"
 #include "framework/line_reader.h"
@@ -15,8 +17,6 @@ namespace {
 
 constexpr char POSSIBLE_FILE[] = "/sys/devices/system/cpu/possible";
 constexpr char STAT_FILE[] = "/proc/stat";
-constexpr char CPU_DIR[] = "/sys/devices/system/cpu";
-constexpr char FREQUENCY_FILE[] = "cpufreq/scaling_cur_freq";
 constexpr size_t SYSFS_LINE_SIZE = 512;
 constexpr size_t STAT_LINE_LEN = 511;  // longer lines count as several
 
@@ -95,8 +95,13 @@ int read_cpu_times(cpu_times* slots, int32_t cpu_count) {
 }
 
 cpu_frequency_path cpu_frequency_path_of(int32_t cpu) {
+    constexpr std::string_view BEFORE = "/sys/devices/system/cpu/cpu";
+    constexpr std::string_view BEHIND = "/cpufreq/scaling_cur_freq";
     cpu_frequency_path path;
-    snprintf(path.text, sizeof path.text, "%s/cpu%d/%s", CPU_DIR, cpu, FREQUENCY_FILE);
+    static_assert(BEFORE.size() + 10 + BEHIND.size() < sizeof path.text);
+    char* at = std::copy(BEFORE.begin(), BEFORE.end(), path.text);
+    at = std::to_chars(at, at + 10, cpu).ptr;
+    *std::copy(BEHIND.begin(), BEHIND.end(), at) = '\0';
     return path;
 }
 

@@ -114,15 +114,18 @@ bool list_nodes(network_table* table) {
     return true;
 }
 
-// Swaps the largest total from `at` on to `at`; of equal ones the earliest. None is above
+// Swaps the largest total to the front of [from, end); of equal ones the earliest. None is above
 // `ceiling`.
-void select_largest(grow_array<network_table::total_of_node>* ranking, size_t at,
+void select_largest(network_table::total_of_node* from, const network_table::total_of_node* end,
                     uint64_t ceiling) {
-    size_t largest = at;
-    for (size_t i = at + 1; i < ranking->size() && (*ranking)[largest].total != ceiling; ++i) {
-        if ((*ranking)[i].total > (*ranking)[largest].total) largest = i;
+    network_table::total_of_node* largest = from;
+    uint64_t total = from->total;
+    for (auto* at = from + 1; at < end && total != ceiling; ++at) {
+        if (at->total <= total) continue;
+        largest = at;
+        total = at->total;
     }
-    std::swap((*ranking)[at], (*ranking)[largest]);
+    std::swap(*from, *largest);
 }
 
 // Reads and adds all lines behind the header.
@@ -228,11 +231,12 @@ int network_table_rank(network_table* table, network_list* list) {
     if (!list_nodes(table)) return -ENOMEM;
     int runs = 0;
     uint64_t ceiling = UINT64_MAX;
-    for (size_t at = 0; at < table->ranking.size(); ++at) {
-        select_largest(&table->ranking, at, ceiling);
-        ceiling = table->ranking[at].total;
-        const network_node& node = table->nodes[table->ranking[at].index].node;
-        const bool new_run = at == 0 || node.uid != list->nodes[at - 1].uid;
+    for (auto* at = table->ranking.begin(); at < table->ranking.end(); ++at) {
+        select_largest(at, table->ranking.end(), ceiling);
+        ceiling = at->total;
+        const network_node& node = table->nodes[at->index].node;
+        const size_t listed = list->nodes.size();
+        const bool new_run = listed == 0 || node.uid != list->nodes[listed - 1].uid;
         if (new_run && ++runs > MAX_UID_RUNS) break;
         if (!list->nodes.push_back(node)) return -ENOMEM;
     }

@@ -1,0 +1,19 @@
+// The workloads that vexa-bench knows, in groups of one file each. Every function does its workload
+// `n` times (the paced ones: every n seconds until SIGTERM) and returns the exit code; it throws
+// std::exception when its inputs are missing. BENCH_... are environment variables.
+#pragma once
+
+// CPU collector (cpu_workloads.cpp).
+int bench_scan(long n);       // one pass over /proc into the process table, all cpuset classes
+int bench_scan_cold(long n);  // the same with the process table emptied first
+int bench_sample(long n);     // one CPU sample of BENCH_TREE appended to a record in BENCH_OUT
+int bench_pace_scan(long seconds);
+int bench_pace_sample(long seconds);
+
+// Records (record_workloads.cpp).
+int bench_drop(long n);  // BENCH_IN in records of BENCH_REC bytes, each dropped into BENCH_OUT/up
+int bench_append(
+    long n);  // samples of BENCH_IN (u16 length + bytes) into records of 64 KiB compressed
+
+// The whole daemon (daemon_workloads.cpp).
+int bench_idle(long);  // opted in to nothing; prints "ready" once every thread waits, until SIGTERM
