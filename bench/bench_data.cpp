@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <random>
 #include <system_error>
 
 #include "phone/enter.h"
@@ -15,6 +14,15 @@ namespace {
 
 constexpr uint32_t CPUS = 8;
 constexpr uint32_t ZONES = 30;
+
+// Random numbers that are the same everywhere and every time.
+struct bench_random {
+    uint64_t state;
+    uint32_t operator()() {
+        state = state * 6364136223846793005u + 1442695040888963407u;
+        return static_cast<uint32_t>(state >> 33);
+    }
+};
 
 void put(byte_vector& out, uint64_t value, int width) {
     for (int i = 0; i < width; i++) out.push_back(static_cast<uint8_t>(value >> 8 * i));
@@ -48,9 +56,9 @@ class made_up_phone {
         put(out, temps_mdegc_[zone] += 100 * random(3) - 100, 4);
     }
 
-    std::mt19937 engine_{1};  // its numbers are the same everywhere
+    bench_random engine_{1};
     uint32_t uptime_100ms_ = 36000;
-    std::vector<uint32_t> ticks_ = std::vector<uint32_t>(CPUS * 7, 100000);
+    std::vector<uint32_t> ticks_ = std::vector<uint32_t>(size_t{CPUS} * 7, 100000);
     std::vector<uint32_t> temps_mdegc_ = std::vector<uint32_t>(ZONES, 35000);
 };
 
@@ -94,7 +102,7 @@ byte_vector bench_text_bytes(size_t size) {
     static constexpr const char* words[] = {"started",    "stopped", "battery",   "level",
                                             "changed to", "network", "connected", "screen",
                                             "off",        "wakelock"};
-    std::mt19937 engine(2);
+    bench_random engine{2};
     byte_vector bytes;
     for (uint32_t line = 0; bytes.size() < size; line++) {
         char text[128];
@@ -110,9 +118,9 @@ byte_vector bench_text_bytes(size_t size) {
 }
 
 byte_vector bench_noise_bytes(size_t size) {
-    std::mt19937 engine(3);
+    bench_random engine{3};
     byte_vector bytes;
-    while (bytes.size() < size) put(bytes, engine(), 4);
+    while (bytes.size() < size) put(bytes, engine(), 3);  // the top bit of its numbers is always 0
     bytes.resize(size);
     return bytes;
 }

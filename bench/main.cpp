@@ -1,5 +1,6 @@
 // Runs the benchmarks and prints each workload beside its floor, as one table.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -69,7 +70,7 @@ class table_reporter : public benchmark::BenchmarkReporter {
 // The process table traces what it does on standard output, which is nothing for the table's
 // readers. Returns the real one.
 FILE* silence_standard_output() {
-    FILE* out = fdopen(dup(STDOUT_FILENO), "w");
+    FILE* out = fdopen(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0), "w");
     if (!out || !freopen("/dev/null", "w", stdout))
         throw std::system_error(errno, std::generic_category());
     return out;
