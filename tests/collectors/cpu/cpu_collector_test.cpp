@@ -314,6 +314,10 @@ TEST_F(CpuCollector, LateStartOnASilentKernelNeverWaits) {
 
 // Whatever happens to its storage, and however often, the collector goes on once it is well again.
 struct StorageTrouble : CpuCollector {
+    void TearDown() override {
+        limit_file_size(RLIM_INFINITY);
+        CpuCollector::TearDown();
+    }
     void outlives(const char* failure, const std::function<void()>& mend) {
         if (!thread.joinable()) start();
         for (int i = 0; i < 8; ++i) {
