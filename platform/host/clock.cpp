@@ -177,8 +177,14 @@ class clock_watch {
     // Returns a descriptor that is readable once the file may have changed since the last call, or
     // -1 when none can be had. Look at the file after this, not before.
     int arm() {
+        if (fd_ && owner_ != getpid())
+            fd_.reset();  // a forked child would take its parent's events
         if (fd_ && !drain()) return fd_.get();
-        if (!fd_) fd_.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+        if (!fd_) {
+            fd_.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+            file_wd_ = -1;
+            owner_ = getpid();
+        }
         // The directory tells of a file that comes; adding a watch that is there already is
         // harmless.
         if (!fd_ || inotify_add_watch(fd_.get(), CLOCK_DIR, IN_CREATE | IN_MOVED_TO) < 0) {
@@ -209,6 +215,7 @@ class clock_watch {
 
     unique_fd fd_;
     int file_wd_ = -1;
+    pid_t owner_ = -1;
 };
 
 thread_local clock_watch watch;

@@ -35,8 +35,8 @@ bool handle_events(optout_context* context, const watch_buffer& events) {
     return root_gone;
 }
 
-// Synchronises and then watches the dropbox root, with a fresh descriptor in *notifier, until it goes
-// away or the monitor has to end.
+// Synchronises and then watches the dropbox root, with a fresh descriptor in *notifier, until it
+// goes away or the monitor has to end.
 watch_end watch_dropbox_root(optout_context* context, unique_fd* notifier) {
     optout_handle(context, 0);
 

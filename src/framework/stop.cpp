@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 int stop_flag_open(stop_flag* stop) {
     if (stop->fd.load() >= 0) return 0;
@@ -15,10 +14,9 @@ int stop_flag_open(stop_flag* stop) {
 bool stop_flag_raise(stop_flag* stop) {
     const int saved_errno = errno;
     const bool first = stop->raised.exchange(1) == 0;
-    const uint64_t one = 1;
     const int fd = stop->fd.load();
-    // A failed write means that the counter is full, which leaves it readable.
-    if (fd >= 0 && write(fd, &one, sizeof one) < 0) errno = 0;
+    // It can only fail when the counter is full, which leaves the descriptor readable as well.
+    if (fd >= 0) (void)eventfd_write(fd, 1);
     errno = saved_errno;
     return first;
 }

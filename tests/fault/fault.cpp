@@ -9,6 +9,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <new>
@@ -18,9 +19,9 @@ namespace {
 // Shared with child processes, so that a test can look into a daemon that it forked.
 struct shared_plan {
     std::atomic<bool> armed{false};
+    std::atomic<const char*> name{nullptr};
     std::atomic<long> fail_at{0};
     std::atomic<long> count{0};
-    std::atomic<const char*> failed{nullptr};
 };
 
 shared_plan& plan() {
@@ -32,37 +33,47 @@ shared_plan& plan() {
 // What the failing call says: the disk is full, memory is out, or descriptors are.
 bool fails(const char* call, int error) {
     shared_plan& p = plan();
-    if (!p.armed || ++p.count != p.fail_at) return false;
-    p.failed = call;
+    if (!p.armed || strcmp(p.name, call) != 0 || ++p.count != p.fail_at) return false;
     errno = error;
     return true;
 }
 
-// The kernel's own files are read all the time and fail in tests of their own.
+// The kernel's own files are read all the time and fail in tests of their own; what is under /dev
+// here stands for the platform's log and properties.
 bool is_kernel_file(const char* path) {
-    return strncmp(path, "/proc", 5) == 0 || strncmp(path, "/sys", 4) == 0 || strncmp(path, "/dev", 4) == 0;
+    return strncmp(path, "/proc", 5) == 0 || strncmp(path, "/sys", 4) == 0 ||
+           strncmp(path, "/dev", 4) == 0;
 }
 
-mode_t mode_of(int flags, va_list args) { return flags & O_CREAT ? va_arg(args, mode_t) : 0; }
+bool is_kernel_fd(int fd) {
+    char link[64], path[64] = "";
+    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    return readlink(link, path, sizeof path - 1) > 0 && is_kernel_file(path);
+}
+
+mode_t mode_of(int flags, va_list args) {
+    return flags & O_CREAT ? va_arg(args, mode_t) : 0;
+}
 
 }  // namespace
 
-void fault_arm(long n) {
+const std::vector<const char*>& fault_calls() {
+    static const std::vector<const char*> names = {FAULT_CALL_NAMES};
+    return names;
+}
+
+void fault_arm(const char* name, long n) {
     shared_plan& p = plan();
-    p.count = 0;
+    p.name = name;
     p.fail_at = n;
-    p.failed = nullptr;
+    p.count = 0;
     p.armed = true;
 }
 
-long fault_disarm() {
-    plan().armed = false;
-    return plan().count;
-}
-
-std::string fault_failed() {
-    const char* call = plan().failed;
-    return call ? call : "";
+bool fault_disarm() {
+    shared_plan& p = plan();
+    p.armed = false;
+    return p.count >= p.fail_at;
 }
 
 extern "C" {
@@ -103,7 +114,12 @@ size_t __wrap_fwrite(const void* data, size_t size, size_t count, FILE* stream) 
 
 ssize_t __real_write(int fd, const void* data, size_t size);
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
-    return fails("write", ENOSPC) ? -1 : __real_write(fd, data, size);
+    return !is_kernel_fd(fd) && fails("write", ENOSPC) ? -1 : __real_write(fd, data, size);
+}
+
+int __real_rename(const char* from, const char* to);
+int __wrap_rename(const char* from, const char* to) {
+    return !is_kernel_file(to) && fails("rename", ENOSPC) ? -1 : __real_rename(from, to);
 }
 
 int __real_fclose(FILE* stream);
@@ -114,32 +130,37 @@ int __wrap_fclose(FILE* stream) {
     return fail ? EOF : result;
 }
 
-#define WRAP(result, name, error, failure, parameters, ...) \
-    result __real_##name parameters;                        \
-    result __wrap_##name parameters { return fails(#name, error) ? failure : __real_##name(__VA_ARGS__); }
+#define WRAP(result, name, error, failure, parameters, ...)                \
+    result __real_##name parameters;                                       \
+    result __wrap_##name parameters {                                      \
+        return fails(#name, error) ? failure : __real_##name(__VA_ARGS__); \
+    }
 
 WRAP(int, fflush, ENOSPC, EOF, (FILE * stream), stream)
 WRAP(int, fsync, EIO, -1, (int fd), fd)
 WRAP(int, ftruncate, EIO, -1, (int fd, off_t length), fd, length)
 WRAP(int, fseeko, EIO, -1, (FILE * stream, off_t offset, int whence), stream, offset, whence)
-WRAP(int, rename, ENOSPC, -1, (const char* from, const char* to), from, to)
 WRAP(int, remove, EIO, -1, (const char* path), path)
 WRAP(int, mkdir, ENOSPC, -1, (const char* path, mode_t mode), path, mode)
-WRAP(int, setvbuf, ENOMEM, -1, (FILE * stream, char* buf, int mode, size_t size), stream, buf, mode, size)
+WRAP(int, setvbuf, ENOMEM, -1, (FILE * stream, char* buf, int mode, size_t size), stream, buf, mode,
+     size)
 WRAP(int, inotify_init1, EMFILE, -1, (int flags), flags)
 WRAP(int, inotify_add_watch, ENOSPC, -1, (int fd, const char* path, uint32_t mask), fd, path, mask)
 WRAP(int, eventfd, EMFILE, -1, (unsigned initial, int flags), initial, flags)
 WRAP(int, signalfd, EMFILE, -1, (int fd, const sigset_t* mask, int flags), fd, mask, flags)
-WRAP(int, sigaction, EINVAL, -1, (int signo, const struct sigaction* action, struct sigaction* old), signo, action, old)
+WRAP(int, sigaction, EINVAL, -1, (int signo, const struct sigaction* action, struct sigaction* old),
+     signo, action, old)
 WRAP(int, pthread_create, EAGAIN, EAGAIN,
-     (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* arg), thread, attributes, body,
-     arg)
+     (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*), void* arg),
+     thread, attributes, body, arg)
 WRAP(void*, malloc, ENOMEM, nullptr, (size_t size), size)
 WRAP(void*, calloc, ENOMEM, nullptr, (size_t count, size_t size), count, size)
 WRAP(void*, realloc, ENOMEM, nullptr, (void* memory, size_t size), memory, size)
 WRAP(char*, strdup, ENOMEM, nullptr, (const char* text), text)
 // operator new(size_t, std::nothrow_t const&) and its array form
-WRAP(void*, _ZnwmRKSt9nothrow_t, ENOMEM, nullptr, (size_t size, const std::nothrow_t& tag), size, tag)
-WRAP(void*, _ZnamRKSt9nothrow_t, ENOMEM, nullptr, (size_t size, const std::nothrow_t& tag), size, tag)
+WRAP(void*, _ZnwmRKSt9nothrow_t, ENOMEM, nullptr, (size_t size, const std::nothrow_t& tag), size,
+     tag)
+WRAP(void*, _ZnamRKSt9nothrow_t, ENOMEM, nullptr, (size_t size, const std::nothrow_t& tag), size,
+     tag)
 
 }  // extern "C"

@@ -1,14 +1,14 @@
 // Failing calls: the linker puts a counting layer under the calls that the code under test makes
-// (-Wl,--wrap), and a test has the N-th of them fail, for every N.
+// (-Wl,--wrap), and a test has the N-th call of each name fail, for every N.
 #pragma once
 
-#include <string>
+#include <vector>
 
-// Counts calls from here on and has the n-th fail; 0: none. All threads.
-void fault_arm(long n);
+// The names of the calls that can be made to fail.
+const std::vector<const char*>& fault_calls();
 
-// Stops counting. Returns how many calls there were.
-long fault_disarm();
+// Counts calls of `name` from here on, in all threads and child processes, and has the n-th fail.
+void fault_arm(const char* name, long n);
 
-// The call that was made to fail since the last fault_arm, for example "fsync"; empty: none.
-std::string fault_failed();
+// Stops counting. Returns whether a call was made to fail.
+bool fault_disarm();

@@ -38,8 +38,10 @@ class ConfigTest : public ::testing::Test {
     // The row's values as the local file would hold them.
     std::string values() const {
         char text[256];
-        snprintf(text, sizeof text, "clientid=%u;size=%d;interval=%d;threshold=%d;notify=%d;no_supported_kernel=%d",
-                 row.hdr.client_id, row.size, row.interval, row.threshold, row.notify, row.no_supported_kernel);
+        snprintf(text, sizeof text,
+                 "clientid=%u;size=%d;interval=%d;threshold=%d;notify=%d;no_supported_kernel=%d",
+                 row.hdr.client_id, row.size, row.interval, row.threshold, row.notify,
+                 row.no_supported_kernel);
         return text;
     }
 
@@ -58,7 +60,8 @@ class ConfigTest : public ::testing::Test {
     };
 };
 
-const std::string DEFAULTS = "clientid=2;size=65536;interval=60000;threshold=300000;notify=0;no_supported_kernel=0";
+const std::string DEFAULTS =
+    "clientid=2;size=65536;interval=60000;threshold=300000;notify=0;no_supported_kernel=0";
 
 struct local_case {
     const char* name;
@@ -69,12 +72,16 @@ struct local_case {
 
 TEST_F(ConfigTest, LocalFileIsAppliedOrRecreated) {
     const local_case cases[] = {
-        {"valid", "clientid=2;size=100;interval=200;threshold=400000;notify=7;no_supported_kernel=3\n",
+        {"valid",
+         "clientid=2;size=100;interval=200;threshold=400000;notify=7;no_supported_kernel=3\n",
          "clientid=2;size=100;interval=200;threshold=400000;notify=1;no_supported_kernel=1", false},
-        {"five values", "clientid=2;size=100;interval=200;threshold=400000;notify=1\n", DEFAULTS, true},
-        {"other client", "clientid=3;size=100;interval=200;threshold=400000;notify=1;no_supported_kernel=1\n",
+        {"five values", "clientid=2;size=100;interval=200;threshold=400000;notify=1\n", DEFAULTS,
+         true},
+        {"other client",
+         "clientid=3;size=100;interval=200;threshold=400000;notify=1;no_supported_kernel=1\n",
          DEFAULTS, true},
-        {"negative client", "clientid=-4294967294;size=1;interval=2;threshold=3;notify=1;no_supported_kernel=1\n",
+        {"negative client",
+         "clientid=-4294967294;size=1;interval=2;threshold=3;notify=1;no_supported_kernel=1\n",
          DEFAULTS, true},
         {"only comments", "#a\n\n#b\n", DEFAULTS, false},
         {"empty", "", DEFAULTS, false},
@@ -91,7 +98,8 @@ TEST_F(ConfigTest, LocalFileIsAppliedOrRecreated) {
         EXPECT_EQ(vexastats_init_params(&row), 0);
         EXPECT_EQ(values(), c.values);
         EXPECT_EQ(file_text(LOCAL), c.rewritten ? local_text(c.values) : c.text);
-        EXPECT_EQ(log_text().find("invalid 2 config file. re-create.") != std::string::npos, c.rewritten);
+        EXPECT_EQ(log_text().find("invalid 2 config file. re-create.") != std::string::npos,
+                  c.rewritten);
     }
 }
 
@@ -151,7 +159,9 @@ TEST_F(ConfigTest, DownloadStaysWhenTheLocalFileCannotBeWritten) {
     write_text_file(DOWNLOADED, "clientid=2;size=1;interval=200;threshold=300000;notify=1\n");
     fs::remove_all(fs::path(LOCAL).parent_path());
     EXPECT_EQ(vexastats_init_params(&row), -EINVAL);
-    EXPECT_THAT(log_text(), HasSubstr("failed to open test_collector cfg. err:2\nfailed to update cfg file.\n"));
+    EXPECT_THAT(
+        log_text(),
+        HasSubstr("failed to open test_collector cfg. err:2\nfailed to update cfg file.\n"));
     EXPECT_EQ(row.interval, 200);
     EXPECT_TRUE(fs::exists(DOWNLOADED)) << "what it said is recorded nowhere else";
 }

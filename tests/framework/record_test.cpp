@@ -42,20 +42,34 @@ class RecordTest : public ::testing::Test {
 
     bool begin(bool resume = false, bool discard = false) {
         vexastats_record_close(&handle);
-        record_init_req req{.row = &row, .dir = STATS_DIR, .prefix = "teststats.tmp", .resume = resume, .discard = discard};
+        record_init_req req{.row = &row,
+                            .dir = STATS_DIR,
+                            .prefix = "teststats.tmp",
+                            .resume = resume,
+                            .discard = discard};
         handle.file = vexastats_record_init(&req);
         return handle.file != nullptr;
     }
 
     size_t append(std::string_view data, uint32_t flags = 0, bool* rolled_over = nullptr) {
-        write_req req{.row = &row, .handle = &handle, .data = data.data(), .len = data.size(), .flags = flags, .rolled_over = 0};
+        write_req req{.row = &row,
+                      .handle = &handle,
+                      .data = data.data(),
+                      .len = data.size(),
+                      .flags = flags,
+                      .rolled_over = 0};
         const size_t count = vexastats_write_file(&req);
         if (rolled_over) *rolled_over = req.rolled_over != 0;
         return count;
     }
 
     size_t drop(uint32_t flags = WRITE_DROP) {
-        write_req req{.row = &row, .handle = &handle, .data = nullptr, .len = 0, .flags = flags, .rolled_over = 0};
+        write_req req{.row = &row,
+                      .handle = &handle,
+                      .data = nullptr,
+                      .len = 0,
+                      .flags = flags,
+                      .rolled_over = 0};
         return vexastats_write_file(&req);
     }
 
@@ -80,8 +94,9 @@ TEST_F(RecordTest, HeaderHasEveryFieldBigEndianAndTheSecondSequenceNumber) {
     const std::string upload = file_text(std::string(UP_DIR) + "/teststats.1700000000000");
     ASSERT_GT(upload.size(), 53u);
     const auto payload_len = static_cast<char>(upload.size() - 53);
-    const std::string expected = bytes("00000007 00000035 00000007 01 00000003 0000018bcfe56800 000000") +
-                                 payload_len + bytes("01 01 0000000000001388 ff2e 0102030405060708 00000001");
+    const std::string expected =
+        bytes("00000007 00000035 00000007 01 00000003 0000018bcfe56800 000000") + payload_len +
+        bytes("01 01 0000000000001388 ff2e 0102030405060708 00000001");
     EXPECT_EQ(hex(upload.substr(0, 53)), hex(expected));
     EXPECT_EQ(payload(upload), "data");
     EXPECT_EQ(file_text(std::string(STATS_DIR) + "/teststats.seq"), "2\n");
@@ -94,7 +109,8 @@ TEST_F(RecordTest, SequenceNumbersOfConsecutiveFilesAreTwoApart) {
         platform_test_advance_ms(10);
         const uint64_t start_ms = row.hdr.realtime_ms;
         ASSERT_EQ(append("x", WRITE_DROP | WRITE_BEGIN_NEW), 1u);
-        const std::string upload = file_text(std::string(UP_DIR) + "/teststats." + std::to_string(start_ms));
+        const std::string upload =
+            file_text(std::string(UP_DIR) + "/teststats." + std::to_string(start_ms));
         EXPECT_EQ(hex(upload.substr(49, 4)), hex(bytes("000000") + static_cast<char>(expected)));
     }
 }
@@ -144,9 +160,12 @@ TEST_F(RecordTest, OldRecordIsResumedHandedOverOrOverwritten) {
         {"resumed", OLD_LINE + "old", true, false, "", OLD_LINE + "old"},
         {"discarded", OLD_LINE + "old", false, true, "", NEW_LINE},
         {"resume and discard", OLD_LINE + "old", true, true, "", NEW_LINE},
-        {"other version", "Version=4 Realtime=1 Uptime=77 Timezone=60\nold", false, false, "", NEW_LINE},
-        {"other version resumed", "Version=4 Realtime=1 Uptime=77 Timezone=60\nold", true, false, "", NEW_LINE},
-        {"three values", "Version=3 Realtime=1 Uptime=77 Timezone\nold", false, false, "", NEW_LINE},
+        {"other version", "Version=4 Realtime=1 Uptime=77 Timezone=60\nold", false, false, "",
+         NEW_LINE},
+        {"other version resumed", "Version=4 Realtime=1 Uptime=77 Timezone=60\nold", true, false,
+         "", NEW_LINE},
+        {"three values", "Version=3 Realtime=1 Uptime=77 Timezone\nold", false, false, "",
+         NEW_LINE},
         {"empty", "", false, false, "", NEW_LINE},
         {"no newline", "Version=3 Realtime=1600000000000 Uptime=77 Timezone=60", true, false, "",
          "Version=3 Realtime=1600000000000 Uptime=77 Timezone=60"},
@@ -223,7 +242,8 @@ TEST_F(RecordTest, RecordSizeCountsBehindTheFirstLine) {
     EXPECT_THAT(log_text(), HasSubstr("vexastats_record_size: invalid size of "));
 }
 
-// ---- Left-overs of an interrupted hand-over --------------------------------------------------------
+// ---- Left-overs of an interrupted hand-over
+// --------------------------------------------------------
 
 class LeftOverTest : public RecordTest {
   protected:
@@ -269,7 +289,8 @@ TEST_F(LeftOverTest, FileCutAnywhereIsRemovedAndItsRecordDelivered) {
         ASSERT_TRUE(begin());
         ASSERT_FALSE(fs::exists(left_over()));
         ASSERT_EQ(list_dir(UP_DIR).size(), 1u);
-        ASSERT_EQ(payload(file_text(std::string(UP_DIR) + "/" + list_dir(UP_DIR)[0])), "finished data");
+        ASSERT_EQ(payload(file_text(std::string(UP_DIR) + "/" + list_dir(UP_DIR)[0])),
+                  "finished data");
     }
 }
 
@@ -286,7 +307,8 @@ TEST_F(LeftOverTest, ForeignLongerOrDamagedFileIsRemoved) {
     }
 }
 
-// ---- Where a record is full ------------------------------------------------------------------------
+// ---- Where a record is full
+// ------------------------------------------------------------------------
 
 // The rule to the letter: estimate, and when that is too large compress the whole record afresh.
 class literal_record {
@@ -350,10 +372,14 @@ TEST_F(RecordTest, RecordIsFullAtTheVeryByteOfTheLiteralRule) {
         {"noise", [](std::mt19937& r) { return random_text(r, 1 + r() % 3000, 256); }, 300},
         {"letters", [](std::mt19937& r) { return random_text(r, 1 + r() % 2000, 26, 'a'); }, 500},
         {"bits", [](std::mt19937& r) { return random_text(r, r() % 4000, 2, '0'); }, 900},
-        {"the first line again", [](std::mt19937& r) { return NEW_LINE + random_text(r, r() % 900, 10, '0'); }, 600},
+        {"the first line again",
+         [](std::mt19937& r) { return NEW_LINE + random_text(r, r() % 900, 10, '0'); }, 600},
         {"changing alphabets", changing_alphabets, 600},
         {"zeros and noise",
-         [](std::mt19937& r) { return std::string(r() % 5000, '\0') + random_text(r, r() % 600, 256); }, 900},
+         [](std::mt19937& r) {
+             return std::string(r() % 5000, '\0') + random_text(r, r() % 600, 256);
+         },
+         900},
     };
     for (const full_case& c : cases) {
         for (const int32_t size : {3000, 20000, 65536}) {

@@ -78,8 +78,10 @@ TEST_F(ClockTest, RecordBegunIn1970HasTheRightTimeOnceTheClockIsSet) {
 TEST_F(ClockTest, JumpsOfTenYearsNeitherSpinNorStopTheSamples) {
     phone_set_clock("real=2023-07-01T00:00:00Z speed=20");
     daemon_process daemon;
-    for (const char* jump : {"real=2033-07-01T00:00:00Z", "real=2013-07-01T00:00:00Z", "real=2023-07-01T00:00:00Z"}) {
-        ASSERT_TRUE(eventually_uploaded([](const taken_upload&) { return true; })) << jump << phone_log();
+    for (const char* jump :
+         {"real=2033-07-01T00:00:00Z", "real=2013-07-01T00:00:00Z", "real=2023-07-01T00:00:00Z"}) {
+        ASSERT_TRUE(eventually_uploaded([](const taken_upload&) { return true; }))
+            << jump << phone_log();
         phone_set_clock(jump);
     }
     EXPECT_TRUE(eventually_uploaded([](const taken_upload& upload) {
@@ -96,12 +98,13 @@ TEST_F(ClockTest, SummerTimeChangesShowInHeadersAndSamples) {
     phone_set_clock("real=2023-03-26T00:59:50Z speed=20");
     daemon_process daemon({"TZ=Europe/Berlin"});
     const auto in_zone = [](int16_t minutes) {
-        return [=](const taken_upload& upload) { return upload.file.header.timezone_min == minutes; };
+        return
+            [=](const taken_upload& upload) { return upload.file.header.timezone_min == minutes; };
     };
     EXPECT_TRUE(eventually_uploaded(in_zone(60)));
     bool change_seen = false;
     EXPECT_TRUE(eventually_uploaded([&](const taken_upload& upload) {
-        for (const cpu_sample& sample : upload.cpu().samples) {
+        for (const cpu_record_sample& sample : upload.cpu().samples) {
             if (sample.timezone_min == 120) change_seen = true;
         }
         return upload.file.header.timezone_min == 120;

@@ -16,7 +16,8 @@ namespace {
 constexpr char CLOCK_FILE[] = "/dev/clock";
 
 void remove_content(const fs::path& dir) {
-    for (const fs::directory_entry& entry : fs::directory_iterator(dir)) fs::remove_all(entry.path());
+    for (const fs::directory_entry& entry : fs::directory_iterator(dir))
+        fs::remove_all(entry.path());
 }
 
 }  // namespace
@@ -54,9 +55,13 @@ std::string phone_log() {
     return text;
 }
 
-void opt_in(int client_id) { fs::create_directory(fs::path(UP_DIR) / std::to_string(client_id)); }
+void opt_in(int client_id) {
+    fs::create_directory(fs::path(UP_DIR) / std::to_string(client_id));
+}
 
-void opt_out(int client_id) { fs::remove_all(fs::path(UP_DIR) / std::to_string(client_id)); }
+void opt_out(int client_id) {
+    fs::remove_all(fs::path(UP_DIR) / std::to_string(client_id));
+}
 
 void deliver(int client_id, const std::string& name, const std::string& text) {
     const fs::path dir = fs::path(DOWN_DIR) / std::to_string(client_id);

@@ -21,7 +21,9 @@ class DaemonTest : public ::testing::Test {
   protected:
     void SetUp() override { phone_reset(); }
 
-    static bool logged(const std::string& text) { return phone_log().find(text) != std::string::npos; }
+    static bool logged(const std::string& text) {
+        return phone_log().find(text) != std::string::npos;
+    }
     static bool eventually_logged(const std::string& text) {
         return eventually([&] { return logged(text); });
     }
@@ -38,7 +40,8 @@ TEST_F(DaemonTest, AnnouncesItselfAndEndsInOrder) {
     // The monitor may have been stopped before it waited; then it has no failed read to report.
     std::string log = phone_log();
     const std::string failed_read = "optout_monitor: failed to read event. err:4\n";
-    if (const size_t at = log.find(failed_read); at != std::string::npos) log.erase(at, failed_read.size());
+    if (const size_t at = log.find(failed_read); at != std::string::npos)
+        log.erase(at, failed_read.size());
     EXPECT_EQ(log,
               "property_set vendor.orb.vexa.enabled 1\n"
               "vexastatsd version: 1.2 started\n"
@@ -57,7 +60,8 @@ TEST_F(DaemonTest, TestFileCountsOnDebugBuildsOnly) {
         daemon_process daemon;
         ASSERT_TRUE(eventually_logged("version: 1.2 started\n"));
         EXPECT_EQ(file_text(ENABLED), value);
-        EXPECT_EQ(logged("test: property_set vendor.orb.vexa.enabled 0\n"), std::string(value) == "0");
+        EXPECT_EQ(logged("test: property_set vendor.orb.vexa.enabled 0\n"),
+                  std::string(value) == "0");
         EXPECT_TRUE(daemon.stop());
     }
 }
@@ -175,14 +179,16 @@ TEST_F(DaemonTest, CollectorGoesOnAfterConsentWasGoneInTheMiddleOfARollOver) {
 bool is_inherited(pid_t pid, const std::string& fd) {
     const std::string info = file_text("/.host/proc/" + std::to_string(pid) + "/fdinfo/" + fd);
     const size_t flags = info.find("flags:\t");
-    return flags != std::string::npos && !(std::stoi(info.substr(flags + 7), nullptr, 8) & O_CLOEXEC);
+    return flags != std::string::npos &&
+           !(std::stoi(info.substr(flags + 7), nullptr, 8) & O_CLOEXEC);
 }
 
 TEST_F(DaemonTest, OpenDescriptorsAreClosedInProgramsItStarts) {
     opt_in(2);
     daemon_process daemon;
     ASSERT_TRUE(eventually_logged("cpu_collector enabled\n"));
-    const std::vector<std::string> open = list_dir("/.host/proc/" + std::to_string(daemon.pid()) + "/fd");
+    const std::vector<std::string> open =
+        list_dir("/.host/proc/" + std::to_string(daemon.pid()) + "/fd");
     EXPECT_GT(open.size(), 3u);
     for (const std::string& fd : open) {
         const bool came_with_it = is_inherited(getpid(), fd) || std::stoi(fd) <= 2;

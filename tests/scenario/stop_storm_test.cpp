@@ -1,5 +1,5 @@
-// Starts the daemon over and over and stops it at a random moment of its life, while directories come
-// and go and the windows between a flag and the wait behind it are widened.
+// Starts the daemon over and over and stops it at a random moment of its life, while directories
+// come and go and the windows between a flag and the wait behind it are widened.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -31,7 +31,7 @@ constexpr int STORM_ROUNDS = 1000;
 // Makes and removes, by name and by rename, what the daemon waits for, until told to end.
 void churn_directories(unsigned seed, const std::atomic<bool>& end) {
     std::mt19937 rnd(seed);
-    const char* dirs[] = {"/data/vendor/vexa",      "/data/vendor/vexa/up",   "/data/vendor/vexa/up/2",
+    const char* dirs[] = {"/data/vendor/vexa", "/data/vendor/vexa/up", "/data/vendor/vexa/up/2",
                           "/data/vendor/vexa/down", "/data/vendor/vexa/down/2"};
     std::error_code ignored;
     while (!end) {
@@ -61,10 +61,13 @@ void print_distribution(const tally& result) {
     std::vector<double> ms = result.stop_ms;
     ASSERT_FALSE(ms.empty());
     std::sort(ms.begin(), ms.end());
-    const auto at = [&](double part) { return ms[static_cast<size_t>(part * static_cast<double>(ms.size() - 1))]; };
-    printf("%zu stops in order, %d before the first line; ms from signal to exit: "
-           "min %.2f, median %.2f, 90 %% %.2f, 99 %% %.2f, max %.2f\n",
-           ms.size(), result.before_main, ms.front(), at(0.5), at(0.9), at(0.99), ms.back());
+    const auto at = [&](double part) {
+        return ms[static_cast<size_t>(part * static_cast<double>(ms.size() - 1))];
+    };
+    printf(
+        "%zu stops in order, %d before the first line; ms from signal to exit: "
+        "min %.2f, median %.2f, 90 %% %.2f, 99 %% %.2f, max %.2f\n",
+        ms.size(), result.before_main, ms.front(), at(0.5), at(0.9), at(0.99), ms.back());
 }
 
 void one_round(std::mt19937& rnd, tally* result) {
@@ -98,7 +101,8 @@ void one_round(std::mt19937& rnd, tally* result) {
         return;
     }
     ASSERT_EQ(*status, 0) << log;
-    ASSERT_TRUE(log.ends_with("property_set vendor.orb.vexa.enabled 0\nvexastatsd stopped\n")) << log;
+    ASSERT_TRUE(log.ends_with("property_set vendor.orb.vexa.enabled 0\nvexastatsd stopped\n"))
+        << log;
     ASSERT_EQ(file_text("/dev/properties/vendor.orb.vexa.enabled"), "0");
     result->stop_ms.push_back(taken.count());
 }

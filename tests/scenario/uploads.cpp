@@ -23,6 +23,7 @@ std::vector<taken_upload> take_uploads(int client_id) {
 }
 
 void deliver_quick_cpu_config(int size) {
-    deliver(2, "cpustats.cfg",
-            "clientid=2;size=" + std::to_string(size) + ";interval=100;threshold=300000;notify=0\n");
+    deliver(
+        2, "cpustats.cfg",
+        "clientid=2;size=" + std::to_string(size) + ";interval=100;threshold=300000;notify=0\n");
 }

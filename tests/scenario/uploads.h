@@ -15,8 +15,8 @@ struct taken_upload {
     cpu_record cpu() const { return cpu_record_decode(file.payload); }
 };
 
-// Reads every file in the client's dropbox and deletes it, in the order of the names. Throws when one
-// of them is not whole.
+// Reads every file in the client's dropbox and deletes it, in the order of the names. Throws when
+// one of them is not whole.
 std::vector<taken_upload> take_uploads(int client_id);
 
 // Makes the CPU collector sample every 100 ms into upload files of at most `size` bytes.

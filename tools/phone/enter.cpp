@@ -90,6 +90,7 @@ void take_step(const mount_step& step, const phone_options& options) {
             break;
         case mount_kind::BIND:
         case mount_kind::BIND_RO:
+        case mount_kind::DEVICE:
         case mount_kind::PROC:
             make_mount_point(step.source, target);
             mount_or_fail(step.source, target, nullptr, MS_BIND | MS_REC);
@@ -113,15 +114,20 @@ void change_root() {
     if (umount2(".", MNT_DETACH) != 0) fail("umount of the old root");
 }
 
-// Keeps what phone_show_host_proc() needs and gives up the rest, for this process and its children,
-// so that permissions mean something to root as well.
+// What stays: mounting, for phone_show_host_proc(), and what a root user must have to make a user
+// namespace of its own, as bubblewrap does inside. The rest goes, for this process and its
+// children, so that permissions mean something to root as well.
+constexpr int KEPT_CAPABILITIES[] = {CAP_SYS_ADMIN, CAP_SETFCAP};
+
 void drop_capabilities() {
-    for (int capability = 0; capability <= CAP_LAST_CAP; ++capability) {
-        if (capability != CAP_SYS_ADMIN) (void)prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);
-    }
     __user_cap_header_struct header = {.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
     __user_cap_data_struct data[2] = {};
-    data[0].effective = data[0].permitted = 1u << CAP_SYS_ADMIN;
+    for (const int kept : KEPT_CAPABILITIES) data[0].permitted |= 1u << kept;
+    data[0].effective = data[0].permitted;
+    for (int capability = 0; capability <= CAP_LAST_CAP; ++capability) {
+        const bool kept = capability < 32 && (data[0].permitted & 1u << capability) != 0;
+        if (!kept) (void)prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);
+    }
     if (syscall(SYS_capset, &header, data) != 0) fail("capset");
 }
 

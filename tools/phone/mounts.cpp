@@ -77,7 +77,7 @@ std::vector<mount_step> phone_mounts(const phone_options& options) {
     }
     for (const char* device : PHONE_DEVICES) {
         const std::string path = std::string("/dev/") + device;
-        if (exists(path)) steps.push_back({mount_kind::BIND, path, path});
+        if (exists(path)) steps.push_back({mount_kind::DEVICE, path, path});
     }
     add_needed(options.also_needed, &steps);
     if (!options.small_dir.empty()) {

@@ -25,6 +25,7 @@ struct phone_options {
 enum class mount_kind {
     BIND,       // source is a directory or a file
     BIND_RO,    // the same, read-only
+    DEVICE,     // source is a character device
     SYMLINK,    // target becomes a link that says source
     PROC,       // the process file system of the phone's processes; source: that of this machine
     TMPFS,      // a file system of its own (phone_options::small_...)

@@ -19,8 +19,14 @@ struct workload {
 };
 
 constexpr workload WORKLOADS[] = {
-    {"scan", bench_scan},           {"scan_cold", bench_scan_cold},     {"sample", bench_sample},
-    {"pace_scan", bench_pace_scan}, {"pace_sample", bench_pace_sample},
+    {"scan", bench_scan},
+    {"scan_cold", bench_scan_cold},
+    {"sample", bench_sample},
+    {"pace_scan", bench_pace_scan},
+    {"pace_sample", bench_pace_sample},
+    {"drop", bench_drop},
+    {"append", bench_append},
+    {"idle", bench_idle},
 };
 
 int usage() {

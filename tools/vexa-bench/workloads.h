@@ -9,3 +9,11 @@ int bench_scan_cold(long n);  // the same with the process table emptied first
 int bench_sample(long n);     // one CPU sample of BENCH_TREE appended to a record in BENCH_OUT
 int bench_pace_scan(long seconds);
 int bench_pace_sample(long seconds);
+
+// Records (record_workloads.cpp).
+int bench_drop(long n);  // BENCH_IN in records of BENCH_REC bytes, each dropped into BENCH_OUT/up
+int bench_append(
+    long n);  // samples of BENCH_IN (u16 length + bytes) into records of 64 KiB compressed
+
+// The whole daemon (daemon_workloads.cpp).
+int bench_idle(long);  // opted in to nothing; prints "ready" once every thread waits, until SIGTERM

@@ -11,6 +11,7 @@ constexpr size_t PROCESS_NETWORK_ROWS = 4;
 
 // What each item takes at least; a count is checked against the bytes left with these.
 constexpr size_t CPU_BYTES = 7 * 4 + 4;
+constexpr size_t SAMPLE_MIN_BYTES = CPU_BYTES + 20;
 constexpr size_t THERMAL_ZONE_MIN_BYTES = 1 + 4;
 constexpr size_t NETWORK_ENTRY_BYTES = 12;
 constexpr size_t PROCESS_MIN_BYTES = 1 + 2 + 1 + PROCESS_NETWORK_ROWS * NETWORK_ENTRY_BYTES;
@@ -24,7 +25,7 @@ uint32_t decode_cpu_count(byte_cursor& cursor) {
     return count;
 }
 
-void decode_power(byte_cursor& cursor, cpu_sample* sample) {
+void decode_power(byte_cursor& cursor, cpu_record_sample* sample) {
     sample->charge_counter_uah = cursor.take<int32_t>("charge_counter_uah");
     const auto word = cursor.take<uint16_t>("the power word");
     sample->brightness = static_cast<uint8_t>((word & 0xFC00) >> 8);
@@ -32,7 +33,7 @@ void decode_power(byte_cursor& cursor, cpu_sample* sample) {
     sample->charge_status = word & 7;
 }
 
-void decode_thermal_zones(byte_cursor& cursor, cpu_sample* sample) {
+void decode_thermal_zones(byte_cursor& cursor, cpu_record_sample* sample) {
     const auto count = cursor.take<uint16_t>("the thermal zone count");
     cursor.check_count(count, THERMAL_ZONE_MIN_BYTES, sizeof(count), "the thermal zone count");
     sample->thermal_zones.resize(count);
@@ -42,8 +43,8 @@ void decode_thermal_zones(byte_cursor& cursor, cpu_sample* sample) {
     }
 }
 
-cpu_network_entry decode_network_entry(byte_cursor& cursor) {
-    cpu_network_entry entry;
+cpu_record_network_entry decode_network_entry(byte_cursor& cursor) {
+    cpu_record_network_entry entry;
     entry.interface_class = cursor.take<uint8_t>("interface_class");
     entry.uid = cursor.take<uint16_t>("uid");
     entry.counter_set = cursor.take<uint8_t>("counter_set");
@@ -52,14 +53,14 @@ cpu_network_entry decode_network_entry(byte_cursor& cursor) {
     return entry;
 }
 
-void decode_network(byte_cursor& cursor, cpu_sample* sample) {
+void decode_network(byte_cursor& cursor, cpu_record_sample* sample) {
     const auto count = cursor.take<uint16_t>("the network entry count");
     cursor.check_count(count, NETWORK_ENTRY_BYTES, sizeof(count), "the network entry count");
     sample->network.resize(count);
     for (auto& entry : sample->network) entry = decode_network_entry(cursor);
 }
 
-void decode_processes(byte_cursor& cursor, cpu_sample* sample) {
+void decode_processes(byte_cursor& cursor, cpu_record_sample* sample) {
     const auto count = cursor.take<uint16_t>("the process count");
     cursor.check_count(count, PROCESS_MIN_BYTES, sizeof(count), "the process count");
     sample->processes.resize(count);
@@ -74,8 +75,8 @@ void decode_processes(byte_cursor& cursor, cpu_sample* sample) {
     }
 }
 
-cpu_sample decode_sample(byte_cursor& cursor) {
-    cpu_sample sample;
+cpu_record_sample decode_sample(byte_cursor& cursor) {
+    cpu_record_sample sample;
     const auto stamp = cursor.take<uint32_t>("uptime_100ms");
     sample.uptime_100ms = stamp & ~TIMEZONE_CHANGED;
     if (stamp & TIMEZONE_CHANGED) sample.timezone_min = cursor.take<int16_t>("timezone_min");
@@ -92,8 +93,8 @@ cpu_sample decode_sample(byte_cursor& cursor) {
     return sample;
 }
 
-std::vector<cpu_sample> decode_samples(std::span<const uint8_t> bytes) {
-    std::vector<cpu_sample> samples;
+std::vector<cpu_record_sample> decode_samples(std::span<const uint8_t> bytes) {
+    std::vector<cpu_record_sample> samples;
     byte_cursor cursor(bytes);
     while (cursor.left() > 0) {
         const size_t start = cursor.offset();
@@ -110,9 +111,11 @@ std::vector<cpu_sample> decode_samples(std::span<const uint8_t> bytes) {
 // front of it. Numbers of digits bound both: 12 more of the time, 3 of the time-zone offset.
 constexpr size_t OVERWRITTEN_MAX_BYTES = 15;
 constexpr size_t LEFT_OVER_MAX_BYTES = 4;
-constexpr uint8_t GUESSED_CPUS_MAX = 32;
 
-bool try_decode(std::span<const uint8_t> bytes, std::vector<cpu_sample>* samples) try {
+// How far to look for the second sample: further than the largest first one reaches.
+constexpr size_t FIRST_SAMPLE_MAX_BYTES = size_t{256} << 10;
+
+bool try_decode(std::span<const uint8_t> bytes, std::vector<cpu_record_sample>* samples) try {
     *samples = decode_samples(bytes);
     return true;
 } catch (const upload_error&) {
@@ -129,49 +132,52 @@ bool skip_left_over_line(std::span<const uint8_t> payload, cpu_record* record) {
     return false;
 }
 
-// What the overwritten bytes must have been, as far as it matters: the head of a sample for `cpus`.
-std::array<uint8_t, OVERWRITTEN_MAX_BYTES> sample_head(uint8_t cpus, bool with_timezone) {
-    std::array<uint8_t, OVERWRITTEN_MAX_BYTES> head{};
-    head[3] = with_timezone ? 0x80 : 0;
-    head[with_timezone ? 6 : 4] = cpus;
-    return head;
+// A quick test that most positions fail: whether a sample with a possible CPU count may begin here.
+bool may_begin_sample(std::span<const uint8_t> bytes) {
+    if (bytes.size() < SAMPLE_MIN_BYTES) return false;
+    byte_cursor cursor(bytes);
+    if (cursor.take<uint32_t>("uptime_100ms") & TIMEZONE_CHANGED)
+        cursor.take<int16_t>("timezone_min");
+    const auto cpus = cursor.take<uint32_t>("cpu_count");
+    return cpus > 0 && cpus <= cursor.left() / CPU_BYTES;
 }
 
-bool times_ascend(const std::vector<cpu_sample>& samples) {
+// Whether `rest` is a sample for `cpus` CPUs that lacks its first few bytes. They are put back as
+// far as they matter: the flag of the time zone, and the CPU count.
+bool is_rest_of_sample(std::span<const uint8_t> rest, size_t cpus) {
+    for (const bool with_timezone : {false, true}) {
+        std::vector<uint8_t> bytes(OVERWRITTEN_MAX_BYTES);
+        bytes[3] = with_timezone ? 0x80 : 0;
+        for (size_t i = 0; i < 4; i++)
+            bytes[(with_timezone ? 6 : 4) + i] = static_cast<uint8_t>(cpus >> 8 * i);
+        for (size_t lost = OVERWRITTEN_MAX_BYTES; lost > 0; lost--) {
+            bytes.resize(lost);
+            bytes.insert(bytes.end(), rest.begin(), rest.end());
+            std::vector<cpu_record_sample> samples;
+            if (try_decode(bytes, &samples) && samples.size() == 1) return true;
+        }
+    }
+    return false;
+}
+
+bool times_ascend(const std::vector<cpu_record_sample>& samples) {
     return std::is_sorted(samples.begin(), samples.end(), [](const auto& a, const auto& b) {
         return a.uptime_100ms < b.uptime_100ms;
     });
 }
 
-// Puts a guessed head back in front. The guess is taken for true when everything then fits to the
-// last byte and whole samples follow in order of time. The restored sample serves to find the next
-// one and is then dropped.
-bool try_head(std::span<uint8_t> room_and_payload, size_t lost, uint8_t cpus, bool with_timezone,
-              cpu_record* record) {
-    const auto restored = room_and_payload.subspan(OVERWRITTEN_MAX_BYTES - lost);
-    const auto head = sample_head(cpus, with_timezone);
-    std::copy_n(head.begin(), lost, restored.begin());
-    std::vector<cpu_sample> samples;
-    if (!try_decode(restored, &samples) || samples.size() < 2) return false;
-    samples.erase(samples.begin());
-    if (!times_ascend(samples)) return false;
-
-    byte_cursor cursor(restored);
-    (void)decode_sample(cursor);
-    record->skipped_bytes = cursor.offset() - lost;
-    record->samples = std::move(samples);
-    return true;
-}
-
+// Looks for the second sample. It is found where everything fits from there to the last byte, in
+// order of time, and what stands in front is the rest of a sample.
 bool skip_overwritten_sample(std::span<const uint8_t> payload, cpu_record* record) {
-    std::vector<uint8_t> bytes(OVERWRITTEN_MAX_BYTES);
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    for (size_t lost = 1; lost <= OVERWRITTEN_MAX_BYTES; lost++) {
-        const uint8_t guesses =
-            lost <= 4 ? 1 : GUESSED_CPUS_MAX;  // else the CPU count is still there
-        for (uint8_t cpus = 1; cpus <= guesses; cpus++)
-            for (const bool with_timezone : {false, true})
-                if (try_head(bytes, lost, cpus, with_timezone, record)) return true;
+    for (size_t at = 1; at < std::min(payload.size(), FIRST_SAMPLE_MAX_BYTES); at++) {
+        std::vector<cpu_record_sample> samples;
+        if (!may_begin_sample(payload.subspan(at)) || !try_decode(payload.subspan(at), &samples) ||
+            !times_ascend(samples) ||
+            !is_rest_of_sample(payload.first(at), samples[0].times.size()))
+            continue;
+        record->skipped_bytes = at;
+        record->samples = std::move(samples);
+        return true;
     }
     return false;
 }
@@ -189,17 +195,18 @@ cpu_record cpu_record_decode(std::span<const uint8_t> payload) {
     return record;
 }
 
-std::optional<double> cpu_load_percent(const cpu_times& before, const cpu_times& after) {
-    const cpu_times offline;
+std::optional<double> cpu_load_percent(const cpu_record_times& before,
+                                       const cpu_record_times& after) {
+    const cpu_record_times offline;
     if (before.ticks == offline.ticks || after.ticks == offline.ticks) return std::nullopt;
     uint64_t total = 0, idle = 0;
-    for (size_t i = 0; i < cpu_times::COUNTERS; i++) {
+    for (size_t i = 0; i < cpu_record_times::COUNTERS; i++) {
         // The counters wrap at 32 bits; the idle ones can also step back a little, which counts as
         // none.
         const uint32_t difference = after.ticks[i] - before.ticks[i];
         const uint32_t passed = difference > INT32_MAX ? 0 : difference;
         total += passed;
-        if (i == cpu_times::IDLE || i == cpu_times::IOWAIT) idle += passed;
+        if (i == cpu_record_times::IDLE || i == cpu_record_times::IOWAIT) idle += passed;
     }
     if (total == 0) return std::nullopt;
     return 100.0 * static_cast<double>(total - idle) / static_cast<double>(total);

@@ -14,7 +14,7 @@ namespace {
 
 using text_row = std::vector<std::string>;
 
-json_object network_json(const std::vector<cpu_network_entry>& entries) {
+json_object network_json(const std::vector<cpu_record_network_entry>& entries) {
     json_object list = json_object::array();
     for (const auto& entry : entries)
         list.push_back({{"interface_class", entry.interface_class},
@@ -25,7 +25,7 @@ json_object network_json(const std::vector<cpu_network_entry>& entries) {
     return list;
 }
 
-json_object sample_json(const cpu_sample& sample) {
+json_object sample_json(const cpu_record_sample& sample) {
     json_object object;
     object["uptime_100ms"] = sample.uptime_100ms;
     if (sample.timezone_min) object["timezone_min"] = *sample.timezone_min;
@@ -65,12 +65,12 @@ constexpr const char* cpuset_names[] = {"foreground", "background", "top app", "
 
 // A sample on its way into the tables, with its local time of day.
 struct timed_sample {
-    const cpu_sample* sample = nullptr;
+    const cpu_record_sample* sample = nullptr;
     std::string time;
 };
 
 std::vector<timed_sample> add_times(const upload_header& header,
-                                    const std::vector<cpu_sample>& samples) {
+                                    const std::vector<cpu_record_sample>& samples) {
     std::vector<timed_sample> timed;
     int timezone_min = header.timezone_min;
     for (const auto& sample : samples) {
@@ -98,15 +98,15 @@ std::vector<text_column> cpu_columns(size_t cpus) {
     return columns;
 }
 
-std::string load_cell(const cpu_times* before, const cpu_times& after) {
-    if (after.ticks == cpu_times{}.ticks) return "off";
+std::string load_cell(const cpu_record_times* before, const cpu_record_times& after) {
+    if (after.ticks == cpu_record_times{}.ticks) return "off";
     const auto load = before ? cpu_load_percent(*before, after) : std::nullopt;
     return load ? fmt::format("{:.0f}", *load) : "-";
 }
 
 std::string load_table(const std::vector<timed_sample>& samples) {
     std::vector<text_row> rows;
-    const cpu_sample* before = nullptr;
+    const cpu_record_sample* before = nullptr;
     for (const auto& [sample, time] : samples) {
         text_row row = {time};
         for (size_t i = 0; i < sample->times.size(); i++)
@@ -196,10 +196,10 @@ std::string temperature_table(const std::vector<timed_sample>& samples) {
 }
 
 struct traffic {
-    cpu_network_entry first, last;
+    cpu_record_network_entry first, last;
 };
 
-void add_traffic(const std::vector<cpu_network_entry>& entries,
+void add_traffic(const std::vector<cpu_record_network_entry>& entries,
                  std::map<std::tuple<uint16_t, uint8_t, uint8_t>, traffic>* all) {
     for (const auto& entry : entries) {
         // The traffic of a UID stands with its first process; the rows of the others hold none.

@@ -31,7 +31,7 @@ struct cpu_collector {
     cpu_stats stats{};
     unique_fd notifier{};
     grow_array<int> watches{};  // one per core while the collector waits, otherwise empty
-    bool change_seen = false;   // the kernel has reported a change
+    bool has_waited = false;    // the first wait, which an early start bounds, is over
     unique_dir proc_dir{};
     sampling_failures failures{};
 
@@ -137,7 +137,6 @@ void run_sampling_loop(cpu_collector* c) {
 void sample_on_changes(cpu_collector* c, const watch_buffer& events) {
     watch_for_each(events, [c](const inotify_event& event) {
         if (!(event.mask & IN_MODIFY) || !c->row->notify) return;
-        c->change_seen = true;
         remove_watches(c);
         run_sampling_loop(c);
     });
@@ -155,7 +154,8 @@ bool wait_and_sample(cpu_collector* c) {
     if (!add_watches(c)) return sampling_try_again(&c->failures, c->stop());
 
     watch_buffer events;
-    const bool bounded = c->started_early && !c->change_seen;
+    const bool bounded = c->started_early && !c->has_waited;
+    c->has_waited = true;
     switch (sampling_wait_change(c->notifier.get(), bounded, MONITOR, c->stop(), &events)) {
         case change_wait::TIMED_OUT:
             sampling_give_up_notify(c->row, MONITOR);

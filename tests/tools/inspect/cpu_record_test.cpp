@@ -140,7 +140,7 @@ TEST(CpuRecord, EndOfALongerFirstLineInFrontOfTheSamplesIsSkipped) {
 }
 
 TEST(CpuLoad, IsTheBusyShareBetweenTwoSamples) {
-    const auto percent = [](cpu_times before, cpu_times after) {
+    const auto percent = [](cpu_record_times before, cpu_record_times after) {
         return cpu_load_percent(before, after);
     };
     constexpr uint32_t near_wrap = 0xFFFFFFF0;

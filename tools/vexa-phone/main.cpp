@@ -1,0 +1,109 @@
+// vexa-phone: makes the tree of a simulated phone, and runs commands in one.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <CLI/CLI.hpp>
+#include <filesystem>
+
+#include "host/clock_course.h"
+#include "phone/phone_tree.h"
+#include "platform/properties.h"
+#include "run.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct run_arguments {
+    std::string dir;
+    bool host_proc = false;
+    std::vector<std::string> properties;
+    std::string clock;
+    uint64_t size = 0;
+    std::vector<std::string> command;
+};
+
+std::string check_property(const std::string& word) {
+    const size_t equals = word.find('=');
+    if (equals == std::string::npos || equals == 0) return "must be NAME=VALUE: " + word;
+    if (word[0] == '.' || word.find('/') < equals) return "no name of a property: " + word;
+    if (word.size() - equals - 1 >= PROPERTY_VALUE_MAX) return "longer than 91 bytes: " + word;
+    return "";
+}
+
+std::string check_clock(const std::string& spec) {
+    if (clock_spec_parse(spec.data(), spec.size())) return "";
+    return "must be words like real=2016-12-31T23:59:50Z boot=30 speed=60";
+}
+
+int run(const run_arguments& arguments) {
+    if (!fs::is_directory(arguments.dir)) {
+        throw std::runtime_error("no such directory: " + arguments.dir +
+                                 " (vexa-phone create makes a phone)");
+    }
+    const fs::path beside = fs::read_symlink("/proc/self/exe").parent_path();
+    const phone_options options = {
+        .dir = fs::canonical(arguments.dir),
+        .host_proc = arguments.host_proc,
+        .small_dir = arguments.size > 0 ? "/data/vendor" : "",
+        .small_bytes = arguments.size,
+        .also_needed = {beside, fs::current_path()},
+    };
+    for (const std::string& word : arguments.properties) {
+        const size_t equals = word.find('=');
+        phone_set_property(options.dir, word.substr(0, equals), word.substr(equals + 1));
+    }
+    if (!arguments.clock.empty()) phone_set_clock(options.dir, arguments.clock);
+    if (!arguments.command.empty()) return run_in_phone(options, arguments.command);
+    return run_in_phone(options, {beside / "vexastatsd"});
+}
+
+// Reads the words before the command and does what they say.
+int do_as_told(int argc, char** argv, run_arguments* arguments) {
+    CLI::App app{"A simulated phone on this machine"};
+    app.require_subcommand(1);
+    CLI::App* create =
+        app.add_subcommand("create", "Make the tree of a phone in a new or empty directory");
+    create->add_option("DIR", arguments->dir)->required();
+    CLI::App* run_it = app.add_subcommand("run", "Run a command in the phone in DIR");
+    run_it->footer("vexa-phone run DIR [OPTIONS] [-- COMMAND...]: without COMMAND, the daemon");
+    run_it->add_option("DIR", arguments->dir)->required();
+    run_it->add_flag("--host-proc", arguments->host_proc, "Show this machine's own /proc");
+    run_it->add_option("--property", arguments->properties, "Set a property before the start")
+        ->type_name("NAME=VALUE")
+        ->take_all()
+        ->check(check_property);
+    run_it->add_option("--clock", arguments->clock, "Give the phone another time")
+        ->type_name("SPEC")
+        ->check(check_clock);
+    run_it->add_option("--size", arguments->size, "Put /data/vendor on a file system of this size")
+        ->type_name("BYTES");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error);
+    }
+    if (run_it->parsed()) return run(*arguments);
+    phone_create(arguments->dir);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 3 && strcmp(argv[1], RUN_INSIDE) == 0) {
+        return become_command(static_cast<int>(strtol(argv[2], nullptr, 10)), argv + 3);
+    }
+    try {
+        // The command's own options are none of ours.
+        run_arguments arguments;
+        int own = 1;
+        while (own < argc && strcmp(argv[own], "--") != 0) ++own;
+        if (own < argc) arguments.command.assign(argv + own + 1, argv + argc);
+        return do_as_told(own, argv, &arguments);
+    } catch (const std::exception& error) {
+        fprintf(stderr, "vexa-phone: %s\n", error.what());
+        return 1;
+    }
+}

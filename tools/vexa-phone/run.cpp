@@ -1,0 +1,207 @@
+// Three processes stand between the caller and the command: vexa-phone, bubblewrap, and
+// bubblewrap's init inside the phone. The caller knows the first, signals are for the last. So the
+// command's process starts as vexa-phone itself and reports over a socket: the kernel puts its
+// process id as seen from here beside the message. It becomes the command once it is told that
+// vexa-phone lives, and its end of the socket, closed on exec, tells that it has become it.
+#include "run.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <optional>
+#include <system_error>
+
+#include "bubblewrap.h"
+#include "framework/unique_handle.h"
+
+namespace {
+
+constexpr int FORWARDED[] = {SIGTERM, SIGINT, SIGHUP};
+
+[[noreturn]] void fail(const char* what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+sigset_t forwarded_signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signo : FORWARDED) sigaddset(&set, signo);
+    return set;
+}
+
+unique_fd open_pidfd(pid_t pid) {
+    return unique_fd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+}
+
+void send_signal(const unique_fd& process, int signo) {
+    (void)syscall(SYS_pidfd_send_signal, process.get(), signo, nullptr,
+                  0);  // fails when it has ended
+}
+
+// In the child: the forwarded signals stay blocked through bubblewrap, which the terminal's Ctrl-C
+// would otherwise end, and the phone with it, before the command has ended in order.
+[[noreturn]] void exec_bubblewrap(std::vector<std::string>& words, pid_t parent) {
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(1);
+    execvp(argv[0], argv.data());
+    fprintf(stderr, "vexa-phone: cannot run bwrap: %s (package bubblewrap)\n", strerror(errno));
+    _exit(1);
+}
+
+// What the process inside sends: 0 before it becomes the command, or the errno of its failing to.
+// Returns 0 at the end of the stream, or the number of bytes.
+ssize_t receive_report(int fd, int* report, std::optional<pid_t>* sender) {
+    iovec part = {.iov_base = report, .iov_len = sizeof *report};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const ssize_t count = recvmsg(fd, &message, MSG_CMSG_CLOEXEC);
+    const cmsghdr* header = CMSG_FIRSTHDR(&message);
+    if (count > 0 && header && header->cmsg_level == SOL_SOCKET &&
+        header->cmsg_type == SCM_CREDENTIALS) {
+        ucred credentials;
+        memcpy(&credentials, CMSG_DATA(header), sizeof credentials);
+        *sender = credentials.pid;
+    }
+    return count;
+}
+
+// The run as this process sees it.
+struct phone_run {
+    unique_fd signals;     // signalfd of the forwarded signals
+    unique_fd bubblewrap;  // pidfd
+    unique_fd reports;  // socket to the process inside; closed when there is nothing more to come
+    unique_fd command;  // pidfd, once the process inside has reported
+    bool started = false;   // it has become the command
+    int exec_errno = 0;     // it could not
+    std::vector<int> held;  // signals that came before
+};
+
+void take_signal(phone_run* run) {
+    signalfd_siginfo info = {};
+    if (read(run->signals.get(), &info, sizeof info) != sizeof info) return;
+    // What the terminal sends, it sends to the command as well.
+    if (info.ssi_code == SI_KERNEL) return;
+    const int signo = static_cast<int>(info.ssi_signo);
+    if (run->started) {
+        send_signal(run->command, signo);
+    } else {
+        run->held.push_back(signo);
+    }
+}
+
+void take_report(phone_run* run) {
+    int report = 0;
+    std::optional<pid_t> sender;
+    const ssize_t count = receive_report(run->reports.get(), &report, &sender);
+    if (count == sizeof report && report == 0 && sender) {
+        run->command = open_pidfd(*sender);
+        (void)!send(run->reports.get(), "", 1,
+                    MSG_NOSIGNAL);  // it may have been killed: seen below
+        return;
+    }
+    if (count == sizeof report && report != 0) run->exec_errno = report;
+    run->reports.reset();
+    if (!run->command || run->exec_errno != 0) return;
+    run->started = true;
+    for (const int signo : run->held) send_signal(run->command, signo);
+    run->held.clear();
+}
+
+// Returns when bubblewrap has ended, and with it everything in the phone.
+void follow(phone_run* run) {
+    for (;;) {
+        pollfd fds[] = {
+            {.fd = run->bubblewrap.get(), .events = POLLIN, .revents = 0},
+            {.fd = run->signals.get(), .events = POLLIN, .revents = 0},
+            {.fd = run->reports.get(), .events = POLLIN, .revents = 0},
+        };
+        if (poll(fds, std::size(fds), -1) < 0 && errno != EINTR) fail("poll");
+        if (fds[2].revents) take_report(run);
+        if (fds[1].revents) take_signal(run);
+        if (fds[0].revents) return;
+    }
+}
+
+int exit_code(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) fail("waitpid");
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace
+
+int run_in_phone(const phone_options& options, const std::vector<std::string>& command) {
+    constexpr char INSIDE[] = "/.host/vexa-phone";
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) fail("socketpair");
+    phone_run run;
+    run.reports.reset(ends[0]);
+    unique_fd inside(ends[1]);
+    const int on = 1;
+    if (setsockopt(run.reports.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0)
+        fail("SO_PASSCRED");
+
+    std::vector<mount_step> steps = phone_mounts(options);
+    steps.push_back({mount_kind::BIND_RO, std::filesystem::read_symlink("/proc/self/exe"), INSIDE});
+    std::vector<std::string> becoming = {INSIDE, RUN_INSIDE, std::to_string(inside.get())};
+    becoming.insert(becoming.end(), command.begin(), command.end());
+    std::vector<std::string> words = bubblewrap_words(steps, options, becoming);
+
+    const sigset_t signals = forwarded_signals();
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    run.signals.reset(signalfd(-1, &signals, SFD_CLOEXEC));
+    if (!run.signals) fail("signalfd");
+
+    const pid_t self = getpid();
+    const pid_t pid = fork();
+    if (pid < 0) fail("fork");
+    if (pid == 0) {
+        fcntl(inside.get(), F_SETFD, 0);
+        exec_bubblewrap(words, self);
+    }
+    inside.reset();
+    run.bubblewrap = open_pidfd(pid);
+    if (!run.bubblewrap) fail("pidfd_open");
+    follow(&run);
+    const int code = exit_code(pid);
+    if (run.exec_errno != 0) {
+        fprintf(stderr, "vexa-phone: cannot run %s: %s\n", command[0].c_str(),
+                strerror(run.exec_errno));
+    } else if (!run.command) {
+        fprintf(stderr, "vexa-phone: the phone could not be made; see scripts/setup\n");
+    }
+    return code;
+}
+
+int become_command(int fd, char** command) {
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+    int report = 0;
+    char word = 0;
+    if (send(fd, &report, sizeof report, MSG_NOSIGNAL) < 0) return 1;
+    // No word: vexa-phone was killed before all that dies with it was in place.
+    if (recv(fd, &word, sizeof word, 0) != 1) return 1;
+    const sigset_t signals = forwarded_signals();
+    sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+    execvp(command[0], command);
+    report = errno;
+    (void)!send(fd, &report, sizeof report, MSG_NOSIGNAL);
+    return report == ENOENT ? 127 : 126;
+}

@@ -1,0 +1,19 @@
+// Running a command in a phone.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "phone/mounts.h"
+
+// The word that makes vexa-phone, called inside the phone, become the command.
+inline constexpr char RUN_INSIDE[] = "--become";
+
+// Runs `command` in the phone and returns its exit code: 128 + N after signal N, 127 or 126 when it
+// cannot be run. SIGTERM, SIGINT and SIGHUP are passed on to the command, and kept for it until it
+// exists. When this process is killed, everything in the phone is. Throws std::exception.
+int run_in_phone(const phone_options& options, const std::vector<std::string>& command);
+
+// The part inside the phone: reports to run_in_phone over descriptor `fd`, waits for its word and
+// becomes `command` (null-terminated). Returns an exit code when that fails.
+int become_command(int fd, char** command);
