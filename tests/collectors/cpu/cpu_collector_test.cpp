@@ -3,16 +3,20 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <time.h>
 
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
 
 #include "collectors/cpu/cpu_stats.h"
+#include "collectors/cpu/readproc.h"
 #include "collectors/cpu/vexapslist.h"
 #include "framework/clock.h"
 #include "framework/config.h"
@@ -165,6 +169,22 @@ TEST_F(CpuCollector, SampleIsDueOnlyOnceMoreThanTheIntervalHasPassed) {
     EXPECT_EQ(result, 0);
 }
 
+TEST_F(CpuCollector, ScanIsDueOnlyOnceMoreThanTenSecondsHavePassed) {
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    put_files({{frequency_file(0), "300001\n"}});
+    open_record();
+    stats.tracks_processes = true;
+    const unique_dir empty(opendir(UP_DIR));
+    const uint64_t before = vexa_ps_readproc_counters().entries;
+    thread = std::thread([&] { result = poll_cpu_stats(&stats, &row, &record, empty.get()); });
+    for (const uint64_t scans : {1u, 1u, 2u, 2u, 3u}) {
+        park();
+        EXPECT_EQ(vexa_ps_readproc_counters().entries - before, scans * 2) << "\".\" and \"..\"";
+        platform_test_advance_ms(10000);
+    }
+    stop();
+}
+
 TEST_F(CpuCollector, SnapshotCarriesProcessesInsteadOfNetworkEntries) {
     put_files({{"/proc/net/xt_qtaguid/stats", "header\n2 wlan0 0x0 10131 1 5 1 6 1\n"}});
     open_record();
@@ -292,21 +312,55 @@ TEST_F(CpuCollector, LateStartOnASilentKernelNeverWaits) {
     stop();
 }
 
-TEST_F(CpuCollector, FailedHandOversNeverSilenceIt) {
-    fs::remove(UP_DIR);
-    write_text_file(UP_DIR, "in the way");
-    row.size = 300;
-    start();
-    // Far more failures than the three that its sources may have.
-    for (int i = 0; i < 8; ++i) {
-        platform_test_clear_log();
-        ASSERT_TRUE(platform_test_wait_log(STARVED, EVENT_LIMIT.count()));
+// Whatever happens to its storage, and however often, the collector goes on once it is well again.
+struct StorageTrouble : CpuCollector {
+    void TearDown() override {
+        limit_file_size(RLIM_INFINITY);
+        CpuCollector::TearDown();
     }
-    EXPECT_FALSE(stop_flag_is_raised(row.stop));
-    fs::remove(UP_DIR);
-    fs::create_directory(UP_DIR);
-    ASSERT_TRUE(wait_for_change({UP_DIR}, [] { return list_dir(UP_DIR).size() >= 2; }));
-    stop();
+    void outlives(const char* failure, const std::function<void()>& mend) {
+        if (!thread.joinable()) start();
+        for (int i = 0; i < 8; ++i) {
+            ASSERT_TRUE(platform_test_wait_log(failure, EVENT_LIMIT.count()));
+            platform_test_clear_log();
+        }
+        EXPECT_FALSE(stop_flag_is_raised(row.stop));
+        mend();
+        ASSERT_TRUE(wait_for_change({UP_DIR}, [] { return list_dir(UP_DIR).size() >= 2; }));
+        stop();
+    }
+    void limit_file_size(rlim_t size) {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{.rlim_cur = size, .rlim_max = RLIM_INFINITY};
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    }
+};
+
+TEST_F(StorageTrouble, FailedHandOversNeverSilenceIt) {
+    row.size = 300;
+    fs::permissions(UP_DIR, fs::perms::owner_read);
+    outlives(STARVED, [] { fs::permissions(UP_DIR, fs::perms::owner_all); });
+}
+
+TEST_F(StorageTrouble, RecordThatCannotBeOpenedAgainNeverSilencesIt) {
+    row.size = 300;
+    put_files({{RECORD, ""}});
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    start();
+    park();
+    fs::permissions(RECORD, fs::perms::owner_read);
+    fs::permissions(RECORD_DIR, fs::perms::owner_read | fs::perms::owner_exec);
+    platform_test_set_clock(platform_test_clock::AUTO);
+    outlives("failed to open record file for cpu\n", [] {
+        fs::permissions(RECORD_DIR, fs::perms::owner_all);
+        fs::permissions(RECORD, fs::perms::owner_all);
+    });
+}
+
+TEST_F(StorageTrouble, FullDiskNeverSilencesIt) {
+    row.size = 300;
+    limit_file_size(100);
+    outlives(STARVED, [this] { limit_file_size(RLIM_INFINITY); });
 }
 
 }  // namespace
