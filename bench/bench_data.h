@@ -17,6 +17,12 @@ byte_vector bench_cpu_bytes(size_t size);
 byte_vector bench_text_bytes(size_t size);
 byte_vector bench_noise_bytes(size_t size);
 
-// A folder for the benchmarks' files, removed when the program ends: in TMPDIR, or else in memory
-// (/dev/shm), where syncing costs nothing and the figures are the code's own.
+// Cores of the phone that the benchmarks run in.
+inline constexpr int BENCH_PHONE_CPUS = 8;
+
+// Enters a fresh phone with this machine's processes. To be called first. Throws std::exception.
+void bench_enter_phone();
+
+// A folder for the benchmarks' files, gone when the program ends: in TMPDIR, or else in the phone's
+// memory, where syncing costs nothing and the figures are the code's own.
 const std::string& bench_dir();

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr size_t RECORD_BYTES = 300 * 1000;
+constexpr size_t RECORD_BYTES = 300'000;
 
 using make_bytes = byte_vector(size_t size);
 

@@ -11,6 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "framework/compress.h"
 #include "framework/files.h"
 #include "framework/record_line.h"
@@ -45,17 +47,6 @@ bool dropbox_path(const collector_info* row, const char* path, char (&out)[PATH_
     return len >= 0 && static_cast<size_t>(len) < sizeof out;
 }
 
-// Syncs the directory that holds `path`, so that names made or removed in it stay so.
-bool sync_dir_of(const char* path) {
-    char dir[PATH_MAX];
-    const char* slash = strrchr(path, '/');
-    if (!slash || static_cast<size_t>(slash - path) >= sizeof dir) return false;
-    memcpy(dir, path, static_cast<size_t>(slash - path));
-    dir[slash - path] = '\0';
-    const unique_fd fd(open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return fd && fsync(fd.get()) == 0;
-}
-
 // Ends `path` in ".<*ms>", or in the next millisecond whose name is free in the dropbox, so that
 // nothing there is ever overwritten; false when there is no "." or the name does not fit.
 bool set_free_name(const collector_info* row, record_path& path, uint64_t* ms) {
@@ -77,6 +68,91 @@ bool set_finished_name(collector_info* row) {
         row->hdr.realtime_ms = ms;
         if (!path_exists(row->rec_fname)) return true;
     }
+}
+
+// ---- Sequence numbers
+// ----------------------------------------------------------------------------
+
+constexpr uint32_t NO_SEQUENCE = 0xdeadbeef;
+
+uint32_t read_sequence(const char* path) {
+    char text[32];
+    if (vexastats_read_line_at(AT_FDCWD, path, text, sizeof text) < 0) return 0;
+    return static_cast<uint32_t>(strtoul(text, nullptr, 10));
+}
+
+// Makes `next` the next number. The file is replaced, so that a kill cannot reset it.
+bool write_sequence(const char* path, uint32_t next) {
+    char text[16];
+    const int len = snprintf(text, sizeof text, "%u\n", next);
+    return vexastats_replace_file(path, text, static_cast<size_t>(len)) == 0;
+}
+
+// Path of the row's sequence file; false when rec_fname has no ".".
+bool sequence_path(const collector_info* row, record_path& path) {
+    memcpy(path, row->rec_fname, sizeof path);
+    return replace_suffix(path, ".seq");
+}
+
+// The numbers that a row's headers take. The file follows at commit() or, for a hand-over that
+// fails before, at the end: one sync for both headers of a hand-over.
+class sequence_turn {
+  public:
+    explicit sequence_turn(const collector_info* row)
+        : counted_(sequence_path(row, path_)),
+          next_(counted_ ? read_sequence(path_) : NO_SEQUENCE) {}
+    ~sequence_turn() { (void)commit(); }
+    sequence_turn(const sequence_turn&) = delete;
+    sequence_turn& operator=(const sequence_turn&) = delete;
+
+    uint32_t take() {
+        if (!counted_) return NO_SEQUENCE;
+        committed_ = false;
+        return next_++;
+    }
+
+    bool commit() {
+        if (!committed_) committed_ = write_sequence(path_, next_);
+        return committed_;
+    }
+
+  private:
+    record_path path_;
+    bool counted_;
+    uint32_t next_;
+    bool committed_ = true;
+};
+
+// Writes the row's header with sequence number `number` at offset 0; failures are logged.
+int write_header(FILE* stream, collector_info* row, uint32_t number) {
+    if (row->hdr.header_attr1 == 0) row->hdr.header_attr1 = 1;
+    record_header header = row->hdr;
+    header.seq = number;
+    if (fseeko(stream, 0, SEEK_SET) != 0) {
+        ALOGE("%s fseek failed. err:%d\n", "prepend_header", errno);
+        return -EINVAL;
+    }
+    uint8_t bytes[UPLOAD_HEADER_LEN];
+    upload_header_encode(header, bytes);
+    const size_t written = fwrite(bytes, 1, sizeof bytes, stream);
+    if (written != sizeof bytes) {
+        ALOGE("failed to write header %s. cnt:%zu\n", row->name, written);
+        return -EINVAL;
+    }
+    if (fflush(stream) != 0) {
+        ALOGE("failed to flush. err:%d\n", errno);
+        return -EINVAL;
+    }
+    return 0;
+}
+
+// A finished file that is delivered late may carry a number that the sequence file has lost.
+void keep_sequence_ahead_of(const char* finished_path, uint32_t number) {
+    record_path path = "";
+    memcpy(path, finished_path, std::min(strlen(finished_path) + 1, sizeof path - 1));
+    if (!replace_suffix(path, ".seq") || number == NO_SEQUENCE || read_sequence(path) > number)
+        return;
+    if (!write_sequence(path, number + 1)) ALOGE("failed to open %s. err:%d\n", path, errno);
 }
 
 // A finished file in the making; it removes itself unless it was dropped.
@@ -123,10 +199,13 @@ bool write_payload(FILE* record, payload_stream* payload, FILE* out, size_t* com
     return vexastats_compress(record, out, compressed) == 0;
 }
 
-// Fills `out` with header and payload of `record`, which stands behind its first line.
+// Fills `out` with header and payload of `record`, which stands behind its first line. The header
+// is written before the payload, to reserve its place, and once more when the payload's length is
+// known. Each time takes a number: deliberate, an upload carries the second one.
 bool write_upload(collector_info* row, FILE* record, payload_stream* payload, size_t record_len,
                   FILE* out) {
-    if (prepend_header(out, row) != 0) {
+    sequence_turn turn(row);
+    if (write_header(out, row, turn.take()) != 0) {
         ALOGE("failed to prepend header %s\n", row->rec_fname);
         return false;
     }
@@ -140,7 +219,8 @@ bool write_upload(collector_info* row, FILE* record, payload_stream* payload, si
 
     const off_t len = ftello(out);
     row->hdr.payload_len = static_cast<uint32_t>(len - static_cast<off_t>(row->hdr.header_len));
-    if (len < 0 || prepend_header(out, row) != 0) {
+    const uint32_t number = turn.take();
+    if (len < 0 || !turn.commit() || write_header(out, row, number) != 0) {
         ALOGE("failed to prepend header %s\n", row->rec_fname);
         return false;
     }
@@ -169,8 +249,7 @@ int hand_over(collector_info* row, payload_stream* payload, size_t record_len) {
         return -EINVAL;
     }
     if (!write_upload(row, record.get(), payload, record_len, finished.stream())) return -EINVAL;
-    // Its name and the sequence file's must be on the disk as well before the record may go.
-    if (!finished.sync_and_close() || !sync_dir_of(finished.path())) {
+    if (!finished.sync_and_close()) {
         ALOGE("failed to move file. err:%d\n", errno);
         return -EINVAL;
     }
@@ -186,7 +265,6 @@ int hand_over(collector_info* row, payload_stream* payload, size_t record_len) {
         ALOGE("failed to move file. err:%d\n", errno);
         return -EINVAL;
     }
-    (void)sync_dir_of(dropped);
     ALOGI("dropped %s into dropbox\n", finished.path());
     return 0;
 }
@@ -198,31 +276,6 @@ FILE* create_new_record(collector_info* row) {
         return nullptr;
     }
     return record_begin(row, __func__);
-}
-
-// ---- Sequence numbers
-// ----------------------------------------------------------------------------
-
-constexpr uint32_t NO_SEQUENCE = 0xdeadbeef;
-
-uint32_t read_sequence(const char* path) {
-    char text[32];
-    if (vexastats_read_line_at(AT_FDCWD, path, text, sizeof text) < 0) return 0;
-    return static_cast<uint32_t>(strtoul(text, nullptr, 10));
-}
-
-// Takes the next number of the row's records; the file is replaced, so that a kill cannot reset it.
-bool take_sequence(const collector_info* row, uint32_t* number) {
-    record_path path;
-    memcpy(path, row->rec_fname, sizeof path);
-    if (!replace_suffix(path, ".seq")) {
-        *number = NO_SEQUENCE;
-        return true;
-    }
-    *number = read_sequence(path);
-    char text[16];
-    const int len = snprintf(text, sizeof text, "%u\n", *number + 1);
-    return vexastats_replace_file(path, text, static_cast<size_t>(len)) == 0;
 }
 
 // ---- Left-overs
@@ -274,11 +327,11 @@ void deliver_finished_file(const collector_info* row, const char* path, const ch
     if (strlen(path) >= sizeof name) return;
     memcpy(name, path, strlen(path) + 1);
     if (!set_free_name(row, name, &ms) || !dropbox_path(row, name, dropped)) return;
+    keep_sequence_ahead_of(path, header.seq);
     if (fsync(fd.get()) != 0 || rename(path, dropped) != 0) {
         ALOGE("failed to move file. err:%d\n", errno);
         return;
     }
-    (void)sync_dir_of(dropped);
     ALOGI("dropped %s into dropbox\n", path);
     remove_delivered_record(record, header);
 }
@@ -305,30 +358,10 @@ int move_to_dropbox(collector_info* row, record_handle* handle, bool begin_new) 
 
 int prepend_header(FILE* stream, collector_info* row) {
     if (!stream || !row) return -EINVAL;
-
-    record_header header = row->hdr;
-    uint32_t sequence = 0;
-    if (!take_sequence(row, &sequence)) return -EINVAL;
-    header.seq = sequence;
-    if (row->hdr.header_attr1 == 0) row->hdr.header_attr1 = 1;
-    header.header_attr1 = row->hdr.header_attr1;
-
-    if (fseeko(stream, 0, SEEK_SET) != 0) {
-        ALOGE("%s fseek failed. err:%d\n", __func__, errno);
-        return -EINVAL;
-    }
-    uint8_t bytes[UPLOAD_HEADER_LEN];
-    upload_header_encode(header, bytes);
-    const size_t written = fwrite(bytes, 1, sizeof bytes, stream);
-    if (written != sizeof bytes) {
-        ALOGE("failed to write header %s. cnt:%zu\n", row->name, written);
-        return -EINVAL;
-    }
-    if (fflush(stream) != 0) {
-        ALOGE("failed to flush. err:%d\n", errno);
-        return -EINVAL;
-    }
-    return 0;
+    sequence_turn turn(row);
+    const uint32_t number = turn.take();
+    if (!turn.commit()) return -EINVAL;
+    return write_header(stream, row, number);
 }
 
 FILE* record_begin(collector_info* row, const char* caller) {

@@ -17,6 +17,10 @@ class grow_array {
   public:
     grow_array() = default;
     ~grow_array() { free(data_); }
+    grow_array(grow_array&& other) noexcept
+        : data_(std::exchange(other.data_, nullptr)),
+          size_(std::exchange(other.size_, 0)),
+          capacity_(std::exchange(other.capacity_, 0)) {}
     grow_array(const grow_array&) = delete;
     grow_array& operator=(const grow_array&) = delete;
 

@@ -11,6 +11,8 @@ struct payload_stream {
     z_stream zlib = {};
     bool begun = false;
     size_t blocks = 0;
+    uint64_t measured_input_len = 0;  // when it was last measured
+    uint64_t measured_len = 0;        // 0: never
     unique_malloc<unsigned char> out;
     size_t out_len = 0;
     size_t out_size = 0;
@@ -88,9 +90,9 @@ size_t payload_stream_blocks(const payload_stream* stream) {
     return stream->blocks;
 }
 
-bool payload_stream_measure(const payload_stream* stream, uint64_t* len) {
+bool payload_stream_measure(payload_stream* stream, uint64_t* len) {
     z_stream copy = {};
-    if (deflateCopy(&copy, const_cast<z_stream*>(&stream->zlib)) != Z_OK) return false;
+    if (deflateCopy(&copy, &stream->zlib) != Z_OK) return false;
     unsigned char out[COMPRESS_PIECE];
     copy.avail_in = 0;
     do {
@@ -100,7 +102,19 @@ bool payload_stream_measure(const payload_stream* stream, uint64_t* len) {
     } while (copy.avail_out == 0);
     *len = copy.total_out;
     deflateEnd(&copy);
+    stream->measured_input_len = stream->zlib.total_in;
+    stream->measured_len = *len;
     return true;
+}
+
+bool payload_stream_len_at_most(const payload_stream* stream, uint64_t* len) {
+    // A byte takes 15 bits at most, and lengthens the codes of those before it in its block by less
+    // than it saves them from; a new block adds a table.
+    constexpr uint64_t GROWTH_PER_BYTE = 2;
+    constexpr uint64_t TABLE_MAX = 512;
+    *len = stream->measured_len + TABLE_MAX +
+           GROWTH_PER_BYTE * (stream->zlib.total_in - stream->measured_input_len);
+    return stream->measured_len > 0;
 }
 
 bool payload_stream_finish(payload_stream* stream, FILE* out, size_t* len) {

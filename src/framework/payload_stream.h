@@ -29,7 +29,11 @@ size_t payload_stream_input_len(const payload_stream* stream);
 size_t payload_stream_blocks(const payload_stream* stream);
 
 // Exact size in bytes of the payload if it ended here. Returns false when memory fails.
-bool payload_stream_measure(const payload_stream* stream, uint64_t* len);
+bool payload_stream_measure(payload_stream* stream, uint64_t* len);
+
+// A size in bytes that the payload does not exceed if it ended here, from the last measure and what
+// was appended since. Costs nothing. Returns false when it was never measured.
+bool payload_stream_len_at_most(const payload_stream* stream, uint64_t* len);
 
 // Ends the payload and writes it to `out`; *len is its size. The stream is of no use afterwards.
 bool payload_stream_finish(payload_stream* stream, FILE* out, size_t* len);

@@ -144,18 +144,25 @@ constexpr uint64_t BLOCK_SLACK = 8;
 full_test full_by_payload(const write_req& req, off_t pos, uint64_t estimate) {
     unique_payload_stream& payload = req.handle->payload;
     if (!payload) payload = payload_stream_open(req.row->rec_fname);
-    uint64_t without_line = 0;
-    if (!payload || !payload_stream_measure(payload.get(), &without_line)) {
+    if (!payload) return measure_whole_record(req, estimate);
+
+    const auto record_len = static_cast<uint64_t>(pos);
+    const uint64_t line_len =
+        record_len - std::min<uint64_t>(record_len, payload_stream_input_len(payload.get()));
+    const uint64_t blocks_slack = BLOCK_SLACK * (1 + payload_stream_blocks(payload.get()));
+    const uint64_t line_cost_max = LINE_BYTE_COST_MAX * line_len + LINE_SLACK + blocks_slack;
+
+    uint64_t len = 0;
+    if (payload_stream_len_at_most(payload.get(), &len) &&
+        !exceeds_size(req.row, len + line_cost_max + estimate)) {
+        return full_test::FITS;
+    }
+    if (!payload_stream_measure(payload.get(), &len)) {
         payload.reset();
         return measure_whole_record(req, estimate);
     }
-    const uint64_t line_len = static_cast<uint64_t>(pos) -
-                              std::min<uint64_t>(pos, payload_stream_input_len(payload.get()));
-    const uint64_t blocks_slack = BLOCK_SLACK * (1 + payload_stream_blocks(payload.get()));
-    const uint64_t least = without_line - std::min(without_line, blocks_slack);
-    const uint64_t most = without_line + LINE_BYTE_COST_MAX * line_len + LINE_SLACK + blocks_slack;
-    const bool full = exceeds_size(req.row, least + estimate);
-    if (full == exceeds_size(req.row, most + estimate)) {
+    const bool full = exceeds_size(req.row, len - std::min(len, blocks_slack) + estimate);
+    if (full == exceeds_size(req.row, len + line_cost_max + estimate)) {
         return full ? full_test::FULL : full_test::FITS;
     }
     return measure_whole_record(req, estimate);
@@ -220,7 +227,7 @@ void cut_back(FILE* stream, off_t pos) {
 // Returns the bytes appended, fewer than req->len on failure.
 size_t append(const write_req& req) {
     FILE* stream = req.handle->file;
-    const off_t pos = stream ? seek_to_end(stream, "vexastats_write_file") : -1;
+    const off_t pos = stream ? ftello(stream) : -1;  // its end: nothing has moved it from there
     if (pos < 0) return 0;
     const size_t written = fwrite(req.data, 1, req.len, stream);
     if (written != req.len) {

@@ -67,8 +67,8 @@ inline uint64_t saturated_digits(const char* at, const char* end) {
     return sum;
 }
 
-// The sign and the digits of a number; one that does not fit is UINT64_MAX. Returns false when
-// there are no digits.
+// The sign and the digits of a number; one that does not fit is UINT64_MAX. Returns false,
+// with the value left alone, when there are no digits.
 inline bool scan_digits(text_cursor* text, bool* negative, uint64_t* value) {
     constexpr ptrdiff_t ALWAYS_FITS = 19;  // digits
     skip_blanks(text);
@@ -81,8 +81,9 @@ inline bool scan_digits(text_cursor* text, bool* negative, uint64_t* value) {
         sum = sum * 10 + static_cast<uint64_t>(*at - '0');
     }
     text->at = at;
+    if (at == begin) return false;
     *value = at - begin <= ALWAYS_FITS ? sum : saturated_digits(begin, at);
-    return at != begin;
+    return true;
 }
 
 // "%lu", "%llu"; a minus sign negates. Narrower ones ("%u", "%hu", "%hhu") keep the low bits.

@@ -50,7 +50,7 @@ TEST(KillStorm, DropboxIsWholeAndNumbersNeverRepeat) {
             seen.take();
             return seen.numbers.size() > before || testing::Test::HasFatalFailure();
         })) << phone_log();
-        usleep(rnd() % 20000);
+        usleep(rnd() % 100000);
         daemon.signal(SIGKILL);
         ASSERT_TRUE(daemon.wait(milliseconds(3000)));
         seen.take();

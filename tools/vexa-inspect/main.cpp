@@ -43,9 +43,7 @@ int inspect(const arguments& args) {
     return EXIT_DAMAGED;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     arguments args;
     CLI::App app("Shows what upload files hold. Exit code 1 when a file is damaged.",
                  "vexa-inspect");
@@ -62,4 +60,13 @@ int main(int argc, char** argv) {
         return app.exit(error) == 0 ? EXIT_SUCCESS : EXIT_USAGE;
     }
     return inspect(args);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    return run(argc, argv);
+} catch (const std::exception& error) {
+    fprintf(stderr, "vexa-inspect: %s\n", error.what());
+    return EXIT_DAMAGED;
 }

@@ -14,8 +14,8 @@ using json_object = nlohmann::ordered_json;
 struct report_options {
     size_t max_rows =
         SIZE_MAX;  // most rows of a table over time; more samples are thinned out evenly
-    size_t max_processes = 10;        // most processes shown
-    size_t max_hex_bytes = 16 * 256;  // most bytes of an unknown payload shown
+    size_t max_processes = 10;    // most processes shown
+    size_t max_hex_bytes = 4096;  // most bytes of an unknown payload shown
 };
 
 struct record_format {

@@ -25,7 +25,7 @@ std::string trimmed(std::string line) {
 }
 
 tm broken_down(uint64_t realtime_ms, int timezone_min) {
-    const auto seconds = static_cast<time_t>(realtime_ms / 1000) + timezone_min * 60;
+    const auto seconds = static_cast<time_t>(realtime_ms / 1000) + int64_t{timezone_min} * 60;
     tm time{};
     gmtime_r(&seconds, &time);
     return time;
@@ -73,10 +73,10 @@ std::string text_local_time(uint64_t realtime_ms, int timezone_min) {
 }
 
 std::string text_time_of_day(int64_t realtime_ms, int timezone_min) {
-    constexpr int64_t day_ms = 24 * 60 * 60 * 1000;
-    const int64_t local_ms =
-        (realtime_ms % day_ms + timezone_min * 60000 % day_ms + 2 * day_ms) % day_ms;
-    return fmt::format("{:02}:{:02}:{:02}.{}", local_ms / 3600000, local_ms / 60000 % 60,
+    constexpr int64_t minute_ms = 60'000, hour_ms = 60 * minute_ms, day_ms = 24 * hour_ms;
+    const int64_t offset_ms = timezone_min * minute_ms % day_ms;
+    const int64_t local_ms = (realtime_ms % day_ms + offset_ms + 2 * day_ms) % day_ms;
+    return fmt::format("{:02}:{:02}:{:02}.{}", local_ms / hour_ms, local_ms / minute_ms % 60,
                        local_ms / 1000 % 60, local_ms / 100 % 10);
 }
 

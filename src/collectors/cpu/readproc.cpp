@@ -89,8 +89,7 @@ cpuset_class class_of_process(const proc_dir& dir, int32_t pid) {
 
 void set_name(vexa_proc_entry* entry, std::string_view name) {
     const size_t len = std::min(name.size(), sizeof entry->name - 1);
-    memcpy(entry->name, name.data(), len);
-    entry->name[len] = '\0';
+    *std::copy_n(name.begin(), len, entry->name) = '\0';
 }
 
 void read_identity(const proc_dir& dir, vexa_proc_entry* entry) {
