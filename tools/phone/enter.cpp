@@ -114,20 +114,20 @@ void change_root() {
     if (umount2(".", MNT_DETACH) != 0) fail("umount of the old root");
 }
 
-// What stays: mounting, for phone_show_host_proc(), and what a root user must have to make a user
-// namespace of its own, as bubblewrap does inside. The rest goes, for this process and its
-// children, so that permissions mean something to root as well.
-constexpr int KEPT_CAPABILITIES[] = {CAP_SYS_ADMIN, CAP_SETFCAP};
+// What stays in a process that entered a phone itself: mounting, for phone_show_host_proc(), and what a
+// root user must have to make a user namespace of its own, as bubblewrap does inside.
+constexpr uint32_t KEPT_CAPABILITIES = 1u << CAP_SYS_ADMIN | 1u << CAP_SETFCAP;
 
-void drop_capabilities() {
+// Gives up the others, for this process and its children, so that permissions mean something to root
+// as well.
+void keep_capabilities(uint32_t kept) {
+    for (int capability = 0; capability <= CAP_LAST_CAP; ++capability) {
+        if (capability < 32 && (kept & 1u << capability) != 0) continue;
+        (void)prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);
+    }
     __user_cap_header_struct header = {.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
     __user_cap_data_struct data[2] = {};
-    for (const int kept : KEPT_CAPABILITIES) data[0].permitted |= 1u << kept;
-    data[0].effective = data[0].permitted;
-    for (int capability = 0; capability <= CAP_LAST_CAP; ++capability) {
-        const bool kept = capability < 32 && (data[0].permitted & 1u << capability) != 0;
-        if (!kept) (void)prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);
-    }
+    data[0].effective = data[0].permitted = kept;
     if (syscall(SYS_capset, &header, data) != 0) fail("capset");
 }
 
@@ -145,8 +145,12 @@ void phone_enter(const phone_options& options) {
     }
     for (const mount_step& step : phone_mounts(effective)) take_step(step, effective);
     change_root();
-    drop_capabilities();
+    keep_capabilities(KEPT_CAPABILITIES);
     if (!has_cwd || chdir(cwd) != 0) (void)!chdir("/");
+}
+
+void phone_drop_capabilities() {
+    keep_capabilities(0);
 }
 
 void phone_show_host_proc() {

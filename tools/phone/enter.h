@@ -12,6 +12,10 @@
 // error message.
 void phone_enter(const phone_options& options);
 
+// Gives up every capability, for this process and those it starts, so that permissions mean
+// something to root as well. Throws std::system_error.
+void phone_drop_capabilities();
+
 inline constexpr char PHONE_IN_MEMORY[] = "/.phone";
 
 // Puts this machine's /proc over the phone's. To be called at the end of main: the leak check of a

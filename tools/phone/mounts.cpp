@@ -31,6 +31,26 @@ std::string machine_proc() {
     return exists(std::string(PHONE_HOST_PROC) + "/self") ? PHONE_HOST_PROC : "/proc";
 }
 
+// Parts of this machine's /sys that a phone on its own /proc shows, where the machine has them.
+struct host_sys_part {
+    const char* probe;  // a file that tells
+    std::vector<std::string> directories;
+};
+const host_sys_part HOST_SYS_PARTS[] = {
+    {"/sys/devices/system/cpu/cpu0/cpufreq/scaling_cur_freq", {"/sys/devices/system/cpu"}},
+    {"/sys/class/thermal/thermal_zone0/temp",
+     {"/sys/class/thermal", "/sys/devices/virtual/thermal"}},
+};
+
+void add_host_sys(std::vector<mount_step>* steps) {
+    for (const host_sys_part& part : HOST_SYS_PARTS) {
+        if (!exists(part.probe)) continue;
+        for (const std::string& dir : part.directories) {
+            steps->push_back({mount_kind::BIND, dir, dir});
+        }
+    }
+}
+
 // Everything of this machine that the phone has none of: programs, libraries, homes, build trees.
 void add_machine(std::vector<mount_step>* steps) {
     for (const fs::directory_entry& entry : fs::directory_iterator("/")) {
@@ -75,6 +95,7 @@ std::vector<mount_step> phone_mounts(const phone_options& options) {
         steps.push_back({mount_kind::BIND, real ? machine_proc() : options.dir + "/" + part,
                          std::string("/") + part});
     }
+    if (options.host_proc) add_host_sys(&steps);
     for (const char* device : PHONE_DEVICES) {
         const std::string path = std::string("/dev/") + device;
         if (exists(path)) steps.push_back({mount_kind::DEVICE, path, path});

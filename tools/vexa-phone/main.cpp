@@ -92,10 +92,12 @@ int do_as_told(int argc, char** argv, run_arguments* arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc > 3 && strcmp(argv[1], RUN_INSIDE) == 0) {
-        return become_command(static_cast<int>(strtol(argv[2], nullptr, 10)), argv + 3);
-    }
     try {
+        const bool on_host_proc = argc > 3 && strcmp(argv[1], RUN_INSIDE_ON_HOST_PROC) == 0;
+        if (on_host_proc || (argc > 3 && strcmp(argv[1], RUN_INSIDE) == 0)) {
+            const int fd = static_cast<int>(strtol(argv[2], nullptr, 10));
+            return become_command(fd, on_host_proc, argv + 3);
+        }
         // The command's own options are none of ours.
         run_arguments arguments;
         int own = 1;

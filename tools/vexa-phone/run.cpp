@@ -24,6 +24,8 @@
 
 #include "bubblewrap.h"
 #include "framework/unique_handle.h"
+#include "phone/enter.h"
+#include "phone/host_cpusets.h"
 
 namespace {
 
@@ -161,7 +163,9 @@ int run_in_phone(const phone_options& options, const std::vector<std::string>& c
 
     std::vector<mount_step> steps = phone_mounts(options);
     steps.push_back({mount_kind::BIND_RO, std::filesystem::read_symlink("/proc/self/exe"), INSIDE});
-    std::vector<std::string> becoming = {INSIDE, RUN_INSIDE, std::to_string(inside.get())};
+    std::vector<std::string> becoming = {
+        INSIDE, options.host_proc ? RUN_INSIDE_ON_HOST_PROC : RUN_INSIDE,
+        std::to_string(inside.get())};
     becoming.insert(becoming.end(), command.begin(), command.end());
     std::vector<std::string> words = bubblewrap_words(steps, options, becoming);
 
@@ -191,8 +195,12 @@ int run_in_phone(const phone_options& options, const std::vector<std::string>& c
     return code;
 }
 
-int become_command(int fd, char** command) {
+int become_command(int fd, bool host_proc, char** command) {
     fcntl(fd, F_SETFD, FD_CLOEXEC);
+    if (host_proc) {
+        phone_overlay_host_cpusets();
+        phone_drop_capabilities();
+    }
     int report = 0;
     char word = 0;
     if (send(fd, &report, sizeof report, MSG_NOSIGNAL) < 0) return 1;

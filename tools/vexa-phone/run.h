@@ -8,6 +8,7 @@
 
 // The word that makes vexa-phone, called inside the phone, become the command.
 inline constexpr char RUN_INSIDE[] = "--become";
+inline constexpr char RUN_INSIDE_ON_HOST_PROC[] = "--become-on-host-proc";
 
 // Runs `command` in the phone and returns its exit code: 128 + N after signal N, 127 or 126 when it
 // cannot be run. SIGTERM, SIGINT and SIGHUP are passed on to the command, and kept for it until it
@@ -15,5 +16,5 @@ inline constexpr char RUN_INSIDE[] = "--become";
 int run_in_phone(const phone_options& options, const std::vector<std::string>& command);
 
 // The part inside the phone: reports to run_in_phone over descriptor `fd`, waits for its word and
-// becomes `command` (null-terminated). Returns an exit code when that fails.
-int become_command(int fd, char** command);
+// becomes `command` (null-terminated). Returns an exit code when that fails. Throws std::exception.
+int become_command(int fd, bool host_proc, char** command);
