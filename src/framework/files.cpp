@@ -131,12 +131,14 @@ bool vexastats_lcd_off_status() {
     return strcmp(brightness, "0") == 0;
 }
 
-int vexastats_replace_file(const char* path, const void* data, size_t len) {
+int vexastats_replace_file(const char* path, const void* data, size_t len, bool* opened) {
+    if (opened) *opened = false;
     char beside[PATH_MAX];
     const int path_len = snprintf(beside, sizeof beside, "%s.new", path);
     if (path_len < 0 || static_cast<size_t>(path_len) >= sizeof beside) return -ENAMETOOLONG;
     unique_fd fd(open(beside, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!fd) return -errno;
+    if (opened) *opened = true;
     if (!write_all(fd.get(), data, len) || fsync(fd.get()) != 0) {
         const int error = errno ? errno : EIO;
         unlink(beside);

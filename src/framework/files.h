@@ -41,5 +41,6 @@ bool vexastats_lcd_off_status();
 
 // Replaces file `path` by one with `len` bytes of `data` (mode 0600): written beside it under the
 // name path + ".new", synced, and renamed, so that a reader or a kill never meets half of it.
-// Returns 0 or a negative errno; not logged. Any thread.
-int vexastats_replace_file(const char* path, const void* data, size_t len);
+// Returns 0 or a negative errno, with *opened (may be null) telling whether it was got as far as
+// writing; not logged. Any thread.
+int vexastats_replace_file(const char* path, const void* data, size_t len, bool* opened = nullptr);

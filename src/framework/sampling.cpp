@@ -106,8 +106,5 @@ bool sampling_too_many_failures(const sampling_failures& failures) {
 }
 
 void sampling_reload_params(collector_info* row, uint64_t* loaded_ms) {
-    const uint64_t now_ms = vexastats_uptime_ms();
-    if (now_ms - *loaded_ms <= PARAMS_LIFE_MS) return;
-    if (vexastats_init_params(row) != 0) ALOGE("update params failed.\n");
-    *loaded_ms = now_ms;
+    vexastats_reload_params(row, loaded_ms, PARAMS_LIFE_MS);
 }
