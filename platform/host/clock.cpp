@@ -28,6 +28,10 @@ constexpr char CLOCK_FILE[] = "/dev/clock";
 // ticks of up to 10 ms): it is read again each time.
 constexpr int64_t YOUNG_NS = 20 * NS_PER_MS;
 
+// For how long a file that was not there is taken not to be there by readings that no wait depends
+// on, so that a phone without one pays a look a millisecond and not one a reading.
+constexpr int64_t ABSENT_NS = NS_PER_MS;
+
 // How often a wait looks by itself when the file cannot be watched.
 constexpr int64_t UNWATCHED_LOOK_NS = 200 * NS_PER_MS;
 
@@ -98,7 +102,8 @@ class shared_state {
 
 shared_state state;
 std::atomic<bool> refreshing{false};
-std::atomic<bool> looked{false};  // this process has looked for the file before
+std::atomic<int64_t> absent_until_ns{0};  // machine's monotonic clock
+std::atomic<bool> looked{false};          // this process has looked for the file before
 std::atomic<int64_t> boot_floor_ns{
     0};  // latest reading of the boot-time clock: never runs backwards
 
@@ -117,53 +122,70 @@ clock_course machine_course(int64_t host_ns) {
             .speed = 1};
 }
 
-// Reads the file and publishes what it says, from its time stamp on. What cannot be parsed is left
-// alone: a writer was caught in the middle, and its end will be another change.
-void read_clock_file(bool first_look) {
+// What the file makes of the clocks, from its time stamp on. What cannot be parsed changes nothing:
+// a writer was caught in the middle, and its end will be another change.
+clock_state read_clock_file(const clock_state& before, bool keep_boot) {
     const unique_fd fd(open(CLOCK_FILE, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!fd) return;
+    if (!fd) return before;
     struct stat file = {};
     char text[256];
-    if (fstat(fd.get(), &file) != 0) return;
+    if (fstat(fd.get(), &file) != 0) return before;
     const ssize_t len = read(fd.get(), text, sizeof text);
-    if (len <= 0 || len == sizeof text) return;
+    if (len <= 0 || len == sizeof text) return before;
     const std::optional<clock_spec> spec = clock_spec_parse(text, static_cast<size_t>(len));
-    if (!spec) return;
+    if (!spec) return before;
 
-    const clock_state before = state.load();
     const int64_t host_ns = host_clock_ns(CLOCK_BOOTTIME);
     const int64_t age_ns =
         std::max<int64_t>(host_clock_ns(CLOCK_REALTIME) - to_ns(file.st_mtim), 0);
     const clock_course present = before.active ? before.course : machine_course(host_ns);
-    if (!first_look) raise_boot_floor(course_boot_ns(present, host_ns));
-    state.store({
-        .course = course_apply(present, *spec, host_ns - age_ns, !first_look),
+    return {
+        .course = course_apply(present, *spec, host_ns - age_ns, keep_boot),
         .active = 1,
         .settled = age_ns > YOUNG_NS,
         .mtime_ns = to_ns(file.st_mtim),
         .ino = static_cast<int64_t>(file.st_ino),
-    });
+    };
 }
 
-// The clocks as they are now said to be. With `wait_turn` a change that another thread is reading
-// is waited for; without (as in a signal handler) what was known before it may be returned.
+// Reads the file for all threads. For the one that holds the turn.
+clock_state refresh() {
+    const clock_state before = state.load();
+    // Before anybody has seen the boot-time clock it may begin anywhere.
+    const bool first = !looked.load();
+    const clock_state current = read_clock_file(before, !first);
+    if (!first) {
+        const int64_t host_ns = host_clock_ns(CLOCK_BOOTTIME);
+        raise_boot_floor(before.active ? course_boot_ns(before.course, host_ns) : host_ns);
+    }
+    state.store(current);
+    looked.store(true);
+    return current;
+}
+
+// The clocks as they are now said to be. A change is read by one thread for all. Who must not wait
+// for that (a signal handler may have interrupted that very thread) reads it for itself meanwhile;
+// a wait takes its turn, since it may not miss a word of an earlier SPEC that the other one is
+// reading.
 clock_state present_state(bool wait_turn) {
-    const bool first_look = !looked.load();
+    if (!wait_turn && host_clock_ns(CLOCK_MONOTONIC) < absent_until_ns.load()) return state.load();
+    const bool first = !looked.load();
     struct stat file = {};
     if (stat(CLOCK_FILE, &file) != 0) {
         looked.store(true);
+        absent_until_ns.store(host_clock_ns(CLOCK_MONOTONIC) + ABSENT_NS);
         return state.load();
     }
     const clock_state known = state.load();
     if (known.knows(file)) return known;
     while (refreshing.exchange(true)) {
-        if (!wait_turn) return known;
+        if (!wait_turn) return read_clock_file(known, !first);
         refreshing.wait(true);
     }
-    read_clock_file(first_look && !looked.exchange(true));
+    const clock_state current = refresh();
     refreshing.store(false);
     refreshing.notify_all();
-    return state.load();
+    return current;
 }
 
 int64_t boot_now_ns(const clock_state& now) {

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <thread>
 
 #include "platform/clock.h"
@@ -31,9 +30,10 @@ void write_in_place(const std::string& spec) {
     write_text_file("/dev/clock", spec);
 }
 
+// Made elsewhere, so that the rename is all that happens in /dev.
 void replace(const std::string& spec) {
-    write_text_file("/dev/other", spec);
-    ASSERT_EQ(rename("/dev/other", "/dev/clock"), 0);
+    write_text_file("/dev/log/clock", spec);
+    ASSERT_EQ(rename("/dev/log/clock", "/dev/clock"), 0);
 }
 
 // A boot-time clock that stands hours ahead of where it is now.
@@ -49,8 +49,11 @@ class waiting_thread {
         thread_ = std::thread([this, timeout_ms] {
             tid_ = gettid();
             const auto begin = steady_clock::now();
+            timespec cpu = {};
             EXPECT_EQ(platform_poll(nullptr, 0, timeout_ms), 0);
             taken_ = steady_clock::now() - begin;
+            clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
+            EXPECT_LT(cpu.tv_sec * 1000 + cpu.tv_nsec / 1000000, 100) << "a wait burns no time";
             done_ = true;
         });
         const auto deadline = steady_clock::now() + EVENT_LIMIT;
@@ -113,28 +116,28 @@ TEST(PhoneClock, WaitWithoutEndTakesNoDescriptor) {
 
 // Files that appear where none was, are rewritten and are replaced must all be noticed.
 TEST(PhoneClock, JumpOfBootEndsTheWaitsWhoseTimeHasThenCome) {
-    unlink("/dev/clock");
-    const std::function<void(const std::string&)> ways[] = {write_in_place, write_in_place, replace,
-                                                            replace, write_in_place};
-    for (const auto& write : ways) {
-        waiting_thread due(HOUR_MS);
-        waiting_thread later(5 * HOUR_MS);
-        write(boot_in_hours(2));
-        EXPECT_TRUE(due.ends());
-        EXPECT_FALSE(later.is_done());
-        write(boot_in_hours(4));
-        EXPECT_TRUE(later.ends());
+    for (const bool is_there : {false, true}) {
+        for (const auto write : {write_in_place, replace}) {
+            if (!is_there) unlink("/dev/clock");
+            waiting_thread due(HOUR_MS);
+            waiting_thread later(5 * HOUR_MS);
+            write(boot_in_hours(2));
+            EXPECT_TRUE(due.ends());
+            EXPECT_FALSE(later.is_done());
+            write(boot_in_hours(4));
+            EXPECT_TRUE(later.ends());
+        }
     }
 }
 
 TEST(PhoneClock, JumpOfRealMovesNoRelativeWait) {
     write_in_place("speed=1");
-    waiting_thread wait(300);
+    waiting_thread wait(500);
     write_in_place("real=2035-01-01T00:00:00Z");
     EXPECT_GE(clock_ms(CLOCK_REALTIME), 2051222400000);
     const auto taken = wait.ends();
     ASSERT_TRUE(taken);
-    EXPECT_GE(*taken, milliseconds(299));
+    EXPECT_GE(*taken, milliseconds(499));
 }
 
 TEST(PhoneClock, WaitsFollowTheSpeed) {
@@ -161,6 +164,7 @@ TEST(PhoneClock, SpecHoldsFromItsTimeStampOn) {
     const timespec times[2] = {written, written};
     ASSERT_EQ(utimensat(AT_FDCWD, "/dev/other", times, 0), 0);
     ASSERT_EQ(rename("/dev/other", "/dev/clock"), 0);
+    ASSERT_EQ(platform_poll(nullptr, 0, 2), 0);  // a file where there was none is seen within 1 ms
     // 100 seconds ago, at ten times the speed: 1000 seconds on. Two minutes of leeway for this
     // machine.
     const double since_boot_s =
