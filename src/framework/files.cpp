@@ -9,6 +9,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "framework/text_cursor.h"
 #include "framework/unique_handle.h"
 #include "platform/log.h"
 
@@ -16,6 +17,7 @@ namespace {
 
 constexpr char TEST_CONFIG_FILE[] = "/data/vendor/vexastats/.property";
 constexpr char LCD_BRIGHTNESS_FILE[] = "/sys/class/leds/lcd-backlight/brightness";
+constexpr size_t SYSFS_LINE_SIZE = 512;
 
 struct charge_status {
     char name[32];
@@ -111,6 +113,13 @@ int vexastats_read_sysfs(const char* path, char* buf, size_t size) {
         ALOGE("failed to open %s. err:%d\n", path, static_cast<int>(-len));
     }
     return -EINVAL;
+}
+
+int vexastats_read_sysfs_number(const char* path, int32_t* value) {
+    char line[SYSFS_LINE_SIZE];
+    if (vexastats_read_sysfs(path, line, sizeof line) != 0) return -EINVAL;
+    text_cursor text{std::string_view(line)};
+    return scan_int(&text, value) ? 0 : -ENODATA;
 }
 
 int chg_stat_txt_to_enum(const char* text, uint32_t* out) {
