@@ -55,7 +55,9 @@ void run_sampling_loop(gpu_collector* c) {
 
 void sample_on_changes(gpu_collector* c, const watch_buffer& events) {
     watch_for_each(events, [c](const inotify_event& event) {
-        if ((event.mask & IN_MODIFY) && c->row->notify) run_sampling_loop(c);
+        if (!(event.mask & IN_MODIFY)) return;  // the end of a watch is reported too
+        c->has_seen_event = true;
+        if (c->row->notify) run_sampling_loop(c);
     });
 }
 
@@ -69,14 +71,14 @@ bool wait_and_sample(gpu_collector* c) {
     switch (sampling_wait_change(*c, bounded, &events)) {
         case change_wait::TIMED_OUT:
             // With the display off a silent kernel proves nothing: the next wait is bounded again.
-            if (!vexastats_lcd_off_status()) sampling_give_up_notify(c);
+            if (vexastats_lcd_off_status()) return true;
+            sampling_give_up_notify(c);
             remove_watch(c);
             return true;
         case change_wait::FAILED:
             remove_watch(c);
             return sampling_try_again(c);
         case change_wait::EVENTS:
-            c->has_seen_event = true;
             sample_on_changes(c, events);
             break;
     }
