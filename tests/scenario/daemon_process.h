@@ -37,6 +37,7 @@ bool eventually(Condition condition, milliseconds limit = milliseconds(10000));
 class daemon_process : public child_process {
   public:
     explicit daemon_process(const std::vector<std::string>& environment = {});
+    ~daemon_process();
 
     // SIGTERM, and whether the daemon then ended in order: exit code 0, within the limit.
     bool stop(milliseconds limit = milliseconds(3000));

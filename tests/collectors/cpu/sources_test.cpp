@@ -2,18 +2,13 @@
 // them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
 
 #include <filesystem>
-#include <random>
 #include <string>
-#include <vector>
 
 #include "collectors/cpu/cpu_times.h"
 #include "collectors/cpu/power_stats.h"
 #include "collectors/cpu/thermal_stats.h"
-#include "framework/line_reader.h"
-#include "framework/text_cursor.h"
 #include "support/files.h"
 #include "support/log.h"
 
@@ -137,56 +132,6 @@ TEST(Power, EachMissingSourceHasItsMarkAndItsMessage) {
     fs::remove_all("/sys/class/leds");
     EXPECT_EQ(read_power_values("f").brightness, 1020);
     EXPECT_THAT(log_text(), HasSubstr("f: failed to read backlight level\n"));
-}
-
-// ---- Text helpers
-
-TEST(TextCursor, NumbersAreWhatSscanfMakesOfThem) {
-    std::mt19937 random(4);
-    const std::string alphabet = "0123456789999 \t-+x";
-    for (int i = 0; i < 50000; ++i) {
-        std::string text(random() % 24, ' ');
-        for (char& c : text) c = alphabet[random() % alphabet.size()];
-        int32_t expected_int = 77, found_int = 77;
-        uint64_t expected_long = 77, found_long = 77;
-        int consumed = 0;
-        text_cursor cursor{std::string_view(text)};
-        EXPECT_EQ(scan_int(&cursor, &found_int),
-                  sscanf(text.c_str(), "%d%n", &expected_int, &consumed) == 1)
-            << text;
-        EXPECT_TRUE(consumed == 0 || cursor.at - text.data() == consumed) << text;
-        cursor = text_cursor(std::string_view(text));
-        EXPECT_EQ(scan_unsigned(&cursor, &found_long),
-                  sscanf(text.c_str(), "%lu", &expected_long) == 1)
-            << text;
-        EXPECT_EQ(found_int, expected_int) << text;
-        EXPECT_EQ(found_long, expected_long) << text;
-    }
-}
-
-TEST(LineReader, CutsAFileAsFgetsDoes) {
-    std::mt19937 random(5);
-    for (int round = 0; round < 60; ++round) {
-        const int size = 2 + static_cast<int>(random() % 600);
-        std::string text(random() % 100000, 'x');
-        for (unsigned i = random() % 400; i > 0 && !text.empty(); --i)
-            text[random() % text.size()] = '\n';
-        put_files({{"/data/lines", text}});
-        const unique_file file(fopen("/data/lines", "r"));
-        line_reader reader(unique_fd(dup(fileno(file.get()))));
-        std::vector<char> buf(static_cast<size_t>(size));
-        std::vector<std::string> expected, found;
-        std::string_view line;
-        while (line_reader_next(&reader, static_cast<size_t>(size - 1), &line))
-            found.emplace_back(line);
-        rewind(file.get());
-        while (fgets(buf.data(), size, file.get())) {
-            std::string piece = buf.data();
-            if (piece.back() == '\n') piece.pop_back();
-            expected.push_back(piece);
-        }
-        ASSERT_EQ(found, expected) << "round " << round << ", size " << size;
-    }
 }
 
 }  // namespace
