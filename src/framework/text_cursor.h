@@ -141,8 +141,7 @@ inline bool scan_hex(text_cursor* text, uint32_t* value) {
     const char* begin = text->at;
     uint64_t sum = 0;
     for (; text->at < text->end && hex_digit_value(*text->at) >= 0; ++text->at) {
-        sum = sum >> 60 ? UINT64_MAX
-                        : sum << 4 | static_cast<uint64_t>(hex_digit_value(*text->at));
+        sum = sum >> 60 ? UINT64_MAX : sum << 4 | static_cast<uint64_t>(hex_digit_value(*text->at));
     }
     if (text->at == begin) return false;
     if (negative && sum != UINT64_MAX) sum = 0 - sum;

@@ -45,10 +45,9 @@ bool take_masks(const char* text, const campaign_line& line) {
         return false;
     }
     const int moved_on = campaign_masks_parse(text, KIND, line, campaign.masks.get());
-    ALOGI(
-        "Ret %d Client Id %d Size %d Campaign ID %d Duration %d Seconds NumAlogMasks %d\n",
-        moved_on, static_cast<int>(line.client_id), line.size_bytes, line.campaign_id,
-        line.duration_s, line.mask_count);
+    ALOGI("Ret %d Client Id %d Size %d Campaign ID %d Duration %d Seconds NumAlogMasks %d\n",
+          moved_on, static_cast<int>(line.client_id), line.size_bytes, line.campaign_id,
+          line.duration_s, line.mask_count);
     for (int32_t i = 0; i < line.mask_count; ++i) {
         ALOGI("Alog Mask[%d]=0x%x\n", i, campaign.masks[i]);
     }
@@ -99,8 +98,8 @@ void alog_cfg_handler(FILE* stream, collector_info* row) {
     campaign_line line;
     if (!read_value_line(stream, text) || !campaign_line_parse(text, KIND, &line) ||
         line.client_id != row->hdr.client_id) {
-        ALOGE("invalid %d config file. re-create. err:%d\n",
-              static_cast<int>(row->hdr.client_id), errno);
+        ALOGE("invalid %d config file. re-create. err:%d\n", static_cast<int>(row->hdr.client_id),
+              errno);
         return;
     }
     if (line.campaign_id == g_alog_campaign.id) {
@@ -117,8 +116,8 @@ void alog_cfg_handler(FILE* stream, collector_info* row) {
 int alog_cfg_update_handler(collector_info* row) {
     ALOGI("%s: cfg_fname %s\n", __func__, row->cfg_file);
     char text[CAMPAIGN_FILE_SIZE];
-    const size_t len = campaign_file_format(text, row->name, KIND, row->hdr.client_id, row->size,
-                                            g_alog_campaign);
+    const size_t len =
+        campaign_file_format(text, row->name, KIND, row->hdr.client_id, row->size, g_alog_campaign);
     const int result = vexastats_replace_file(row->cfg_file, text, len);
     if (result == 0) return 0;
     ALOGE("failed to open %s cfg. err:%d\n", row->cfg_file, -result);
@@ -158,6 +157,5 @@ int alog_monitor_get_campaign_config(collector_info* row) {
 
 void alog_collect_wait_for_config_update(collector_info* row) {
     ALOGI("%s: \n", __func__);
-    vexastats_wait_config_update(row, g_seen,
-                                 {.tag = LOG_TAG, .caller = __func__, .prefix = " "});
+    vexastats_wait_config_update(row, g_seen, {.tag = LOG_TAG, .caller = __func__, .prefix = " "});
 }

@@ -57,11 +57,8 @@ bool start(alog_collector* c) {
 bool open_record(alog_collector* c) {
     vexastats_record_close(&c->record.handle);
     c->record.row = c->row;
-    record_init_req req{.row = c->row,
-                        .dir = RECORD_DIR,
-                        .prefix = RECORD_FILE,
-                        .resume = 0,
-                        .discard = 1};
+    record_init_req req{
+        .row = c->row, .dir = RECORD_DIR, .prefix = RECORD_FILE, .resume = 0, .discard = 1};
     c->record.handle.file = vexastats_record_init(&req);
     if (!c->record.handle.file) ALOGE("failed to open record file for alog collector\n");
     return c->record.handle.file != nullptr;

@@ -37,8 +37,8 @@ void hand_over(alog_record* record) {
     (void)vexastats_write_file(&req);
 }
 
-// The bytes of an entry that count, by the lengths in its first two fields, and never more than were
-// read.
+// The bytes of an entry that count, by the lengths in its first two fields, and never more than
+// were read.
 size_t entry_size(const log_msg& msg, size_t read_size) {
     const size_t size = size_t{msg.entry.len} + msg.entry.hdr_size;
     return std::min({size, read_size, ALOG_ENTRY_MAX_SIZE});
