@@ -129,8 +129,7 @@ size_t file_size(int fd) {
 // That is where the oldest half ended, unless another half went before anyone looked.
 size_t find_cut(const char* old_content, size_t old_size, const char* kept, size_t kept_size) {
     const auto is_cut = [&](size_t at) {
-        return old_size - at <= kept_size &&
-               memcmp(old_content + at, kept, old_size - at) == 0;
+        return old_size - at <= kept_size && memcmp(old_content + at, kept, old_size - at) == 0;
     };
     size_t at = log_file_cut(old_content, old_size);
     while (at < old_size && !is_cut(at)) {
@@ -231,8 +230,9 @@ void skip_to_tail(logger_list* list, unsigned int tail) {
 }  // namespace
 
 log_id_t android_name_to_log_id(const char* name) {
-    const auto* found = std::find_if(std::begin(BUFFER_NAMES), std::end(BUFFER_NAMES),
-                                     [&](const char* known) { return name && !strcmp(known, name); });
+    const auto* found =
+        std::find_if(std::begin(BUFFER_NAMES), std::end(BUFFER_NAMES),
+                     [&](const char* known) { return name && !strcmp(known, name); });
     return static_cast<log_id_t>(found - std::begin(BUFFER_NAMES));
 }
 
@@ -261,17 +261,15 @@ logger_list* android_logger_list_open(log_id_t id, int mode, unsigned int tail, 
 }
 
 int android_logger_list_read(logger_list* list, log_msg* msg) {
-    if (const int size = take_entry(list, msg); size > 0) return size;
-    for (;;) {
-        int error = arm(list);
-        if (error != 0) return error;
+    for (bool armed = false;; armed = !armed) {
+        // The look that comes before a wait is the one with the watch armed.
         for (int more = 1; more > 0;) {
             if (const int size = take_entry(list, msg); size > 0) return size;
             more = refill(list);
             if (more < 0) return more;
         }
         if (!list->blocking) return -EAGAIN;
-        error = wait_for_change(*list);
+        const int error = armed ? wait_for_change(*list) : arm(list);
         if (error != 0) return error;
     }
 }

@@ -1,3 +1,5 @@
+#include <fcntl.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -8,8 +10,9 @@
 
 #include "bench_phone.h"
 #include "collectors/alog/alog_record.h"
+#include "framework/clock.h"
+#include "framework/unique_handle.h"
 #include "phone/enter.h"
-#include "platform/log.h"
 #include "workloads.h"
 
 namespace {
@@ -17,7 +20,42 @@ namespace {
 // Another buffer than the one that the daemon logs into.
 constexpr char LOG_BUFFER[] = "/dev/log/system";
 
-constexpr size_t RECORD_LIMIT_BYTES = size_t{32} << 20;
+constexpr off64_t RECORD_LIMIT_BYTES = off64_t{32} << 20;
+
+// A record without an end on a file that is written over from its start every 32 MiB, so that the
+// disk use stays bounded and the kernel's making of new pages is not measured.
+class endless_file {
+  public:
+    explicit endless_file(const std::string& path)
+        : fd_(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)) {
+        if (!fd_) throw std::system_error(errno, std::generic_category(), path);
+    }
+
+    // Unbuffered, as records are. The caller closes it.
+    FILE* stream() {
+        FILE* opened = fopencookie(
+            this, "w", {.read = nullptr, .write = write, .seek = seek, .close = nullptr});
+        if (!opened) throw std::runtime_error("no stream");
+        setvbuf(opened, nullptr, _IONBF, 0);
+        return opened;
+    }
+
+  private:
+    static ssize_t write(void* cookie, const char* data, size_t size) {
+        auto* self = static_cast<endless_file*>(cookie);
+        const ssize_t count = pwrite(self->fd_.get(), data, size, self->end_ % RECORD_LIMIT_BYTES);
+        if (count > 0) self->end_ += count;
+        return count;
+    }
+    // Records are only ever sought to their end.
+    static int seek(void* cookie, off64_t* pos, int) {
+        *pos = static_cast<endless_file*>(cookie)->end_;
+        return 0;
+    }
+
+    unique_fd fd_;
+    off64_t end_ = 0;
+};
 
 size_t count_entries(const std::string& path) {
     std::ifstream stream(path, std::ios::binary);
@@ -34,45 +72,32 @@ size_t count_entries(const std::string& path) {
 
 class log_capture {
   public:
-    explicit log_capture(std::string dir) : dir_(std::move(dir)) {
-        record_.row = &row_;
+    explicit log_capture(const std::string& dir) : file_(dir + "/alogstats.tmp") {
         if (stop_flag_open(&row_.stop) != 0) throw std::runtime_error("no stop flag");
-        begin_record();
+        record_.row = &row_;
+        record_.handle.file = file_.stream();
         if (alog_log_start(&record_, &reader_) != 0) throw std::runtime_error("no reader");
     }
-    ~log_capture() {
-        reader_.reset();
-        vexastats_record_close(&record_.handle);
-    }
+    ~log_capture() { vexastats_record_close(&record_.handle); }
     log_capture(const log_capture&) = delete;
     log_capture& operator=(const log_capture&) = delete;
 
     void read_all(size_t entries) {
         reader_.reset(android_logger_list_open(LOG_ID_SYSTEM, 0, 0, 0));
         for (size_t i = 0; i < entries; ++i) {
-            const int size = alog_log_read(&record_, &reader_);
-            if (size < 1) throw std::runtime_error("no entry");
-            bytes_ += static_cast<size_t>(size);
-            if (bytes_ >= RECORD_LIMIT_BYTES) begin_record();
+            if (alog_log_read(&record_, &reader_) < 1) throw std::runtime_error("no entry");
         }
     }
 
   private:
-    void begin_record() {
-        vexastats_record_close(&record_.handle);
-        record_init_req req{
-            .row = &row_, .dir = dir_.c_str(), .prefix = "alogstats.tmp", .discard = 1};
-        record_.handle.file = vexastats_record_init(&req);
-        if (!record_.handle.file) throw std::runtime_error("no record in " + dir_);
-        bytes_ = 0;
-    }
-
-    std::string dir_;
+    endless_file file_;
     // A record that is never full: compressing it is another workload.
-    collector_info row_{.name = "alog_collector", .size = INT32_MAX, .hdr = {.client_id = 501}};
+    collector_info row_{.name = "alog_collector",
+                        .size = INT32_MAX,
+                        .compress_ratio = 0,
+                        .hdr = {.client_id = 501, .realtime_ms = PLAUSIBLE_REAL_TIME_MS + 1}};
     alog_record record_;
     unique_logger_list reader_;
-    size_t bytes_ = 0;
 };
 
 }  // namespace

@@ -38,9 +38,9 @@ alog_entry decode_entry(byte_cursor& cursor) {
     const auto payload_bytes = cursor.take<uint16_t>("an entry's length");
     const auto header_bytes = cursor.take<uint16_t>("an entry's header size");
     if (header_bytes != HEADER_BYTES)
-        throw upload_error(upload_place::payload, start + 2,
-                           fmt::format("an entry's header size is {}, not {}", header_bytes,
-                                       HEADER_BYTES));
+        throw upload_error(
+            upload_place::payload, start + 2,
+            fmt::format("an entry's header size is {}, not {}", header_bytes, HEADER_BYTES));
     alog_entry entry;
     entry.pid = cursor.take<int32_t>("pid");
     entry.tid = cursor.take<uint32_t>("tid");
@@ -102,16 +102,17 @@ std::string entry_prefix(const alog_entry& entry, int timezone_min) {
     tm time{};
     gmtime_r(&local, &time);
     return fmt::format("{:02}-{:02} {:02}:{:02}:{:02}.{:03} {:5} {:5} {} {:<8}: ", time.tm_mon + 1,
-                       time.tm_mday, time.tm_hour, time.tm_min, time.tm_sec,
-                       entry.nsec / 1'000'000, entry.pid, entry.tid,
-                       priority_letter(entry.priority), text_printable(entry.tag));
+                       time.tm_mday, time.tm_hour, time.tm_min, time.tm_sec, entry.nsec / 1'000'000,
+                       entry.pid, entry.tid, priority_letter(entry.priority),
+                       text_printable(entry.tag));
 }
 
 json_object entry_json(const alog_entry& entry) {
-    return {{"pid", entry.pid},           {"tid", entry.tid}, {"sec", entry.sec},
-            {"nsec", entry.nsec},         {"log_id", entry.log_id}, {"uid", entry.uid},
-            {"priority", entry.priority}, {"tag", entry.tag}, {"message", entry.message},
-            {"cut", entry.cut}};
+    return {{"pid", entry.pid},           {"tid", entry.tid},
+            {"sec", entry.sec},           {"nsec", entry.nsec},
+            {"log_id", entry.log_id},     {"uid", entry.uid},
+            {"priority", entry.priority}, {"tag", entry.tag},
+            {"message", entry.message},   {"cut", entry.cut}};
 }
 
 }  // namespace
