@@ -26,8 +26,9 @@ char priority_letter(int priority) {
 
 // Writes priority, tag and message into the payload; what does not fit is cut off. Returns the
 // message.
-const char* fill_payload(log_entry* entry, int priority, const char* tag, const char* format,
-                         va_list args) {
+__attribute__((format(printf, 4, 0))) const char* fill_payload(log_entry* entry, int priority,
+                                                               const char* tag, const char* format,
+                                                               va_list args) {
     char* at = entry->payload;
     *at++ = static_cast<char>(priority);
     const size_t tag_len = strnlen(tag, TAG_MAX_LEN);

@@ -168,7 +168,7 @@ int vexastats_wait_prop_enalbled(int timeout_s, const stop_flag& stop) {
             return -EINVAL;
         }
         ALOGI("%s() waiting for %s...\n", __func__, ENABLED_PROPERTY);
-        vexastats_sleep_ms(PROPERTY_POLL_S * 1000, stop);
+        vexastats_sleep_ms(int64_t{PROPERTY_POLL_S} * 1000, stop);
         property_get(ENABLED_PROPERTY, value, "0");
     }
     return 0;

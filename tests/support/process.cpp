@@ -88,7 +88,8 @@ std::optional<int> child_process::wait(std::chrono::milliseconds limit) {
 
 temporary_phone::temporary_phone() {
     // In memory, beside what the test's own phone adds to the root.
-    std::string dir = (keeps_phones() ? fs::temp_directory_path() : fs::path("/.host")) / "vexa-phone-XXXXXX";
+    std::string dir =
+        (keeps_phones() ? fs::temp_directory_path() : fs::path("/.host")) / "vexa-phone-XXXXXX";
     if (!mkdtemp(dir.data())) fail(dir);
     dir_ = dir;
     phone_create(dir_);

@@ -52,8 +52,9 @@ class temporary_phone {
     // "data/vendor".
     std::filesystem::path path(const std::string& seen_as) const { return dir_.string() + seen_as; }
 
-    // The arguments of "vexa-phone run DIR options -- command"; no command: the daemon. The caller, in a
-    // phone itself, must have called phone_show_host_proc(): bubblewrap needs the machine's /proc.
+    // The arguments of "vexa-phone run DIR options -- command"; no command: the daemon. The caller,
+    // in a phone itself, must have called phone_show_host_proc(): bubblewrap needs the machine's
+    // /proc.
     std::vector<std::string> run(const std::vector<std::string>& command = {},
                                  const std::vector<std::string>& options = {}) const;
 

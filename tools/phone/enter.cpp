@@ -114,12 +114,12 @@ void change_root() {
     if (umount2(".", MNT_DETACH) != 0) fail("umount of the old root");
 }
 
-// What stays in a process that entered a phone itself: mounting, for phone_show_host_proc(), and what a
-// root user must have to make a user namespace of its own, as bubblewrap does inside.
+// What stays in a process that entered a phone itself: mounting, for phone_show_host_proc(), and
+// what a root user must have to make a user namespace of its own, as bubblewrap does inside.
 constexpr uint32_t KEPT_CAPABILITIES = 1u << CAP_SYS_ADMIN | 1u << CAP_SETFCAP;
 
-// Gives up the others, for this process and its children, so that permissions mean something to root
-// as well.
+// Gives up the others, for this process and its children, so that permissions mean something to
+// root as well.
 void keep_capabilities(uint32_t kept) {
     for (int capability = 0; capability <= CAP_LAST_CAP; ++capability) {
         if (capability < 32 && (kept & 1u << capability) != 0) continue;

@@ -46,7 +46,7 @@ void add_host_sys(std::vector<mount_step>* steps) {
     for (const host_sys_part& part : HOST_SYS_PARTS) {
         if (!exists(part.probe)) continue;
         for (const std::string& dir : part.directories) {
-            steps->push_back({mount_kind::BIND, dir, dir});
+            if (exists(dir)) steps->push_back({mount_kind::BIND, dir, dir});
         }
     }
 }

@@ -286,10 +286,10 @@ struct tree_link {
 // check of a sanitizer looks for its threads there.
 constexpr tree_link LINKS[] = {
     {"proc/self", "/.host/proc/self"},     {"proc/thread-self", "/.host/proc/thread-self"},
-    {"proc/sys", "/.host/proc/sys"},
-    {"proc/1/task", "/.host/proc/1/task"}, {"proc/2/task", "/.host/proc/2/task"},
-    {"dev/fd", "/proc/self/fd"},           {"dev/stdin", "/proc/self/fd/0"},
-    {"dev/stdout", "/proc/self/fd/1"},     {"dev/stderr", "/proc/self/fd/2"},
+    {"proc/sys", "/.host/proc/sys"},       {"proc/1/task", "/.host/proc/1/task"},
+    {"proc/2/task", "/.host/proc/2/task"}, {"dev/fd", "/proc/self/fd"},
+    {"dev/stdin", "/proc/self/fd/0"},      {"dev/stdout", "/proc/self/fd/1"},
+    {"dev/stderr", "/proc/self/fd/2"},
 };
 
 [[noreturn]] void fail(const std::string& what) {

@@ -67,7 +67,7 @@ class bench_record {
 
     // Writes one record file of `data` beside the record.
     std::string keep(size_t index, std::string_view data) const {
-        const std::string path = dir_ + "/kept." + std::to_string(index);
+        std::string path = dir_ + "/kept." + std::to_string(index);
         std::ofstream stream(path, std::ios::binary);
         stream << "Version=6 Realtime=1700000000000 Uptime=1 Timezone=0\n" << data;
         return path;

@@ -31,8 +31,10 @@ std::vector<std::string> bubblewrap_words(const std::vector<mount_step>& steps,
     // A user namespace and no capabilities also for root, so that permissions mean something.
     std::vector<std::string> words = {"bwrap", "--unshare-user",   "--unshare-pid", "--cap-drop",
                                       "ALL",   "--die-with-parent"};
-    // Until the command begins, for phone_overlay_host_cpusets().
-    if (options.host_proc) words.insert(words.end(), {"--cap-add", "CAP_SYS_ADMIN"});
+    // Until the command begins, for phone_overlay_host_cpusets(); and to give both up for good.
+    if (options.host_proc) {
+        words.insert(words.end(), {"--cap-add", "CAP_SYS_ADMIN", "--cap-add", "CAP_SETPCAP"});
+    }
     for (const mount_step& step : steps) {
         for (std::string& word : step_words(step, options)) words.push_back(std::move(word));
     }

@@ -163,9 +163,9 @@ int run_in_phone(const phone_options& options, const std::vector<std::string>& c
 
     std::vector<mount_step> steps = phone_mounts(options);
     steps.push_back({mount_kind::BIND_RO, std::filesystem::read_symlink("/proc/self/exe"), INSIDE});
-    std::vector<std::string> becoming = {
-        INSIDE, options.host_proc ? RUN_INSIDE_ON_HOST_PROC : RUN_INSIDE,
-        std::to_string(inside.get())};
+    std::vector<std::string> becoming = {INSIDE,
+                                         options.host_proc ? RUN_INSIDE_ON_HOST_PROC : RUN_INSIDE,
+                                         std::to_string(inside.get())};
     becoming.insert(becoming.end(), command.begin(), command.end());
     std::vector<std::string> words = bubblewrap_words(steps, options, becoming);
 

@@ -119,6 +119,8 @@ void walk(DIR* proc, uint32_t class_mask) {
         if (!entry) entry = vexa_make_proc_entry();
         if (!entry) return;
         text_cursor name{std::string_view(listed->d_name)};
+        // Handed over, the entry is null and made anew above:
+        // NOLINTNEXTLINE(bugprone-use-after-move)
         (void)scan_int(&name, &entry->pid);
         const proc_dir dir = proc_dir_of(dirfd(proc), listed->d_name);
         entry->cpuset = class_of_process(dir, entry->pid);

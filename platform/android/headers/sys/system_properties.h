@@ -1,5 +1,5 @@
-// The limits that the platform's property header takes from its C library, whose own headers are not
-// packaged.
+// The limits that the platform's property header takes from its C library, whose own headers are
+// not packaged.
 #pragma once
 
 #define PROP_NAME_MAX 32
