@@ -2,6 +2,7 @@
 
 #include <cstddef>
 
+#include "collectors/alog/alog_collector.h"
 #include "collectors/cpu/cpu_collector.h"
 #include "collectors/gpu/gpu_collector.h"
 #include "collectors/microdump/microdump_collector.h"
@@ -56,6 +57,17 @@ constinit collector_info g_collectors[] = {
         .thread_func = microdump_monitor,
         .cfg_read_handler = microdump_cfg_read_handler,
         .cfg_update_handler = microdump_cfg_update_handler,
+    },
+    {
+        .name = "alog_collector",
+        .up_dir = "/data/vendor/vexa/up/501",
+        .down_dir = "/data/vendor/vexa/down/501",
+        .cfg_file = "/data/vendor/vexastats/501/.alogstats.cfg",
+        .dl_cfg_file = "/data/vendor/vexa/down/501/alogstats.cfg",
+        .hdr = {.client_id = 501, .data_type = DATA_TYPE_STATS, .rec_version = 1},
+        .thread_func = alog_monitor,
+        .cfg_read_handler = alog_cfg_handler,
+        .cfg_update_handler = alog_cfg_update_handler,
     },
 };
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "alog_record.h"
 #include "cpu_report.h"
 #include "gpu_record.h"
 #include "microdump_record.h"
@@ -30,6 +31,12 @@ constexpr record_format formats[] = {
      .name = "modem crash dumps",
      .add_json = microdump_record_add_json,
      .report = microdump_record_report},
+    {.client_id = 501,
+     .rec_version = 1,
+     .data_type = 1,
+     .name = "Android log",
+     .add_json = alog_record_add_json,
+     .report = alog_record_report},
 };
 
 void add_unknown_json(const upload_file& file, json_object* object) {
