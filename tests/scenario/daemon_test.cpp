@@ -45,7 +45,9 @@ TEST_F(DaemonTest, AnnouncesItselfAndEndsInOrder) {
     EXPECT_EQ(log,
               "property_set vendor.orb.vexa.enabled 1\n"
               "vexastatsd version: 1.2 started\n"
+              "gpu_collector Terminated\n"
               "cpu_collector Terminated\n"
+              "microdump_collector Terminated\n"
               "property_set vendor.orb.vexa.enabled 0\n"
               "vexastatsd stopped\n");
 }
