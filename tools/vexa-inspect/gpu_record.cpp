@@ -16,7 +16,7 @@ using timed_samples = std::vector<timed_sample<gpu_record_sample>>;
 constexpr uint32_t TIMEZONE_CHANGED = 1u << 31;
 constexpr size_t LEVEL_BYTES = 4 + 8;
 constexpr size_t TIMEZONE_BYTES = 2;
-constexpr size_t FIXED_BYTES = 5 * 4;
+constexpr size_t FIXED_BYTES = 4 + 4 + 4 + 4 + 4;
 
 // How far to look for the second sample of a damaged record: the kernel's lists of levels fit a
 // page of 4096 bytes.
