@@ -255,8 +255,11 @@ int64_t quiet_wait_ms(const microdump_collector& c) {
 
 // Returns whether the loop goes on.
 bool run_pass(microdump_collector* c) {
-    // What could not be saved must not be undone by what stands in the file.
-    if (c->clock_is_saved) (void)timeout_file_init(&c->upload_clock, false);
+    // Once a dump, not once a chunk. What could not be saved must not be undone by what stands in
+    // the file.
+    if (c->phase == dump_phase::NONE && c->clock_is_saved) {
+        (void)timeout_file_init(&c->upload_clock, false);
+    }
 
     const int64_t quiet_ms = quiet_wait_ms(*c);
     // The record is not handed over from under a dump that belongs into it.
