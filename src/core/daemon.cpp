@@ -38,9 +38,9 @@ sigset_t stop_signal_set() {
     return set;
 }
 
-// The process signal handler. It runs on main, or in a collector's thread that lets SIGINT in around
-// a library call (framework/interruptible.h); all other threads keep these signals blocked. It only
-// raises flags and makes descriptors readable, so a signal at any moment does no harm.
+// The process signal handler. It runs on main, or in a collector's thread that lets SIGINT in
+// around a library call (framework/interruptible.h); all other threads keep these signals blocked.
+// It only raises flags and makes descriptors readable, so a signal at any moment does no harm.
 void sig_handle(int signo) {
     for (int32_t i = 0; i < g_collector_count; i++) {
         if (g_collectors[i].sig_handler) g_collectors[i].sig_handler(signo);

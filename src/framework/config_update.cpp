@@ -61,8 +61,8 @@ void wait_for_events(int fd, const collector_info& row, const config_update_text
     for (bool updated = false; !updated;) {
         watch_buffer events;
         if (!watch_read(fd, &events, row.stop)) {
-            __android_log_print(ANDROID_LOG_ERROR, texts.tag,
-                                "%s: failed to read event. err:%d\n", texts.caller, errno);
+            __android_log_print(ANDROID_LOG_ERROR, texts.tag, "%s: failed to read event. err:%d\n",
+                                texts.caller, errno);
             return;
         }
         watch_for_each(events, [&](const inotify_event& event) {
