@@ -29,6 +29,10 @@ constexpr char CLOCK_FILE[] = "/dev/clock";
 // ticks of up to 10 ms): it is read again each time.
 constexpr int64_t YOUNG_NS = 20 * NS_PER_MS;
 
+// For how long a file that was not there is taken not to be there by readings that no wait depends
+// on, so that a phone without one pays a look a millisecond and not one a reading.
+constexpr int64_t ABSENT_NS = NS_PER_MS;
+
 // How often a wait looks by itself when the file cannot be watched.
 constexpr int64_t UNWATCHED_LOOK_NS = 200 * NS_PER_MS;
 
@@ -99,7 +103,8 @@ class shared_state {
 
 shared_state state;
 std::atomic<bool> refreshing{false};
-std::atomic<bool> looked{false};  // this process has looked for the file before
+std::atomic<int64_t> absent_until_ns{0};  // machine's monotonic clock
+std::atomic<bool> looked{false};          // this process has looked for the file before
 std::atomic<int64_t> boot_floor_ns{
     0};  // latest reading of the boot-time clock: never runs backwards
 
@@ -164,10 +169,12 @@ clock_state refresh() {
 // a wait takes its turn, since it may not miss a word of an earlier SPEC that the other one is
 // reading.
 clock_state present_state(bool wait_turn) {
+    if (!wait_turn && host_clock_ns(CLOCK_MONOTONIC) < absent_until_ns.load()) return state.load();
     const bool first = !looked.load();
     struct stat file = {};
     if (stat(CLOCK_FILE, &file) != 0) {
         looked.store(true);
+        absent_until_ns.store(host_clock_ns(CLOCK_MONOTONIC) + ABSENT_NS);
         return state.load();
     }
     const clock_state known = state.load();

@@ -118,7 +118,8 @@ TEST_F(VexaPhone, CommandSeesThePhoneAndWritesIntoItsDirectory) {
 }
 
 TEST_F(VexaPhone, OptionsSetPropertyClockProcAndSize) {
-    EXPECT_EQ(run_script("test -d /proc/" + std::to_string(getpid()), {"--host-proc"}), 0);
+    EXPECT_EQ(run_script("test -d /proc/" + std::to_string(getpid()), {"--host-proc"}), 0)
+        << output();
     EXPECT_NE(run_script("test -d /proc/" + std::to_string(getpid())), 0);
     EXPECT_EQ(
         run_script("cat /dev/properties/a.b /dev/clock",
