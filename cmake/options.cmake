@@ -25,9 +25,15 @@ if(VEXA_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)  # the code under test tells the fuzzer its coverage
 endif()
 
-# The daemon's own code is compiled without exceptions and RTTI; tools and tests use both.
+# The daemon's own code is compiled without exceptions and RTTI; tools and tests use both. The type is
+# STATIC, or OBJECT for what has to be linked whole.
 function(vexa_daemon_library name)
-  add_library(${name} STATIC ${ARGN})
+  cmake_parse_arguments(L "OBJECT" "" "" ${ARGN})
+  if(L_OBJECT)
+    add_library(${name} OBJECT ${L_UNPARSED_ARGUMENTS})
+  else()
+    add_library(${name} STATIC ${L_UNPARSED_ARGUMENTS})
+  endif()
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
   target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti)
   target_link_libraries(${name} PUBLIC platform_headers Threads::Threads)

@@ -109,6 +109,7 @@ timespec to_timespec(int64_t ms) {
 }  // namespace
 
 void platform_test_reset() {
+    platform_test_reset_log_script();
     phone& p = the_phone();
     const guard held(p.mutex);
     p.log.clear();

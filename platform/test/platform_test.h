@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
-// Empties the log and the properties and puts the clocks back to their first readings, in auto
-// mode. No thread may be waiting with a time-out.
+// Empties the log, the script of the log readers and the properties and puts the clocks back to
+// their first readings, in auto mode. No thread may be waiting with a time-out.
 void platform_test_reset();
 
 // Log ---------------------------------------------------------------------------------------------
@@ -35,6 +35,26 @@ size_t platform_test_log_count(std::string_view text);
 bool platform_test_wait_log(std::string_view text, int64_t limit_ms);
 
 void platform_test_clear_log();
+
+// Log reading ------------------------------------------------------------------------------------
+
+// What the log readers of all buffers hand over, one read each, in this order. At the end of the
+// script a read blocks, or returns -EAGAIN.
+void platform_test_script_log_entry(std::string entry);  // in the platform's binary form
+void platform_test_script_log_failure(int result);       // 0, with errno ENODATA, or negative
+
+// The next open fails with this errno.
+void platform_test_fail_log_open(int error);
+
+// Readers that were opened and not yet freed.
+size_t platform_test_log_readers();
+
+// Waits until a reader has come to the end of the script and blocks. Returns false when limit_ms of
+// real time pass before.
+bool platform_test_wait_log_reader(int64_t limit_ms);
+
+// For platform_test_reset.
+void platform_test_reset_log_script();
 
 // Properties --------------------------------------------------------------------------------------
 

@@ -38,8 +38,9 @@ sigset_t stop_signal_set() {
     return set;
 }
 
-// The process signal handler, on main: all other threads keep these signals blocked. It only raises
-// flags and makes descriptors readable, so a signal in the middle of the shutdown does no harm.
+// The process signal handler. It runs on main, or in a collector's thread that lets SIGINT in around
+// a library call (framework/interruptible.h); all other threads keep these signals blocked. It only
+// raises flags and makes descriptors readable, so a signal at any moment does no harm.
 void sig_handle(int signo) {
     for (int32_t i = 0; i < g_collector_count; i++) {
         if (g_collectors[i].sig_handler) g_collectors[i].sig_handler(signo);
@@ -129,8 +130,8 @@ int start_optout_monitor() {
     return error;
 }
 
-// Lets the stop signals in, also one that came while they were blocked. Returns 0 or a positive
-// error number; a daemon that could not be stopped stops right away.
+// Comes before the collectors, which may let SIGINT in. Returns 0 or a positive error number; a
+// daemon that could not be stopped starts none of them and ends right away.
 int install_signal_handler() {
     struct sigaction action = {};
     action.sa_handler = sig_handle;
@@ -143,9 +144,13 @@ int install_signal_handler() {
             return error;
         }
     }
+    return 0;
+}
+
+// Lets the stop signals in, also one that came while they were blocked.
+void unblock_signals() {
     const sigset_t signals = stop_signal_set();
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-    return 0;
 }
 
 void join_threads() {
@@ -181,11 +186,12 @@ int daemon_run() {
     // The property keeps its value when this fails: deliberate.
     if (make_stats_dir() != 0) return -EINVAL;
 
-    start_collectors();
+    const int signal_error = install_signal_handler();
+    if (signal_error == 0) start_collectors();
     const int monitor_error = start_optout_monitor();
     if (monitor_error != 0) end_with_threads_left(monitor_error);
 
-    const int signal_error = install_signal_handler();
+    if (signal_error == 0) unblock_signals();
     join_threads();
     announce_end();
     return signal_error;

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "framework/interruptible.h"
 #include "framework/stop.h"
 #include "framework/sync.h"
 
@@ -60,6 +61,7 @@ struct collector_info {
     std::atomic<uint8_t> terminate{0};  // leave the opt-in wait
     stop_flag stop{};                   // the thread must end
     std::atomic<uint8_t> running{0};    // the thread was created
+    interruptible library_calls{};      // those of the thread that only a signal can end
     int32_t size = 65536;               // upper bound of one upload file, bytes
     uint64_t max_upload_wait_time = 0;  // ms
     int32_t notify = 0;

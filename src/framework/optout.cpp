@@ -10,6 +10,7 @@
 #include "framework/unique_handle.h"
 #include "framework/wait.h"
 #include "framework/watch.h"
+#include "platform/clock.h"
 #include "platform/log.h"
 #include "platform/properties.h"
 
@@ -18,6 +19,7 @@ namespace {
 constexpr char DROPBOX_ROOT[] = "/data/vendor/vexa/up";
 constexpr char ENABLED_PROPERTY[] = "vendor.orb.vexa.enabled";
 constexpr int PROPERTY_POLL_S = 5;
+constexpr int64_t NUDGE_PAUSE_MS = 2;
 
 // Directories come and go by rename as well as by mkdir and rmdir.
 constexpr uint32_t CHILD_CHANGED = IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_MOVED_FROM;
@@ -94,6 +96,15 @@ void terminate_row(collector_info* row, bool missing) REQUIRES(row->mutex) {
     row->cond.notify_all();
 }
 
+// Signals every row that is inside a library call. Returns whether there was one.
+bool nudge_rows(optout_context* context) {
+    bool any = false;
+    for (int32_t i = 0; i < context->count; i++) {
+        if (interruptible_nudge(&context->table[i].library_calls)) any = true;
+    }
+    return any;
+}
+
 }  // namespace
 
 int optout_monitor(optout_context* context) {
@@ -134,6 +145,8 @@ void optout_stop_rows(optout_context* context) {
         const vexa_lock lock(row->mutex);
         row->cond.notify_all();
     }
+    // A plain pause: every stop flag that a wait could watch is raised by now.
+    while (nudge_rows(context)) platform_poll(nullptr, 0, NUDGE_PAUSE_MS);
 }
 
 void vexastats_wait_optin(collector_info* row) {

@@ -24,8 +24,8 @@ int optout_monitor(optout_context* context);
 // shutdown pass. Changes are logged. Thread: the monitor, or main when it could not be started.
 void optout_handle(optout_context* context, int terminate);
 
-// Raises the stop flag of every running row and wakes whatever it waits in. Thread: as
-// optout_handle.
+// Raises the stop flag of every running row, wakes whatever it waits in, and returns once no row is
+// in a library call that only a signal can end. Thread: as optout_handle.
 void optout_stop_rows(optout_context* context);
 
 // Returns when the row is enabled, or its `terminate` or `stop` was set; test `enabled` afterwards.

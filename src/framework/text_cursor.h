@@ -123,3 +123,28 @@ bool scan_narrow(text_cursor* text, T* value) {
     *value = static_cast<T>(wide);
     return true;
 }
+
+constexpr int hex_digit_value(char c) {
+    if (is_digit_char(c)) return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// "%x": a number in hex digits, with or without a sign and "0x", of which the low bits are kept.
+// Returns false, with the value left alone, when there are no digits.
+inline bool scan_hex(text_cursor* text, uint32_t* value) {
+    skip_blanks(text);
+    const bool negative = text->at < text->end && *text->at == '-';
+    if (negative || (text->at < text->end && *text->at == '+')) ++text->at;
+    if (!scan_literal(text, "0x")) (void)scan_literal(text, "0X");
+    const char* begin = text->at;
+    uint64_t sum = 0;
+    for (; text->at < text->end && hex_digit_value(*text->at) >= 0; ++text->at) {
+        sum = sum >> 60 ? UINT64_MAX : sum << 4 | static_cast<uint64_t>(hex_digit_value(*text->at));
+    }
+    if (text->at == begin) return false;
+    if (negative && sum != UINT64_MAX) sum = 0 - sum;
+    *value = static_cast<uint32_t>(sum);
+    return true;
+}

@@ -26,6 +26,7 @@ constexpr workload WORKLOADS[] = {
     {"pace_sample", bench_pace_sample},
     {"drop", bench_drop},
     {"append", bench_append},
+    {"alog", bench_alog},
     {"idle", bench_idle},
 };
 

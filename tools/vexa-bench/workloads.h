@@ -15,5 +15,8 @@ int bench_drop(long n);  // BENCH_IN in records of BENCH_REC bytes, each dropped
 int bench_append(
     long n);  // samples of BENCH_IN (u16 length + bytes) into records of 64 KiB compressed
 
+// The log collector (alog_workload.cpp).
+int bench_alog(long n);  // log entries of BENCH_IN from the log buffer into a record in BENCH_OUT
+
 // The whole daemon (daemon_workloads.cpp).
 int bench_idle(long);  // opted in to nothing; prints "ready" once every thread waits, until SIGTERM

@@ -33,6 +33,13 @@ class byte_cursor {
         return static_cast<T>(value);
     }
 
+    // The next `size` bytes as they are.
+    std::span<const uint8_t> take_bytes(size_t size, const char* field) {
+        need(size, field);
+        at_ += size;
+        return bytes_.subspan(at_ - size, size);
+    }
+
     // The bytes up to the next zero byte, which is passed over too.
     std::string take_text(const char* field) {
         const auto rest = bytes_.subspan(at_);

@@ -1,0 +1,24 @@
+// The campaign that the collector's configuration files have brought about, the row's thread alone.
+#pragma once
+
+#include "framework/collector_info.h"
+#include "framework/timed_campaign.h"
+
+// The campaign that runs, or none. The masks select nothing: they are logged and written back.
+extern timed_campaign g_alog_campaign;
+
+// Forgets the campaign; its duration stays.
+void alog_campaign_reset();
+
+// Ends the campaign in memory. The local file still names it, so the next load brings its number
+// back, with a stop time that has passed.
+void alog_campaign_end();
+
+// Loads the parameters until there is a campaign whose stop time has not passed, waiting for
+// configuration updates in between. Returns 0, the loader's error, or -EINTR once the row's `stop`
+// is raised.
+int alog_monitor_get_campaign_config(collector_info* row);
+
+// Waits for the downloaded configuration file to come or change since it was last loaded, until the
+// row's `stop` is raised or a failure, which is logged.
+void alog_collect_wait_for_config_update(collector_info* row);

@@ -1,0 +1,129 @@
+#define LOG_TAG "vexastatsd-alog"
+
+#include "collectors/alog/alog_collector.h"
+
+#include "collectors/alog/alog_campaign.h"
+#include "collectors/alog/alog_record.h"
+#include "framework/dload.h"
+#include "framework/files.h"
+#include "framework/interruptible.h"
+#include "framework/optout.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr char RECORD_DIR[] = "/data/vendor/vexastats/501";
+constexpr char RECORD_FILE[] = "alogstats.tmp";
+
+struct alog_collector {
+    collector_info* row = nullptr;
+    alog_record record{};
+    unique_logger_list reader{};
+
+    bool stopped() const { return stop_flag_is_raised(row->stop); }
+};
+
+unsigned long now_s() {
+    return static_cast<unsigned long>(campaign_now_s());
+}
+
+// Returns 0 or the failure, logged.
+int alog_monitor_set_cfg_dload_req(const collector_info* row) {
+    const dload_req request{.client_id = static_cast<int32_t>(row->hdr.client_id),
+                            .version = "1.0",
+                            .key = "alogstats.cfg",
+                            .request_type = 1,
+                            .request_timer = 31536000,
+                            .conn_type = 1,
+                            .conn_timer = 360};
+    const int result = vexastats_dload_req(&request);
+    if (result != 0) ALOGE("%s: dload request failed\n", __func__);
+    return result;
+}
+
+// Up to the owner's consent. Returns whether there is something to do.
+bool start(alog_collector* c) {
+    alog_campaign_reset();
+    vexastats_wait_dir_ready(c->row->down_dir, &c->row->stop);
+    if (alog_monitor_set_cfg_dload_req(c->row) != 0) {
+        if (c->stopped()) return false;
+        alog_collect_wait_for_config_update(c->row);
+    }
+    vexastats_wait_optin(c->row);
+    return c->row->enabled;
+}
+
+// Begins a record for the next campaign. What the last one left behind is discarded.
+bool open_record(alog_collector* c) {
+    vexastats_record_close(&c->record.handle);
+    c->record.row = c->row;
+    record_init_req req{
+        .row = c->row, .dir = RECORD_DIR, .prefix = RECORD_FILE, .resume = 0, .discard = 1};
+    c->record.handle.file = vexastats_record_init(&req);
+    if (!c->record.handle.file) ALOGE("failed to open record file for alog collector\n");
+    return c->record.handle.file != nullptr;
+}
+
+// ---- The campaign
+
+void end_campaign_in_time(alog_collector* c) {
+    const timed_campaign& campaign = g_alog_campaign;
+    if (campaign_now_s() < campaign.stop_time_s) return;
+    interruptible_leave(&c->row->library_calls);
+    ALOGI("Stopping ALOG Campaign %d : Stop Time %lu", campaign.id,
+          static_cast<unsigned long>(campaign.stop_time_s));
+    alog_campaign_end();
+}
+
+// The id that keeps the loop going is looked at before the end is looked for. So one more entry is
+// read after the end, and the end is logged again, for no campaign: deliberate.
+void read_entries(alog_collector* c) {
+    int32_t id = g_alog_campaign.id;
+    while (!c->stopped() && id != NO_CAMPAIGN) {
+        if (alog_log_read(&c->record, &c->reader) < 1) stop_flag_raise(&c->row->stop);
+        id = g_alog_campaign.id;
+        end_campaign_in_time(c);
+    }
+    interruptible_leave(&c->row->library_calls);
+}
+
+void run_campaign(alog_collector* c) {
+    const unsigned long stop_time_s = g_alog_campaign.stop_time_s;
+    const unsigned long begin_s = now_s();
+    ALOGI("Starting ALOG Campaign %d : Stop Time %lu, CurrTime %lu", g_alog_campaign.id,
+          stop_time_s, begin_s);
+    if (stop_time_s > begin_s) {
+        ALOGI("alog_active_campaign_remaining_time = %lu", stop_time_s - begin_s);
+        read_entries(c);
+    } else {
+        ALOGE("Wrong cfg, alog_active_campaign_remaining_time = %lu, ", 0ul);
+    }
+    ALOGI("Stop Processing ALOG Packets: Curr Time %lu Thread Stat: %s", now_s(),
+          c->stopped() ? "TRUE" : "FALSE");
+}
+
+// One cycle, from the wait for a campaign to the hand-over of its record.
+void run_cycle(alog_collector* c) {
+    if (!open_record(c)) return;
+    if (alog_monitor_get_campaign_config(c->row) != 0) return;
+    if (alog_log_start(&c->record, &c->reader) != 0) return;
+    run_campaign(c);
+    alog_log_end(&c->record, &c->reader);
+}
+
+}  // namespace
+
+int alog_monitor(collector_info* row) {
+    alog_collector collector{.row = row};
+    if (start(&collector)) {
+        run_cycle(&collector);
+        while (!collector.stopped()) {
+            alog_collect_wait_for_config_update(row);
+            run_cycle(&collector);
+        }
+    }
+    stop_flag_raise(&row->stop);
+    vexastats_record_close(&collector.record.handle);
+    ALOGI("ALOG monitor exit\n");
+    return 0;
+}

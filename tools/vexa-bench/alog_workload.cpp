@@ -1,0 +1,118 @@
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include "bench_phone.h"
+#include "collectors/alog/alog_record.h"
+#include "framework/clock.h"
+#include "framework/unique_handle.h"
+#include "phone/enter.h"
+#include "workloads.h"
+
+namespace {
+
+// Another buffer than the one that the daemon logs into.
+constexpr char LOG_BUFFER[] = "/dev/log/system";
+
+constexpr off64_t RECORD_LIMIT_BYTES = off64_t{32} << 20;
+
+// A record without an end on a file that is written over from its start every 32 MiB, so that the
+// disk use stays bounded and the kernel's making of new pages is not measured.
+class endless_file {
+  public:
+    explicit endless_file(const std::string& path)
+        : fd_(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)) {
+        if (!fd_) throw std::system_error(errno, std::generic_category(), path);
+    }
+
+    // Unbuffered, as records are. The caller closes it.
+    FILE* stream() {
+        FILE* opened = fopencookie(
+            this, "w", {.read = nullptr, .write = write, .seek = seek, .close = nullptr});
+        if (!opened) throw std::runtime_error("no stream");
+        setvbuf(opened, nullptr, _IONBF, 0);
+        return opened;
+    }
+
+  private:
+    static ssize_t write(void* cookie, const char* data, size_t size) {
+        auto* self = static_cast<endless_file*>(cookie);
+        const ssize_t count = pwrite(self->fd_.get(), data, size, self->end_ % RECORD_LIMIT_BYTES);
+        if (count > 0) self->end_ += count;
+        return count;
+    }
+    // Records are only ever sought to their end.
+    static int seek(void* cookie, off64_t* pos, int) {
+        *pos = static_cast<endless_file*>(cookie)->end_;
+        return 0;
+    }
+
+    unique_fd fd_;
+    off64_t end_ = 0;
+};
+
+size_t count_entries(const std::string& path) {
+    std::ifstream stream(path, std::ios::binary);
+    const std::string log{std::istreambuf_iterator<char>(stream), {}};
+    size_t count = 0;
+    for (size_t at = 0; at + sizeof(logger_entry) <= log.size(); ++count) {
+        logger_entry entry;
+        memcpy(&entry, log.data() + at, sizeof entry);
+        at += size_t{entry.hdr_size} + entry.len;
+    }
+    if (count == 0) throw std::runtime_error("no log entries in " + path);
+    return count;
+}
+
+class log_capture {
+  public:
+    explicit log_capture(const std::string& dir) : file_(dir + "/alogstats.tmp") {
+        if (stop_flag_open(&row_.stop) != 0) throw std::runtime_error("no stop flag");
+        record_.row = &row_;
+        record_.handle.file = file_.stream();
+        if (alog_log_start(&record_, &reader_) != 0) throw std::runtime_error("no reader");
+    }
+    ~log_capture() { vexastats_record_close(&record_.handle); }
+    log_capture(const log_capture&) = delete;
+    log_capture& operator=(const log_capture&) = delete;
+
+    void read_all(size_t entries) {
+        reader_.reset(android_logger_list_open(LOG_ID_SYSTEM, 0, 0, 0));
+        for (size_t i = 0; i < entries; ++i) {
+            if (alog_log_read(&record_, &reader_) < 1) throw std::runtime_error("no entry");
+        }
+    }
+
+  private:
+    endless_file file_;
+    // A record that is never full: compressing it is another workload.
+    collector_info row_{.name = "alog_collector",
+                        .size = INT32_MAX,
+                        .compress_ratio = 0,
+                        .hdr = {.client_id = 501, .realtime_ms = PLAUSIBLE_REAL_TIME_MS + 1}};
+    alog_record record_;
+    unique_logger_list reader_;
+};
+
+}  // namespace
+
+int bench_alog(long n) {
+    const std::string in = bench_env("BENCH_IN");
+    const std::string out = bench_env("BENCH_OUT");
+    phone_options options;
+    options.also_needed = {in, out};
+    phone_enter(options);
+    if (symlink(in.c_str(), LOG_BUFFER) != 0) {
+        throw std::system_error(errno, std::generic_category(), LOG_BUFFER);
+    }
+    const size_t entries = count_entries(LOG_BUFFER);
+    log_capture capture(out);
+    for (long i = 0; i < n; ++i) capture.read_all(entries);
+    return 0;
+}
