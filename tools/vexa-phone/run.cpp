@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <system_error>
 
@@ -51,8 +52,8 @@ void send_signal(const unique_fd& process, int signo) {
                   0);  // fails when it has ended
 }
 
-// In the child: the forwarded signals stay blocked through bubblewrap, which the terminal's Ctrl-C
-// would otherwise end, and the phone with it, before the command has ended in order.
+// The forwarded signals stay blocked through bubblewrap, which the terminal's Ctrl-C would
+// otherwise end, and the phone with it, before the command has ended in order.
 [[noreturn]] void exec_bubblewrap(std::vector<std::string>& words, pid_t parent) {
     std::vector<char*> argv;
     for (std::string& word : words) argv.push_back(word.data());
@@ -62,6 +63,50 @@ void send_signal(const unique_fd& process, int signo) {
     execvp(argv[0], argv.data());
     fprintf(stderr, "vexa-phone: cannot run bwrap: %s (package bubblewrap)\n", strerror(errno));
     _exit(1);
+}
+
+// Kills the children of this process, and theirs as they become its own, until there are none.
+void kill_descendants() {
+    const std::string list = "/proc/self/task/" + std::to_string(gettid()) + "/children";
+    pid_t ended = 0;
+    while (ended >= 0) {
+        std::ifstream children(list);
+        pid_t pid = 0;
+        while (children >> pid) kill(pid, SIGKILL);
+        ended = waitpid(-1, nullptr, WNOHANG);
+        if (ended == 0) usleep(500);  // the list need not be whole while it changes: look again
+    }
+}
+
+int exit_code(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) fail("waitpid");
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// The keeper lives as long as bubblewrap and vexa-phone both do; `lifeline` ends with vexa-phone.
+// Half of bubblewrap can outlive the other half when that is killed, or fails, before they have
+// agreed: the keeper is given what is orphaned and ends it.
+int keep(std::vector<std::string>& words, const unique_fd& lifeline, int inside) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const pid_t self = getpid();
+    const pid_t pid = fork();
+    if (pid < 0) fail("fork");
+    if (pid == 0) {
+        fcntl(inside, F_SETFD, 0);
+        exec_bubblewrap(words, self);
+    }
+    close(inside);
+    const unique_fd bubblewrap = open_pidfd(pid);
+    pollfd ends[] = {
+        {.fd = bubblewrap.get(), .events = POLLIN, .revents = 0},
+        {.fd = lifeline.get(), .events = POLLIN, .revents = 0},
+    };
+    while (poll(ends, std::size(ends), -1) < 0 && errno == EINTR) {
+    }
+    const int code = ends[0].revents ? exit_code(pid) : 1;
+    kill_descendants();
+    return code;
 }
 
 // What the process inside sends: 0 before it becomes the command, or the errno of its failing to.
@@ -87,8 +132,8 @@ ssize_t receive_report(int fd, int* report, std::optional<pid_t>* sender) {
 
 // The run as this process sees it.
 struct phone_run {
-    unique_fd signals;     // signalfd of the forwarded signals
-    unique_fd bubblewrap;  // pidfd
+    unique_fd signals;  // signalfd of the forwarded signals
+    unique_fd keeper;   // pidfd; it ends after bubblewrap
     unique_fd reports;  // socket to the process inside; closed when there is nothing more to come
     unique_fd command;  // pidfd, once the process inside has reported
     bool started = false;   // it has become the command
@@ -127,11 +172,11 @@ void take_report(phone_run* run) {
     run->held.clear();
 }
 
-// Returns when bubblewrap has ended, and with it everything in the phone.
+// Returns when the keeper has ended, and before it everything in the phone.
 void follow(phone_run* run) {
     for (;;) {
         pollfd fds[] = {
-            {.fd = run->bubblewrap.get(), .events = POLLIN, .revents = 0},
+            {.fd = run->keeper.get(), .events = POLLIN, .revents = 0},
             {.fd = run->signals.get(), .events = POLLIN, .revents = 0},
             {.fd = run->reports.get(), .events = POLLIN, .revents = 0},
         };
@@ -140,12 +185,6 @@ void follow(phone_run* run) {
         if (fds[1].revents) take_signal(run);
         if (fds[0].revents) return;
     }
-}
-
-int exit_code(pid_t pid) {
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid) fail("waitpid");
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 }  // namespace
@@ -174,16 +213,21 @@ int run_in_phone(const phone_options& options, const std::vector<std::string>& c
     run.signals.reset(signalfd(-1, &signals, SFD_CLOEXEC));
     if (!run.signals) fail("signalfd");
 
-    const pid_t self = getpid();
+    int pipe_ends[2];
+    if (pipe2(pipe_ends, O_CLOEXEC) != 0) fail("pipe2");
+    unique_fd life(pipe_ends[0]);
+    const unique_fd held_to_the_end(pipe_ends[1]);
     const pid_t pid = fork();
     if (pid < 0) fail("fork");
     if (pid == 0) {
-        fcntl(inside.get(), F_SETFD, 0);
-        exec_bubblewrap(words, self);
+        close(held_to_the_end.get());
+        run.reports.reset();
+        _exit(keep(words, life, inside.release()));
     }
     inside.reset();
-    run.bubblewrap = open_pidfd(pid);
-    if (!run.bubblewrap) fail("pidfd_open");
+    life.reset();
+    run.keeper = open_pidfd(pid);
+    if (!run.keeper) fail("pidfd_open");
     follow(&run);
     const int code = exit_code(pid);
     if (run.exec_errno != 0) {
