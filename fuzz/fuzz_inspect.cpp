@@ -1,4 +1,4 @@
-// Upload files, and payloads of the known records without the gzip stream that hides them from a
+// Upload files, and payloads of every known record without the gzip stream that hides them from a
 // fuzzer.
 #include <cstddef>
 #include <cstdint>
@@ -24,10 +24,15 @@ void show(Read read) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     show([&] { return upload_parse({data, size}, MAX_PAYLOAD); });
-    constexpr upload_header KNOWN[] = {{.client_id = 2, .data_type = 1, .rec_version = 6},
-                                       {.client_id = 501, .data_type = 1, .rec_version = 1}};
-    for (const upload_header& header : KNOWN) {
-        show([&] { return upload_file{.header = header, .payload = {data, data + size}}; });
+    for (const record_format& format : record_format_list()) {
+        show([&] {
+            upload_file file;
+            file.header.client_id = format.client_id;
+            file.header.data_type = format.data_type;
+            file.header.rec_version = format.rec_version;
+            file.payload.assign(data, data + size);
+            return file;
+        });
     }
     return 0;
 }

@@ -4,11 +4,32 @@
 
 #include "collectors/alog/alog_collector.h"
 #include "collectors/cpu/cpu_collector.h"
+#include "collectors/gpu/gpu_collector.h"
+#include "collectors/microdump/microdump_collector.h"
+#include "collectors/microdump/microdump_config.h"
+#include "framework/clock.h"
 #include "framework/config.h"
 
 // Everything that is equal in all rows is a default of collector_info; a row shows what makes it
 // different.
 constinit collector_info g_collectors[] = {
+    {
+        .name = "gpu_collector",
+        .up_dir = "/data/vendor/vexa/up/1",
+        .down_dir = "/data/vendor/vexa/down/1",
+        .cfg_file = "/data/vendor/vexastats/1/.gpustats.cfg",
+        .dl_cfg_file = "/data/vendor/vexa/down/1/gpustats.cfg",
+        .notify = 1,
+        .interval = 1000,  // ms, as its bounds
+        .interval_max = 60000,
+        .interval_min = 100,
+        .threshold = 0,  // per cent, as its bounds
+        .threshold_max = 100,
+        .threshold_min = 0,
+        .hdr = {.client_id = 1, .data_type = DATA_TYPE_STATS, .rec_version = 4},
+        .thread_func = gpu_monitor,
+        .cfg_update_handler = vexastats_update_cfg,
+    },
     {
         .name = "cpu_collector",
         .up_dir = "/data/vendor/vexa/up/2",
@@ -24,6 +45,18 @@ constinit collector_info g_collectors[] = {
         .hdr = {.client_id = 2, .data_type = DATA_TYPE_STATS, .rec_version = 6},
         .thread_func = cpu_monitor,
         .cfg_update_handler = vexastats_update_cfg,
+    },
+    {
+        .name = "microdump_collector",
+        .up_dir = "/data/vendor/vexa/up/5",
+        .down_dir = "/data/vendor/vexa/down/5",
+        .cfg_file = "/data/vendor/vexastats/5/.microdumpstats.cfg",
+        .dl_cfg_file = "/data/vendor/vexa/down/5/microdumpstats.cfg",
+        .max_upload_wait_time = days_ms(5),
+        .hdr = {.client_id = 5, .data_type = DATA_TYPE_MICRODUMP, .rec_version = 2},
+        .thread_func = microdump_monitor,
+        .cfg_read_handler = microdump_cfg_read_handler,
+        .cfg_update_handler = microdump_cfg_update_handler,
     },
     {
         .name = "alog_collector",

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 
+#include "framework/clock.h"
 #include "framework/config_line.h"
 #include "framework/files.h"
 #include "framework/unique_handle.h"
@@ -19,9 +20,6 @@
 #include "platform/log.h"
 
 namespace {
-
-constexpr int32_t SIZE_MAX_BYTES = 0x100000;
-constexpr int LINE_SIZE = 512;
 
 bool exists(const char* path) {
     struct stat status;
@@ -44,21 +42,13 @@ unique_file open_plain_file(const char* path) {
     return file;
 }
 
-// The first line that is neither empty nor a comment; false at the end of the file.
-bool read_value_line(FILE* stream, char (&line)[LINE_SIZE]) {
-    while (fgets(line, sizeof line, stream)) {
-        if (line[0] != '#' && line[0] != '\n') return true;
-    }
-    return false;
-}
-
 // A row without bounds has 0 for both, and every value becomes 0.
 int32_t clamped(int32_t value, int32_t min, int32_t max) {
     return value < min ? min : std::min(value, max);
 }
 
 void apply_values(collector_info* row, const config_values& values) {
-    row->size = std::clamp(values.size, 0, SIZE_MAX_BYTES);
+    row->size = std::clamp(values.size, 0, CONFIG_SIZE_MAX);
     row->threshold = clamped(values.threshold, row->threshold_min, row->threshold_max);
     row->interval = clamped(values.interval, row->interval_min, row->interval_max);
     row->notify = values.notify != 0;
@@ -79,8 +69,8 @@ bool load_local_file(collector_info* row) {
     }
     if (!file) return false;
 
-    char line[LINE_SIZE];
-    if (!read_value_line(file.get(), line)) return true;
+    char line[CONFIG_LINE_SIZE];
+    if (!config_read_value_line(file.get(), line)) return true;
     config_values values;
     if (config_parse_line(line, &values) == CONFIG_LOCAL_VALUES && is_for_row(row, values)) {
         apply_values(row, values);
@@ -108,8 +98,8 @@ download load_downloaded_file(collector_info* row) {
     }
     if (!file) return download::NONE;
 
-    char line[LINE_SIZE];
-    if (!read_value_line(file.get(), line)) return download::CONSUMED;
+    char line[CONFIG_LINE_SIZE];
+    if (!config_read_value_line(file.get(), line)) return download::CONSUMED;
     config_values values;
     if (config_parse_line(line, &values) >= CONFIG_DOWNLOADED_VALUES && is_for_row(row, values)) {
         apply_values(row, values);
@@ -146,8 +136,15 @@ int vexastats_init_params(collector_info* row) {
     return result;
 }
 
+void vexastats_reload_params(collector_info* row, uint64_t* loaded_ms, uint64_t life_ms) {
+    const uint64_t now_ms = vexastats_uptime_ms();
+    if (now_ms - *loaded_ms <= life_ms) return;
+    if (vexastats_init_params(row) != 0) ALOGE("update params failed.\n");
+    *loaded_ms = now_ms;
+}
+
 int vexastats_update_cfg(collector_info* row) {
-    char text[LINE_SIZE];
+    char text[CONFIG_LINE_SIZE];
     const int len =
         snprintf(text, sizeof text,
                  "#%s config file. Version: %s\n"

@@ -3,6 +3,9 @@
 
 #include "framework/collector_info.h"
 
+// Largest upload file that a row's `size` may ask for, bytes.
+inline constexpr int32_t CONFIG_SIZE_MAX = 0x100000;
+
 // Loads the row's local configuration file, applies a pending downloaded one, and rewrites the
 // local file when it was missing or invalid or a downloaded one was applied. The downloaded file is
 // deleted only once the local file that records it is in place. A value is clamped into the row's
@@ -10,6 +13,10 @@
 // no cfg_update_handler; otherwise that handler's result. Failures are logged; the row's values
 // then stay in force. Thread: the row's own.
 int vexastats_init_params(collector_info* row);
+
+// Loads the row's parameters again once more than `life_ms` of uptime have passed since *loaded_ms,
+// which then becomes now. A failure is logged. Thread: the row's own.
+void vexastats_reload_params(collector_info* row, uint64_t* loaded_ms, uint64_t life_ms);
 
 // The generic cfg_update_handler: replaces the local file by one with the row's values.
 // Returns 0, or -EINVAL, logged. Thread: the row's own.

@@ -5,6 +5,13 @@
 #include <algorithm>
 #include <climits>
 
+bool config_read_value_line(FILE* stream, char (&line)[CONFIG_LINE_SIZE]) {
+    while (fgets(line, sizeof line, stream)) {
+        if (line[0] != '#' && line[0] != '\n') return true;
+    }
+    return false;
+}
+
 int config_parse_line(const char* line, config_values* values) {
     // Wide enough that the scan itself saturates instead of wrapping round.
     long long client_id = 0, size = 0, interval = 0, threshold = 0, notify = 0, no_kernel = 0;

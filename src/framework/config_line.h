@@ -2,6 +2,14 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+
+// Size of a buffer that a line of a configuration file is read into; a longer one counts as
+// several.
+inline constexpr int CONFIG_LINE_SIZE = 512;
+
+// Reads the first line that is neither empty nor a comment. Returns false at the end of the file.
+bool config_read_value_line(FILE* stream, char (&line)[CONFIG_LINE_SIZE]);
 
 struct config_values {
     int64_t client_id = 0;

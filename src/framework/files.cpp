@@ -9,6 +9,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "framework/text_cursor.h"
 #include "framework/unique_handle.h"
 #include "platform/log.h"
 
@@ -16,6 +17,7 @@ namespace {
 
 constexpr char TEST_CONFIG_FILE[] = "/data/vendor/vexastats/.property";
 constexpr char LCD_BRIGHTNESS_FILE[] = "/sys/class/leds/lcd-backlight/brightness";
+constexpr size_t SYSFS_LINE_SIZE = 512;
 
 struct charge_status {
     char name[32];
@@ -113,6 +115,13 @@ int vexastats_read_sysfs(const char* path, char* buf, size_t size) {
     return -EINVAL;
 }
 
+int vexastats_read_sysfs_number(const char* path, int32_t* value) {
+    char line[SYSFS_LINE_SIZE];
+    if (vexastats_read_sysfs(path, line, sizeof line) != 0) return -EINVAL;
+    text_cursor text{std::string_view(line)};
+    return scan_int(&text, value) ? 0 : -ENODATA;
+}
+
 int chg_stat_txt_to_enum(const char* text, uint32_t* out) {
     if (!text) return -EINVAL;
     *out = 0;
@@ -131,12 +140,14 @@ bool vexastats_lcd_off_status() {
     return strcmp(brightness, "0") == 0;
 }
 
-int vexastats_replace_file(const char* path, const void* data, size_t len) {
+int vexastats_replace_file(const char* path, const void* data, size_t len, bool* opened) {
+    if (opened) *opened = false;
     char beside[PATH_MAX];
     const int path_len = snprintf(beside, sizeof beside, "%s.new", path);
     if (path_len < 0 || static_cast<size_t>(path_len) >= sizeof beside) return -ENAMETOOLONG;
     unique_fd fd(open(beside, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!fd) return -errno;
+    if (opened) *opened = true;
     if (!write_all(fd.get(), data, len) || fsync(fd.get()) != 0) {
         const int error = errno ? errno : EIO;
         unlink(beside);

@@ -27,6 +27,11 @@ void vexastats_wait_dir_ready(const char* path, const stop_flag* stop);
 // newline. Returns 0, or -EINVAL, logged. Any thread.
 int vexastats_read_sysfs(const char* path, char* buf, size_t size);
 
+// Reads the number ("%d") at the beginning of such a file. Returns 0; -EINVAL, logged, when it
+// cannot be read; or -ENODATA, not logged, when there is no number. *value is left alone on
+// failure.
+int vexastats_read_sysfs_number(const char* path, int32_t* value);
+
 // As vexastats_read_sysfs, without a word in the log and relative to an open directory (or
 // AT_FDCWD). Returns the length of the line, -ENOENT and the like when the file cannot be opened,
 // or -ENODATA when it holds no line.
@@ -41,5 +46,6 @@ bool vexastats_lcd_off_status();
 
 // Replaces file `path` by one with `len` bytes of `data` (mode 0600): written beside it under the
 // name path + ".new", synced, and renamed, so that a reader or a kill never meets half of it.
-// Returns 0 or a negative errno; not logged. Any thread.
-int vexastats_replace_file(const char* path, const void* data, size_t len);
+// Returns 0 or a negative errno, with *opened (may be null) telling whether it was got as far as
+// writing; not logged. Any thread.
+int vexastats_replace_file(const char* path, const void* data, size_t len, bool* opened = nullptr);

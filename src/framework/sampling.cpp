@@ -5,12 +5,16 @@
 #include <errno.h>
 
 #include "framework/config.h"
+#include "framework/dload.h"
+#include "framework/files.h"
+#include "framework/optout.h"
 #include "framework/wait.h"
 #include "platform/log.h"
 
 namespace {
 
 constexpr uint32_t TIMEZONE_CHANGED_BIT = 1u << 31;
+constexpr char CHARGE_COUNTER_FILE[] = "/sys/class/power_supply/bms/charge_counter";
 constexpr uint64_t EARLY_START_MS = 120000;
 constexpr int32_t PERIODIC_INTERVAL_MS = 60000;
 constexpr uint64_t PARAMS_LIFE_MS = days_ms(5);
@@ -19,6 +23,22 @@ constexpr int MAX_FAILURES = 2;
 
 void save_config(collector_info* row) {
     if (row->cfg_update_handler(row) != 0) ALOGE("failed to update cfg file.\n");
+}
+
+void load_params(sampling_collector* c) {
+    vexastats_wait_dir_ready(c->row->down_dir, &c->row->stop);
+    const dload_req request{.client_id = static_cast<int32_t>(c->row->hdr.client_id),
+                            .version = "1.1",
+                            .key = c->kind->cfg_key,
+                            .request_type = 1,
+                            .request_timer = 31536000,
+                            .conn_type = 1,
+                            .conn_timer = 360};
+    if (vexastats_dload_req(&request) != 0) ALOGE("%s: dload request failed\n", c->kind->monitor);
+    if (vexastats_init_params(c->row) != 0) {
+        ALOGE("%s init_params failed. use default value\n", c->kind->name);
+    }
+    c->params_loaded_ms = vexastats_uptime_ms();
 }
 
 void sample_periodically(collector_info* row) {
@@ -43,71 +63,91 @@ uint32_t sampling_time_stamp(bool timezone_changed) {
     return (tenths & ~TIMEZONE_CHANGED_BIT) | (timezone_changed ? TIMEZONE_CHANGED_BIT : 0);
 }
 
-bool sampling_started_early() {
-    return vexastats_uptime_ms() < EARLY_START_MS;
+bool sampling_read_charge_counter(int32_t* value_uAh) {
+    return vexastats_read_sysfs_number(CHARGE_COUNTER_FILE, value_uAh) == 0;
 }
 
-void sampling_apply_kernel_support(collector_info* row, bool started_early) {
-    if (started_early && row->no_supported_kernel) {
-        row->no_supported_kernel = 0;
-        save_config(row);
+bool sampling_start(sampling_collector* c) {
+    c->started_early = vexastats_uptime_ms() < EARLY_START_MS;
+    vexastats_wait_optin(c->row);
+    if (!c->row->enabled || !sampling_open_record(c)) return false;
+    load_params(c);
+    return true;
+}
+
+bool sampling_open_record(sampling_collector* c) {
+    record_init_req req{.row = c->row, .dir = c->kind->record_dir, .prefix = c->kind->record_file};
+    c->record.file = vexastats_record_init(&req);
+    if (!c->record.file) ALOGE("failed to open record file for %s\n", c->kind->name);
+    return c->record.file != nullptr;
+}
+
+bool sampling_open_notifier(sampling_collector* c) {
+    c->notifier.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!c->notifier) ALOGE("%s err:%d\n", c->kind->notifier_failure, errno);
+    return static_cast<bool>(c->notifier);
+}
+
+void sampling_apply_kernel_support(sampling_collector* c) {
+    if (c->started_early && c->row->no_supported_kernel) {
+        c->row->no_supported_kernel = 0;
+        save_config(c->row);
     }
-    if (row->no_supported_kernel) sample_periodically(row);
+    if (c->row->no_supported_kernel) sample_periodically(c->row);
 }
 
-void sampling_give_up_notify(collector_info* row, const char* monitor) {
-    ALOGI("%s: inotify timed out. Disable it.\n", monitor);
-    // Saved first, so that the file keeps what was configured for a kernel that does report.
-    row->no_supported_kernel = 1;
-    save_config(row);
-    sample_periodically(row);
+void sampling_end(sampling_collector* c) {
+    stop_flag_raise(&c->row->stop);
+    vexastats_record_close(&c->record);
 }
 
-change_wait sampling_wait_change(int notifier, bool bounded, const char* monitor,
-                                 const stop_flag& stop, watch_buffer* events) {
+change_wait sampling_wait_change(const sampling_collector& c, bool bounded, watch_buffer* events) {
     if (bounded) {
-        pollfd readable{.fd = notifier, .events = POLLIN, .revents = 0};
-        const int ready = vexastats_poll(&readable, 1, FIRST_WAIT_LIMIT_MS, stop);
+        pollfd readable{.fd = c.notifier.get(), .events = POLLIN, .revents = 0};
+        const int ready = vexastats_poll(&readable, 1, FIRST_WAIT_LIMIT_MS, c.stop());
         if (ready == 0) return change_wait::TIMED_OUT;
         if (ready < 0) {
             ALOGE("failed to poll wait. err:%d\n", -ready);
             return change_wait::FAILED;
         }
     }
-    if (!watch_read(notifier, events, stop)) {
-        ALOGE("%s: failed to read. err:%d\n", monitor, errno);
+    if (!watch_read(c.notifier.get(), events, c.stop())) {
+        ALOGE("%s: failed to read. err:%d\n", c.kind->monitor, errno);
         return change_wait::FAILED;
     }
     return change_wait::EVENTS;
 }
 
-void sampling_count_result(sampling_failures* failures, int result, const stop_flag& stop) {
-    if (result == 0) {
-        failures->count = 0;
-        return;
-    }
-    sampling_pause(stop);
-    ++failures->count;
+void sampling_give_up_notify(sampling_collector* c) {
+    ALOGI("%s: inotify timed out. Disable it.\n", c->kind->monitor);
+    // Saved first, so that the file keeps what was configured for a kernel that does report.
+    c->row->no_supported_kernel = 1;
+    save_config(c->row);
+    sample_periodically(c->row);
 }
 
-bool sampling_try_again(sampling_failures* failures, const stop_flag& stop) {
-    sampling_pause(stop);
-    if (failures->count >= MAX_FAILURES) return false;
-    ++failures->count;
+void sampling_count_result(sampling_collector* c, int result, bool storage_failed) {
+    if (result == 0) {
+        c->failures = 0;
+        return;
+    }
+    sampling_pause(*c);
+    if (!storage_failed) ++c->failures;
+}
+
+bool sampling_try_again(sampling_collector* c) {
+    sampling_pause(*c);
+    if (c->failures >= MAX_FAILURES) return false;
+    ++c->failures;
     return true;
 }
 
-void sampling_pause(const stop_flag& stop) {
-    vexastats_sleep_ms(FAILURE_PAUSE_MS, stop);
+void sampling_pause(const sampling_collector& c) {
+    vexastats_sleep_ms(FAILURE_PAUSE_MS, c.stop());
 }
 
-bool sampling_too_many_failures(const sampling_failures& failures) {
-    return failures.count > MAX_FAILURES;
-}
-
-void sampling_reload_params(collector_info* row, uint64_t* loaded_ms) {
-    const uint64_t now_ms = vexastats_uptime_ms();
-    if (now_ms - *loaded_ms <= PARAMS_LIFE_MS) return;
-    if (vexastats_init_params(row) != 0) ALOGE("update params failed.\n");
-    *loaded_ms = now_ms;
+bool sampling_end_pass(sampling_collector* c) {
+    vexastats_wait_optin(c->row);
+    vexastats_reload_params(c->row, &c->params_loaded_ms, PARAMS_LIFE_MS);
+    return c->failures <= MAX_FAILURES;
 }

@@ -10,6 +10,8 @@
 
 #include "framework/clock.h"
 #include "framework/collector_info.h"
+#include "framework/record.h"
+#include "framework/unique_handle.h"
 #include "framework/watch.h"
 
 // ---- Time stamp of a sample
@@ -32,18 +34,54 @@ timezone_state sampling_timezone(timezone_memory* memory, const collector_info& 
 // Bits 0..30: tenths of a second since boot; bit 31: the offset changed and follows the stamp.
 uint32_t sampling_time_stamp(bool timezone_changed);
 
+// What the fuel gauge counts, in microampere-hours. Returns whether it could be read; *value stays
+// as it is otherwise, and a missing file is logged.
+bool sampling_read_charge_counter(int32_t* value_uAh);
+
+// ---- One such collector
+
+// What makes it different from the others, for log texts and files.
+struct sampling_kind {
+    const char* name = nullptr;     // "cpu"
+    const char* monitor = nullptr;  // its thread function
+    const char* record_dir = nullptr;
+    const char* record_file = nullptr;
+    const char* cfg_key = nullptr;  // the configuration file it asks the download agent for
+    const char* notifier_failure = nullptr;
+};
+
+struct sampling_collector {
+    const sampling_kind* kind = nullptr;
+    collector_info* row = nullptr;
+    bool started_early = false;
+    uint64_t params_loaded_ms = 0;
+    record_handle record{};
+    unique_fd notifier{};
+    int failures = 0;  // in a row
+
+    const stop_flag& stop() const { return row->stop; }
+};
+
 // ---- Start
 
-// Whether the phone was booted less than two minutes ago.
-bool sampling_started_early();
+// Notes an early start (the phone was booted less than two minutes ago), waits for the owner's
+// consent, opens the record, asks for a configuration and loads the parameters. Returns whether the
+// collector goes on; failures are logged.
+bool sampling_start(sampling_collector* c);
+
+// Opens the collector's record. Data that an earlier run left is handed over first. Returns false,
+// logged, on failure.
+bool sampling_open_record(sampling_collector* c);
+
+// Opens the notifier for the frequency files. Returns false, logged, on failure.
+bool sampling_open_notifier(sampling_collector* c);
 
 // Gives a kernel that reported no changes another chance after an early start. A row whose kernel
 // is known not to report any is set to periodic sampling. A failure to save is logged.
-void sampling_apply_kernel_support(collector_info* row, bool started_early);
+void sampling_apply_kernel_support(sampling_collector* c);
 
-// The wait was in vain: remembers that for the next starts and turns to periodic sampling. Logged
-// with the name of the collector's thread function.
-void sampling_give_up_notify(collector_info* row, const char* monitor);
+// Raises the row's stop flag and closes the record.
+void sampling_end(sampling_collector* c);
 
 // ---- Waiting for a change
 
@@ -52,28 +90,26 @@ inline constexpr int64_t FIRST_WAIT_LIMIT_MS = minutes_ms(5);
 enum class change_wait { EVENTS, TIMED_OUT, FAILED };
 
 // Reads events from the notifier, for at most FIRST_WAIT_LIMIT_MS when `bounded`. Failures, to
-// which a stop belongs (EINTR), are logged with the name of the collector's thread function.
-change_wait sampling_wait_change(int notifier, bool bounded, const char* monitor,
-                                 const stop_flag& stop, watch_buffer* events);
+// which a stop belongs (EINTR), are logged.
+change_wait sampling_wait_change(const sampling_collector& c, bool bounded, watch_buffer* events);
+
+// The wait was in vain: remembers that for the next starts and turns to periodic sampling. Logged.
+void sampling_give_up_notify(sampling_collector* c);
 
 // ---- Failures in a row, parameters
 
-struct sampling_failures {
-    int count = 0;
-};
-
 // Counts the result of a sampling loop: one that failed costs a second, one that did not starts the
-// count afresh.
-void sampling_count_result(sampling_failures* failures, int result, const stop_flag& stop);
+// count afresh. Storage that is full or was taken away comes back one day: it costs the second, but
+// does not count.
+void sampling_count_result(sampling_collector* c, int result, bool storage_failed);
 
 // After a failed watch or wait: waits a second. Returns whether there is another attempt, of three.
-bool sampling_try_again(sampling_failures* failures, const stop_flag& stop);
+bool sampling_try_again(sampling_collector* c);
 
 // A second's pause before the next attempt at something that is no fault of the source.
-void sampling_pause(const stop_flag& stop);
+void sampling_pause(const sampling_collector& c);
 
-bool sampling_too_many_failures(const sampling_failures& failures);
-
-// Loads the row's parameters again once more than five days of uptime have passed since *loaded_ms,
-// which then becomes now. A failure is logged.
-void sampling_reload_params(collector_info* row, uint64_t* loaded_ms);
+// Ends a pass of the main loop: waits for consent where it was withdrawn, and loads the row's
+// parameters again once more than five days of uptime have passed since the last time. Returns
+// whether there is another pass: not after three failures in a row.
+bool sampling_end_pass(sampling_collector* c);

@@ -122,6 +122,12 @@ int __wrap_rename(const char* from, const char* to) {
     return !is_kernel_file(to) && fails("rename", ENOSPC) ? -1 : __real_rename(from, to);
 }
 
+int __real_inotify_add_watch(int fd, const char* path, uint32_t mask);
+int __wrap_inotify_add_watch(int fd, const char* path, uint32_t mask) {
+    if (!is_kernel_file(path) && fails("inotify_add_watch", ENOSPC)) return -1;
+    return __real_inotify_add_watch(fd, path, mask);
+}
+
 int __real_fclose(FILE* stream);
 int __wrap_fclose(FILE* stream) {
     const bool fail = fails("fclose", ENOSPC);
@@ -145,7 +151,6 @@ WRAP(int, mkdir, ENOSPC, -1, (const char* path, mode_t mode), path, mode)
 WRAP(int, setvbuf, ENOMEM, -1, (FILE * stream, char* buf, int mode, size_t size), stream, buf, mode,
      size)
 WRAP(int, inotify_init1, EMFILE, -1, (int flags), flags)
-WRAP(int, inotify_add_watch, ENOSPC, -1, (int fd, const char* path, uint32_t mask), fd, path, mask)
 WRAP(int, eventfd, EMFILE, -1, (unsigned initial, int flags), initial, flags)
 WRAP(int, signalfd, EMFILE, -1, (int fd, const sigset_t* mask, int flags), fd, mask, flags)
 WRAP(int, sigaction, EINVAL, -1, (int signo, const struct sigaction* action, struct sigaction* old),

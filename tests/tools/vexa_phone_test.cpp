@@ -44,7 +44,7 @@ TEST_F(VexaPhone, ExitCodeIsTheCommands) {
         {{"true"}, 0},
         {{"sh", "-c", "exit 5"}, 5},
         {{"sh", "-c", "kill -KILL $$"}, 128 + SIGKILL},
-        {{"no-such-program"}, 127},
+        {{"/data/no-such-program"}, 127},
         {{"/data/no_program"}, 126},
         {{"sh", "-c", "test $# = 2 && test \"$2\" = --", "name", "--host-proc", "--"}, 0},
     };

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "byte_cursor.h"
+#include "sample_times.h"
 
 namespace {
 
@@ -105,12 +106,6 @@ std::vector<cpu_record_sample> decode_samples(std::span<const uint8_t> bytes) {
     }
     return samples;
 }
-
-// A record that was begun before the wall clock was set got a new first line once it was. A longer
-// one overwrote the first bytes of the first sample, a shorter one left the end of the old line in
-// front of it. Numbers of digits bound both: 12 more of the time, 3 of the time-zone offset.
-constexpr size_t OVERWRITTEN_MAX_BYTES = 15;
-constexpr size_t LEFT_OVER_MAX_BYTES = 4;
 
 // How far to look for the second sample: further than the largest first one reaches.
 constexpr size_t FIRST_SAMPLE_MAX_BYTES = size_t{256} << 10;

@@ -8,11 +8,13 @@
 #include <tuple>
 
 #include "cpu_record.h"
+#include "sample_times.h"
 #include "text.h"
 
 namespace {
 
 using text_row = std::vector<std::string>;
+using timed_samples = std::vector<timed_sample<cpu_record_sample>>;
 
 json_object network_json(const std::vector<cpu_record_network_entry>& entries) {
     json_object list = json_object::array();
@@ -63,35 +65,6 @@ constexpr const char* interface_names[] = {"none", "wlan", "rmnet", "r_rmnet"};
 constexpr const char* counter_set_names[] = {"background", "foreground"};
 constexpr const char* cpuset_names[] = {"foreground", "background", "top app", "other"};
 
-// A sample on its way into the tables, with its local time of day.
-struct timed_sample {
-    const cpu_record_sample* sample = nullptr;
-    std::string time;
-};
-
-std::vector<timed_sample> add_times(const upload_header& header,
-                                    const std::vector<cpu_record_sample>& samples) {
-    std::vector<timed_sample> timed;
-    int timezone_min = header.timezone_min;
-    for (const auto& sample : samples) {
-        timezone_min = sample.timezone_min.value_or(static_cast<int16_t>(timezone_min));
-        const uint64_t realtime_ms =
-            header.realtime_ms + uint64_t{sample.uptime_100ms} * 100 - header.uptime_ms;
-        timed.push_back(
-            {&sample, text_time_of_day(static_cast<int64_t>(realtime_ms), timezone_min)});
-    }
-    return timed;
-}
-
-// At most `max` of them, evenly spread, the first and the last among them.
-std::vector<timed_sample> thin_out(const std::vector<timed_sample>& samples, size_t max) {
-    if (samples.size() <= max) return samples;
-    std::vector<timed_sample> kept;
-    for (size_t i = 0; i < max; i++)
-        kept.push_back(samples[i * (samples.size() - 1) / std::max<size_t>(max - 1, 1)]);
-    return kept;
-}
-
 std::vector<text_column> cpu_columns(size_t cpus) {
     std::vector<text_column> columns = {{"time", text_align::left}};
     for (size_t i = 0; i < cpus; i++) columns.push_back({fmt::format("cpu{}", i)});
@@ -104,7 +77,7 @@ std::string load_cell(const cpu_record_times* before, const cpu_record_times& af
     return load ? fmt::format("{:.0f}", *load) : "-";
 }
 
-std::string load_table(const std::vector<timed_sample>& samples) {
+std::string load_table(const timed_samples& samples) {
     std::vector<text_row> rows;
     const cpu_record_sample* before = nullptr;
     for (const auto& [sample, time] : samples) {
@@ -118,7 +91,7 @@ std::string load_table(const std::vector<timed_sample>& samples) {
            text_table(cpu_columns(samples.front().sample->times.size()), rows);
 }
 
-std::string frequency_table(const std::vector<timed_sample>& samples) {
+std::string frequency_table(const timed_samples& samples) {
     std::vector<text_row> rows;
     for (const auto& [sample, time] : samples) {
         text_row row = {time};
@@ -140,7 +113,7 @@ std::string capacity_cell(uint8_t capacity_percent) {
     return fmt::format("{}", capacity_percent);
 }
 
-std::string battery_table(const std::vector<timed_sample>& samples) {
+std::string battery_table(const timed_samples& samples) {
     std::vector<text_row> rows;
     for (const auto& [sample, time] : samples)
         rows.push_back({time, fmt::format("{:.1f}", sample->charge_counter_uah / 1000.0),
@@ -174,7 +147,7 @@ text_row zone_row(const std::string& name, const zone_summary& zone) {
             temperature(known.front()), temperature(*lowest), temperature(*highest)};
 }
 
-std::string temperature_table(const std::vector<timed_sample>& samples) {
+std::string temperature_table(const timed_samples& samples) {
     std::map<std::pair<std::string, size_t>, zone_summary> zones;
     std::vector<std::pair<std::string, size_t>> order;
     for (const auto& [sample, time] : samples) {
@@ -221,7 +194,7 @@ text_row traffic_row(const traffic& item) {
             fmt::format("+{}", last.tx_bytes - first.tx_bytes)};
 }
 
-std::string network_table(const std::vector<timed_sample>& samples) {
+std::string network_table(const timed_samples& samples) {
     std::map<std::tuple<uint16_t, uint8_t, uint8_t>, traffic> all;
     for (const auto& [sample, time] : samples) {
         add_traffic(sample->network, &all);
@@ -246,8 +219,8 @@ std::string process_load_cell(uint16_t load_x500) {
                        cpu_process_load_percent(load_x500));
 }
 
-std::string process_table(const std::vector<timed_sample>& samples, size_t max) {
-    const auto has_processes = [](const timed_sample& timed) {
+std::string process_table(const timed_samples& samples, size_t max) {
+    const auto has_processes = [](const timed_sample<cpu_record_sample>& timed) {
         return !timed.sample->processes.empty();
     };
     const auto last = std::find_if(samples.rbegin(), samples.rend(), has_processes);
@@ -269,14 +242,6 @@ std::string process_table(const std::vector<timed_sample>& samples, size_t max) 
                       rows);
 }
 
-std::string skipped_note(const cpu_record& record) {
-    if (record.skipped_bytes == 0) return "";
-    return fmt::format(
-        "  The first {} bytes are no whole sample: the record was begun before the clock was "
-        "set.\n\n",
-        record.skipped_bytes);
-}
-
 }  // namespace
 
 void cpu_record_add_json(const upload_file& file, json_object* object) {
@@ -288,12 +253,10 @@ void cpu_record_add_json(const upload_file& file, json_object* object) {
 
 std::string cpu_record_report(const upload_file& file, const report_options& options) {
     const auto record = cpu_record_decode(file.payload);
-    if (record.samples.empty()) return skipped_note(record) + "  No samples\n";
+    if (record.samples.empty()) return skipped_note(record.skipped_bytes) + "  No samples\n";
     const auto all = add_times(file.header, record.samples);
     const auto shown = thin_out(all, options.max_rows);
-    const auto shown_of_all =
-        shown.size() < all.size() ? fmt::format(", {} of them shown", shown.size()) : "";
-    return skipped_note(record) + fmt::format("  samples   {}{}\n\n", all.size(), shown_of_all) +
+    return skipped_note(record.skipped_bytes) + samples_line(all.size(), shown.size()) +
            load_table(shown) + "\n" + frequency_table(shown) + "\n" + battery_table(shown) + "\n" +
            temperature_table(all) + "\n" + network_table(all) + "\n" +
            process_table(all, options.max_processes);

@@ -4,6 +4,8 @@
 
 #include "alog_record.h"
 #include "cpu_report.h"
+#include "gpu_record.h"
+#include "microdump_record.h"
 #include "text.h"
 
 namespace {
@@ -11,12 +13,24 @@ namespace {
 constexpr size_t DATA_TYPE_OFFSET = 12;
 
 constexpr record_format formats[] = {
+    {.client_id = 1,
+     .rec_version = 4,
+     .data_type = 1,
+     .name = "GPU statistics",
+     .add_json = gpu_record_add_json,
+     .report = gpu_record_report},
     {.client_id = 2,
      .rec_version = 6,
      .data_type = 1,
      .name = "CPU statistics",
      .add_json = cpu_record_add_json,
      .report = cpu_record_report},
+    {.client_id = 5,
+     .rec_version = 2,
+     .data_type = 2,
+     .name = "modem crash dumps",
+     .add_json = microdump_record_add_json,
+     .report = microdump_record_report},
     {.client_id = 501,
      .rec_version = 1,
      .data_type = 1,
@@ -50,6 +64,10 @@ std::string header_report(const upload_header& header, const char* format_name,
 }
 
 }  // namespace
+
+std::span<const record_format> record_format_list() {
+    return formats;
+}
 
 const record_format* record_format_find(const upload_header& header) {
     for (const auto& format : formats) {

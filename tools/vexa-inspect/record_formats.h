@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <span>
 #include <string>
 
 #include "upload_reader.h"
@@ -29,6 +30,9 @@ struct record_format {
     // The payload as tables for a reader at a terminal. Throws as add_json.
     std::string (*report)(const upload_file& file, const report_options& options) = nullptr;
 };
+
+// All of them.
+std::span<const record_format> record_format_list();
 
 // The format of the header's client and record version, or null when it is not known. Throws
 // upload_error when the header's data type contradicts it.

@@ -107,12 +107,10 @@ cpu_frequency_path cpu_frequency_path_of(int32_t cpu) {
 
 int read_cpu_frequency(int32_t cpu, int32_t* frequency_kHz) {
     const cpu_frequency_path path = cpu_frequency_path_of(cpu);
-    char line[SYSFS_LINE_SIZE];
-    if (vexastats_read_sysfs(path.text, line, sizeof line) != 0) {
+    *frequency_kHz = 0;
+    if (vexastats_read_sysfs_number(path.text, frequency_kHz) == -EINVAL) {
         ALOGE("failed to read %s\n", path.text);
         return -EINVAL;
     }
-    text_cursor text(line);
-    if (!scan_int(&text, frequency_kHz)) *frequency_kHz = 0;
     return 0;
 }

@@ -4,16 +4,13 @@
 
 #include <unistd.h>
 
-#include <string_view>
-
 #include "framework/clock.h"
 #include "framework/files.h"
-#include "framework/text_cursor.h"
+#include "framework/sampling.h"
 #include "platform/log.h"
 
 namespace {
 
-constexpr char CHARGE_COUNTER_FILE[] = "/sys/class/power_supply/bms/charge_counter";
 constexpr char CAPACITY_FILE[] = "/sys/class/power_supply/battery/capacity";
 constexpr char STATUS_FILE[] = "/sys/class/power_supply/battery/status";
 constexpr char LCD_BRIGHTNESS_FILE[] = "/sys/class/leds/lcd-backlight/brightness";
@@ -24,12 +21,8 @@ constexpr uint64_t SNAPSHOT_PERIOD_MS = minutes_ms(3);
 constexpr int64_t CHARGING_CURRENT_MA = 301;
 constexpr int64_t MA_OF_ONE_UAH_PER_MS = 3600;
 
-// Reads the number in a file; a value that cannot be read stays as it is. Returns whether it could.
 bool read_number(const char* path, int32_t* value) {
-    char line[SYSFS_LINE_SIZE];
-    if (vexastats_read_sysfs(path, line, sizeof line) != 0) return false;
-    text_cursor text{std::string_view(line)};
-    return scan_int(&text, value);
+    return vexastats_read_sysfs_number(path, value) == 0;
 }
 
 bool read_charge_status(uint32_t* status) {
@@ -46,7 +39,7 @@ const char* brightness_file() {
 
 power_values read_power_values(const char* caller) {
     power_values values;
-    if (!read_number(CHARGE_COUNTER_FILE, &values.charge_counter_uAh)) {
+    if (!sampling_read_charge_counter(&values.charge_counter_uAh)) {
         ALOGE("%s: failed to read bms cc\n", caller);
     }
     if (!read_number(CAPACITY_FILE, &values.capacity_percent)) {

@@ -1,0 +1,108 @@
+#define LOG_TAG "vexastatsd"
+
+#include "collectors/gpu/gpu_collector.h"
+
+#include <errno.h>
+#include <sys/inotify.h>
+
+#include "collectors/gpu/gpu_stats.h"
+#include "framework/files.h"
+#include "framework/sampling.h"
+#include "framework/watch.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr sampling_kind KIND = {
+    .name = "gpu",
+    .monitor = "gpu_monitor",
+    .record_dir = "/data/vendor/vexastats/1",
+    .record_file = "gpustats.tmp",
+    .cfg_key = "gpustats.cfg",
+    .notifier_failure = "failed inotify_init",
+};
+
+struct gpu_collector : sampling_collector {
+    gpu_stats stats{};
+    int watch = -1;
+    bool has_seen_event = false;  // the kernel reports changes, so waits are not bounded any more
+};
+
+bool start(gpu_collector* c) {
+    if (!sampling_start(c) || !sampling_open_notifier(c)) return false;
+    sampling_apply_kernel_support(c);
+    return true;
+}
+
+// ---- Waiting for a change of the load
+
+bool add_watch(gpu_collector* c) {
+    c->watch = inotify_add_watch(c->notifier.get(), GPU_BUSY_FILE, IN_MODIFY | IN_ONESHOT);
+    if (c->watch < 0) ALOGE("gpu inotify_add_watch failed. err:%d\n", errno);
+    return c->watch >= 0;
+}
+
+void remove_watch(gpu_collector* c) {
+    // A watch that has fired is gone already; removing it then fails without harm.
+    (void)inotify_rm_watch(c->notifier.get(), c->watch);
+    c->watch = -1;
+}
+
+void run_sampling_loop(gpu_collector* c) {
+    const int result = poll_gpu_stats(&c->stats, c->row, &c->record);
+    sampling_count_result(c, result, c->stats.storage_failed);
+}
+
+void sample_on_changes(gpu_collector* c, const watch_buffer& events) {
+    watch_for_each(events, [c](const inotify_event& event) {
+        if (!(event.mask & IN_MODIFY)) return;  // the end of a watch is reported too
+        c->has_seen_event = true;
+        if (c->row->notify) run_sampling_loop(c);
+    });
+}
+
+// ---- The main loop. Its steps return whether the loop goes on.
+
+bool wait_and_sample(gpu_collector* c) {
+    if (!add_watch(c)) return sampling_try_again(c);
+
+    watch_buffer events;
+    const bool bounded = c->started_early && !c->has_seen_event;
+    switch (sampling_wait_change(*c, bounded, &events)) {
+        case change_wait::TIMED_OUT:
+            // With the display off a silent kernel proves nothing: the next wait is bounded again.
+            if (vexastats_lcd_off_status()) return true;
+            sampling_give_up_notify(c);
+            remove_watch(c);
+            return true;
+        case change_wait::FAILED:
+            remove_watch(c);
+            return sampling_try_again(c);
+        case change_wait::EVENTS:
+            sample_on_changes(c, events);
+            break;
+    }
+    return sampling_end_pass(c);
+}
+
+bool run_pass(gpu_collector* c) {
+    // A hand-over that failed has taken the record; that is no fault of the sources.
+    if (!c->record.file && !sampling_open_record(c)) {
+        sampling_pause(*c);
+        return sampling_end_pass(c);
+    }
+    if (c->row->notify) return wait_and_sample(c);
+    run_sampling_loop(c);
+    return sampling_end_pass(c);
+}
+
+}  // namespace
+
+int gpu_monitor(collector_info* row) {
+    gpu_collector collector{{.kind = &KIND, .row = row}};
+    bool goes_on = start(&collector);
+    while (goes_on && !stop_flag_is_raised(row->stop)) goes_on = run_pass(&collector);
+
+    sampling_end(&collector);
+    return 0;
+}

@@ -1,0 +1,33 @@
+// The sampling loop of the GPU collector and one sample of it. All functions: the collector's
+// thread.
+#pragma once
+
+#include <cstdint>
+
+#include "collectors/gpu/gpu_sample.h"
+#include "framework/collector_info.h"
+#include "framework/grow_array.h"
+#include "framework/record.h"
+#include "framework/sampling.h"
+
+// Also the file whose change the collector waits for.
+inline constexpr char GPU_BUSY_FILE[] = "/sys/class/kgsl/kgsl-3d0/gpu_busy_percentage";
+
+// What the collector keeps from one sample to the next.
+struct gpu_stats {
+    timezone_memory timezone{};
+    int low_load_count = 0;       // samples in a row with the GPU at or below the threshold
+    bool storage_failed = false;  // there was no record for the last sample, or it did not take it
+
+    // Work space, used again for every sample.
+    grow_array<gpu_level> levels{};
+    grow_array<uint8_t> bytes{};
+};
+
+// Samples every row->interval ms until the row is disabled or stopped, or the GPU was found at or
+// below row->threshold per cent twice in a row. Returns 0, or -EINVAL once a sample failed, which
+// is logged.
+int poll_gpu_stats(gpu_stats* stats, collector_info* row, record_handle* record);
+
+// Takes one sample and appends it to the record. Returns 0, or -EINVAL or -ENOMEM, logged.
+int prepare_gpu_stats(gpu_stats* stats, collector_info* row, record_handle* record);

@@ -1,0 +1,166 @@
+#include "gpu_record.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "byte_cursor.h"
+#include "sample_times.h"
+#include "text.h"
+
+namespace {
+
+using text_row = std::vector<std::string>;
+using timed_samples = std::vector<timed_sample<gpu_record_sample>>;
+
+constexpr uint32_t TIMEZONE_CHANGED = 1u << 31;
+constexpr size_t LEVEL_BYTES = 4 + 8;
+constexpr size_t TIMEZONE_BYTES = 2;
+constexpr size_t FIXED_BYTES = 5 * 4;
+
+// How far to look for the second sample of a damaged record: the kernel's lists of levels fit a
+// page of 4096 bytes.
+constexpr size_t FIRST_SAMPLE_MAX_BYTES = FIXED_BYTES + TIMEZONE_BYTES + 2048 * LEVEL_BYTES;
+
+gpu_record_sample decode_sample(byte_cursor& cursor) {
+    gpu_record_sample sample;
+    const auto stamp = cursor.take<uint32_t>("uptime_100ms");
+    sample.uptime_100ms = stamp & ~TIMEZONE_CHANGED;
+    if (stamp & TIMEZONE_CHANGED) sample.timezone_min = cursor.take<int16_t>("timezone_min");
+    sample.busy_percent = cursor.take<uint32_t>("busy_percent");
+    sample.clock_hz = cursor.take<uint32_t>("clock_hz");
+    const auto count = cursor.take<uint32_t>("level_count");
+    cursor.check_count(count, LEVEL_BYTES, sizeof(count), "level_count");
+    sample.levels.resize(count);
+    for (auto& level : sample.levels) {
+        level.freq_hz = cursor.take<uint32_t>("freq_hz");
+        level.time = cursor.take<uint64_t>("time");
+    }
+    sample.charge_counter_uah = cursor.take<int32_t>("charge_counter_uah");
+    return sample;
+}
+
+std::vector<gpu_record_sample> decode_samples(std::span<const uint8_t> bytes) {
+    std::vector<gpu_record_sample> samples;
+    byte_cursor cursor(bytes);
+    while (cursor.left() > 0) samples.push_back(decode_sample(cursor));
+    return samples;
+}
+
+bool try_decode(std::span<const uint8_t> bytes, std::vector<gpu_record_sample>* samples) try {
+    *samples = decode_samples(bytes);
+    return true;
+} catch (const upload_error&) {
+    return false;
+}
+
+bool is_left_over_line(std::span<const uint8_t> bytes) {
+    return bytes.size() <= LEFT_OVER_MAX_BYTES && bytes.back() == '\n';
+}
+
+// Whether so many bytes are a sample of so many levels that lacks its first few.
+bool is_rest_of_sample(size_t size, size_t levels) {
+    const size_t whole = FIXED_BYTES + levels * LEVEL_BYTES;
+    return size < whole + TIMEZONE_BYTES && size + OVERWRITTEN_MAX_BYTES >= whole;
+}
+
+bool is_plausible(const std::vector<gpu_record_sample>& samples) {
+    // Zero bytes look like samples without levels.
+    if (samples[0].levels.empty()) return false;
+    for (size_t i = 1; i < samples.size(); i++)
+        if (samples[i].uptime_100ms < samples[i - 1].uptime_100ms ||
+            samples[i].levels.size() != samples[0].levels.size())
+            return false;
+    return true;
+}
+
+// Finds the first whole sample of a damaged record: from there on everything fits to the last byte.
+bool skip_damage(std::span<const uint8_t> payload, gpu_record* record) {
+    for (size_t at = 1; at < std::min(payload.size(), FIRST_SAMPLE_MAX_BYTES); at++) {
+        std::vector<gpu_record_sample> samples;
+        if (!try_decode(payload.subspan(at), &samples) || !is_plausible(samples)) continue;
+        if (!is_left_over_line(payload.first(at)) &&
+            !is_rest_of_sample(at, samples.front().levels.size()))
+            continue;
+        record->skipped_bytes = at;
+        record->samples = std::move(samples);
+        return true;
+    }
+    return false;
+}
+
+std::string load_table(const timed_samples& samples) {
+    std::vector<text_row> rows;
+    for (const auto& [sample, time] : samples)
+        rows.push_back({time, fmt::format("{}", sample->busy_percent),
+                        fmt::format("{:.0f}", sample->clock_hz / 1e6),
+                        fmt::format("{:.1f}", sample->charge_counter_uah / 1000.0)});
+    return "  Load and clock of the GPU, charge of the battery\n" +
+           text_table({{"time", text_align::left}, {"busy %"}, {"clock MHz"}, {"charge mAh"}},
+                      rows);
+}
+
+// The time at each level between the first and the last sample. Levels are told apart by their
+// place in the list.
+std::string residency_table(const gpu_record_sample& first, const gpu_record_sample& last) {
+    if (last.levels.empty()) return "  No power levels\n";
+    const auto grown = [&](size_t i) {
+        const bool known = i < first.levels.size() && last.levels[i].time >= first.levels[i].time;
+        return known ? last.levels[i].time - first.levels[i].time : 0;
+    };
+    double total = 0;
+    for (size_t i = 0; i < last.levels.size(); i++) total += static_cast<double>(grown(i));
+    std::vector<text_row> rows;
+    for (size_t i = 0; i < last.levels.size(); i++) {
+        const double share = total > 0 ? 100 * static_cast<double>(grown(i)) / total : 0;
+        rows.push_back({fmt::format("{:.0f}", last.levels[i].freq_hz / 1e6),
+                        fmt::format("{}", last.levels[i].time), fmt::format("+{}", grown(i)),
+                        total > 0 ? fmt::format("{:.1f}", share) : "-"});
+    }
+    return "  Time at each frequency, in the driver's unit: total at the end, growth over the "
+           "record\n" +
+           text_table({{"MHz"}, {"time"}, {"growth"}, {"share %"}}, rows);
+}
+
+json_object sample_json(const gpu_record_sample& sample) {
+    json_object object;
+    object["uptime_100ms"] = sample.uptime_100ms;
+    if (sample.timezone_min) object["timezone_min"] = *sample.timezone_min;
+    object["busy_percent"] = sample.busy_percent;
+    object["clock_hz"] = sample.clock_hz;
+    object["level_count"] = sample.levels.size();
+    object["levels"] = json_object::array();
+    for (const auto& level : sample.levels)
+        object["levels"].push_back({{"freq_hz", level.freq_hz}, {"time", level.time}});
+    object["charge_counter_uah"] = sample.charge_counter_uah;
+    return object;
+}
+
+}  // namespace
+
+gpu_record gpu_record_decode(std::span<const uint8_t> payload) {
+    gpu_record record;
+    try {
+        record.samples = decode_samples(payload);
+    } catch (const upload_error&) {
+        if (!skip_damage(payload, &record)) throw;
+    }
+    return record;
+}
+
+void gpu_record_add_json(const upload_file& file, json_object* object) {
+    const auto record = gpu_record_decode(file.payload);
+    if (record.skipped_bytes > 0) (*object)["skipped_bytes"] = record.skipped_bytes;
+    auto& records = (*object)["records"] = json_object::array();
+    for (const auto& sample : record.samples) records.push_back(sample_json(sample));
+}
+
+std::string gpu_record_report(const upload_file& file, const report_options& options) {
+    const auto record = gpu_record_decode(file.payload);
+    const auto note = skipped_note(record.skipped_bytes);
+    if (record.samples.empty()) return note + "  No samples\n";
+    const auto all = add_times(file.header, record.samples);
+    const auto shown = thin_out(all, options.max_rows);
+    return note + samples_line(all.size(), shown.size()) + load_table(shown) + "\n" +
+           residency_table(record.samples.front(), record.samples.back());
+}
