@@ -57,7 +57,9 @@ TEST_F(DaemonTest, AnnouncesItselfAndEndsInOrder) {
     EXPECT_EQ(lines_of_main_and_monitor(phone_log()),
               "property_set vendor.orb.vexa.enabled 1\n"
               "vexastatsd version: 1.2 started\n"
+              "gpu_collector Terminated\n"
               "cpu_collector Terminated\n"
+              "microdump_collector Terminated\n"
               "alog_collector Terminated\n"
               "property_set vendor.orb.vexa.enabled 0\n"
               "vexastatsd stopped\n");

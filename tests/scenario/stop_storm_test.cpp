@@ -1,5 +1,6 @@
 // Starts the daemon over and over and stops it at a random moment of its life, while directories
 // come and go and the windows between a flag and the wait behind it are widened.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <random>
 #include <thread>
 
+#include "framework/unique_handle.h"
 #include "scenario/daemon_process.h"
 #include "support/files.h"
 
@@ -31,10 +33,10 @@ constexpr int STORM_ROUNDS = 1000;
 // Makes and removes, by name and by rename, what the daemon waits for, until told to end.
 void churn_directories(unsigned seed, const std::atomic<bool>& end) {
     std::mt19937 rnd(seed);
-    const char* dirs[] = {"/data/vendor/vexa",         "/data/vendor/vexa/up",
-                          "/data/vendor/vexa/up/2",    "/data/vendor/vexa/down",
-                          "/data/vendor/vexa/down/2",  "/data/vendor/vexa/up/501",
-                          "/data/vendor/vexa/down/501"};
+    const char* dirs[] = {
+        "/data/vendor/vexa",        "/data/vendor/vexa/up",     "/data/vendor/vexa/up/1",
+        "/data/vendor/vexa/up/2",   "/data/vendor/vexa/up/5",   "/data/vendor/vexa/down",
+        "/data/vendor/vexa/down/2", "/data/vendor/vexa/up/501", "/data/vendor/vexa/down/501"};
     std::error_code ignored;
     while (!end) {
         const fs::path dir = dirs[rnd() % std::size(dirs)];
@@ -57,6 +59,10 @@ void churn_directories(unsigned seed, const std::atomic<bool>& end) {
 std::string alog_config(int duration_s) {
     return "clientid=501;size=65536;campaign_id=1;campaign_duration_secs=" +
            std::to_string(duration_s) + ";num_alog_masks=0;\n";
+}
+
+std::string microdump_config(int wait_ms) {
+    return "clientid=5;size=65536;maxuploadwaittime=" + std::to_string(wait_ms) + "\n";
 }
 
 struct tally {
@@ -85,6 +91,15 @@ void one_round(std::mt19937& rnd, tally* result) {
     if (rnd() % 2) fs::create_directories(std::string(DOWN_DIR) + "/501");
     // With a campaign it soon waits for log entries; one of the length 0 is over at once.
     if (rnd() % 2) deliver(501, "alogstats.cfg", alog_config(rnd() % 4 ? 600 : 0));
+    for (const int id : {1, 5}) {
+        if (rnd() % 4) opt_in(id);
+        if (rnd() % 2) fs::create_directories(std::string(DOWN_DIR) + "/" + std::to_string(id));
+    }
+    if (rnd() % 2) deliver(5, "microdumpstats.cfg", microdump_config(rnd() % 2 ? 0 : 600000));
+    // Half a dump, or a device without a writer.
+    unique_fd modem;
+    if (rnd() % 2) modem.reset(open("/dev/ramdump_microdump_modem", O_RDWR | O_CLOEXEC));
+    if (modem) (void)!write(modem.get(), "half a dump\n", 12);
     if (rnd() % 8 == 0) fs::remove_all("/data/vendor/vexa");
     if (rnd() % 8 == 0) phone_set_clock("real=1970-01-01T00:00:10Z");
     const bool churning = rnd() % 2;

@@ -16,7 +16,7 @@ using timed_samples = std::vector<timed_sample<gpu_record_sample>>;
 constexpr uint32_t TIMEZONE_CHANGED = 1u << 31;
 constexpr size_t LEVEL_BYTES = 4 + 8;
 constexpr size_t TIMEZONE_BYTES = 2;
-constexpr size_t FIXED_BYTES = 5 * 4;
+constexpr size_t FIXED_BYTES = 4 + 4 + 4 + 4 + 4;
 
 // How far to look for the second sample of a damaged record: the kernel's lists of levels fit a
 // page of 4096 bytes.
@@ -65,8 +65,6 @@ bool is_rest_of_sample(size_t size, size_t levels) {
 }
 
 bool is_plausible(const std::vector<gpu_record_sample>& samples) {
-    // Zero bytes look like samples without levels.
-    if (samples[0].levels.empty()) return false;
     for (size_t i = 1; i < samples.size(); i++)
         if (samples[i].uptime_100ms < samples[i - 1].uptime_100ms ||
             samples[i].levels.size() != samples[0].levels.size())
@@ -74,13 +72,23 @@ bool is_plausible(const std::vector<gpu_record_sample>& samples) {
     return true;
 }
 
+// Whether a sample may begin `at` bytes into a damaged payload: what it says of the levels tells
+// how much of the damaged one must stand in front of it.
+bool may_begin_sample(std::span<const uint8_t> payload, size_t at) try {
+    byte_cursor cursor(payload.subspan(at));
+    const size_t levels = decode_sample(cursor).levels.size();
+    if (levels == 0) return false;  // any zero bytes look like that
+    return is_left_over_line(payload.first(at)) || is_rest_of_sample(at, levels);
+} catch (const upload_error&) {
+    return false;
+}
+
 // Finds the first whole sample of a damaged record: from there on everything fits to the last byte.
 bool skip_damage(std::span<const uint8_t> payload, gpu_record* record) {
     for (size_t at = 1; at < std::min(payload.size(), FIRST_SAMPLE_MAX_BYTES); at++) {
         std::vector<gpu_record_sample> samples;
-        if (!try_decode(payload.subspan(at), &samples) || !is_plausible(samples)) continue;
-        if (!is_left_over_line(payload.first(at)) &&
-            !is_rest_of_sample(at, samples.front().levels.size()))
+        if (!may_begin_sample(payload, at) || !try_decode(payload.subspan(at), &samples) ||
+            !is_plausible(samples))
             continue;
         record->skipped_bytes = at;
         record->samples = std::move(samples);
@@ -140,11 +148,10 @@ json_object sample_json(const gpu_record_sample& sample) {
 
 gpu_record gpu_record_decode(std::span<const uint8_t> payload) {
     gpu_record record;
-    try {
-        record.samples = decode_samples(payload);
-    } catch (const upload_error&) {
-        if (!skip_damage(payload, &record)) throw;
-    }
+    // A damaged record may happen to fit. Its times and level counts then hardly do.
+    const bool fits = try_decode(payload, &record.samples);
+    if (fits && (record.samples.empty() || is_plausible(record.samples))) return record;
+    if (!skip_damage(payload, &record) && !fits) record.samples = decode_samples(payload);
     return record;
 }
 

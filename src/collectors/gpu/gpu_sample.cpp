@@ -10,7 +10,7 @@ namespace {
 constexpr uint32_t HAS_TIMEZONE_BIT = 1u << 31;
 
 // Time stamp, busy percentage, clock, number of levels, charge counter.
-constexpr size_t FIXED_LEN = 5 * 4;
+constexpr size_t FIXED_LEN = 4 + 4 + 4 + 4 + 4;
 constexpr size_t TIMEZONE_LEN = 2;
 constexpr size_t LEVEL_LEN = 4 + 8;
 

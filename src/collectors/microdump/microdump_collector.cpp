@@ -255,11 +255,15 @@ int64_t quiet_wait_ms(const microdump_collector& c) {
 
 // Returns whether the loop goes on.
 bool run_pass(microdump_collector* c) {
-    // What could not be saved must not be undone by what stands in the file.
-    if (c->clock_is_saved) (void)timeout_file_init(&c->upload_clock, false);
+    // Once a dump, not once a chunk. What could not be saved must not be undone by what stands in
+    // the file.
+    if (c->phase == dump_phase::NONE && c->clock_is_saved) {
+        (void)timeout_file_init(&c->upload_clock, false);
+    }
 
-    const int64_t upload_ms = upload_wait_ms(*c);
     const int64_t quiet_ms = quiet_wait_ms(*c);
+    // The record is not handed over from under a dump that belongs into it.
+    const int64_t upload_ms = c->phase == dump_phase::COLLECTING ? INT64_MAX : upload_wait_ms(*c);
     pollfd device{.fd = c->device.get(), .events = POLLIN, .revents = 0};
     const int ready = vexastats_poll(&device, 1, std::min(upload_ms, quiet_ms), c->stop());
 
