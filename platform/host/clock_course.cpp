@@ -28,7 +28,7 @@ int64_t course_elapsed_ns(const clock_course& course, int64_t host_ns) {
     return saturating_ns(static_cast<double>(host_ns - course.host_ns) * course.speed);
 }
 
-// A cursor over the SPEC; the C library's scanners are not async-signal-safe.
+// A cursor over the text of a SPEC; the C library's scanners are not async-signal-safe.
 struct cursor {
     const char* at;
     const char* end;
