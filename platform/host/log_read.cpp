@@ -31,7 +31,7 @@ static_assert(sizeof BUFFER_NAMES / sizeof BUFFER_NAMES[0] == LOG_ID_MAX);
 
 // An entry may be longer than what a read hands over.
 constexpr size_t ENTRY_SIZE_MAX = sizeof(log_entry_header) + UINT16_MAX;
-constexpr size_t READ_AHEAD_SIZE = 128 * 1024;
+constexpr size_t READ_AHEAD_SIZE = size_t{128} * 1024;
 static_assert(READ_AHEAD_SIZE > ENTRY_SIZE_MAX);
 
 }  // namespace
