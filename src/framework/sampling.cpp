@@ -67,6 +67,20 @@ bool sampling_read_charge_counter(int32_t* value_uAh) {
     return vexastats_read_sysfs_number(CHARGE_COUNTER_FILE, value_uAh) == 0;
 }
 
+int sampling_write(collector_info* row, record_handle* record, const grow_array<uint8_t>& sample,
+                   const char* caller, bool* storage_failed) {
+    write_req req{.row = row,
+                  .handle = record,
+                  .data = sample.data(),
+                  .len = sample.size(),
+                  .flags = WRITE_BEGIN_NEW};
+    const size_t count = vexastats_write_file(&req);
+    *storage_failed = count != req.len;
+    if (!*storage_failed) return 0;
+    ALOGE("%s: failed to write file. cnt:%zu\n", caller, count);
+    return -EINVAL;
+}
+
 bool sampling_start(sampling_collector* c) {
     c->started_early = vexastats_uptime_ms() < EARLY_START_MS;
     vexastats_wait_optin(c->row);

@@ -10,6 +10,7 @@
 
 #include "framework/clock.h"
 #include "framework/collector_info.h"
+#include "framework/grow_array.h"
 #include "framework/record.h"
 #include "framework/unique_handle.h"
 #include "framework/watch.h"
@@ -37,6 +38,11 @@ uint32_t sampling_time_stamp(bool timezone_changed);
 // What the fuel gauge counts, in microampere-hours. Returns whether it could be read; *value stays
 // as it is otherwise, and a missing file is logged.
 bool sampling_read_charge_counter(int32_t* value_uAh);
+
+// Appends a whole sample to the record. Returns 0, or -EINVAL, logged with the name of the calling
+// function; *storage_failed says the same.
+int sampling_write(collector_info* row, record_handle* record, const grow_array<uint8_t>& sample,
+                   const char* caller, bool* storage_failed);
 
 // ---- One such collector
 

@@ -100,19 +100,6 @@ int compose(cpu_stats* stats, const cpu_sample& sample, uint64_t process_len) {
     return result;
 }
 
-int write_sample(cpu_stats* stats, collector_info* row, record_handle* record) {
-    write_req req{.row = row,
-                  .handle = record,
-                  .data = stats->bytes.data(),
-                  .len = stats->bytes.size(),
-                  .flags = WRITE_BEGIN_NEW};
-    const size_t count = vexastats_write_file(&req);
-    stats->storage_failed = count != req.len;
-    if (!stats->storage_failed) return 0;
-    ALOGE("%s: failed to write file. cnt:%zu\n", "prepare_cpu_stats", count);
-    return -EINVAL;
-}
-
 // ---- The loop
 
 // Scans the processes when the last scan is long enough ago.
@@ -160,7 +147,9 @@ int prepare_cpu_stats(cpu_stats* stats, collector_info* row, record_handle* reco
     uint64_t process_len = 0;
     result = make_room(stats, base_len, &sample, &process_len);
     if (result == 0) result = compose(stats, sample, process_len);
-    if (result == 0) result = write_sample(stats, row, record);
+    if (result == 0)
+        result =
+            sampling_write(row, record, stats->bytes, "prepare_cpu_stats", &stats->storage_failed);
     return result;
 }
 

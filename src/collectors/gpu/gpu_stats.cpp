@@ -81,19 +81,6 @@ int read_charge_counter(gpu_sample* sample) {
     return -EINVAL;
 }
 
-int write_sample(gpu_stats* stats, collector_info* row, record_handle* record) {
-    write_req req{.row = row,
-                  .handle = record,
-                  .data = stats->bytes.data(),
-                  .len = stats->bytes.size(),
-                  .flags = WRITE_BEGIN_NEW};
-    const size_t count = vexastats_write_file(&req);
-    stats->storage_failed = count != req.len;
-    if (!stats->storage_failed) return 0;
-    ALOGE("%s: failed to write file. cnt:%zu\n", "prepare_gpu_stats", count);
-    return -EINVAL;
-}
-
 }  // namespace
 
 int prepare_gpu_stats(gpu_stats* stats, collector_info* row, record_handle* record) {
@@ -119,7 +106,7 @@ int prepare_gpu_stats(gpu_stats* stats, collector_info* row, record_handle* reco
     if (result == 0) result = read_charge_counter(&sample);
     if (result != 0) return result;
     gpu_sample_put(stats->bytes.data(), sample);
-    return write_sample(stats, row, record);
+    return sampling_write(row, record, stats->bytes, "prepare_gpu_stats", &stats->storage_failed);
 }
 
 int poll_gpu_stats(gpu_stats* stats, collector_info* row, record_handle* record) {
