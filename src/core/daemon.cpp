@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "campaign/campaign_mgr.h"
 #include "core/collectors.h"
 #include "framework/clock.h"
 #include "framework/debug_build.h"
@@ -30,12 +31,19 @@ constexpr int STOP_SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
 
 // Alive as long as the process: threads that a failed start-up leaves behind still use it.
 constinit optout_context g_context;
+pthread_t g_campaign_manager;
 
 sigset_t stop_signal_set() {
     sigset_t set;
     sigemptyset(&set);
     for (const int signo : STOP_SIGNALS) sigaddset(&set, signo);
     return set;
+}
+
+// To the process, not to the thread, which may have ended: every thread keeps the signal blocked, and
+// the manager takes it from a descriptor. Async-signal-safe.
+void stop_campaign_manager() {
+    (void)kill(getpid(), SIGUSR1);
 }
 
 // The process signal handler. It runs on main, or in a collector's thread that lets SIGINT in
@@ -46,6 +54,7 @@ void sig_handle(int signo) {
         if (g_collectors[i].sig_handler) g_collectors[i].sig_handler(signo);
     }
     stop_flag_raise(&g_context.stop);
+    stop_campaign_manager();
 }
 
 // Announces the daemon. On debug builds a test file may give the property another value.
@@ -130,6 +139,13 @@ int start_optout_monitor() {
     return error;
 }
 
+// Returns 0 or a positive error number, logged; then nobody waits for the other threads.
+int start_campaign_manager() {
+    const int error = pthread_create(&g_campaign_manager, nullptr, campaign_mgr_main, nullptr);
+    if (error != 0) ALOGE("failed to create Campaign Manager thread. err:%d\n", error);
+    return error;
+}
+
 // Comes before the collectors, which may let SIGINT in. Returns 0 or a positive error number; a
 // daemon that could not be stopped starts none of them and ends right away.
 int install_signal_handler() {
@@ -153,8 +169,17 @@ void unblock_signals() {
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
-void join_threads() {
+// Keeps the campaign manager's signal from ending the process, at any moment of its life.
+void block_signals() {
+    sigset_t signals = stop_signal_set();
+    sigaddset(&signals, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+void join_threads(bool has_campaign_manager) {
     pthread_join(g_context.monitor, nullptr);
+    stop_campaign_manager();  // the monitor may have ended without a signal
+    if (has_campaign_manager) pthread_join(g_campaign_manager, nullptr);
     for (int32_t i = 0; i < g_collector_count; i++) {
         if (g_collectors[i].running) pthread_join(g_collectors[i].thread, nullptr);
     }
@@ -177,8 +202,7 @@ void announce_end() {
 }  // namespace
 
 int daemon_run() {
-    const sigset_t signals = stop_signal_set();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    block_signals();
 
     set_enabled_property();
     wait_for_wall_clock();
@@ -190,9 +214,11 @@ int daemon_run() {
     if (signal_error == 0) start_collectors();
     const int monitor_error = start_optout_monitor();
     if (monitor_error != 0) end_with_threads_left(monitor_error);
+    const int manager_error = signal_error == 0 ? start_campaign_manager() : 0;
+    if (manager_error != 0) end_with_threads_left(manager_error);
 
     if (signal_error == 0) unblock_signals();
-    join_threads();
+    join_threads(signal_error == 0);
     announce_end();
     return signal_error;
 }

@@ -71,16 +71,24 @@ void wait_for_events(int fd, const collector_info& row, const config_update_text
     }
 }
 
-}  // namespace
-
-config_file_mark config_file_look(const char* path) {
-    struct stat file = {};
-    if (stat(path, &file) != 0) return {};
+config_file_mark mark_of(const struct stat& file) {
     return {.exists = true,
             .dev = file.st_dev,
             .ino = file.st_ino,
             .size = file.st_size,
             .mtime_ns = int64_t{file.st_mtim.tv_sec} * 1000000000 + file.st_mtim.tv_nsec};
+}
+
+}  // namespace
+
+config_file_mark config_file_look(const char* path) {
+    struct stat file = {};
+    return stat(path, &file) == 0 ? mark_of(file) : config_file_mark{};
+}
+
+config_file_mark config_file_look(int fd) {
+    struct stat file = {};
+    return fstat(fd, &file) == 0 ? mark_of(file) : config_file_mark{};
 }
 
 void vexastats_wait_config_update(collector_info* row, const config_file_mark& seen,

@@ -19,8 +19,9 @@ struct config_file_mark {
     bool operator==(const config_file_mark&) const = default;
 };
 
-// The mark of the file that is at `path` now; taken before the file is read.
+// The mark of the file that is at `path` now, or that `fd` has open; taken before the file is read.
 config_file_mark config_file_look(const char* path);
+config_file_mark config_file_look(int fd);
 
 // How one collector logs its waits.
 struct config_update_texts {

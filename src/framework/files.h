@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "framework/owned_bytes.h"
 #include "framework/stop.h"
 
 // Reads one line of the test override file into `buf` (size bytes). Returns false when there is no
@@ -49,3 +50,13 @@ bool vexastats_lcd_off_status();
 // Returns 0 or a negative errno, with *opened (may be null) telling whether it was got as far as
 // writing; not logged. Any thread.
 int vexastats_replace_file(const char* path, const void* data, size_t len, bool* opened = nullptr);
+
+// Reads regular file `path`, which `fd` has open at its start, into one block with a zero byte
+// behind it. Returns false when it is empty, longer than max_len bytes or cannot be read; logged,
+// with `caller` as the function's name where there is no memory. Any thread.
+bool vexastats_read_whole(int fd, const char* path, const char* caller, size_t max_len,
+                          owned_bytes* out);
+
+// The same with a file of any length that it opens itself. Returns 0, -EINVAL, or -ENOENT when it
+// cannot be opened, which is logged too. Any thread.
+int vexastats_read_file(const char* path, const char* caller, owned_bytes* out);

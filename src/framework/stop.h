@@ -7,8 +7,9 @@
 
 struct stop_flag {
     std::atomic<uint8_t> raised{0};
-    std::atomic<int> fd{
-        -1};  // eventfd, readable for ever once raised; lives as long as the process
+    // eventfd, readable for ever once raised; lives as long as the process. A thread that a signal
+    // stops has its signal descriptor here and never raises the flag: waits end all the same.
+    std::atomic<int> fd{-1};
 };
 
 // Makes the descriptor, once; a flag without one is still honoured by waits that begin later.

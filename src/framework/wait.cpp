@@ -44,6 +44,7 @@ int vexastats_poll(pollfd* fds, size_t count, int64_t timeout_ms, const stop_fla
         VEXA_TEST_WINDOW();
         const int ready = platform_poll(all, count + 1, left_ms);
         if (stop_flag_is_raised(stop)) return -EINTR;
+        if (ready > 0 && all[count].revents != 0) return -EINTR;
         if (ready < 0 && errno == EINTR) continue;
         if (ready < 0) return -errno;
         std::copy_n(all, count, fds);

@@ -1,0 +1,347 @@
+// The campaign manager: what it takes over, its thread, its socket.
+#include "campaign/campaign_mgr.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "campaign.pb.h"
+#include "campaign/campaign_state.h"
+#include "campaign/control_socket.h"
+#include "framework/clock.h"
+#include "mps_events/mps_events.h"
+#include "platform_test.h"
+#include "support/events.h"
+#include "support/files.h"
+#include "support/log.h"
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+constexpr char DOWN_DIR[] = "/data/vendor/vexa/down/101";
+constexpr char CDF[] = "/data/vendor/vexa/down/101/cdf.dat";
+constexpr uint64_t NOW_S = PLATFORM_TEST_REAL_MS / 1000;
+constexpr uint64_t LATER = NOW_S + 1000;
+constexpr char START[] = "mps_set_event: Setting event 256";
+constexpr char STOP[] = "mps_set_event: Setting event 512";
+
+std::string cdf(uint64_t id, uint32_t module = 6, uint64_t expiry = LATER,
+                const std::string& logic = "logic") {
+    vexa::CampaignDescriptionMap map;
+    vexa::CampaignDescriptionEntry* entry = map.add_entry();
+    entry->set_campaignid(id);
+    entry->set_moduleid(module);
+    entry->mutable_expiry()->set_exptype(2);
+    entry->mutable_expiry()->set_expvalue(expiry);
+    entry->mutable_enablementandlogic()->mutable_logic()->set_logic(logic);
+    return std::string("\xCD\xF1\x01", 3) + map.SerializeAsString();
+}
+
+std::string message(uint32_t id, uint32_t size, const std::string& payload) {
+    std::string bytes;
+    for (const uint32_t word : {id, size}) {
+        for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(word >> shift);
+    }
+    return bytes + payload;
+}
+const std::string SUB_1 = message(2, 8, std::string("\0\0\0\1\1\6\0\7", 8));  // MCC 262, MNC 7
+
+class CampaignManager : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        for (const char* dir : {"/data/vendor/vexa", "/data/vendor/vexastats", "/dev/socket/vexa"})
+            fs::remove_all(dir);
+        for (const char* dir : {DOWN_DIR, CAMPAIGN_DIR, "/dev/socket/vexa"})
+            fs::create_directories(dir);
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGUSR1);
+        pthread_sigmask(SIG_BLOCK, &set, nullptr);
+        platform_test_set_clock(platform_test_clock::MANUAL);
+        mps_clear_event(UINT32_MAX);
+        const vexa_lock lock(g_campaign.lock);
+        g_campaign.state = {};
+    }
+    void TearDown() override { stop(); }
+
+    void start() {
+        thread = std::thread([] { campaign_mgr_main(nullptr); });
+    }
+    void stop() {
+        if (!thread.joinable()) return;
+        pthread_kill(thread.native_handle(), SIGUSR1);
+        thread.join();
+    }
+    static void wait_log(const std::string& text) {
+        ASSERT_TRUE(platform_test_wait_log(text, EVENT_LIMIT.count())) << text << "\n"
+                                                                       << log_text();
+    }
+    static void wait_parked() { ASSERT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count())); }
+
+    static unique_fd connected() {
+        unique_fd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+        strcpy(address.sun_path, CONTROL_SOCKET);
+        EXPECT_EQ(connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        return client;
+    }
+    // Sends, and waits until the manager has closed the connection.
+    static void say(const std::string& bytes) {
+        const unique_fd client = connected();
+        (void)send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        (void)shutdown(client.get(), SHUT_WR);
+        char byte;
+        EXPECT_LE(recv(client.get(), &byte, 1, 0), 0);
+    }
+    static phone_state phone() {
+        phone_state state;
+        EXPECT_TRUE(campaign_mgr_get_ph_info(&state));
+        return state;
+    }
+    static uint32_t active_id(uint32_t module = 6) {
+        owned_bytes logic;
+        uint32_t id = 0;
+        campaign_mgr_get_campaign(module, &logic, &id);
+        return id;
+    }
+    static size_t open_descriptors() { return list_dir("/.host/proc/self/fd").size(); }
+
+    std::thread thread;
+};
+
+unique_campaign campaign(uint64_t id, uint64_t expiry = LATER, bool running = false) {
+    unique_campaign entry = campaign_entry_new();
+    entry->campaignId = id;
+    entry->expiryValue = expiry;
+    entry->running = running ? 1 : 0;
+    return entry;
+}
+
+std::string stored(uint32_t module, uint64_t id, uint64_t expiry = LATER) {
+    return campaign_file_name(module, id, expiry).data();
+}
+
+TEST_F(CampaignManager, CampaignOfTheSameIdStaysAndItsFileWithIt) {
+    const uint64_t same_file = 7 + (uint64_t{1} << 32);  // as that of id 7
+    for (const auto& [live, fresh, expiry, id_after, expiry_after, files] :
+         std::vector<std::tuple<uint64_t, uint64_t, uint64_t, uint64_t, uint64_t,
+                                std::vector<std::string>>>{
+             {7, 7, LATER, 7, LATER, {stored(1, 7)}},
+             {7, 7, LATER + 1, 7, LATER, {stored(1, 7), stored(1, 7, LATER + 1)}},
+             {7, 7, 0, 7, 0, {stored(1, 7, 0)}},
+             {7, 8, LATER, 8, LATER, {stored(1, 8)}},
+             {7, same_file, LATER, same_file, LATER, {stored(1, 7)}},
+         }) {
+        SCOPED_TRACE(std::to_string(fresh) + " " + std::to_string(expiry));
+        fs::remove_all(CAMPAIGN_DIR);
+        put_files({{stored(1, live), "live"}, {stored(1, fresh, expiry), "fresh"}});
+        {
+            const vexa_lock lock(g_campaign.lock);
+            g_campaign.state.table[1] = campaign(live);
+        }
+        campaign_table table;
+        table[1] = campaign(fresh, expiry);
+        updateCampaignTableAndAct(table);
+        const vexa_lock lock(g_campaign.lock);
+        EXPECT_EQ(g_campaign.state.table[1]->campaignId, id_after);
+        EXPECT_EQ(g_campaign.state.table[1]->expiryValue, expiry_after);
+        std::vector<std::string> names;
+        for (const std::string& file : files) names.push_back(fs::path(file).filename());
+        EXPECT_EQ(list_dir(CAMPAIGN_DIR), names);
+    }
+}
+
+TEST_F(CampaignManager, ReplacedCampaignStopsWhateverItsModuleAndTakesLaterSameOnesFilesAlong) {
+    put_files({{stored(2, 5), ""}, {stored(4, 9), ""}, {stored(4, 9, LATER + 1), ""}});
+    {
+        const vexa_lock lock(g_campaign.lock);
+        g_campaign.state.table[2] = campaign(5, LATER, true);
+        g_campaign.state.table[4] = campaign(9, LATER, true);
+    }
+    campaign_table table;
+    table[2] = campaign(6);
+    table[2]->mccMncCount = 2;
+    table[2]->mccMncList = campaign_network_list_new();
+    table[2]->mccMncList[0] = {.mcc = 262, .mncCount = 1, .mnc = {7}};
+    table[2]->mccMncList[1] = {.mcc = 310, .mncCount = 1, .mnc = {8}};
+    table[4] = campaign(9, LATER + 1);
+    updateCampaignTableAndAct(table);
+    EXPECT_EQ(platform_test_log_count(STOP), 1u);
+    EXPECT_THAT(list_dir(CAMPAIGN_DIR),
+                ElementsAre(fs::path(stored(4, 9, LATER + 1)).filename().string()));
+    const vexa_lock lock(g_campaign.lock);
+    const CampaignEntry& replaced = *g_campaign.state.table[2];
+    EXPECT_EQ(replaced.running, 0);
+    EXPECT_EQ(replaced.mccMncCount, 2u);
+    EXPECT_EQ(replaced.mccMncList[0].mcc, 262u);
+    EXPECT_EQ(replaced.mccMncList[1].mcc, 0u) << "only the first network is taken over";
+    EXPECT_EQ(g_campaign.state.table[4]->running, 1);
+}
+
+TEST_F(CampaignManager, OnlyTheModemsCampaignStartsWithTheFileTheOthersAtTheNextCheck) {
+    {
+        const vexa_lock lock(g_campaign.lock);
+        g_campaign.state.phone.default_sub = 1;
+    }
+    campaign_table table;
+    table[1] = campaign(4);
+    table[6] = campaign(5);
+    updateCampaignTableAndAct(table);
+    EXPECT_EQ(platform_test_log_count(START), 1u);
+    EXPECT_EQ(platform_test_log_count(STOP), 0u);
+    const auto running = [](uint32_t module) {
+        const vexa_lock lock(g_campaign.lock);
+        return g_campaign.state.table[module]->running;
+    };
+    EXPECT_EQ(running(1), 0);
+    EXPECT_EQ(running(6), 1);
+    campaign_check();
+    EXPECT_EQ(running(1), 1);
+}
+
+TEST_F(CampaignManager, BadClientsChangeNothingAndLeakNoDescriptor) {
+    start();
+    wait_log("campaign_mgr_main:Going into poll\n");
+    say(SUB_1);
+    EXPECT_EQ(phone().default_sub, 1u);
+    EXPECT_EQ(phone().mcc, 262);
+    EXPECT_EQ(phone().mnc, 7);
+    say(message(1, 1, "\x80"));
+    EXPECT_EQ(phone().roaming, 1);
+    const struct {
+        std::string sent;
+        std::string logged;
+    } CLIENTS[] = {
+        {"", "handleIncomingSocketMsg:Count not read MsgID from incoming msg\n"},
+        {message(1, 1, "").substr(0, 7),
+         "handleIncomingSocketMsg:Count not read MsgID from incoming msg\n"},
+        {message(0, 99, "x"), "handleIncomingSocketMsg: MSG id 0 Size 99\n"},
+        {message(1, 2, std::string(2, '\0')),
+         "handleIncomingSocketMsg:Wrong msg_size 2 received for msg_id 1\n"},
+        {message(3, 0x80000008, std::string(8, '\0')),
+         "handleIncomingSocketMsg:Wrong msg_size -2147483640 received for msg_id 3\n"},
+        {message(4, 1, std::string(1, '\0')),
+         "handleIncomingSocketMsg:Unrecongnizable Msg Id 4\n"},
+        {message(2, 8, std::string(7, '\0')),
+         "handleIncomingSocketMsg:Count not read Roaming Status from incoming msg\n"},
+    };
+    const size_t before = open_descriptors();
+    for (int i = 0; i < 1000; ++i) {
+        const auto& client = CLIENTS[static_cast<size_t>(i) % std::size(CLIENTS)];
+        platform_test_clear_log();
+        say(client.sent);
+        ASSERT_EQ(platform_test_log_count(client.logged), 1u) << client.logged << log_text();
+    }
+    wait_parked();
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(phone().default_sub, 1u);
+    EXPECT_EQ(phone().roaming, 1);
+    say(message(1, 1, std::string(1, '\0')));
+    EXPECT_EQ(phone().roaming, 0);
+}
+
+TEST_F(CampaignManager, SilentClientHoldsTheThreadForTenSecondsAndNoStopUp) {
+    start();
+    wait_log("campaign_mgr_main:Going into poll\n");
+    const unique_fd silent = connected();
+    (void)send(silent.get(), "half", 4, MSG_NOSIGNAL);
+    wait_log("campaign_mgr_main:Socket file pollin\n");
+    wait_parked();
+    platform_test_advance_ms(9999);
+    EXPECT_EQ(platform_test_log_count(
+                  "handleIncomingSocketMsg:Count not read MsgID from incoming msg\n"),
+              0u);
+    platform_test_advance_ms(1);
+    wait_log("handleIncomingSocketMsg:Count not read MsgID from incoming msg\n");
+    platform_test_clear_log();
+    const unique_fd other = connected();
+    wait_log("campaign_mgr_main:Socket file pollin\n");
+    stop();
+}
+
+TEST_F(CampaignManager, SignalEndsTheThreadWhereverItWaits) {
+    const struct {
+        const char* broken;  // removed before the start
+        const char* waits;   // logged before the wait
+        bool has_file;
+    } PLACES[] = {
+        {DOWN_DIR, "wait until /data/vendor/vexa/down/101 is ready\n", false},
+        {"/dev/socket/vexa", "campaign_mgr_main: failed create service socket. err:2\n", false},
+        {"/none", "campaign_mgr_main:Going into poll\n", false},
+        {"/none", "CDF File Created waiting? 0\n", true},
+    };
+    for (const auto& place : PLACES) {
+        SCOPED_TRACE(place.waits);
+        SetUp();
+        platform_test_clear_log();
+        fs::remove_all(place.broken);
+        start();
+        if (place.has_file) {
+            wait_log("campaign_mgr_main:Going into poll\n");
+            put_files({{CDF, cdf(1)}});
+        }
+        wait_log(place.waits);
+        wait_parked();
+        stop();
+        EXPECT_EQ(platform_test_log_count("Campaign Manager Main Thread Exit \n"), 1u);
+    }
+}
+
+TEST_F(CampaignManager, FileThatComesWhileAnotherIsTakenInIsNotLost) {
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    start();
+    wait_log("campaign_mgr_main:Going into poll\n");
+    constexpr uint64_t LAST = 300;
+    for (uint64_t id = 1; id <= LAST; ++id) {
+        put_files({{std::string(CDF) + ".part", cdf(id)}});
+        fs::rename(std::string(CDF) + ".part", CDF);
+        platform_test_advance_ms(500);
+    }
+    EXPECT_TRUE(wait_for_change({DOWN_DIR, CAMPAIGN_DIR}, [&] {
+        platform_test_advance_ms(100);
+        return fs::exists(stored(6, LAST)) && active_id() == LAST && list_dir(DOWN_DIR).empty();
+    })) << active_id();
+    EXPECT_THAT(list_dir(CAMPAIGN_DIR),
+                ElementsAre(fs::path(stored(6, LAST)).filename().string()));
+}
+
+TEST_F(CampaignManager, FileLeftByAKillIsTakenInAndStoredOnesComeBack) {
+    put_files({{std::string(CDF) + ".done", cdf(41)}, {CDF, cdf(42, 1)}});
+    start();
+    wait_log("campaign_mgr_main:Going into poll\n");
+    EXPECT_EQ(active_id(6), 41u);
+    EXPECT_EQ(active_id(1), 42u);
+    EXPECT_THAT(list_dir(DOWN_DIR), ElementsAre("cdf.dat"));  // read right away, kept
+    stop();
+    fs::remove(CDF);
+    start();
+    wait_parked();
+    EXPECT_EQ(active_id(6), 41u);
+    EXPECT_EQ(active_id(1), 42u);
+    owned_bytes logic;
+    uint32_t id = 0;
+    campaign_mgr_get_campaign(6, &logic, &id);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(logic.bytes.get()), logic.length), "logic");
+}
+
+TEST_F(CampaignManager, CampaignThatExpiresAsItComesDoesNotMakeTheThreadSpin) {
+    put_files({{CDF, cdf(1, 1, NOW_S)}});
+    start();
+    wait_parked();
+    const size_t polls = platform_test_log_count("campaign_mgr_main:Going into poll\n");
+    EXPECT_LE(polls, 2u);
+    EXPECT_EQ(active_id(1), 0u) << "the check has not run";
+}
+
+}  // namespace

@@ -1,0 +1,122 @@
+// A campaign's life in the whole daemon: delivered, switched on and off, restarted, expired.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "campaign.pb.h"
+#include "framework/unique_handle.h"
+#include "scenario/daemon_process.h"
+#include "support/files.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char STORED[] = "/data/vendor/vexastats/101";
+constexpr char SOCKET[] = "/dev/socket/vexa/vexa-campmgr-s";
+constexpr char START[] = "Setting event 256";
+constexpr char STOP[] = "Setting event 512";
+constexpr uint64_t EXPIRY_S = 1709643600;  // 2024-03-05T13:00:00Z, a Tuesday
+
+// Module 6, at ten o'clock on every day.
+std::string ten_o_clock_campaign() {
+    vexa::CampaignDescriptionMap map;
+    vexa::CampaignDescriptionEntry* entry = map.add_entry();
+    entry->set_campaignid(77);
+    entry->set_moduleid(6);
+    entry->mutable_expiry()->set_exptype(2);
+    entry->mutable_expiry()->set_expvalue(EXPIRY_S);
+    auto* enablement = entry->mutable_enablementandlogic()->mutable_enablement();
+    enablement->set_enablementtype(1);
+    enablement->mutable_timebasedenablement()->set_timeslices(0x7F000000 | 1u << 10);
+    return std::string("\xCD\xF1\x00", 3) + map.SerializeAsString();
+}
+
+const std::string SUBSCRIPTION{"\0\0\0\2\0\0\0\x08\0\0\0\1\1\6\0\7", 16};
+const std::string ROAMING{"\0\0\0\1\0\0\0\1\1", 9};
+const std::string AT_HOME{"\0\0\0\1\0\0\0\1\0", 9};
+
+void tell(const std::string& message) {
+    const unique_fd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+    strcpy(address.sun_path, SOCKET);
+    ASSERT_EQ(connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(send(client.get(), message.data(), message.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(message.size()));
+    char byte;
+    ASSERT_EQ(recv(client.get(), &byte, 1, 0), 0) << "handled, then closed";
+}
+
+// The order of start and stop events in the log since the last call.
+std::string new_events() {
+    static size_t seen = 0;
+    const std::string log = phone_log();
+    if (log.size() < seen) seen = 0;
+    std::string events;
+    for (size_t at = log.find("Setting event ", seen); at != std::string::npos;
+         at = log.find("Setting event ", at + 1)) {
+        events += log.compare(at, strlen(START), START) == 0 ? "+" : "-";
+    }
+    seen = log.size();
+    return events;
+}
+
+bool eventually_logged(const std::string& text) {
+    return eventually([&] { return phone_log().find(text) != std::string::npos; });
+}
+
+TEST(CampaignScenario, CampaignRunsInItsHourAtHomeUntilItExpires) {
+    phone_reset();
+    fs::create_directories(std::string(DOWN_DIR) + "/101");
+    phone_set_clock("real=2024-03-05T10:20:00Z boot=100");
+    const std::string file = std::string(STORED) + "/6-77-" + std::to_string(EXPIRY_S) + ".camp";
+    {
+        daemon_process daemon({"TZ=UTC0"});
+        ASSERT_TRUE(eventually_logged("campaign_mgr_main:Going into poll"));
+        deliver(101, "cdf.dat", ten_o_clock_campaign());
+        ASSERT_TRUE(eventually([&] { return fs::exists(file); })) << phone_log();
+        ASSERT_TRUE(eventually([&] { return !fs::exists(std::string(DOWN_DIR) + "/101/cdf.dat"); }));
+        EXPECT_EQ(new_events(), "") << "no subscription is known yet";
+        tell(SUBSCRIPTION);
+        EXPECT_EQ(new_events(), "-+");
+        tell(ROAMING);
+        EXPECT_EQ(new_events(), "-");
+        tell(AT_HOME);
+        EXPECT_EQ(new_events(), "-+");
+        phone_set_clock("real=2024-03-05T11:00:00Z boot=100");
+        EXPECT_EQ(new_events(), "");
+        tell(AT_HOME);
+        EXPECT_EQ(new_events(), "-") << "its hour is over";
+        EXPECT_TRUE(daemon.stop());
+    }
+    fs::remove("/dev/log/main");
+    phone_set_clock("real=2024-03-05T10:59:00Z boot=200");
+    daemon_process daemon({"TZ=UTC0"});
+    ASSERT_TRUE(eventually_logged("campaign_mgr_main:Going into poll"));
+    tell(SUBSCRIPTION);
+    EXPECT_EQ(new_events(), "-+") << "it did not survive the restart";
+    phone_set_clock("real=2024-03-05T13:00:00Z boot=100000");
+    ASSERT_TRUE(eventually([] { return new_events() == "-"; })) << phone_log();
+    phone_set_clock("real=2024-03-05T10:59:00Z boot=100001");
+    tell(AT_HOME);
+    EXPECT_EQ(new_events(), "") << "it is gone, also for a clock that goes back";
+    EXPECT_TRUE(fs::exists(file));
+    EXPECT_TRUE(daemon.stop());
+}
+
+TEST(CampaignScenario, SignalOfTheManagerNeverEndsTheDaemon) {
+    phone_reset();
+    daemon_process daemon;
+    ASSERT_TRUE(eventually_logged("wait until /data/vendor/vexa/down/101 is ready"));
+    daemon.signal(SIGUSR1);
+    ASSERT_TRUE(eventually_logged("Campaign Manager Main Thread Exit"));
+    opt_in(2);
+    EXPECT_TRUE(eventually_logged("cpu_collector enabled"));
+    EXPECT_TRUE(daemon.stop());
+}
+
+}  // namespace
