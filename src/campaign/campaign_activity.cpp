@@ -1,0 +1,3 @@
+#define LOG_TAG "vexastatsd"
+
+#include "campaign/campaign_rules.h"
