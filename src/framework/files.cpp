@@ -146,6 +146,12 @@ int vexastats_replace_file(const char* path, const void* data, size_t len, bool*
     char beside[PATH_MAX];
     const int path_len = snprintf(beside, sizeof beside, "%s.new", path);
     if (path_len < 0 || static_cast<size_t>(path_len) >= sizeof beside) return -ENAMETOOLONG;
+    return vexastats_replace_file_by(path, beside, data, len, opened);
+}
+
+int vexastats_replace_file_by(const char* path, const char* beside, const void* data, size_t len,
+                              bool* opened) {
+    if (opened) *opened = false;
     unique_fd fd(open(beside, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!fd) return -errno;
     if (opened) *opened = true;

@@ -51,6 +51,10 @@ bool vexastats_lcd_off_status();
 // writing; not logged. Any thread.
 int vexastats_replace_file(const char* path, const void* data, size_t len, bool* opened = nullptr);
 
+// The same with a name of the caller's for the file beside it, in the same directory.
+int vexastats_replace_file_by(const char* path, const char* beside, const void* data, size_t len,
+                              bool* opened = nullptr);
+
 // Reads regular file `path`, which `fd` has open at its start, into one block with a zero byte
 // behind it. Returns false when it is empty, longer than max_len bytes or cannot be read; logged,
 // with `caller` as the function's name where there is no memory. Any thread.

@@ -4,13 +4,15 @@
 
 #include <cstdint>
 
+#include "framework/stop.h"
+
 enum mps_event : uint32_t {
-    MPS_EVENT_BUFFER_FULL = 2,      // the modem's buffer is full
-    MPS_EVENT_FETCH_TIMER = 4,      // served, raised by nobody
-    MPS_EVENT_KBR_READY = 8,        // connected to the modem's service
-    MPS_EVENT_MODEM_RESTART = 16,   // served, raised by nobody
-    MPS_EVENT_SEND_COMPLETE = 32,   // the modem has written its data files
-    MPS_EVENT_TIMER = 64,           // one of the collector's timers
+    MPS_EVENT_BUFFER_FULL = 2,     // the modem's buffer is full
+    MPS_EVENT_FETCH_TIMER = 4,     // served, raised by nobody
+    MPS_EVENT_KBR_READY = 8,       // connected to the modem's service
+    MPS_EVENT_MODEM_RESTART = 16,  // served, raised by nobody
+    MPS_EVENT_SEND_COMPLETE = 32,  // the modem has written its data files
+    MPS_EVENT_TIMER = 64,          // one of the collector's timers
     MPS_EVENT_CAMPAIGN_START = 256,
     MPS_EVENT_CAMPAIGN_STOP = 512,
 };
@@ -26,3 +28,10 @@ void mps_clear_event(uint32_t event);
 
 // The mask as it stands. Any thread.
 uint32_t mps_events();
+
+// Sleeps until a signal was raised since the last return, and not at all when that is so already;
+// then forgets the signals. Ends when `stop` is raised, too. Logged. Thread: the collector's.
+void mps_wait_for_signal(const stop_flag& stop);
+
+// Signals raised since the collector last went to sleep. Any thread.
+uint32_t mps_signal_count();
