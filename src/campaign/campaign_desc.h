@@ -19,15 +19,8 @@ inline constexpr char CAMPAIGN_DIR[] = "/data/vendor/vexastats/101";
 inline constexpr uint32_t CAMPAIGN_TIME_BASED = 1u << 0;
 inline constexpr uint32_t CAMPAIGN_MCC_MNC_BASED = 1u << 1;
 
-<<<<<<< HEAD
-// In front of the message of a delivered campaign file: two bytes that have to be these, and a
-// third that is ignored.
-inline constexpr uint8_t CAMPAIGN_FILE_HEAD[] = {0xCD, 0xF1};
-inline constexpr size_t CAMPAIGN_FILE_HEAD_LEN = 3;
-=======
 // The first two bytes of a delivered campaign file; the third is ignored.
 inline constexpr uint8_t CAMPAIGN_FILE_HEAD[3] = {0xCD, 0xF1};
->>>>>>> issue4
 
 struct MccMncEnablementRecord {
     uint32_t mcc = 0;
@@ -41,13 +34,8 @@ struct CampaignEntry {
     uint32_t enablementType = 0;  // CAMPAIGN_TIME_BASED, CAMPAIGN_MCC_MNC_BASED
     uint32_t timeSlices = 0;      // bits 0 to 23: local hours; 24 to 30: Sunday to Saturday
     uint32_t mccMncCount = 0;
-<<<<<<< HEAD
-    std::unique_ptr<MccMncEnablementRecord[]> mccMncList{};  // CAMPAIGN_NETWORKS_MAX of them, or
-                                                             // null
-=======
     // CAMPAIGN_NETWORKS_MAX of them, or null.
     std::unique_ptr<MccMncEnablementRecord[]> mccMncList{};
->>>>>>> issue4
     uint8_t running = 0;
 };
 
@@ -82,12 +70,6 @@ inline campaign_path campaign_file_name(uint32_t module, const CampaignEntry& en
     return campaign_file_name(module, entry.campaignId, entry.expiryValue);
 }
 
-<<<<<<< HEAD
-// Whether `length` bytes begin like a delivered campaign file; logged when they do not. Any thread.
-bool campaign_file_head_is_valid(const uint8_t* buffer, size_t length);
-
-// Decodes a map of campaigns, which is a delivered campaign file behind its head, into *table, and
-=======
 // Finds the map of campaigns in the `length` bytes of a delivered campaign file: what follows the
 // head. Returns false, logged under the name `caller`, when the head is not the right one. Any
 // thread.
@@ -95,7 +77,6 @@ bool campaign_file_map(const char* caller, const uint8_t* file, size_t length, c
                        size_t* map_length);
 
 // Decodes a map of campaigns into *table, and
->>>>>>> issue4
 // with `write` stores each as campaign_desciption_entry_decode_from_buffer does. Returns whether
 // all of it could be decoded; failures are logged. Entries up to the failed one stay in the table.
 // Null arguments are refused. Thread: the table's owner.

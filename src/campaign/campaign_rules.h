@@ -28,13 +28,10 @@ struct campaign_state {
     int32_t next_activity_s = -1;  // how long the manager may wait; negative: without limit
 };
 
-<<<<<<< HEAD
-=======
 inline bool campaign_is_expired(const CampaignEntry& entry, time_t now) {
     return now >= 0 && static_cast<uint64_t>(now) >= entry.expiryValue;
 }
 
->>>>>>> issue4
 // Whether the campaign of `module` may run at this hour and day.
 bool isTimeBasedEnabMetForCampaign(const campaign_table& table, uint32_t module, time_t now);
 
