@@ -75,7 +75,7 @@ bool copy_campaign(uint32_t module, const CampaignEntry& fresh, CampaignEntry* l
         return false;
     }
     // Only the first network is taken over, the others stay zero: deliberate.
-    live->mccMncList[0] = fresh.mccMncList[0];
+    if (fresh.mccMncList) live->mccMncList[0] = fresh.mccMncList[0];
     return true;
 }
 
@@ -93,7 +93,7 @@ void take_over(campaign_state* state, uint32_t module, const CampaignEntry& fres
     if (slot) {
         files->last = campaign_file_name(module, *slot);
         // Different campaigns can have the same file, which is then the new one's.
-        if (files->last == new_file) files->last = {};
+        if (strcmp(files->last.data(), new_file.data()) == 0) files->last = {};
     }
     if (slot && slot->campaignId == fresh.campaignId) {
         meet_same_campaign(module, fresh, slot.get(), files);

@@ -52,11 +52,11 @@ void campaign_mgr_decode_and_notify(int fd, const char* path) {
     if (!vexastats_read_whole(fd, path, __func__, CAMPAIGN_FILE_MAX_BYTES, &file)) return;
     ALOGI("Successful Read %d of %d bytes from %s", static_cast<int>(file.length),
           static_cast<int>(file.length), path);
-    const uint8_t* bytes = file.bytes.get();
-    if (!campaign_file_head_is_valid(bytes, file.length)) return;
+    const uint8_t* map = nullptr;
+    size_t map_length = 0;
+    if (!campaign_file_map(__func__, file.bytes.get(), file.length, &map, &map_length)) return;
     campaign_table decoded;
-    (void)campaignDecode(bytes + CAMPAIGN_FILE_HEAD_LEN, file.length - CAMPAIGN_FILE_HEAD_LEN,
-                         &decoded);
+    (void)campaignDecode(map, map_length, &decoded);
     // Also after a failure: what came before it counts.
     updateCampaignTableAndAct(decoded);
 }
