@@ -236,6 +236,7 @@ TEST_F(CampaignManager, BadClientsChangeNothingAndLeakNoDescriptor) {
         {message(2, 8, std::string(7, '\0')),
          "handleIncomingSocketMsg:Count not read Roaming Status from incoming msg\n"},
     };
+    wait_parked();
     const size_t before = open_descriptors();
     for (int i = 0; i < 1000; ++i) {
         const auto& client = CLIENTS[static_cast<size_t>(i) % std::size(CLIENTS)];
