@@ -11,6 +11,7 @@
 #include <algorithm>
 
 #include "host/log_file.h"
+#include "host/log_silence.h"
 #include "platform/clock.h"
 
 namespace {
@@ -18,6 +19,8 @@ namespace {
 constexpr char MAIN_BUFFER[] = "main";
 constexpr uint32_t MAIN_BUFFER_ID = 0;
 constexpr size_t TAG_MAX_LEN = 127;
+
+bool g_silent = false;
 
 char priority_letter(int priority) {
     constexpr char LETTERS[] = "??VDIWEF";
@@ -75,7 +78,12 @@ void print_line(const log_entry_header& header, int priority, const char* tag, c
 
 }  // namespace
 
+void host_log_silence() {
+    g_silent = true;
+}
+
 int __android_log_print(int priority, const char* tag, const char* format, ...) {
+    if (g_silent) return 0;
     const int saved_errno = errno;
     if (!tag) tag = "";
     log_entry entry;

@@ -3,7 +3,8 @@
 #include "campaign/campaign_desc.h"
 
 #include <pb_decode.h>
-#include <string.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -150,21 +151,26 @@ bool decode_message(const uint8_t* buffer, size_t length, network_block* network
     return pb_decode(&stream, CampaignDescriptionEntry_fields, message);
 }
 
+campaign_path stored_path(const CampaignDescriptionEntry& message) {
+    return campaign_file_name(message.moduleId, message.campaignId, message.expiry.ExpValue);
+}
+
 // Puts a new entry into the module's slot. The campaign that was there goes, and its file, unless
 // the new one's has the same name.
-bool claim_slot(unique_campaign* slot, uint32_t module, const campaign_path& path) {
+bool claim_slot(unique_campaign* slot, const CampaignDescriptionEntry& message) {
     if (*slot) {
         ALOGE("%s: Got another campaign for the same module Id %d\n", ENTRY_DECODE,
-              static_cast<int>(module));
-        const campaign_path earlier = campaign_file_name(module, **slot);
-        if (strcmp(earlier.data(), path.data()) != 0) (void)unlink(earlier.data());
+              static_cast<int>(message.moduleId));
+        const campaign_path earlier = campaign_file_name(message.moduleId, **slot);
+        if (earlier != stored_path(message)) (void)unlink(earlier.data());
     }
     *slot = campaign_entry_new();
     if (!*slot) ALOGE("%s: Malloc failed\n", ENTRY_DECODE);
     return *slot != nullptr;
 }
 
-bool store_campaign(const campaign_path& path, const uint8_t* buffer, size_t length) {
+bool store_campaign(const CampaignDescriptionEntry& message, const uint8_t* buffer, size_t length) {
+    const campaign_path path = stored_path(message);
     ALOGI("%s: Writing Campaign Descriptor File %s\n", ENTRY_DECODE, path.data());
     if (vexastats_replace_file_by(path.data(), UNFINISHED_FILE, buffer, length) == 0) return true;
     ALOGE("%s: Campaign Descriptor file create Failed\n", ENTRY_DECODE);
@@ -223,7 +229,7 @@ std::unique_ptr<MccMncEnablementRecord[]> campaign_network_list_new() {
 }
 
 campaign_path campaign_file_name(uint32_t module, uint64_t campaign_id, uint64_t expiry_value) {
-    campaign_path path;
+    campaign_path path{};
     snprintf(path.data(), path.size(), "%s/%d-%d-%d.camp", CAMPAIGN_DIR, static_cast<int>(module),
              static_cast<int>(campaign_id), static_cast<int>(expiry_value));
     return path;
@@ -278,11 +284,9 @@ bool campaign_desciption_entry_decode_from_buffer(const uint8_t* buffer, size_t 
         ALOGE("%s: Wrong Module Id passed %d\n", ENTRY_DECODE, static_cast<int>(message.moduleId));
         return false;
     }
-    const campaign_path path =
-        campaign_file_name(message.moduleId, message.campaignId, message.expiry.ExpValue);
     unique_campaign& slot = (*table)[message.moduleId];
-    if (!claim_slot(&slot, message.moduleId, path)) return false;
-    if (write && !store_campaign(path, buffer, length)) return false;
+    if (!claim_slot(&slot, message)) return false;
+    if (write && !store_campaign(message, buffer, length)) return false;
     // The expiry is looked at only now, with the file written and the slot taken: deliberate.
     if (!fill_entry(slot.get(), message, networks)) return false;
     log_campaign(message, logic.length);

@@ -27,6 +27,7 @@ constexpr workload WORKLOADS[] = {
     {"drop", bench_drop},
     {"append", bench_append},
     {"alog", bench_alog},
+    {"campaign", bench_campaign},
     {"idle", bench_idle},
 };
 

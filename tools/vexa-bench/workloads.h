@@ -18,5 +18,8 @@ int bench_append(
 // The log collector (alog_workload.cpp).
 int bench_alog(long n);  // log entries of BENCH_IN from the log buffer into a record in BENCH_OUT
 
+// Campaigns (campaign_workload.cpp).
+int bench_campaign(long n);  // decodes campaign file BENCH_IN in memory, without the log
+
 // The whole daemon (daemon_workloads.cpp).
 int bench_idle(long);  // opted in to nothing; prints "ready" once every thread waits, until SIGTERM

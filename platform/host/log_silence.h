@@ -1,0 +1,5 @@
+// For measuring what logs, without the log.
+#pragma once
+
+// From here on __android_log_print of this process does nothing. Before a second thread runs.
+void host_log_silence();
