@@ -3,6 +3,7 @@
 #include "mps_events/mps_events.h"
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <atomic>
 #include <thread>
@@ -17,6 +18,7 @@ constexpr uint32_t LAST = 1u << 16;
 class MpsEvents : public testing::Test {
   protected:
     void SetUp() override {
+        setenv("VEXA_TEST_WINDOW_US", "3", 1);  // between a bit and its signal, and before the wait
         ASSERT_EQ(stop_flag_open(&stop), 0);
         mps_clear_event(UINT32_MAX);
         if (mps_signal_count() > 0) mps_wait_for_signal(stop);
