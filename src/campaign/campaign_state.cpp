@@ -23,7 +23,7 @@ time_t wall_clock_s() {
 
 // Stored files that a take-over leaves without a campaign.
 struct replaced_files {
-    bool any = false;        // a campaign was replaced; never taken back: deliberate
+    bool any = false;         // a campaign was replaced; never taken back: deliberate
     campaign_path last = {};  // the file of the live campaign looked at last; empty: to be kept
 };
 

@@ -164,8 +164,7 @@ void handleIncomingSocketMsg(int client, const stop_flag& stop) {
 
     // A payload that has not come by now is not waited for: deliberate.
     uint8_t payload[MAX_PAYLOAD] = {};
-    if (recv(client, payload, message->size, MSG_DONTWAIT) !=
-        static_cast<ssize_t>(message->size)) {
+    if (recv(client, payload, message->size, MSG_DONTWAIT) != static_cast<ssize_t>(message->size)) {
         ALOGE("%s:Count not read Roaming Status from incoming msg\n", __func__);
         return;
     }

@@ -40,8 +40,8 @@ sigset_t stop_signal_set() {
     return set;
 }
 
-// To the process, not to the thread, which may have ended: every thread keeps the signal blocked, and
-// the manager takes it from a descriptor. Async-signal-safe.
+// To the process, not to the thread, which may have ended: every thread keeps the signal blocked,
+// and the manager takes it from a descriptor. Async-signal-safe.
 void stop_campaign_manager() {
     (void)kill(getpid(), SIGUSR1);
 }

@@ -1,5 +1,5 @@
-// The one place where the daemon's threads wait. Every wait ends when its stop flag is raised or the
-// flag's descriptor readable, also when that happens between the caller's test and the wait.
+// The one place where the daemon's threads wait. Every wait ends when its stop flag is raised or
+// the flag's descriptor readable, also when that happens between the caller's test and the wait.
 #pragma once
 
 #include <poll.h>

@@ -231,8 +231,7 @@ TEST_F(CampaignManager, BadClientsChangeNothingAndLeakNoDescriptor) {
          "handleIncomingSocketMsg:Wrong msg_size 2 received for msg_id 1\n"},
         {message(3, 0x80000008, std::string(8, '\0')),
          "handleIncomingSocketMsg:Wrong msg_size -2147483640 received for msg_id 3\n"},
-        {message(4, 1, std::string(1, '\0')),
-         "handleIncomingSocketMsg:Unrecongnizable Msg Id 4\n"},
+        {message(4, 1, std::string(1, '\0')), "handleIncomingSocketMsg:Unrecongnizable Msg Id 4\n"},
         {message(2, 8, std::string(7, '\0')),
          "handleIncomingSocketMsg:Count not read Roaming Status from incoming msg\n"},
     };
@@ -260,9 +259,9 @@ TEST_F(CampaignManager, SilentClientHoldsTheThreadForTenSecondsAndNoStopUp) {
     wait_log("campaign_mgr_main:Socket file pollin\n");
     wait_parked();
     platform_test_advance_ms(9999);
-    EXPECT_EQ(platform_test_log_count(
-                  "handleIncomingSocketMsg:Count not read MsgID from incoming msg\n"),
-              0u);
+    EXPECT_EQ(
+        platform_test_log_count("handleIncomingSocketMsg:Count not read MsgID from incoming msg\n"),
+        0u);
     platform_test_advance_ms(1);
     wait_log("handleIncomingSocketMsg:Count not read MsgID from incoming msg\n");
     platform_test_clear_log();
@@ -312,8 +311,7 @@ TEST_F(CampaignManager, FileThatComesWhileAnotherIsTakenInIsNotLost) {
         platform_test_advance_ms(100);
         return fs::exists(stored(6, LAST)) && active_id() == LAST;
     })) << active_id();
-    EXPECT_THAT(list_dir(CAMPAIGN_DIR),
-                ElementsAre(fs::path(stored(6, LAST)).filename().string()));
+    EXPECT_THAT(list_dir(CAMPAIGN_DIR), ElementsAre(fs::path(stored(6, LAST)).filename().string()));
 }
 
 TEST_F(CampaignManager, FileLeftByAKillIsTakenInAndStoredOnesComeBack) {

@@ -19,7 +19,6 @@ namespace {
 constexpr char STORED[] = "/data/vendor/vexastats/101";
 constexpr char SOCKET[] = "/dev/socket/vexa/vexa-campmgr-s";
 constexpr char START[] = "Setting event 256";
-constexpr char STOP[] = "Setting event 512";
 constexpr uint64_t EXPIRY_S = 1709643600;  // 2024-03-05T13:00:00Z, a Tuesday
 
 // Module 6, at ten o'clock on every day.
@@ -79,7 +78,8 @@ TEST(CampaignScenario, CampaignRunsInItsHourAtHomeUntilItExpires) {
         ASSERT_TRUE(eventually_logged("campaign_mgr_main:Going into poll"));
         deliver(101, "cdf.dat", ten_o_clock_campaign());
         ASSERT_TRUE(eventually([&] { return fs::exists(file); })) << phone_log();
-        ASSERT_TRUE(eventually([&] { return !fs::exists(std::string(DOWN_DIR) + "/101/cdf.dat"); }));
+        ASSERT_TRUE(
+            eventually([&] { return !fs::exists(std::string(DOWN_DIR) + "/101/cdf.dat"); }));
         EXPECT_EQ(new_events(), "") << "no subscription is known yet";
         tell(SUBSCRIPTION);
         EXPECT_EQ(new_events(), "-+");
