@@ -1,10 +1,10 @@
 // The modem messaging library on Linux: one connection a client, over a socket of packets
 // (docs/platform.md).
 //
-// A client has two threads. The reader takes every packet off the socket: it hands a response to the
-// call that waits for it and queues an indication. The dispatcher calls the indication callback. So
-// a callback may make calls, which the reader answers meanwhile, and may release the client: the
-// dispatcher, which cannot wait for itself, is then left to end alone.
+// A client has two threads. The reader takes every packet off the socket: it hands a response to
+// the call that waits for it and queues an indication. The dispatcher calls the indication
+// callback. So a callback may make calls, which the reader answers meanwhile, and may release the
+// client: the dispatcher, which cannot wait for itself, is then left to end alone.
 #include "platform/kbr.h"
 
 #include <errno.h>
@@ -34,8 +34,8 @@ constexpr char SOCKET_DIR[] = "/dev/socket/kbr";
 constexpr int64_t CONNECT_PAUSE_MS = 20;  // between two tries while the service's queue is full
 
 // How many indications wait for the callback before the reader leaves the rest in the socket. A
-// call in progress keeps it reading, for the response may lie behind them; what then comes above the
-// second limit is thrown away.
+// call in progress keeps it reading, for the response may lie behind them; what then comes above
+// the second limit is thrown away.
 constexpr size_t QUEUE_LIMIT = 256;
 constexpr size_t QUEUE_LIMIT_IN_CALL = 4096;
 
