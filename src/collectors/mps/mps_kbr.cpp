@@ -213,7 +213,7 @@ bool decode(kbr_client* client, uint32_t msg_id, const void* buf, uint32_t len, 
            KBR_OK;
 }
 
-void raise(uint32_t event) {
+void raise_event(uint32_t event) {
     mps_kbr_callback callback = nullptr;
     {
         const vexa_lock held(the_client.mutex);
@@ -393,14 +393,14 @@ void mps_kbr_ind_cb(kbr_client* client, uint32_t msg_id, void* buf, uint32_t len
             mps_send_complete_indication indication;
             if (!decode(client, msg_id, buf, len, &indication)) return;
             ALOGI("KBR_VEXA_SEND_DATA_COMPLETE_IND_V01\n");
-            raise(MPS_EVENT_SEND_COMPLETE);
+            raise_event(MPS_EVENT_SEND_COMPLETE);
             return;
         }
         case MPS_BUFFER_FULL_IND: {
             mps_buffer_full_indication indication;
             if (!decode(client, msg_id, buf, len, &indication)) return;
             ALOGI("KBR_VEXA_BUFFER_FULL_IND_V01: type = %d\n", static_cast<int>(indication.type));
-            raise(MPS_EVENT_BUFFER_FULL);
+            raise_event(MPS_EVENT_BUFFER_FULL);
             return;
         }
         default:
