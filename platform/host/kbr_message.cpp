@@ -196,8 +196,9 @@ bool get_field(reader* from, uint8_t* type, reader* value) {
     *type = header[0];
     const size_t size = get_u16(header + 1);
     const uint8_t* bytes = from->take(size);
+    if (!bytes) return false;
     *value = {.at = bytes, .end = bytes + size};
-    return bytes != nullptr;
+    return true;
 }
 
 bool decode_fields(const kbr_message& message, reader from, uint8_t* out) {
