@@ -209,7 +209,7 @@ bool decode_fields(const kbr_message& message, reader from, uint8_t* out) {
         if (!get_field(&from, &type, &value)) return false;
         for (size_t i = 0; i < message.fields.size(); ++i) {
             const kbr_field& field = message.fields[i];
-            if (field.type != type) continue;
+            if (field.type != type || (seen >> i & 1)) continue;
             if (!get_value(field, &value, out) || value.at != value.end) return false;
             if (is_optional(field)) out[field.flag_offset] = 1;
             seen |= uint64_t{1} << i;

@@ -45,6 +45,7 @@ class VexaModem : public ::testing::Test {
             std::vector<std::string>{"sh", "-c",
                                      "exec " + program("vexa-modem").string() + " / < " + COMMANDS},
             EVENTS);
+        show_threads(modem->pid());
         ASSERT_TRUE(printed("modem: ready\n"));
     }
     void TearDown() override {
