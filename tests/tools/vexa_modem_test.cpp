@@ -15,7 +15,6 @@
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 namespace {
 
@@ -32,80 +31,50 @@ owned_bytes spec_of(size_t length, char seed) {
     return spec;
 }
 
-std::string text_of(const owned_bytes& spec) {
-    return {spec.bytes.get(), spec.bytes.get() + spec.length};
+bool printed(const std::string& line) {
+    return wait_for_change({"/data"},
+                           [&] { return file_text(EVENTS).find(line) != std::string::npos; });
 }
 
-class VexaModem : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        ASSERT_EQ(mkfifo(COMMANDS, 0600), 0);
-        commands.reset(open(COMMANDS, O_RDWR | O_CLOEXEC));
-        modem.emplace(
-            std::vector<std::string>{"sh", "-c",
-                                     "exec " + program("vexa-modem").string() + " / < " + COMMANDS},
-            EVENTS);
-        show_threads(modem->pid());
-        ASSERT_TRUE(printed("modem: ready\n"));
-    }
-    void TearDown() override {
-        mps_kbr_client_release();
-        modem->signal(SIGTERM);
-        EXPECT_EQ(modem->wait(), 0);
-        EXPECT_FALSE(fs::exists("/dev/socket/kbr/vexa"));
-        fs::remove(COMMANDS);
-    }
-    static bool printed(const std::string& line) {
-        return wait_for_change({"/data"},
-                               [&] { return file_text(EVENTS).find(line) != std::string::npos; });
-    }
-    void command(const std::string& line) {
-        const std::string text = line + "\n";
-        ASSERT_EQ(write(commands.get(), text.data(), text.size()), ssize_t(text.size()));
-    }
+TEST(VexaModem, CollectionRunsFromItsPartsToItsDataFiles) {
+    ASSERT_EQ(mkfifo(COMMANDS, 0600), 0);
+    const unique_fd commands(open(COMMANDS, O_RDWR | O_CLOEXEC));
+    child_process modem({"sh", "-c", "exec " + program("vexa-modem").string() + " / < " + COMMANDS},
+                        EVENTS);
+    show_threads(modem.pid());
+    ASSERT_TRUE(printed("modem: ready\n"));
 
-    unique_fd commands;
-    std::optional<child_process> modem;
-};
-
-TEST_F(VexaModem, CollectionRunsFromItsPartsToItsDataFiles) {
     MpsCampaign record;
     record.collection_spec = spec_of(1700, 'c');
     record.static_spec = spec_of(10, 's');
     record.ctxt_spec = spec_of(800, 'x');
     record.lll_spec = spec_of(801, 'l');
-    const stop_flag stop;
     ASSERT_EQ(mps_kbr_init(), 0);
     mps_kbr_register_cb([](uint32_t event) {
         raised_events |= event;
         raised_events.notify_all();
     });
     EXPECT_NE(mps_kbr_stop_flush_bsi(), 0) << "nothing is collected yet";
-    ASSERT_EQ(mps_kbr_init_mpss_bsi(&record, 1, stop), 0) << file_text(EVENTS);
+    ASSERT_EQ(mps_kbr_init_mpss_bsi(&record, 1, stop_flag()), 0) << file_text(EVENTS);
     EXPECT_TRUE(printed("vexa: collection started: static 10 collection 1700 context 800 lll 801"));
-    command("vexa save /data/specs");
-    command("vexa nonsense");
-    EXPECT_TRUE(printed("error: vexa nonsense: no such command; try help\n"));
-    EXPECT_EQ(file_text("/data/specs/collection"), text_of(record.collection_spec));
-    EXPECT_EQ(file_text("/data/specs/static"), text_of(record.static_spec));
-    EXPECT_EQ(file_text("/data/specs/context"), text_of(record.ctxt_spec));
-    EXPECT_EQ(file_text("/data/specs/lll"), text_of(record.lll_spec));
 
-    command("vexa refuse 7 2 5");
-    command("vexa buffer-full 3");
-    EXPECT_TRUE(printed("vexa: sent buffer-full, type 3\n"));
+    dprintf(commands.get(),
+            "vexa save /data/specs\nvexa refuse 7 2 5\nvexa buffer-full 3\nvexa nonsense\n");
+    EXPECT_TRUE(printed("error: vexa nonsense: no such command; try help\n"));
+    const uint8_t* spec = record.collection_spec.bytes.get();
+    EXPECT_EQ(file_text("/data/specs/collection"), std::string(spec, spec + 1700));
     for (const int result : {KBR_ERR_REFUSED, KBR_ERR_REFUSED, KBR_OK})
         EXPECT_EQ(mps_kbr_fetch_results(), result);
     EXPECT_TRUE(mps_kbr_send_lll_stop_req());
     EXPECT_EQ(mps_kbr_stop_flush_bsi(), 0);
-    EXPECT_TRUE(printed("vexa: sent send-complete\n"));
     EXPECT_THAT(list_dir(DATA_DIR), ElementsAre("hda_data_1.bin", "hda_data_3.bin", "hda_lll_2.bin",
                                                 "hda_static_data_4.bin"));
-    EXPECT_EQ(fs::file_size(std::string(DATA_DIR) + "/hda_data_1.bin"), 4096u);
-    command("vexa close");
-    EXPECT_TRUE(printed("vexa: disconnected\n"));
     constexpr uint32_t BOTH = MPS_EVENT_BUFFER_FULL | MPS_EVENT_SEND_COMPLETE;
     for (uint32_t seen = 0; (seen = raised_events) != BOTH;) raised_events.wait(seen);
+    mps_kbr_client_release();
+    modem.signal(SIGTERM);
+    EXPECT_EQ(modem.wait(), 0);
+    EXPECT_FALSE(fs::exists("/dev/socket/kbr/vexa"));
 }
 
 TEST(ModemLoop, SocketsLieInADirectoryOfAnyLength) {
