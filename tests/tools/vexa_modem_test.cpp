@@ -11,6 +11,7 @@
 #include "modem/modem.h"
 #include "mps_events/mps_events.h"
 #include "support/files.h"
+#include "support/kbr_service.h"
 #include "support/process.h"
 
 namespace fs = std::filesystem;
@@ -23,13 +24,6 @@ constexpr char EVENTS[] = "/data/events";
 constexpr char DATA_DIR[] = "/mnt/vendor/persist/hlos_rfs/shared/vexa";
 
 std::atomic<uint32_t> raised_events{0};
-
-owned_bytes spec_of(size_t length, char seed) {
-    owned_bytes spec{.length = length,
-                     .bytes = unique_malloc<uint8_t>(static_cast<uint8_t*>(malloc(length)))};
-    for (size_t i = 0; i < length; ++i) spec.bytes.get()[i] = static_cast<uint8_t>(seed + i % 251);
-    return spec;
-}
 
 bool printed(const std::string& line) {
     return wait_for_change({"/data"},
@@ -45,10 +39,10 @@ TEST(VexaModem, CollectionRunsFromItsPartsToItsDataFiles) {
     ASSERT_TRUE(printed("modem: ready\n"));
 
     MpsCampaign record;
-    record.collection_spec = spec_of(1700, 'c');
-    record.static_spec = spec_of(10, 's');
-    record.ctxt_spec = spec_of(800, 'x');
-    record.lll_spec = spec_of(801, 'l');
+    record.collection_spec = spec_of(1700);
+    record.static_spec = spec_of(10);
+    record.ctxt_spec = spec_of(800);
+    record.lll_spec = spec_of(801);
     ASSERT_EQ(mps_kbr_init(), 0);
     mps_kbr_register_cb([](uint32_t event) {
         raised_events |= event;

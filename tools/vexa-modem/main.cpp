@@ -70,21 +70,19 @@ void play(const fs::path& phone) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"The modem of a simulated phone; \"help\" on standard input lists its commands"};
-    std::string dir;
-    app.add_option("DIR", dir, "The phone's directory")->required()->check(CLI::ExistingDirectory);
     try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error);
-    }
-    try {
+        CLI::App app{"The modem of a simulated phone; \"help\" on standard input lists commands"};
+        std::string dir;
+        app.add_option("DIR", dir, "The phone's directory")
+            ->required()
+            ->check(CLI::ExistingDirectory);
+        CLI11_PARSE(app, argc, argv);
         // The end of whoever reads the events is not the modem's.
         signal(SIGPIPE, SIG_IGN);
         play(fs::canonical(dir));
+        return 0;
     } catch (const std::exception& error) {
         fprintf(stderr, "vexa-modem: %s\n", error.what());
         return 1;
     }
-    return 0;
 }

@@ -33,15 +33,6 @@ namespace {
 
 const std::string PREPARED = "10 0100 50  11 0100 02  12 0100 03";  // of every prepare request
 
-// Bytes that tell where in a specification they stand.
-owned_bytes spec_of(size_t length, uint8_t seed = 0) {
-    owned_bytes spec{.length = length,
-                     .bytes = unique_malloc<uint8_t>(static_cast<uint8_t*>(malloc(length + 1)))};
-    for (size_t i = 0; i < length; ++i)
-        spec.bytes.get()[i] = static_cast<uint8_t>(seed + i % 251 + i / 800);
-    return spec;
-}
-
 std::string text_of(const owned_bytes& spec, size_t offset, size_t size) {
     const uint8_t* begin = spec.bytes.get() + offset;
     return {begin, begin + size};
@@ -127,11 +118,7 @@ TEST_F(MpsKbr, EveryRequestIsItsBytes) {
 }
 
 TEST_F(MpsKbr, OptionalFieldsOfThePrepareRequestAreThereWhenStated) {
-    struct {
-        size_t static_length;
-        uint32_t subscription, field6;
-        std::string fields;
-    } const cases[] = {
+    const std::tuple<size_t, uint32_t, uint32_t, std::string> cases[] = {
         {0, 0, 0, ""},
         {2, 0, 0, hex_bytes("14 0400 0200 0707")},
         {800, 0, 0, hex_bytes("14 2203 2003") + std::string(800, 7)},
@@ -140,13 +127,13 @@ TEST_F(MpsKbr, OptionalFieldsOfThePrepareRequestAreThereWhenStated) {
         {0, 0, 0x01020304, hex_bytes("16 0400 04030201")},
         {1, 2, 1, hex_bytes("14 0300 0100 07 15 0400 01000000 16 0400 01000000")},
     };
-    for (const auto& c : cases) {
-        record.static_spec = spec_of(c.static_length);
-        memset(record.static_spec.bytes.get(), 7, c.static_length);
-        record.specField6 = c.field6;
-        EXPECT_EQ(mps_kbr_send_start_prepare_req(&record, 256, c.subscription), 0);
+    for (const auto& [static_length, subscription, field6, fields] : cases) {
+        record.static_spec = spec_of(static_length);
+        memset(record.static_spec.bytes.get(), 7, static_length);
+        record.specField6 = field6;
+        EXPECT_EQ(mps_kbr_send_start_prepare_req(&record, 256, subscription), 0);
         const std::string request = modem.take_requests().at(0);
-        EXPECT_EQ(request.substr(7), hex_bytes("01 0100 00" + PREPARED) + c.fields);
+        EXPECT_EQ(request.substr(7), hex_bytes("01 0100 00" + PREPARED) + fields);
     }
     record.static_spec = spec_of(801);
     EXPECT_EQ(start(), -EINVAL);
@@ -162,20 +149,16 @@ TEST_F(MpsKbr, PartsAreNumberedAcrossTheKindsAndRepeatFrom256On) {
     const std::vector<std::string> requests = modem.take_requests();
     ASSERT_EQ(requests.size(), 1 + 257 + 2 + 2 + 1u);
     EXPECT_EQ(requests[0].substr(7, 4), hex_bytes("01 0100 05"));
-    const struct {
-        size_t part;
-        uint8_t kind;
-        const owned_bytes& spec;
-        size_t offset, size;
-    } cases[] = {{255, 1, record.collection_spec, 255 * 800, 800},
-                 {256, 1, record.collection_spec, 0, 800},
-                 {257, 2, record.ctxt_spec, 0, 800},
-                 {258, 2, record.ctxt_spec, 800, 1},
-                 {260, 3, record.lll_spec, 800, 800}};
-    for (const auto& c : cases) {
-        const auto number = static_cast<uint8_t>(c.part);
-        EXPECT_EQ(requests[c.part + 1].substr(7),
-                  part_bytes(number, c.kind, text_of(c.spec, c.offset, c.size)));
+    const std::tuple<size_t, uint8_t, const owned_bytes&, size_t, size_t> cases[] = {
+        {255, 1, record.collection_spec, 255 * 800, 800},
+        {256, 1, record.collection_spec, 0, 800},
+        {257, 2, record.ctxt_spec, 0, 800},
+        {258, 2, record.ctxt_spec, 800, 1},
+        {260, 3, record.lll_spec, 800, 800}};
+    for (const auto& [part, kind, spec, offset, size] : cases) {
+        const auto number = static_cast<uint8_t>(part);
+        EXPECT_EQ(requests[part + 1].substr(7),
+                  part_bytes(number, kind, text_of(spec, offset, size)));
     }
     EXPECT_EQ(mps_kbr_get_lll_delayt_timer_secs(), 33u);
     EXPECT_THAT(log_text(), HasSubstr("mps_kbr_init_mpss_bsi: Sent Collection Logic Part 257, "
@@ -248,27 +231,23 @@ TEST_F(MpsKbr, StopIsLookedAtBetweenParts) {
 }
 
 TEST_F(MpsKbr, IndicationsRaiseTheirEventsWhenTheyAreWhole) {
-    struct {
-        const char* packet;
-        uint32_t event;
-        const char* log;
-    } const cases[] = {
+    const std::tuple<std::string, uint32_t, std::string> cases[] = {
         {"06 00 0700 01 0400 07000000", 2, "KBR_VEXA_BUFFER_FULL_IND_V01: type = 7\n"},
         {"08 00 0e00 01 0400 01000000 02 0400 02000000", 32,
          "KBR_VEXA_SEND_DATA_COMPLETE_IND_V01\n"},
         {"06 00 0000", 0, ""},
         {"08 00 0700 01 0400 01000000", 0, ""},
     };
-    for (const auto& c : cases) {
+    for (const auto& [packet, event, log] : cases) {
         platform_test_clear_log();
         raised_events = 0;
-        modem.send(hex_bytes(std::string("02 0000") + c.packet));
+        modem.send(hex_bytes("02 0000" + packet));
         // The one that follows shows that this one was handled.
         const std::string unknown = "mps_kbr_ind_cb: unknown msg_id: 99\n";
         modem.send(hex_bytes("02 0000 6300 0000"));
         ASSERT_TRUE(platform_test_wait_log(unknown, EVENT_LIMIT.count()));
-        EXPECT_EQ(raised_events, c.event);
-        EXPECT_EQ(log_text(), c.log + unknown);
+        EXPECT_EQ(raised_events, event);
+        EXPECT_EQ(log_text(), log + unknown);
     }
 }
 
