@@ -20,15 +20,6 @@ void remove_content(const fs::path& dir) {
         fs::remove_all(entry.path());
 }
 
-// The leak check at a sanitized daemon's end looks for its threads where a real /proc has them.
-void show_threads([[maybe_unused]] pid_t pid) {
-#if defined(__SANITIZE_ADDRESS__)
-    const fs::path dir = "/proc/" + std::to_string(pid);
-    fs::create_directories(dir);
-    fs::create_directory_symlink("/.host" + dir.string() + "/task", dir / "task");
-#endif
-}
-
 }  // namespace
 
 void phone_reset() {

@@ -64,3 +64,7 @@ class temporary_phone {
 
 // The path of one of the project's programs, which are built beside the tests.
 std::filesystem::path program(const std::string& name);
+
+// Shows the threads of a process that this one has started inside its phone where a real /proc has
+// them, for the leak check at a sanitized program's end.
+void show_threads(pid_t pid);
