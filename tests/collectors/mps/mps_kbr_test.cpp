@@ -177,7 +177,6 @@ TEST_F(MpsKbr, SpecificationsWithoutBytesAreRefused) {
                 HasSubstr("Unexpected Null clctxt_buf pointer passed to mps_kbr_init_mpss_bsi"
                           "Unexpected Null lll_buf pointer passed to mps_kbr_init_mpss_bsi"
                           "Null pointer passed to mps_kbr_init_mpss_bsi"));
-    EXPECT_TRUE(modem.take_requests().empty());
 }
 
 TEST_F(MpsKbr, RefusedRequestEndsTheStartSequence) {
@@ -188,9 +187,8 @@ TEST_F(MpsKbr, RefusedRequestEndsTheStartSequence) {
         EXPECT_EQ(start(), KBR_ERR_REFUSED);
         EXPECT_EQ(modem.take_requests().size(), requests);
     }
-    EXPECT_THAT(log_text(), HasSubstr("Failed to send Collection Logic Part 0. err = -2"));
     EXPECT_THAT(log_text(),
-                HasSubstr("mps_kbr_send_start_req: Failed to send Collection Start err = -2"));
+                EndsWith("mps_kbr_send_start_req: Failed to send Collection Start err = -2"));
 }
 
 TEST_F(MpsKbr, LllRequestsGoOutOnlyWhileACollectionWithLllRuns) {
@@ -273,13 +271,11 @@ TEST(MpsKbrWithoutAModem, FailedConnectionIsInitialisedAndSendsNothing) {
     kbr_handler(nullptr);
     MpsCampaign record;
     EXPECT_EQ(mps_kbr_init_mpss_bsi(&record, 0, stop_flag()), KBR_ERR_GONE);
-    EXPECT_EQ(mps_kbr_fetch_results(), KBR_ERR_GONE);
     mps_kbr_client_release();
     EXPECT_THAT(log_text(),
                 StartsWith("VEXA KBR Instance Un-InitializedVEXA KBR Instance Un-Initialized"
                            "mps_kbr_init: failed to init kbr. err:-5"
                            "kbr_handler: failed to init kbr. err:-5"));
-    EXPECT_THAT(log_text(), EndsWith("mps_kbr_fetch_results: Failed to send DATA_REQ err = -5"));
 }
 
 }  // namespace
