@@ -5,12 +5,12 @@
 #include <cstdint>
 
 enum mps_event : uint32_t {
-    MPS_EVENT_BUFFER_FULL = 2,      // the modem's buffer is full
-    MPS_EVENT_FETCH_TIMER = 4,      // served, raised by nobody
-    MPS_EVENT_KBR_READY = 8,        // connected to the modem's service
-    MPS_EVENT_MODEM_RESTART = 16,   // served, raised by nobody
-    MPS_EVENT_SEND_COMPLETE = 32,   // the modem has written its data files
-    MPS_EVENT_TIMER = 64,           // one of the collector's timers
+    MPS_EVENT_BUFFER_FULL = 2,     // the modem's buffer is full
+    MPS_EVENT_FETCH_TIMER = 4,     // served, raised by nobody
+    MPS_EVENT_KBR_READY = 8,       // connected to the modem's service
+    MPS_EVENT_MODEM_RESTART = 16,  // served, raised by nobody
+    MPS_EVENT_SEND_COMPLETE = 32,  // the modem has written its data files
+    MPS_EVENT_TIMER = 64,          // one of the collector's timers
     MPS_EVENT_CAMPAIGN_START = 256,
     MPS_EVENT_CAMPAIGN_STOP = 512,
 };

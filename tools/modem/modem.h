@@ -21,7 +21,7 @@
 
 // One command of standard input: "SERVICE WORD ARGUMENTS...".
 struct modem_command {
-    std::string service;    // empty: of the modem itself
+    std::string service;  // empty: of the modem itself
     std::string word;
     std::string arguments;  // as help shows them
     std::string help;
@@ -56,8 +56,8 @@ class modem {
     void watch(int fd, short events, std::function<void(short revents)> ready);
     void unwatch(int fd);
 
-    // Calls `due` once, when `delay` has passed. Timers that are due at one time run in the order in
-    // which they were made.
+    // Calls `due` once, when `delay` has passed. Timers that are due at one time run in the order
+    // in which they were made.
     timer_id after(std::chrono::milliseconds delay, std::function<void()> due);
     void cancel(timer_id timer);  // harmless when it is over
 
@@ -69,10 +69,10 @@ class modem {
     // Runs until quit(). Throws std::system_error.
     void run();
 
-    void quit();                                 // any thread, also before run()
-    void post(std::function<void()> work);       // has the loop do some work; any thread
-    bool execute(const std::string& line);       // one command line; false, logged: it was no good
-    std::vector<std::string> help() const;       // one line a command
+    void quit();                            // any thread, also before run()
+    void post(std::function<void()> work);  // has the loop do some work; any thread
+    bool execute(const std::string& line);  // one command line; false, logged: it was no good
+    std::vector<std::string> help() const;  // one line a command
 
   private:
     struct watched {

@@ -67,7 +67,7 @@ enum kbr_error : int {
     KBR_ERR_TIMEOUT = -3,
     KBR_ERR_ARGUMENT = -4,  // null, an unknown message, or a structure of another size
     KBR_ERR_GONE = -5,      // no such service, or the connection was lost
-    KBR_ERR_FORMAT = -6,    // a value that does not fit its field, or bytes that are no such message
+    KBR_ERR_FORMAT = -6,  // a value that does not fit its field, or bytes that are no such message
 };
 
 // ---- Clients
@@ -88,8 +88,8 @@ using kbr_indication_cb = void (*)(kbr_client* client, uint32_t msg_id, void* bu
 extern "C" {
 
 // Connects to a service. A service that is not there fails at once; timeout_s bounds the wait, in
-// seconds, for one that is slow to accept. `indication_cb` may be null, `cb_data` is handed to it as
-// it is. On success *client is the caller's, for kbr_client_release; otherwise it is null.
+// seconds, for one that is slow to accept. `indication_cb` may be null, `cb_data` is handed to it
+// as it is. On success *client is the caller's, for kbr_client_release; otherwise it is null.
 // Returns a kbr_error. Indications may come before it returns. Any thread.
 int kbr_client_init_instance(const kbr_service_object* service, uint32_t instance,
                              kbr_indication_cb indication_cb, void* cb_data, uint32_t timeout_s,
