@@ -15,6 +15,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "framework/unique_handle.h"
@@ -76,33 +77,29 @@ class modem {
 
   private:
     struct watched {
-        int fd = -1;
         short events = 0;
-        std::function<void(short)> ready;
+        uint64_t serial = 0;
+        std::shared_ptr<std::function<void(short)>> ready;
     };
     struct listener {
         unique_fd fd;
         std::filesystem::path path;
     };
-    struct timer {
-        std::chrono::steady_clock::time_point due;
-        timer_id id = 0;
-        std::function<void()> run;
-    };
+    using timer_key = std::pair<std::chrono::steady_clock::time_point, timer_id>;
 
-    void add_own_commands();
     void run_posted();
     void run_timers();
     int next_timeout_ms() const;
-    void dispatch(const std::vector<pollfd>& polled);
+    void dispatch(const std::vector<pollfd>& polled, const std::vector<uint64_t>& serials);
 
     std::filesystem::path phone_;
     std::function<void(const std::string&)> log_;
     std::mutex log_mutex_;
     std::vector<modem_command> commands_;
     std::map<int, watched> watched_;
+    uint64_t last_watch_ = 0;
     std::vector<listener> listeners_;
-    std::vector<timer> timers_;
+    std::map<timer_key, std::function<void()>> timers_;
     timer_id last_timer_ = 0;
     unique_fd wake_;  // eventfd: there is posted work
     std::mutex posted_mutex_;

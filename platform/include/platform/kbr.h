@@ -39,6 +39,27 @@ struct kbr_field {
     std::span<const kbr_field> members{};
 };
 
+constexpr kbr_field kbr_scalar(uint8_t type, size_t offset, size_t size,
+                               size_t flag_offset = KBR_MANDATORY) {
+    return {.type = type,
+            .kind = KBR_SCALAR,
+            .offset = static_cast<uint16_t>(offset),
+            .size = static_cast<uint16_t>(size),
+            .flag_offset = static_cast<uint16_t>(flag_offset)};
+}
+// `offset` is that of the length, in front of the bytes.
+constexpr kbr_field kbr_bytes(uint8_t type, size_t offset, size_t max,
+                              size_t flag_offset = KBR_MANDATORY) {
+    return {.type = type,
+            .kind = KBR_BYTES,
+            .offset = static_cast<uint16_t>(offset),
+            .max = static_cast<uint16_t>(max),
+            .flag_offset = static_cast<uint16_t>(flag_offset)};
+}
+constexpr kbr_field kbr_result(uint8_t type, size_t offset) {
+    return {.type = type, .kind = KBR_RESULT, .offset = static_cast<uint16_t>(offset)};
+}
+
 struct kbr_message {
     uint16_t id = 0;
     uint16_t struct_size = 0;  // bytes of the C structure; 0: the message has no fields

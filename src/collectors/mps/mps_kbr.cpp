@@ -1,0 +1,409 @@
+#define LOG_TAG "vexastatsd"
+
+#include "collectors/mps/mps_kbr.h"
+
+#include <errno.h>
+#include <string.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "collectors/mps/mps_service.h"
+#include "framework/sync.h"
+#include "mps_events/mps_events.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr uint32_t REQUEST_TIMEOUT_MS = 10000;
+constexpr uint32_t CONNECT_TIMEOUT_S = 4;
+constexpr uint8_t PREPARE_CONSTANT = 80;
+
+// The source offset of a collection specification's piece is made from the low byte of its number,
+// so that pieces repeat above 204800 bytes: deliberate.
+constexpr size_t PART_NUMBERS = 256;
+
+struct mps_client {
+    vexa_mutex mutex{};
+    kbr_client* handle GUARDED_BY(mutex) = nullptr;
+    bool initialised GUARDED_BY(mutex) = false;
+    bool collection_started GUARDED_BY(mutex) = false;
+    bool lll_present GUARDED_BY(mutex) = false;
+    uint32_t ll_delay_s GUARDED_BY(mutex) = 0;
+    uint32_t data_sequence GUARDED_BY(mutex) = 1;  // never reset
+    mps_kbr_callback callback GUARDED_BY(mutex) = nullptr;
+    mps_ll_delay_start start_ll_delay_timer GUARDED_BY(mutex) = nullptr;
+    mps_service_revision revision GUARDED_BY(mutex){};
+};
+
+mps_client the_client;
+
+bool is_initialised() {
+    const vexa_lock held(the_client.mutex);
+    return the_client.initialised;
+}
+
+// ---- Requests
+
+// A client without a connection is initialised too: no call goes out on it.
+int send_raw(uint16_t msg_id, const void* request, size_t request_len, void* response,
+             size_t response_len) {
+    kbr_client* handle = nullptr;
+    {
+        const vexa_lock held(the_client.mutex);
+        handle = the_client.handle;
+    }
+    if (!handle) return KBR_ERR_GONE;
+    return kbr_client_send_msg_sync(handle, msg_id, request, static_cast<uint32_t>(request_len),
+                                    response, static_cast<uint32_t>(response_len),
+                                    REQUEST_TIMEOUT_MS);
+}
+
+// A library may hand a refusal over as a response only.
+int checked(int sent, const mps_result& result) {
+    if (sent != KBR_OK) return sent;
+    return result.result == 0 ? KBR_OK : KBR_ERR_REFUSED;
+}
+
+template <class Request>
+int send_request(uint16_t msg_id, const Request& request) {
+    mps_response response;
+    const int sent = send_raw(msg_id, &request, sizeof request, &response, sizeof response);
+    return checked(sent, response.result);
+}
+
+int send_empty_request(uint16_t msg_id) {
+    mps_response response;
+    const int sent = send_raw(msg_id, nullptr, 0, &response, sizeof response);
+    return checked(sent, response.result);
+}
+
+void set_flag(bool mps_client::*flag, bool value) {
+    const vexa_lock held(the_client.mutex);
+    the_client.*flag = value;
+}
+
+// ---- The start sequence
+
+size_t count_parts(const owned_bytes& spec) {
+    return (spec.length + MPS_SPEC_PART_MAX - 1) / MPS_SPEC_PART_MAX;
+}
+
+// Refuses what the start sequence cannot read.
+int check_start(const MpsCampaign* record, const char* function) {
+    if (!record) {
+        ALOGE("Null pointer passed to %s", function);
+        return -1;
+    }
+    if (!is_initialised()) {
+        ALOGE("VEXA KBR Instance Un-Initialized");
+        return -1;
+    }
+    const std::pair<const owned_bytes*, const char*> specs[] = {
+        {&record->collection_spec, "clspec_buf"},
+        {&record->static_spec, "stspec_buf"},
+        {&record->ctxt_spec, "clctxt_buf"},
+        {&record->lll_spec, "lll_buf"},
+    };
+    for (const auto& [spec, name] : specs) {
+        if (spec->length == 0 || spec->bytes) continue;
+        ALOGE("Unexpected Null %s pointer passed to %s", name, function);
+        return -1;
+    }
+    return 0;
+}
+
+// Returns 0, or -EINVAL for a static specification that the request has no room for.
+int fill_start_prepare(const MpsCampaign& record, size_t parts, uint32_t subscription_id,
+                       mps_start_prepare_request* request) {
+    const owned_bytes& static_spec = record.static_spec;
+    if (static_spec.length > sizeof request->static_spec) return -EINVAL;
+    *request = {
+        .parts = static_cast<uint8_t>(parts),
+        .constant_valid = 1,
+        .constant = PREPARE_CONSTANT,
+        .power_budget_meas_intr_valid = 1,
+        .power_budget_meas_intr = static_cast<uint8_t>(record.powerBudgetMeasIntr),
+        .power_budget_max_ap_wakeup_valid = 1,
+        .power_budget_max_ap_wakeup = static_cast<uint8_t>(record.powerBudgetMaxAPWakeup),
+        .static_spec_valid = static_spec.length > 0,
+        .static_spec_len = static_cast<uint32_t>(static_spec.length),
+        .subscription_valid = subscription_id != 0,
+        .subscription = subscription_id - 1,
+        .spec_field6_valid = record.specField6 != 0,
+        .spec_field6 = record.specField6,
+    };
+    if (static_spec.length > 0)
+        memcpy(request->static_spec, static_spec.bytes.get(), static_spec.length);
+    return 0;
+}
+
+// A start sequence under way: the part numbers run on across the kinds.
+struct start_sequence {
+    const MpsCampaign& record;
+    const stop_flag& stop;
+    const char* function = nullptr;
+    size_t part_number = 0;
+};
+
+size_t source_offset(mps_spec_kind kind, size_t part_number, size_t done) {
+    if (kind != MPS_COLLECTION_SPEC) return done;
+    return part_number % PART_NUMBERS * MPS_SPEC_PART_MAX;
+}
+
+int send_part(const start_sequence& sequence, mps_spec_kind kind, const uint8_t* bytes,
+              size_t size) {
+    if (stop_flag_is_raised(sequence.stop)) return -EINTR;
+    mps_logic_part_request request{.part_number = static_cast<uint8_t>(sequence.part_number),
+                                   .bytes_len = static_cast<uint32_t>(size),
+                                   .kind_valid = 1,
+                                   .kind = kind};
+    memcpy(request.bytes, bytes, size);
+    return send_request(MPS_COLLECTION_LOGIC_PART, request);
+}
+
+void note_lll_part(uint32_t ll_delay_s) {
+    const vexa_lock held(the_client.mutex);
+    the_client.lll_present = true;
+    the_client.ll_delay_s = ll_delay_s;
+}
+
+// Sends a specification in pieces.
+int send_spec(start_sequence* sequence, mps_spec_kind kind, const owned_bytes& spec) {
+    for (size_t done = 0; done < spec.length; ++sequence->part_number) {
+        const size_t size = std::min(spec.length - done, MPS_SPEC_PART_MAX);
+        const size_t offset = source_offset(kind, sequence->part_number, done);
+        const auto number = static_cast<int>(sequence->part_number);
+        const int result = send_part(*sequence, kind, spec.bytes.get() + offset, size);
+        if (result != 0) {
+            ALOGE("%s: Failed to send Collection Logic Part %d. err = %d", sequence->function,
+                  number, result);
+            return result;
+        }
+        done += size;
+        ALOGD("%s: Sent Collection Logic Part %d, Type %d, Bytes Left %d", sequence->function,
+              number, static_cast<int>(kind), static_cast<int>(spec.length - done));
+        if (kind == MPS_LLL_SPEC) note_lll_part(sequence->record.lllDelaySecs);
+    }
+    return 0;
+}
+
+int mps_kbr_send_start_req() {
+    const int result = send_empty_request(MPS_COLLECTION_START);
+    if (result != 0) {
+        ALOGE("%s: Failed to send Collection Start err = %d", __func__, result);
+        return result;
+    }
+    set_flag(&mps_client::collection_started, true);
+    return 0;
+}
+
+// ---- LLL
+
+bool is_lll_collected() {
+    const vexa_lock held(the_client.mutex);
+    return the_client.collection_started && the_client.lll_present;
+}
+
+// ---- Indications
+
+template <class Indication>
+bool decode(kbr_client* client, uint32_t msg_id, const void* buf, uint32_t len, Indication* out) {
+    return kbr_client_message_decode(client, KBR_INDICATION, msg_id, buf, len, out, sizeof *out) ==
+           KBR_OK;
+}
+
+void raise_event(uint32_t event) {
+    mps_kbr_callback callback = nullptr;
+    {
+        const vexa_lock held(the_client.mutex);
+        callback = the_client.callback;
+    }
+    if (callback) callback(event);
+}
+
+}  // namespace
+
+int mps_kbr_init() {
+    const kbr_service_object* service = vexa_get_service_object_internal_v01(1, 1, 6);
+    if (!service) {
+        ALOGE("%s: service_obj is NULL\n", __func__);
+        return -2;
+    }
+    kbr_client* handle = nullptr;
+    const int result = kbr_client_init_instance(service, KBR_ANY_INSTANCE, mps_kbr_ind_cb, nullptr,
+                                                CONNECT_TIMEOUT_S, &handle);
+    if (result != 0) ALOGE("%s: failed to init kbr. err:%d", __func__, result);
+    const vexa_lock held(the_client.mutex);
+    the_client.handle = result == 0 ? handle : nullptr;
+    the_client.initialised = true;  // also after a failure: deliberate
+    return result;
+}
+
+void mps_kbr_register_cb(mps_kbr_callback callback) {
+    const vexa_lock held(the_client.mutex);
+    the_client.callback = callback;
+}
+
+void mps_kbr_register_ll_delay_timer(mps_ll_delay_start start) {
+    const vexa_lock held(the_client.mutex);
+    the_client.start_ll_delay_timer = start;
+}
+
+int mps_kbr_get_service_rev(uint32_t* major, uint32_t* minor) {
+    if (!is_initialised()) {
+        ALOGE("VEXA KBR Instance Un-Initialized");
+        return -1;
+    }
+    if (!major || !minor) {
+        ALOGE("Null pointers passed");
+        return -1;
+    }
+    mps_revision_response response;
+    const int sent = send_raw(MPS_GET_SERVICE_REVISION, nullptr, 0, &response, sizeof response);
+    const int result = checked(sent, response.result);
+    if (result != 0) {
+        ALOGE("%s: failed to get service revision. err=%d", __func__, result);
+        return result;
+    }
+    *major = response.major;
+    *minor = response.minor;
+    ALOGI("major version: %d. minor version: %d\n", response.major, response.minor);
+    const vexa_lock held(the_client.mutex);
+    the_client.revision = {.major = response.major, .minor = response.minor};
+    return 0;
+}
+
+mps_service_revision mps_kbr_service_revision() {
+    const vexa_lock held(the_client.mutex);
+    return the_client.revision;
+}
+
+int mps_kbr_init_mpss_bsi(const MpsCampaign* record, uint32_t subscription_id,
+                          const stop_flag& stop) {
+    int result = check_start(record, __func__);
+    if (result != 0) return result;
+
+    // The static specification travels in the prepare request and is no part.
+    const size_t parts = count_parts(record->collection_spec) + count_parts(record->ctxt_spec) +
+                         count_parts(record->lll_spec);
+    ALOGD("%s: Part Number = %d MEMSET", __func__, static_cast<int>(parts));
+
+    if (stop_flag_is_raised(stop)) return -EINTR;
+    result = mps_kbr_send_start_prepare_req(record, parts, subscription_id);
+    if (result != 0) return result;
+
+    start_sequence sequence{.record = *record, .stop = stop, .function = __func__};
+    result = send_spec(&sequence, MPS_COLLECTION_SPEC, record->collection_spec);
+    if (result != 0) return result;
+    result = send_spec(&sequence, MPS_CONTEXT_SPEC, record->ctxt_spec);
+    if (result != 0) return result;
+    set_flag(&mps_client::lll_present, false);
+    result = send_spec(&sequence, MPS_LLL_SPEC, record->lll_spec);
+    if (result != 0) return result;
+
+    if (stop_flag_is_raised(stop)) return -EINTR;
+    return mps_kbr_send_start_req();
+}
+
+int mps_kbr_send_start_prepare_req(const MpsCampaign* record, size_t parts,
+                                   uint32_t subscription_id) {
+    if (!record || (record->static_spec.length > 0 && !record->static_spec.bytes)) {
+        ALOGE("Null pointer passed to %s", __func__);
+        return -1;
+    }
+    mps_start_prepare_request request;
+    int result = fill_start_prepare(*record, parts, subscription_id, &request);
+    if (result == 0 && request.subscription_valid)
+        ALOGD("%s: Sub ID being sent is %d", __func__, static_cast<int>(request.subscription));
+    if (result == 0) result = send_request(MPS_COLLECTION_START_PREPARE, request);
+    if (result != 0)
+        ALOGE("%s: Failed to send Collection Start Prep Msg. err = %d", __func__, result);
+    return result;
+}
+
+int mps_kbr_stop_flush_bsi() {
+    const mps_stop_flush_request request{.flag_valid = 1, .flag = 1};
+    const int result = send_request(MPS_STOP_FLUSH, request);
+    if (result != 0) {
+        ALOGE("%s: Failed to send STOPFlush err = %d", __func__, result);
+        return result;
+    }
+    set_flag(&mps_client::collection_started, false);
+    return 0;
+}
+
+int mps_kbr_fetch_results() {
+    mps_data_request request;
+    {
+        const vexa_lock held(the_client.mutex);
+        request.sequence = the_client.data_sequence++;
+    }
+    const int result = send_request(MPS_DATA_REQUEST, request);
+    if (result != 0) ALOGE("%s: Failed to send DATA_REQ err = %d", __func__, result);
+    return result;
+}
+
+bool mps_kbr_send_lll_start_req() {
+    if (!is_lll_collected()) return true;
+    const int result = send_empty_request(MPS_LLL_START);
+    if (result != 0) ALOGE("%s: Failed to send LLL Start Msg. err = %d", __func__, result);
+    return result == 0;
+}
+
+bool mps_kbr_send_lll_stop_req() {
+    if (!is_lll_collected()) return true;
+    const int result = send_empty_request(MPS_LLL_STOP);
+    if (result != 0) {
+        ALOGE("%s: Failed to send LLL Stop Msg. err = %d", __func__, result);
+        return false;
+    }
+    mps_ll_delay_start start_ll_delay_timer = nullptr;
+    {
+        const vexa_lock held(the_client.mutex);
+        start_ll_delay_timer = the_client.start_ll_delay_timer;
+    }
+    if (start_ll_delay_timer) (void)start_ll_delay_timer();  // which logs its own failure
+    return true;
+}
+
+uint32_t mps_kbr_get_lll_delayt_timer_secs() {
+    const vexa_lock held(the_client.mutex);
+    return the_client.ll_delay_s;
+}
+
+void mps_kbr_client_release() {
+    kbr_client* handle = nullptr;
+    {
+        const vexa_lock held(the_client.mutex);
+        if (!the_client.initialised) {
+            ALOGE("VEXA KBR Instance Un-Initialized");
+            return;
+        }
+        the_client.initialised = false;
+        handle = std::exchange(the_client.handle, nullptr);
+    }
+    // With no lock held: the callback of an indication under way takes it.
+    if (handle) (void)kbr_client_release(handle);
+}
+
+void mps_kbr_ind_cb(kbr_client* client, uint32_t msg_id, void* buf, uint32_t len, void*) {
+    switch (msg_id) {
+        case MPS_SEND_COMPLETE_IND: {
+            mps_send_complete_indication indication;
+            if (!decode(client, msg_id, buf, len, &indication)) return;
+            ALOGI("KBR_VEXA_SEND_DATA_COMPLETE_IND_V01\n");
+            raise_event(MPS_EVENT_SEND_COMPLETE);
+            return;
+        }
+        case MPS_BUFFER_FULL_IND: {
+            mps_buffer_full_indication indication;
+            if (!decode(client, msg_id, buf, len, &indication)) return;
+            ALOGI("KBR_VEXA_BUFFER_FULL_IND_V01: type = %d\n", static_cast<int>(indication.type));
+            raise_event(MPS_EVENT_BUFFER_FULL);
+            return;
+        }
+        default:
+            ALOGE("%s: unknown msg_id: %d\n", __func__, static_cast<int>(msg_id));
+    }
+}

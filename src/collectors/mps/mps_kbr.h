@@ -1,0 +1,76 @@
+// The daemon's client of the modem's performance statistics service. There is one for the process.
+//
+// Three threads meet here: the service thread connects, the collector's thread sends requests and
+// releases, the messaging library's thread brings indications. Requests are sent with no lock held,
+// so the collector releases only after its service thread has been joined.
+//
+// Results: 0, -1 for a null argument or a client that was never initialised, -EINTR once stopped,
+// or the messaging library's error (platform/kbr.h). Failures are logged.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "campaign/mps_campaign_desc.h"
+#include "framework/stop.h"
+#include "platform/kbr.h"
+
+// Gets an event of mps_events/mps_events.h. Thread: the messaging library's.
+using mps_kbr_callback = void (*)(uint32_t event);
+
+// Arms the LL delay timer; false when it could not.
+using mps_ll_delay_start = bool (*)();
+
+struct mps_service_revision {
+    uint32_t major = 0;
+    uint32_t minor = 0;
+};
+
+// Connects to the service. Thread: the service thread.
+int mps_kbr_init();
+
+// Who gets the events of the service's indications; null: nobody. Any thread.
+void mps_kbr_register_cb(mps_kbr_callback callback);
+
+// What a successful LLL stop calls; null: nothing. Any thread.
+void mps_kbr_register_ll_delay_timer(mps_ll_delay_start start);
+
+// Asks for the service's revision; a number that the modem leaves out is 0. Thread: any, not during
+// the release.
+int mps_kbr_get_service_rev(uint32_t* major, uint32_t* minor);
+
+// What the modem said last; zeros before it did. Any thread.
+mps_service_revision mps_kbr_service_revision();
+
+// Hands a campaign's specifications to the modem and starts the collection. `stop` is looked at
+// before each request, for each may take ten seconds. The subscription id is counted from 1; 0:
+// none. Thread: the collector's, as for all that follow.
+int mps_kbr_init_mpss_bsi(const MpsCampaign* record, uint32_t subscription_id,
+                          const stop_flag& stop);
+
+// Announces `parts` parts of collection logic and hands over the static specification. One above
+// 800 bytes is refused with -EINVAL.
+int mps_kbr_send_start_prepare_req(const MpsCampaign* record, size_t parts,
+                                   uint32_t subscription_id);
+
+// Ends the collection and has the modem hand over what it has.
+int mps_kbr_stop_flush_bsi();
+
+// Has the modem hand over its results.
+int mps_kbr_fetch_results();
+
+// Resume and interrupt the LLL collection. Without a collection that has an LLL specification they
+// send nothing and give true. Return whether nothing failed.
+bool mps_kbr_send_lll_start_req();
+bool mps_kbr_send_lll_stop_req();
+
+// Seconds between an LLL stop and the next start, of the latest campaign with an LLL specification.
+// Any thread.
+uint32_t mps_kbr_get_lll_delayt_timer_secs();
+
+// Disconnects; no indication comes after it. A client that was never initialised is left alone,
+// logged.
+void mps_kbr_client_release();
+
+// Handles an indication. Thread: the messaging library's.
+void mps_kbr_ind_cb(kbr_client* client, uint32_t msg_id, void* buf, uint32_t len, void* cb_data);

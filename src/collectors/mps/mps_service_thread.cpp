@@ -1,0 +1,28 @@
+#define LOG_TAG "vexastatsd"
+
+#include "collectors/mps/mps_service_thread.h"
+
+#include "collectors/mps/mps_kbr.h"
+#include "mps_events/mps_events.h"
+#include "platform/log.h"
+
+void mps_kbr_event_cb(uint32_t event) {
+    mps_set_event(event);
+}
+
+void* kbr_handler(void*) {
+    int result = mps_kbr_init();
+    if (result != 0) {
+        ALOGE("%s: failed to init kbr. err:%d", __func__, result);
+        return nullptr;
+    }
+    mps_kbr_register_cb(mps_kbr_event_cb);
+    mps_service_revision revision;
+    result = mps_kbr_get_service_rev(&revision.major, &revision.minor);
+    if (result != 0) {
+        ALOGE("%s: failed to get revision. err:%d", __func__, result);
+        return nullptr;
+    }
+    mps_set_event(MPS_EVENT_KBR_READY);
+    return nullptr;
+}

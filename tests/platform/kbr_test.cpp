@@ -1,0 +1,337 @@
+// The messaging library against a modem that does everything a modem should not.
+#include "platform/kbr.h"
+
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <atomic>
+#include <future>
+
+#include "host/kbr_message.h"
+#include "platform_test.h"
+#include "support/files.h"
+#include "support/kbr_service.h"
+
+namespace {
+
+struct item {
+    uint32_t kind;
+    uint32_t id_len;
+    uint8_t id[4];
+};
+struct everything {
+    uint32_t result, error;
+    uint8_t flag;
+    uint8_t small;
+    uint16_t half;
+    uint32_t word;
+    uint32_t bytes_len;
+    uint8_t bytes[5];
+    uint8_t pair_valid;
+    item pair;
+    uint8_t items_valid;
+    uint32_t items_len;
+    item items[2];
+};
+
+constexpr kbr_field ITEM[] = {kbr_scalar(0, offsetof(item, kind), 4),
+                              kbr_bytes(0, offsetof(item, id_len), 4)};
+constexpr kbr_field EVERYTHING[] = {
+    kbr_scalar(0x01, offsetof(everything, half), 2),
+    kbr_result(0x02, offsetof(everything, result)),
+    kbr_scalar(0x10, offsetof(everything, word), 4, offsetof(everything, flag)),
+    kbr_bytes(0x11, offsetof(everything, bytes_len), 5),
+    {.type = 0x12,
+     .kind = KBR_STRUCT,
+     .offset = offsetof(everything, pair),
+     .flag_offset = offsetof(everything, pair_valid),
+     .members = ITEM},
+    {.type = 0x13,
+     .kind = KBR_ARRAY,
+     .offset = offsetof(everything, items_len),
+     .size = sizeof(item),
+     .max = 2,
+     .flag_offset = offsetof(everything, items_valid),
+     .members = ITEM},
+};
+constexpr kbr_message EVERYTHING_MESSAGE = {9, sizeof(everything), EVERYTHING};
+
+struct number {
+    uint32_t result, error, value;
+};
+constexpr kbr_field VALUE[] = {kbr_scalar(0x01, 0, 4)};
+constexpr kbr_field NUMBER[] = {kbr_scalar(0x01, offsetof(number, value), 4),
+                                kbr_result(0x02, offsetof(number, result))};
+constexpr kbr_message REQUESTS[] = {{1, 4, VALUE}};
+constexpr kbr_message RESPONSES[] = {{1, sizeof(number), NUMBER}};
+constexpr kbr_message INDICATIONS[] = {{2, 4, VALUE}};
+constexpr kbr_service_object SERVICE = {
+    .name = "test", .requests = REQUESTS, .responses = RESPONSES, .indications = INDICATIONS};
+
+// Answers a request with its own value.
+std::string echo(const std::string& request) {
+    return response_to(request, request.substr(7) + hex_bytes("02 0400 0000 0000"));
+}
+
+std::string indication(uint32_t value) {
+    std::string packet = hex_bytes("02 0000 0200 0700 01 0400");
+    return packet.append(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+int call(kbr_client* client, uint32_t value, uint32_t* answer = nullptr) {
+    number response = {};
+    const int result = kbr_client_send_msg_sync(client, 1, &value, sizeof value, &response,
+                                                sizeof response, 10000);
+    if (answer) *answer = response.value;
+    return result;
+}
+
+class Kbr : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        platform_test_set_clock(platform_test_clock::MANUAL);
+        descriptors = list_dir("/proc/self/fd").size();
+    }
+    void TearDown() override {
+        modem.hang_up();
+        EXPECT_EQ(list_dir("/proc/self/fd").size(), descriptors);
+    }
+    kbr_client* connect(kbr_indication_cb callback = nullptr, void* data = nullptr) {
+        kbr_client* client = nullptr;
+        EXPECT_EQ(kbr_client_init_instance(&SERVICE, KBR_ANY_INSTANCE, callback, data, 4, &client),
+                  0);
+        modem.accept();
+        return client;
+    }
+    static std::future<int> call_async(kbr_client* client, uint32_t value) {
+        return std::async(std::launch::async, [=] { return call(client, value); });
+    }
+
+    kbr_service modem{"test"};
+    size_t descriptors = 0;
+};
+
+TEST(KbrMessage, EveryKindOfFieldIsWrittenAndReadByteForByte) {
+    const std::string bytes = hex_bytes(
+        "01 0200 3412  02 0400 0100 1a00  10 0400 efbeadde  11 0500 0300 616263"
+        "12 0700 05000000 0100 7a  13 0f00 0200 01000000 0000 02000000 0100 ff");
+    everything in = {};
+    in.result = 1;
+    in.error = 26;
+    in.half = 0x1234;
+    in.flag = 1;
+    in.word = 0xdeadbeef;
+    in.bytes_len = 3;
+    memcpy(in.bytes, "abcd", 4);
+    in.pair_valid = 1;
+    in.pair = {.kind = 5, .id_len = 1, .id = {'z'}};
+    in.items_valid = 1;
+    in.items_len = 2;
+    in.items[0] = {.kind = 1, .id_len = 0, .id = {}};
+    in.items[1] = {.kind = 2, .id_len = 1, .id = {0xff}};
+    uint8_t out[100] = {};
+    size_t len = 0;
+    ASSERT_LE(kbr_message_max_len(EVERYTHING_MESSAGE), sizeof out);
+    ASSERT_EQ(kbr_encode(EVERYTHING_MESSAGE, &in, out, &len), KBR_OK);
+    EXPECT_EQ(std::string(out, out + len), bytes);
+
+    everything back;
+    memset(&back, 0xaa, sizeof back);
+    in.bytes[3] = 0;  // behind the length
+    ASSERT_EQ(kbr_decode(EVERYTHING_MESSAGE, out, len, &back), KBR_OK);
+    EXPECT_EQ(memcmp(&in, &back, sizeof in), 0);
+
+    in.bytes_len = 6;
+    EXPECT_EQ(kbr_encode(EVERYTHING_MESSAGE, &in, out, &len), KBR_ERR_FORMAT);
+}
+
+TEST(KbrMessage, DecodesWhatFitsAndNothingElse) {
+    const std::string mandatory = "01 0200 0000  02 0400 0000 0000  11 0200 0000";
+    struct {
+        const char* what;
+        std::string bytes;
+        int result;
+    } const cases[] = {
+        {"mandatory fields only", mandatory, KBR_OK},
+        {"unknown fields, also in front", "00 0100 ff" + mandatory + "fe 0000", KBR_OK},
+        {"in another order", "11 0200 0000  02 0400 0000 0000  01 0200 0000", KBR_OK},
+        {"as long as it may be", mandatory + "11 0700 0500 0102030405", KBR_OK},
+        {"one too long", mandatory + "11 0800 0600 010203040506", KBR_ERR_FORMAT},
+        {"count above the bytes", mandatory + "11 0300 0200 01", KBR_ERR_FORMAT},
+        {"count below the bytes", mandatory + "11 0400 0100 0102", KBR_ERR_FORMAT},
+        {"one mandatory field missing", "01 0200 0000  11 0200 0000", KBR_ERR_FORMAT},
+        {"nothing", "", KBR_ERR_FORMAT},
+        {"scalar of another width", "01 0400 00000000" + mandatory, KBR_ERR_FORMAT},
+        {"short scalar", mandatory + "10 0300 000000", KBR_ERR_FORMAT},
+        {"short result", "01 0200 0000  02 0300 0000 00  11 0200 0000", KBR_ERR_FORMAT},
+        {"three elements", mandatory + "13 1400 0300 000000000000 000000000000 000000000000",
+         KBR_ERR_FORMAT},
+        {"cut in a field", mandatory + "fe 0100", KBR_ERR_FORMAT},
+        {"cut in a field's header", mandatory + "fe 01", KBR_ERR_FORMAT},
+    };
+    for (const auto& c : cases) {
+        const std::string bytes = hex_bytes(c.bytes);
+        everything out;
+        EXPECT_EQ(kbr_decode(EVERYTHING_MESSAGE, reinterpret_cast<const uint8_t*>(bytes.data()),
+                             bytes.size(), &out),
+                  c.result)
+            << c.what;
+    }
+}
+
+TEST_F(Kbr, TimeOutIsExactAndALateAnswerIsNotTheNextCalls) {
+    kbr_client* client = connect();
+    std::future<int> first = call_async(client, 1);
+    const std::string request = modem.receive();
+    EXPECT_EQ(request, hex_bytes("00 0100 0100 0700 01 0400 01000000"));
+    ASSERT_TRUE(platform_test_wait_parked(2, EVENT_LIMIT.count()));  // the call and the reader
+    platform_test_advance_ms(9999);
+    EXPECT_EQ(first.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    platform_test_advance_ms(1);
+    EXPECT_EQ(first.get(), KBR_ERR_TIMEOUT);
+
+    uint32_t answer = 0;
+    std::future<int> second =
+        std::async(std::launch::async, [&] { return call(client, 2, &answer); });
+    const std::string next = modem.receive();
+    modem.send(echo(request));
+    modem.send(echo(next));
+    EXPECT_EQ(second.get(), KBR_OK);
+    EXPECT_EQ(answer, 2u);
+    kbr_client_release(client);
+}
+
+TEST_F(Kbr, GarbageBeforeAnAnswerIsPassedOver) {
+    kbr_client* client = connect();
+    std::future<int> pending = call_async(client, 7);
+    const std::string request = modem.receive();
+    std::string other_id = echo(request);
+    other_id[3] = 2;
+    std::string other_transaction = echo(request);
+    other_transaction[1] ^= 1;
+    std::string too_long = echo(request) + "x";
+    std::string as_request = echo(request);
+    as_request[0] = 0;
+    for (const std::string& packet :
+         {std::string(), std::string("\1"), std::string(7, '\xff'), std::string(70000, '\1'),
+          other_id, other_transaction, too_long, as_request}) {
+        modem.send(packet);
+    }
+    modem.send(echo(request));
+    EXPECT_EQ(pending.get(), KBR_OK);
+    kbr_client_release(client);
+}
+
+TEST_F(Kbr, ResponsesOutcomeIsTheCallsResult) {
+    const std::pair<const char*, int> cases[] = {
+        {"01 0400 01000000 02 0400 0000 0000", KBR_OK},
+        {"01 0400 01000000 02 0400 0100 1a00", KBR_ERR_REFUSED},
+        {"02 0400 0000 0000", KBR_ERR_FORMAT},
+    };
+    kbr_client* client = connect();
+    for (const auto& [fields, result] : cases) {
+        std::future<int> pending = call_async(client, 7);
+        modem.send(response_to(modem.receive(), hex_bytes(fields)));
+        EXPECT_EQ(pending.get(), result) << fields;
+    }
+    kbr_client_release(client);
+}
+
+TEST_F(Kbr, ModemThatGoesEndsTheCallAndAllLaterOnes) {
+    kbr_client* client = connect();
+    std::future<int> pending = call_async(client, 7);
+    (void)modem.receive();
+    modem.hang_up();
+    EXPECT_EQ(pending.get(), KBR_ERR_GONE);
+    EXPECT_EQ(call(client, 8), KBR_ERR_GONE);
+    kbr_client_release(client);
+}
+
+TEST_F(Kbr, ReleaseEndsACallInProgress) {
+    kbr_client* client = connect();
+    std::future<int> pending = call_async(client, 7);
+    (void)modem.receive();
+    kbr_client_release(client);
+    EXPECT_EQ(pending.get(), KBR_ERR_GONE);
+}
+
+// Far more than the socket holds; every call moves the clock to its own time-out.
+TEST_F(Kbr, ModemThatReadsNothingHoldsNobodyUp) {
+    kbr_client* client = connect();
+    platform_test_set_clock(platform_test_clock::AUTO);
+    for (uint32_t i = 0; i < 1000; ++i) ASSERT_EQ(call(client, i), KBR_ERR_TIMEOUT);
+    kbr_client_release(client);
+}
+
+TEST_F(Kbr, ServiceThatIsNotThereOrDoesNotAcceptFails) {
+    constexpr kbr_service_object absent = {.name = "absent"};
+    kbr_client* client = nullptr;
+    EXPECT_EQ(kbr_client_init_instance(&absent, KBR_ANY_INSTANCE, nullptr, nullptr, 4, &client),
+              KBR_ERR_GONE);
+    EXPECT_EQ(client, nullptr);
+
+    platform_test_set_clock(platform_test_clock::AUTO);
+    std::vector<kbr_client*> waiting;  // one more than the service's queue holds
+    int result = 0;
+    while ((result = kbr_client_init_instance(&SERVICE, KBR_ANY_INSTANCE, nullptr, nullptr, 4,
+                                              &client)) == KBR_OK) {
+        waiting.push_back(client);
+    }
+    EXPECT_EQ(result, KBR_ERR_TIMEOUT);
+    for (kbr_client* one : waiting) kbr_client_release(one);
+}
+
+TEST_F(Kbr, CallbackMakesCallsAndReleasesItsClient) {
+    std::promise<int> outcome;
+    kbr_client* client = connect(
+        [](kbr_client* own, uint32_t, void* buf, uint32_t len, void* data) {
+            uint32_t value = 0;
+            int result = kbr_client_message_decode(own, KBR_INDICATION, 2, buf, len, &value, 4);
+            if (result == KBR_OK) result = call(own, value);
+            kbr_client_release(own);
+            static_cast<std::promise<int>*>(data)->set_value(result);
+        },
+        &outcome);
+    modem.answer(echo);
+    modem.send(indication(5));
+    EXPECT_EQ(outcome.get_future().get(), KBR_OK);
+    (void)client;
+    // The callback's thread is left to end by itself, and takes the client along.
+    const auto limit = std::chrono::steady_clock::now() + EVENT_LIMIT;
+    while (list_dir("/proc/self/fd").size() > descriptors + 1) {  // the modem's connection
+        ASSERT_LT(std::chrono::steady_clock::now(), limit);
+        std::this_thread::yield();
+    }
+}
+
+TEST_F(Kbr, StormOfIndicationsLosesNeitherThemNorAnAnswer) {
+    constexpr uint32_t STORM = 20000;
+    struct {
+        std::atomic<uint32_t> next{0};
+        std::atomic<bool> in_order{true};
+        std::promise<void> done;
+    } seen;
+    kbr_client* client = connect(
+        [](kbr_client* own, uint32_t, void* buf, uint32_t len, void* data) {
+            auto* s = static_cast<decltype(seen)*>(data);
+            uint32_t value = 0;
+            (void)kbr_client_message_decode(own, KBR_INDICATION, 2, buf, len, &value, 4);
+            if (value != s->next++) s->in_order = false;
+            if (value % 500 == 0 && call(own, value) != KBR_OK) s->in_order = false;
+            if (value == STORM - 1) s->done.set_value();
+        },
+        &seen);
+    modem.answer(echo);
+    std::future<bool> caller = std::async(std::launch::async, [&] {
+        bool good = true;
+        for (uint32_t i = 0; i < 500; ++i) good = call(client, i) == KBR_OK && good;
+        return good;
+    });
+    for (uint32_t i = 0; i < STORM; ++i) modem.send(indication(i));
+    EXPECT_EQ(seen.done.get_future().wait_for(EVENT_LIMIT), std::future_status::ready);
+    EXPECT_TRUE(caller.get());
+    EXPECT_TRUE(seen.in_order);
+    kbr_client_release(client);
+}
+
+}  // namespace

@@ -1,0 +1,102 @@
+// A service of the modem in a test's hands: packets in and out, byte by byte.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "framework/unique_handle.h"
+#include "support/events.h"
+
+// "01 ff" as two bytes.
+inline std::string hex_bytes(const std::string& text) {
+    std::string bytes;
+    for (size_t i = 0; i < text.size(); i += text[i] == ' ' ? 1 : 2) {
+        if (text[i] != ' ') bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
+    }
+    return bytes;
+}
+
+// The response of success to a request, or with the fields given.
+inline std::string response_to(const std::string& request,
+                               const std::string& fields = hex_bytes("02 0400 0000 0000")) {
+    return std::string(1, '\1') + request.substr(1, 4) + static_cast<char>(fields.size()) +
+           std::string(1, '\0') + fields;
+}
+
+class kbr_service {
+  public:
+    explicit kbr_service(const std::string& name) : path_("/dev/socket/kbr/" + name) {
+        std::filesystem::remove(path_);
+        sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+        path_.copy(address.sun_path, sizeof address.sun_path - 1);
+        listener_.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(listener_.get(), 1), 0);
+    }
+    ~kbr_service() {
+        hang_up();
+        std::filesystem::remove(path_);
+    }
+    kbr_service(const kbr_service&) = delete;
+    kbr_service& operator=(const kbr_service&) = delete;
+
+    void accept() {
+        if (is_readable(listener_)) connection_.reset(::accept(listener_.get(), nullptr, nullptr));
+    }
+    // The next packet; empty when the client has gone.
+    std::string receive() const {
+        std::string packet(70000, '\0');
+        const ssize_t size =
+            is_readable(connection_) ? recv(connection_.get(), packet.data(), packet.size(), 0) : 0;
+        packet.resize(size > 0 ? static_cast<size_t>(size) : 0);
+        return packet;
+    }
+    void send(const std::string& packet) const {
+        (void)::send(connection_.get(), packet.data(), packet.size(), MSG_NOSIGNAL);
+    }
+    void hang_up() {
+        if (connection_) shutdown(connection_.get(), SHUT_RDWR);
+        if (thread_.joinable()) thread_.join();
+        connection_.reset();
+    }
+
+    // From now on a thread answers every request with what `respond` makes of it, and keeps it.
+    void answer(std::function<std::string(const std::string&)> respond) {
+        thread_ = std::thread([this, respond = std::move(respond)] {
+            for (std::string packet; !(packet = receive()).empty();) {
+                const std::lock_guard held(mutex_);
+                packets_.push_back(packet);
+                send(respond(packet));
+            }
+        });
+    }
+    std::vector<std::string> take_requests() {
+        const std::lock_guard held(mutex_);
+        return std::exchange(packets_, {});
+    }
+
+  private:
+    static bool is_readable(const unique_fd& fd) {
+        pollfd readable{.fd = fd.get(), .events = POLLIN, .revents = 0};
+        const bool ready = poll(&readable, 1, static_cast<int>(EVENT_LIMIT.count())) == 1;
+        EXPECT_TRUE(ready);
+        return ready;
+    }
+
+    std::string path_;
+    unique_fd listener_;
+    unique_fd connection_;
+    std::thread thread_;
+    std::mutex mutex_;
+    std::vector<std::string> packets_;
+};
