@@ -27,6 +27,8 @@ constexpr workload WORKLOADS[] = {
     {"drop", bench_drop},
     {"append", bench_append},
     {"alog", bench_alog},
+    {"diag", bench_diag},
+    {"diagz", bench_diagz},
     {"idle", bench_idle},
 };
 
