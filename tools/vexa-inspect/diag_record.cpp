@@ -52,8 +52,9 @@ std::vector<diag_packet> diag_record_packets(std::span<const uint8_t> payload) {
 }
 
 void diag_record_add_json(const upload_file& file, json_object* object) {
-    auto& records = (*object)["records"] = json_object::array();
     const auto packets = diag_record_packets(file.payload);
+    if (packets.empty() && !file.payload.empty()) (*object)["payload_hex"] = hex(file.payload);
+    auto& records = (*object)["records"] = json_object::array();
     for (const auto& packet : packets)
         records.push_back({{"offset", packet.offset},
                            {"length", packet.length},
@@ -61,7 +62,6 @@ void diag_record_add_json(const upload_file& file, json_object* object) {
                            {"time_stamp", packet.time_stamp},
                            {"sequence", packet.sequence},
                            {"data_hex", hex(packet.data)}});
-    if (packets.empty() && !file.payload.empty()) (*object)["payload_hex"] = hex(file.payload);
 }
 
 std::string diag_record_report(const upload_file& file, const report_options& options) {

@@ -44,7 +44,7 @@ TEST(DiagRecord, WhatIsNoRowOfPacketsIsShownAsBytes) {
     }
     json_object object;
     diag_record_add_json(file_of(from_hex("0f00 c0b0 0807060504030201 01000000")), &object);
-    EXPECT_EQ(object.dump(), R"({"records":[],"payload_hex":"0f00c0b0080706050403020101000000"})");
+    EXPECT_EQ(object.dump(), R"({"payload_hex":"0f00c0b0080706050403020101000000","records":[]})");
 }
 
 }  // namespace
