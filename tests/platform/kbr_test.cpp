@@ -65,8 +65,10 @@ constexpr kbr_field NUMBER[] = {kbr_scalar(0x01, offsetof(number, value), 4),
 constexpr kbr_message REQUESTS[] = {{1, 4, VALUE}};
 constexpr kbr_message RESPONSES[] = {{1, sizeof(number), NUMBER}};
 constexpr kbr_message INDICATIONS[] = {{2, 4, VALUE}};
-constexpr kbr_service_object SERVICE = {
-    .name = "test", .requests = REQUESTS, .responses = RESPONSES, .indications = INDICATIONS};
+constexpr kbr_service_object SERVICE = {.name = "test",
+                                        .requests = REQUESTS,
+                                        .responses = RESPONSES,
+                                        .indications = INDICATIONS};
 
 // Answers a request with its own value.
 std::string echo(const std::string& request) {
@@ -98,8 +100,8 @@ class Kbr : public ::testing::Test {
     }
     kbr_client* connect(kbr_indication_cb callback = nullptr, void* data = nullptr) {
         kbr_client* client = nullptr;
-        EXPECT_EQ(kbr_client_init_instance(&SERVICE, KBR_ANY_INSTANCE, callback, data, 4, &client),
-                  0);
+        EXPECT_EQ(
+            kbr_client_init_instance(&SERVICE, KBR_ANY_INSTANCE, callback, data, 4, &client), 0);
         modem.accept();
         return client;
     }

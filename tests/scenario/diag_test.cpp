@@ -135,9 +135,6 @@ TEST_F(DiagTest, EveryPacketIsUploadedDroppedAtABuffersEndOrLeftInTheLast) {
                                           "diag: codes wanted: 45248 45249\n"));
     EXPECT_THAT(modem.output(), HasSubstr("diag: codes no longer wanted: 45248 45249\n"));
     EXPECT_THAT(phone_log(), HasSubstr("Thread Stat: TRUE"));
-    EXPECT_EQ(file_text("/data/vendor/vexa/down/4/4-1.0-diagstats.cfg.req"),
-              "clientID=4\nversion=1.0\nkey=diagstats.cfg\nrequestType=1\n"
-              "requestTimer=31536000\nconnType=1\nconnTimer=360\n");
 }
 
 // VEXA_DIAG_SECONDS sets how long; the rest is what the socket held and what came after the end.

@@ -17,8 +17,6 @@ class modem_thread {
         loop_.quit();
         thread_.join();
     }
-    modem_thread(const modem_thread&) = delete;
-    modem_thread& operator=(const modem_thread&) = delete;
 
     void command(const std::string& line) {
         loop_.post([this, line] { (void)loop_.execute(line); });

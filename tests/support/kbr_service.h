@@ -56,8 +56,9 @@ class kbr_service {
     // The next packet; empty when the client has gone.
     std::string receive() const {
         std::string packet(70000, '\0');
-        const ssize_t size =
-            is_readable(connection_) ? recv(connection_.get(), packet.data(), packet.size(), 0) : 0;
+        const ssize_t size = is_readable(connection_)
+                                 ? recv(connection_.get(), packet.data(), packet.size(), 0)
+                                 : 0;
         packet.resize(size > 0 ? static_cast<size_t>(size) : 0);
         return packet;
     }

@@ -86,15 +86,6 @@ TEST_F(DiagBuffers, OnlyFullBuffersAreWrittenAndThePacketThatDidNotFitIsDropped)
     }
 }
 
-TEST_F(DiagBuffers, NoPacketIsNone) {
-    put(SIZE - 1, 'a');
-    diag_dci_copy_to_buffer(DIAG_TYPE_LOG, nullptr, 1);
-    put(0, 'b');
-    diag_dci_copy_to_buffer(DIAG_TYPE_LOG, reinterpret_cast<const uint8_t*>("c"), -1);
-    EXPECT_EQ(process_incoming_pkt(&record, 0), 0);
-    EXPECT_EQ(written(), "");
-}
-
 // Fills as fast as it can until told to end; counts what it handed to the buffers.
 class producer {
   public:

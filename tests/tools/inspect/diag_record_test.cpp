@@ -35,16 +35,4 @@ TEST(DiagRecord, PacketsFollowEachOtherByTheirLengths) {
     EXPECT_THAT(report, HasSubstr("13 00 c0 b0"));
 }
 
-TEST(DiagRecord, WhatIsNoRowOfPacketsIsShownAsBytes) {
-    const byte_vector whole = from_hex(PACKETS);
-    for (size_t size = 1; size < whole.size(); ++size) {
-        if (size == 19) continue;
-        const byte_vector cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
-        EXPECT_TRUE(diag_record_packets(cut).empty()) << size;
-    }
-    json_object object;
-    diag_record_add_json(file_of(from_hex("0f00 c0b0 0807060504030201 01000000")), &object);
-    EXPECT_EQ(object.dump(), R"({"payload_hex":"0f00c0b0080706050403020101000000","records":[]})");
-}
-
 }  // namespace
