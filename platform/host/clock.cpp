@@ -259,6 +259,50 @@ int poll_watched(pollfd* fds, nfds_t count, int watch_fd, int64_t host_ns) {
     return ready;
 }
 
+int64_t to_ns_saturating(int64_t ms) {
+    int64_t ns = 0;
+    return __builtin_mul_overflow(ms, NS_PER_MS, &ns) ? INT64_MAX : ns;
+}
+
+struct deadline {
+    clockid_t clock = CLOCK_BOOTTIME;  // or CLOCK_REALTIME
+    int64_t ns = 0;
+};
+
+// For how much of this machine's time the deadline is ahead; not positive: it has passed.
+int64_t left_ns(const deadline& end, const clock_state& current) {
+    const bool real = end.clock == CLOCK_REALTIME;
+    int64_t host_end_ns = end.ns;
+    int64_t host_now_ns = host_clock_ns(CLOCK_BOOTTIME);
+    if (current.active) {
+        host_end_ns = real ? course_host_ns_of_real(current.course, end.ns)
+                           : course_host_ns(current.course, end.ns);
+    } else if (real) {
+        host_now_ns = host_clock_ns(CLOCK_REALTIME);
+    }
+    int64_t left = 0;
+    if (__builtin_sub_overflow(host_end_ns, host_now_ns, &left)) left = INT64_MAX;
+    return host_end_ns <= host_now_ns ? 0 : left;
+}
+
+// Polls until the deadline, worked out afresh at every change of the clocks' course.
+int poll_to_deadline(pollfd* fds, nfds_t count, const deadline& end, int watch_fd,
+                     clock_state current) {
+    if (count > MAX_TIMED_FDS) {
+        errno = EINVAL;
+        return -1;
+    }
+    for (;;) {
+        const int64_t left = left_ns(end, current);
+        // The last look at the descriptors is taken also when the time has passed.
+        if (left <= 0) return poll(fds, count, 0);
+        const int ready = poll_watched(fds, count, watch_fd, left);
+        if (ready != 0) return ready;
+        watch_fd = watch.arm();
+        current = present_state(true);
+    }
+}
+
 }  // namespace
 
 int platform_clock_gettime(clockid_t clock, timespec* now) {
@@ -276,26 +320,19 @@ int platform_clock_gettime(clockid_t clock, timespec* now) {
 int platform_poll(pollfd* fds, nfds_t count, int64_t timeout_ms) {
     if (timeout_ms < 0) return ppoll(fds, count, nullptr, nullptr);
     if (timeout_ms == 0) return poll(fds, count, 0);
-    if (count > MAX_TIMED_FDS) {
-        errno = EINVAL;
-        return -1;
-    }
-    int64_t deadline_ns = 0;
-    int watch_fd = watch.arm();
-    clock_state current = present_state(true);
-    if (__builtin_mul_overflow(timeout_ms, NS_PER_MS, &deadline_ns) ||
-        __builtin_add_overflow(deadline_ns, boot_now_ns(current), &deadline_ns)) {
+    const int watch_fd = watch.arm();
+    const clock_state current = present_state(true);
+    int64_t deadline_ns = to_ns_saturating(timeout_ms);
+    if (__builtin_add_overflow(deadline_ns, boot_now_ns(current), &deadline_ns)) {
         deadline_ns = INT64_MAX;
     }
-    for (;;) {
-        const int64_t host_ns = host_clock_ns(CLOCK_BOOTTIME);
-        const int64_t end_ns =
-            current.active ? course_host_ns(current.course, deadline_ns) : deadline_ns;
-        // The last look at the descriptors is taken also when the time has passed.
-        if (end_ns <= host_ns) return poll(fds, count, 0);
-        const int ready = poll_watched(fds, count, watch_fd, end_ns - host_ns);
-        if (ready != 0) return ready;
-        watch_fd = watch.arm();
-        current = present_state(true);
-    }
+    return poll_to_deadline(fds, count, {.clock = CLOCK_BOOTTIME, .ns = deadline_ns}, watch_fd,
+                            current);
+}
+
+int platform_poll_until(pollfd* fds, nfds_t count, int64_t real_ms) {
+    const int watch_fd = watch.arm();
+    const clock_state current = present_state(true);
+    return poll_to_deadline(fds, count, {.clock = CLOCK_REALTIME, .ns = to_ns_saturating(real_ms)},
+                            watch_fd, current);
 }

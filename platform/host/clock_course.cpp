@@ -124,6 +124,12 @@ bool parse_word(cursor* in, clock_spec* spec) {
     return false;
 }
 
+// The moment at which the clocks will have moved on by ahead_ns.
+int64_t host_ns_when_ahead(const clock_course& course, int64_t ahead_ns) {
+    return saturating_add(course.host_ns,
+                          saturating_ns(std::ceil(static_cast<double>(ahead_ns) / course.speed)));
+}
+
 }  // namespace
 
 std::optional<clock_spec> clock_spec_parse(const char* text, size_t len) {
@@ -147,9 +153,11 @@ int64_t course_real_ns(const clock_course& course, int64_t host_ns) {
 }
 
 int64_t course_host_ns(const clock_course& course, int64_t boot_ns) {
-    const int64_t ahead_ns = saturating_add(boot_ns, -course.boot_ns);
-    return saturating_add(course.host_ns,
-                          saturating_ns(std::ceil(static_cast<double>(ahead_ns) / course.speed)));
+    return host_ns_when_ahead(course, saturating_add(boot_ns, -course.boot_ns));
+}
+
+int64_t course_host_ns_of_real(const clock_course& course, int64_t real_ns) {
+    return host_ns_when_ahead(course, saturating_add(real_ns, -course.real_ns));
 }
 
 clock_course course_apply(const clock_course& before, const clock_spec& spec, int64_t host_ns,

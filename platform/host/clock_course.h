@@ -36,6 +36,9 @@ int64_t course_real_ns(const clock_course& course, int64_t host_ns);
 // The moment at which the phone's boot-time clock will have reached boot_ns.
 int64_t course_host_ns(const clock_course& course, int64_t boot_ns);
 
+// The same for the wall clock and real_ns.
+int64_t course_host_ns_of_real(const clock_course& course, int64_t real_ns);
+
 // The course that `spec` makes out of `before` at moment host_ns. Applied again to its own result,
 // a spec changes nothing. With `keep_boot` the boot-time clock is not set back: it goes on from
 // where it is.

@@ -30,8 +30,9 @@ constexpr int64_t ENDLESS_MS = int64_t{1} << 55;
 // One thread in platform_poll.
 struct waiter {
     std::vector<pollfd> fds;
-    std::optional<int64_t> deadline_ms;  // on the monotonic clock; nothing: no limit
-    unique_fd wake;                      // eventfd, written when the clocks or their mode changed
+    std::optional<int64_t> deadline_ms{};            // nothing: no limit
+    const std::atomic<int64_t>* clock_ms = nullptr;  // the one that the deadline is a time of
+    unique_fd wake{};  // eventfd, written when the clocks or their mode changed
     bool woken = false;
 };
 
@@ -110,6 +111,7 @@ timespec to_timespec(int64_t ms) {
 
 void platform_test_reset() {
     platform_test_reset_log_script();
+    platform_test_reset_diag();
     phone& p = the_phone();
     const guard held(p.mutex);
     p.log.clear();
@@ -203,7 +205,10 @@ void platform_test_set_property(std::string_view name, std::string_view value) {
 // Clocks
 
 void platform_test_set_real_ms(int64_t real_ms) {
-    the_phone().real_ms = real_ms;
+    phone& p = the_phone();
+    const guard held(p.mutex);
+    p.real_ms = real_ms;
+    wake_waiters(p);
 }
 
 void platform_test_set_boot_ms(int64_t boot_ms) {
@@ -251,28 +256,44 @@ int platform_clock_gettime(clockid_t clock, timespec* now) {
     }
 }
 
-int platform_poll(pollfd* fds, nfds_t count, int64_t timeout_ms) {
-    phone& p = the_phone();
-    guard held(p.mutex);
-    waiter self{.fds = {fds, fds + count}, .deadline_ms = {}, .wake = {}, .woken = false};
-    if (timeout_ms >= 0 && timeout_ms < ENDLESS_MS) self.deadline_ms = p.mono_ms + timeout_ms;
+namespace {
+
+int poll_to_deadline(phone& p, guard& held, waiter* self, pollfd* fds) {
     for (;;) {
-        int ready = poll(self.fds.data(), self.fds.size(), 0);
-        const int64_t left_ms = self.deadline_ms.value_or(INT64_MAX) - p.mono_ms;
+        int ready = poll(self->fds.data(), self->fds.size(), 0);
+        const int64_t left_ms = self->deadline_ms.value_or(INT64_MAX) - *self->clock_ms;
         if (ready == 0 && left_ms > 0) {
-            if (self.deadline_ms && p.mode == platform_test_clock::AUTO) {
+            if (self->deadline_ms && p.mode == platform_test_clock::AUTO) {
                 advance(p, left_ms);
                 continue;
             }
-            if (self.deadline_ms && !self.wake)
-                self.wake.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-            self.woken = false;
-            ready = park(p, held, &self);
+            if (self->deadline_ms && !self->wake)
+                self->wake.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+            self->woken = false;
+            ready = park(p, held, self);
             eventfd_t ignored = 0;
-            if (self.wake) (void)eventfd_read(self.wake.get(), &ignored);
+            if (self->wake) (void)eventfd_read(self->wake.get(), &ignored);
             if (ready == 0) continue;
         }
-        std::copy(self.fds.begin(), self.fds.end(), fds);
+        std::copy(self->fds.begin(), self->fds.end(), fds);
         return ready;
     }
+}
+
+}  // namespace
+
+int platform_poll(pollfd* fds, nfds_t count, int64_t timeout_ms) {
+    phone& p = the_phone();
+    guard held(p.mutex);
+    waiter self{.fds = {fds, fds + count}, .clock_ms = &p.mono_ms};
+    if (timeout_ms >= 0 && timeout_ms < ENDLESS_MS) self.deadline_ms = p.mono_ms + timeout_ms;
+    return poll_to_deadline(p, held, &self, fds);
+}
+
+int platform_poll_until(pollfd* fds, nfds_t count, int64_t real_ms) {
+    phone& p = the_phone();
+    guard held(p.mutex);
+    waiter self{.fds = {fds, fds + count}, .clock_ms = &p.real_ms};
+    if (real_ms < ENDLESS_MS) self.deadline_ms = real_ms;
+    return poll_to_deadline(p, held, &self, fds);
 }

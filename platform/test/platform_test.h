@@ -56,6 +56,25 @@ bool platform_test_wait_log_reader(int64_t limit_ms);
 // For platform_test_reset.
 void platform_test_reset_log_script();
 
+// Diagnostics ------------------------------------------------------------------------------------
+
+// The next call of that function ("init", "register", "config", "stream", "support", "release")
+// returns this.
+void platform_test_script_diag(std::string_view function, int result);
+
+// What diag_get_dci_support_list_proc stores.
+void platform_test_set_diag_support_list(uint16_t list);
+
+// Hands a packet to the registered callback, in the calling thread, and returns when that has
+// returned. Returns false when there is none. A release of the client waits meanwhile.
+bool platform_test_diag_packet(std::string packet);
+
+// The calls since the last look, each with its arguments: "config 5 1 45163 7".
+std::vector<std::string> platform_test_diag_calls();
+
+// For platform_test_reset.
+void platform_test_reset_diag();
+
 // Properties --------------------------------------------------------------------------------------
 
 // The value of a property; nothing when it was never set.
@@ -69,7 +88,7 @@ inline constexpr int64_t PLATFORM_TEST_REAL_MS = 1700000000000;  // 2023-11-14T2
 inline constexpr int64_t PLATFORM_TEST_BOOT_MS = 5000000;
 inline constexpr int64_t PLATFORM_TEST_MONO_MS = 4000000;
 
-void platform_test_set_real_ms(int64_t real_ms);  // a jump that no wait notices
+void platform_test_set_real_ms(int64_t real_ms);  // a jump; ends the waits for such a time only
 void platform_test_set_boot_ms(int64_t boot_ms);  // as after a suspend; no wait notices
 
 // Lets time pass on all three clocks and ends the waits whose time has then come.

@@ -4,6 +4,7 @@
 
 #include "collectors/alog/alog_collector.h"
 #include "collectors/cpu/cpu_collector.h"
+#include "collectors/diag/diag_collector.h"
 #include "collectors/gpu/gpu_collector.h"
 #include "collectors/microdump/microdump_collector.h"
 #include "collectors/microdump/microdump_config.h"
@@ -45,6 +46,18 @@ constinit collector_info g_collectors[] = {
         .hdr = {.client_id = 2, .data_type = DATA_TYPE_STATS, .rec_version = 6},
         .thread_func = cpu_monitor,
         .cfg_update_handler = vexastats_update_cfg,
+    },
+    {
+        .name = "diag_collector",
+        .up_dir = "/data/vendor/vexa/up/4",
+        .down_dir = "/data/vendor/vexa/down/4",
+        .cfg_file = "/data/vendor/vexastats/4/.diagstats.cfg",
+        .dl_cfg_file = "/data/vendor/vexa/down/4/diagstats.cfg",
+        .hdr = {.client_id = 4, .data_type = DATA_TYPE_STATS, .rec_version = 1},
+        .thread_func = diag_monitor,
+        .cfg_read_handler = diag_cfg_handler,
+        .cfg_update_handler = diag_cfg_update_handler,
+        .sig_handler = diag_dci_exit,
     },
     {
         .name = "microdump_collector",

@@ -15,6 +15,8 @@
 #include <memory>
 #include <string_view>
 
+#include "framework/config_update.h"
+
 inline constexpr int32_t NO_CAMPAIGN = -1;
 inline constexpr int32_t CAMPAIGN_SIZE_MAX_BYTES = 0x100000;
 inline constexpr int32_t CAMPAIGN_DURATION_MAX_S = 10800;
@@ -31,7 +33,8 @@ struct timed_campaign {
     uint64_t stop_time_s = 0;  // wall clock, seconds since 1970; 0: none
     int32_t duration_s = 0;
     int32_t mask_count = 0;
-    std::unique_ptr<uint32_t[]> masks;  // mask_count of them, or null
+    std::unique_ptr<uint32_t[]> masks{};  // mask_count of them, or null
+    config_file_mark seen{};              // the downloaded file when it was last loaded
 };
 
 // The values of a file's first line.

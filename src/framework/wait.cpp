@@ -27,29 +27,48 @@ void vexa_test_window() {
 }
 #endif
 
-int vexastats_poll(pollfd* fds, size_t count, int64_t timeout_ms, const stop_flag& stop) {
+namespace {
+
+// Polls the caller's descriptors and the stop flag's with poll_all(fds, count) until it has an
+// answer that no signal handler cut short.
+template <class PollAll>
+int poll_with_stop(pollfd* fds, size_t count, const stop_flag& stop, PollAll poll_all) {
     if (count > VEXASTATS_POLL_MAX_FDS) return -EINVAL;
     pollfd all[VEXASTATS_POLL_MAX_FDS + 1];
     std::copy_n(fds, count, all);
     all[count] = {.fd = stop.fd.load(), .events = POLLIN, .revents = 0};
-
-    const uint64_t begin_ms = vexastats_mono_time_ms();
     for (;;) {
+        if (stop_flag_is_raised(stop)) return -EINTR;
+        VEXA_TEST_WINDOW();
+        const int ready = poll_all(all, count + 1);
+        const int error = errno;
+        if (stop_flag_is_raised(stop)) return -EINTR;
+        if (ready > 0 && all[count].revents != 0) return -EINTR;
+        if (ready < 0 && error == EINTR) continue;
+        if (ready < 0) return -error;
+        std::copy_n(all, count, fds);
+        return ready;
+    }
+}
+
+}  // namespace
+
+int vexastats_poll(pollfd* fds, size_t count, int64_t timeout_ms, const stop_flag& stop) {
+    const uint64_t begin_ms = vexastats_mono_time_ms();
+    return poll_with_stop(fds, count, stop, [&](pollfd* all, size_t all_count) {
         int64_t left_ms = -1;
         if (timeout_ms >= 0) {
             const auto waited_ms = static_cast<int64_t>(vexastats_mono_time_ms() - begin_ms);
             left_ms = std::max<int64_t>(timeout_ms - waited_ms, 0);
         }
-        if (stop_flag_is_raised(stop)) return -EINTR;
-        VEXA_TEST_WINDOW();
-        const int ready = platform_poll(all, count + 1, left_ms);
-        if (stop_flag_is_raised(stop)) return -EINTR;
-        if (ready > 0 && all[count].revents != 0) return -EINTR;
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready < 0) return -errno;
-        std::copy_n(all, count, fds);
-        return ready;
-    }
+        return platform_poll(all, all_count, left_ms);
+    });
+}
+
+int vexastats_poll_until(pollfd* fds, size_t count, int64_t real_ms, const stop_flag& stop) {
+    return poll_with_stop(fds, count, stop, [&](pollfd* all, size_t all_count) {
+        return platform_poll_until(all, all_count, real_ms);
+    });
 }
 
 bool vexastats_sleep_ms(int64_t ms, const stop_flag& stop) {

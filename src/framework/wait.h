@@ -18,6 +18,10 @@ inline constexpr size_t VEXASTATS_POLL_MAX_FDS = 7;
 // `stop` is raised, or another negative errno. A signal handler that ran does not end the wait.
 int vexastats_poll(pollfd* fds, size_t count, int64_t timeout_ms, const stop_flag& stop);
 
+// The same until the wall clock reads real_ms (milliseconds since 1970), also when it is set
+// meanwhile.
+int vexastats_poll_until(pollfd* fds, size_t count, int64_t real_ms, const stop_flag& stop);
+
 // Sleeps. Returns false when `stop` ended it early.
 bool vexastats_sleep_ms(int64_t ms, const stop_flag& stop);
 

@@ -12,6 +12,7 @@
 
 #include "framework/unique_handle.h"
 #include "scenario/daemon_process.h"
+#include "scenario/modem_thread.h"
 #include "support/files.h"
 
 namespace fs = std::filesystem;
@@ -36,7 +37,8 @@ void churn_directories(unsigned seed, const std::atomic<bool>& end) {
     const char* dirs[] = {
         "/data/vendor/vexa",        "/data/vendor/vexa/up",     "/data/vendor/vexa/up/1",
         "/data/vendor/vexa/up/2",   "/data/vendor/vexa/up/5",   "/data/vendor/vexa/down",
-        "/data/vendor/vexa/down/2", "/data/vendor/vexa/up/501", "/data/vendor/vexa/down/501"};
+        "/data/vendor/vexa/down/2", "/data/vendor/vexa/up/501", "/data/vendor/vexa/down/501",
+        "/data/vendor/vexa/up/4",   "/data/vendor/vexa/down/4"};
     std::error_code ignored;
     while (!end) {
         const fs::path dir = dirs[rnd() % std::size(dirs)];
@@ -59,6 +61,11 @@ void churn_directories(unsigned seed, const std::atomic<bool>& end) {
 std::string alog_config(int duration_s) {
     return "clientid=501;size=65536;campaign_id=1;campaign_duration_secs=" +
            std::to_string(duration_s) + ";num_alog_masks=0;\n";
+}
+
+std::string diag_config(int duration_s) {
+    return "clientid=4;size=65536;campaign_id=1;campaign_duration_secs=" +
+           std::to_string(duration_s) + ";num_diag_masks=1;diag_mask=0xb0c0;\n";
 }
 
 std::string microdump_config(int wait_ms) {
@@ -91,7 +98,12 @@ void one_round(std::mt19937& rnd, tally* result) {
     if (rnd() % 2) fs::create_directories(std::string(DOWN_DIR) + "/501");
     // With a campaign it soon waits for log entries; one of the length 0 is over at once.
     if (rnd() % 2) deliver(501, "alogstats.cfg", alog_config(rnd() % 4 ? 600 : 0));
-    for (const int id : {1, 5}) {
+    // The modem, which is there most of the times, streams as fast as the daemon takes packets.
+    if (rnd() % 2) deliver(4, "diagstats.cfg", diag_config(rnd() % 4 ? 600 : 0));
+    std::optional<modem_thread> modem_side;
+    if (rnd() % 4) modem_side.emplace();
+    if (modem_side) modem_side->command("diag rate 0");
+    for (const int id : {1, 4, 5}) {
         if (rnd() % 4) opt_in(id);
         if (rnd() % 2) fs::create_directories(std::string(DOWN_DIR) + "/" + std::to_string(id));
     }

@@ -28,6 +28,8 @@ constexpr workload WORKLOADS[] = {
     {"append", bench_append},
     {"alog", bench_alog},
     {"campaign", bench_campaign},
+    {"diag", bench_diag},
+    {"diagz", bench_diagz},
     {"idle", bench_idle},
 };
 

@@ -21,5 +21,10 @@ int bench_alog(long n);  // log entries of BENCH_IN from the log buffer into a r
 // Campaigns (campaign_workload.cpp).
 int bench_campaign(long n);  // decodes campaign file BENCH_IN in memory, without the log
 
+// The diagnostic collector (diag_workloads.cpp): packets of BENCH_IN (u16 length + bytes) through
+// the two buffers, from a thread of their own,
+int bench_diag(long n);   // into a record in BENCH_OUT without an end
+int bench_diagz(long n);  // into records of 64 KiB compressed, each dropped into BENCH_OUT/up
+
 // The whole daemon (daemon_workloads.cpp).
 int bench_idle(long);  // opted in to nothing; prints "ready" once every thread waits, until SIGTERM

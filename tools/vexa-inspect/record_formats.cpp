@@ -4,6 +4,7 @@
 
 #include "alog_record.h"
 #include "cpu_report.h"
+#include "diag_record.h"
 #include "gpu_record.h"
 #include "microdump_record.h"
 #include "text.h"
@@ -25,6 +26,12 @@ constexpr record_format formats[] = {
      .name = "CPU statistics",
      .add_json = cpu_record_add_json,
      .report = cpu_record_report},
+    {.client_id = 4,
+     .rec_version = 1,
+     .data_type = 1,
+     .name = "modem log packets",
+     .add_json = diag_record_add_json,
+     .report = diag_record_report},
     {.client_id = 5,
      .rec_version = 2,
      .data_type = 2,

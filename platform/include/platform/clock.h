@@ -16,3 +16,7 @@ int platform_clock_gettime(clockid_t clock, timespec* now);
 // clock. Returns the number of ready descriptors, 0 when the time has passed, or -1 with errno set
 // (EINTR when a signal handler ran). With count 0 it is a plain sleep. Any thread.
 int platform_poll(pollfd* fds, nfds_t count, int64_t timeout_ms);
+
+// The same until the wall clock reads real_ms (milliseconds since 1970) or later, also when it is
+// set meanwhile.
+int platform_poll_until(pollfd* fds, nfds_t count, int64_t real_ms);

@@ -1,0 +1,48 @@
+#define LOG_TAG "vexastatsd"
+
+#include "collectors/diag/diag_campaign.h"
+
+#include "collectors/diag/diag_collector.h"
+#include "framework/campaign_config.h"
+
+constinit timed_campaign g_diag_campaign;
+
+namespace {
+
+constexpr campaign_kind KIND = {
+    .tag = LOG_TAG,
+    .key = "diag",
+    .title = "Diag",
+    .loader = "diag",
+    .state_prefix = "DIAGSTATS : ",
+    .wait_prefix = "DIAGSTATS: ",
+    .update = {.tag = LOG_TAG,
+               .caller = "diag_collect_wait_for_config_update",
+               .prefix = "DIAGSTATS: "},
+};
+
+}  // namespace
+
+void diag_cfg_handler(FILE* stream, collector_info* row) {
+    (void)campaign_read_config(stream, row, KIND, &g_diag_campaign);
+}
+
+int diag_cfg_update_handler(collector_info* row) {
+    return campaign_write_config(*row, KIND, g_diag_campaign);
+}
+
+void diag_campaign_reset() {
+    campaign_reset(&g_diag_campaign);
+}
+
+void diag_campaign_end() {
+    campaign_end(&g_diag_campaign);
+}
+
+int diag_monitor_get_campaign_config(collector_info* row) {
+    return campaign_wait_active(row, KIND, &g_diag_campaign);
+}
+
+void diag_collect_wait_for_config_update(collector_info* row) {
+    campaign_wait_update(row, KIND, g_diag_campaign);
+}

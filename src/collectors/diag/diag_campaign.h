@@ -1,0 +1,24 @@
+// The campaign that the collector's configuration files have brought about, the row's thread alone.
+#pragma once
+
+#include "framework/collector_info.h"
+#include "framework/timed_campaign.h"
+
+// The campaign that runs, or none. Its masks are the log codes that the modem is asked for.
+extern timed_campaign g_diag_campaign;
+
+// Forgets the campaign; its duration stays.
+void diag_campaign_reset();
+
+// Ends the campaign in memory. The local file still names it, so the next load brings its number
+// back, with a stop time that has passed.
+void diag_campaign_end();
+
+// Loads the parameters until there is a campaign whose stop time has not passed, waiting for
+// configuration updates in between. Returns 0, the loader's error, or -EINTR once the row's `stop`
+// is raised.
+int diag_monitor_get_campaign_config(collector_info* row);
+
+// Waits for the downloaded configuration file to come or change since it was last loaded, until the
+// row's `stop` is raised or a failure, which is logged.
+void diag_collect_wait_for_config_update(collector_info* row);

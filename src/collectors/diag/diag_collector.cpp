@@ -1,0 +1,144 @@
+#define LOG_TAG "vexastatsd"
+
+#include "collectors/diag/diag_collector.h"
+
+#include <errno.h>
+
+#include <atomic>
+
+#include "collectors/diag/diag_buffers.h"
+#include "collectors/diag/diag_campaign.h"
+#include "collectors/diag/diag_notify.h"
+#include "collectors/diag/diag_session.h"
+#include "framework/dload.h"
+#include "framework/files.h"
+#include "framework/optout.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr char RECORD_DIR[] = "/data/vendor/vexastats/4";
+constexpr char RECORD_FILE[] = "diagstats.tmp";
+
+// The row that diag_dci_exit stops.
+std::atomic<collector_info*> g_row{nullptr};
+
+struct diag_collector {
+    collector_info* row = nullptr;
+    diag_record record{};
+
+    bool stopped() const { return stop_flag_is_raised(row->stop); }
+};
+
+unsigned long now_s() {
+    return static_cast<unsigned long>(campaign_now_s());
+}
+
+// Returns 0 or the failure, logged.
+int diag_monitor_set_cfg_dload_req(const collector_info* row) {
+    const dload_req request{.client_id = static_cast<int32_t>(row->hdr.client_id),
+                            .version = "1.0",
+                            .key = "diagstats.cfg",
+                            .request_type = 1,
+                            .request_timer = 31536000,
+                            .conn_type = 1,
+                            .conn_timer = 360};
+    const int result = vexastats_dload_req(&request);
+    if (result != 0) ALOGE("%s: dload request failed\n", __func__);
+    return result;
+}
+
+// Up to the owner's consent. Returns whether there is something to do.
+bool start(diag_collector* c) {
+    diag_notify_install();
+    diag_campaign_reset();
+    vexastats_wait_dir_ready(c->row->down_dir, &c->row->stop);
+    if (diag_monitor_set_cfg_dload_req(c->row) != 0) {
+        if (c->stopped()) return false;
+        diag_collect_wait_for_config_update(c->row);
+    }
+    // Also after a failed request: nothing is collected without consent.
+    vexastats_wait_optin(c->row);
+    return c->row->enabled;
+}
+
+// Begins a record for the next campaign. What the last one left behind is discarded.
+bool open_record(diag_collector* c) {
+    vexastats_record_close(&c->record.handle);
+    c->record.row = c->row;
+    record_init_req req{
+        .row = c->row, .dir = RECORD_DIR, .prefix = RECORD_FILE, .resume = 0, .discard = 1};
+    c->record.handle.file = vexastats_record_init(&req);
+    if (!c->record.handle.file) ALOGE("failed to open record file for diag collector\n");
+    return c->record.handle.file != nullptr;
+}
+
+// Hands the record over, also an empty one: deliberate.
+void finish_record(diag_collector* c) {
+    if (!c->record.handle.file) return;
+    write_req req{.row = c->row, .handle = &c->record.handle, .flags = WRITE_DROP};
+    (void)vexastats_write_file(&req);
+}
+
+uint64_t remaining_s() {
+    const uint64_t now = campaign_now_s();
+    const uint64_t end = g_diag_campaign.stop_time_s;
+    return end > now ? end - now : 0;
+}
+
+// Until the campaign's time has come, which ends it, or the row has to stop, which does not.
+void collect_packets(diag_collector* c) {
+    const timed_campaign& campaign = g_diag_campaign;
+    while (!c->stopped() && campaign.id != NO_CAMPAIGN) {
+        if (process_incoming_pkt(&c->record, remaining_s()) != 0) stop_flag_raise(&c->row->stop);
+        if (remaining_s() == 0) {
+            ALOGI("Stopping Diag Campaign %d : Stop Time %lu", campaign.id,
+                  static_cast<unsigned long>(campaign.stop_time_s));
+            diag_campaign_end();
+        }
+    }
+}
+
+void run_campaign(diag_collector* c) {
+    ALOGI("Starting Diag Campaign %d : Stop Time %lu, CurrTime %lu", g_diag_campaign.id,
+          static_cast<unsigned long>(g_diag_campaign.stop_time_s), now_s());
+    collect_packets(c);
+    ALOGI("Stop Processing DIAG Packets: Curr Time %lu Thread Stat: %s", now_s(),
+          c->stopped() ? "TRUE" : "FALSE");
+}
+
+// One cycle, from the wait for a campaign to the hand-over of its record.
+void run_cycle(diag_collector* c) {
+    if (open_record(c)) {
+        const int result = diag_monitor_get_campaign_config(c->row);
+        // Stopped before there was a campaign: there is nothing to hand over.
+        if (result == -EINTR) return;
+        diag_notify_log();  // what came while nobody listened
+        if (result == 0 && diag_monitor_diag_init() == 0) run_campaign(c);
+        finish_record(c);
+    }
+    diag_monitor_diag_deinit();
+}
+
+}  // namespace
+
+int diag_monitor(collector_info* row) {
+    g_row = row;
+    diag_collector collector{.row = row};
+    if (start(&collector)) {
+        run_cycle(&collector);
+        while (!collector.stopped()) {
+            diag_collect_wait_for_config_update(row);
+            if (!collector.stopped()) run_cycle(&collector);
+        }
+    }
+    stop_flag_raise(&row->stop);
+    vexastats_record_close(&collector.record.handle);
+    ALOGI("DIAG monitor exit\n");
+    return 0;
+}
+
+void diag_dci_exit(int signo) {
+    diag_set_last_signal(signo);
+    if (collector_info* row = g_row) stop_flag_raise(&row->stop);
+}

@@ -1,0 +1,136 @@
+#define LOG_TAG "vexastatsd"
+
+#include "collectors/diag/diag_session.h"
+
+#include <stdio.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <new>
+
+#include "collectors/diag/diag_buffers.h"
+#include "collectors/diag/diag_campaign.h"
+#include "collectors/diag/diag_notify.h"
+#include "platform/diag.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr int NO_CLIENT = -1;
+constexpr int LOCAL_PROCESSOR = 0;
+constexpr uint32_t PACKETS_PER_REPORT = 1000;
+
+struct diag_session {
+    int client_id = NO_CLIENT;
+    bool library_is_up = false;
+};
+constinit diag_session g_session;
+
+std::atomic<uint32_t> g_packet_count{0};  // since the process began
+
+struct log_codes {
+    std::unique_ptr<uint16_t[]> codes{};
+    int count = 0;
+};
+
+// The campaign's codes as the library takes them: their low 16 bits. The list may be gone while its
+// count stays; there are none then. Returns false when there is no memory.
+bool campaign_codes(log_codes* out) {
+    const timed_campaign& campaign = g_diag_campaign;
+    out->count = campaign.masks ? campaign.mask_count : 0;
+    out->codes.reset(new (std::nothrow) uint16_t[static_cast<size_t>(out->count)]);
+    if (!out->codes) return false;
+    for (int i = 0; i < out->count; ++i) {
+        out->codes[i] = static_cast<uint16_t>(campaign.masks[i]);
+    }
+    return true;
+}
+
+void log_refused_codes(const log_codes& codes) {
+    char text[128] = "";
+    size_t len = 0;
+    for (int i = 0; i < codes.count && len < sizeof text; ++i) {
+        len +=
+            static_cast<size_t>(snprintf(text + len, sizeof text - len, "0x%x , ", codes.codes[i]));
+    }
+    ALOGE("Client %d #Masks %d Mask: %s", g_session.client_id, codes.count, text);
+}
+
+bool start_library() {
+    g_session.library_is_up = Diag_LSM_Init(nullptr) != 0;
+    if (g_session.library_is_up) return true;
+    ALOGE(" Diag_LSM_Init() Failed\n");
+    Diag_LSM_DeInit();
+    return false;
+}
+
+bool register_client() {
+    diag_dci_peripherals peripherals = DIAG_CON_MPSS;
+    int signo = DIAG_NOTIFY_SIGNAL;
+    const int result =
+        diag_register_dci_client(&g_session.client_id, &peripherals, LOCAL_PROCESSOR, &signo);
+    if (result == DIAG_DCI_NO_ERROR) return true;
+    ALOGE(" Couldn't register DCI Client ID %d, Err %d\n", g_session.client_id, result);
+    g_session.client_id = NO_CLIENT;
+    return false;
+}
+
+bool request_codes(const log_codes& codes) {
+    const int result =
+        diag_log_stream_config(g_session.client_id, 1, codes.codes.get(), codes.count);
+    if (result == DIAG_DCI_NO_ERROR) return true;
+    ALOGE(" Error sending SET_LOG_MASK to peripheral, err: %d\n", result);
+    log_refused_codes(codes);
+    return false;
+}
+
+bool start_stream() {
+    const int result =
+        diag_register_dci_stream_proc(g_session.client_id, process_dci_log_stream, nullptr);
+    if (result == DIAG_DCI_NO_ERROR) return true;
+    ALOGE(" Unable to initialize stream, err: %d\n", result);
+    return false;
+}
+
+void release_client() {
+    log_codes codes;
+    if (campaign_codes(&codes)) {
+        (void)diag_log_stream_config(g_session.client_id, 0, codes.codes.get(), codes.count);
+    }
+    const int result = diag_release_dci_client(&g_session.client_id);
+    g_session.client_id = NO_CLIENT;
+    if (result != DIAG_DCI_NO_ERROR) ALOGE(" Error releasing DCI connection, %d\n", result);
+}
+
+}  // namespace
+
+int diag_monitor_diag_init() {
+    log_codes codes;
+    if (!campaign_codes(&codes)) return -1;
+    g_session.client_id = NO_CLIENT;
+    if (diag_dci_init_buffers() != 0) return -1;
+    const bool started =
+        start_library() && register_client() && request_codes(codes) && start_stream();
+    return started ? 0 : -1;
+}
+
+void diag_monitor_diag_deinit() {
+    // The library ends only when its thread is back from the callback, where it may wait for room.
+    diag_dci_shut_buffers();
+    if (g_session.client_id != NO_CLIENT) release_client();
+    // Also when the registration had failed: the library was up all the same.
+    if (g_session.library_is_up) Diag_LSM_DeInit();
+    g_session.library_is_up = false;
+    diag_dci_release_buffers();
+    g_diag_campaign.masks.reset();
+}
+
+void process_dci_log_stream(unsigned char* data, int length) {
+    const uint32_t count = ++g_packet_count;
+    if (count % PACKETS_PER_REPORT == 0) {
+        ALOGI(" Received %d Logs.Last Sig 0x%x\n", static_cast<int>(count),
+              static_cast<unsigned>(diag_last_signal()));
+    }
+    diag_dci_copy_to_buffer(DIAG_TYPE_LOG, data, length);
+}

@@ -1,0 +1,142 @@
+#include "framework/campaign_config.h"
+
+#include <errno.h>
+
+#include <algorithm>
+#include <new>
+
+#include "framework/clock.h"
+#include "framework/config.h"
+#include "framework/files.h"
+#include "platform/log.h"
+
+// Logged under the tag of the collector.
+#define LOGI(...) ((void)__android_log_print(ANDROID_LOG_INFO, kind.tag, __VA_ARGS__))
+#define LOGE(...) ((void)__android_log_print(ANDROID_LOG_ERROR, kind.tag, __VA_ARGS__))
+
+namespace {
+
+// The next line as fgets cuts it, or nothing at the end of the file.
+bool read_line(FILE* stream, char (&line)[CAMPAIGN_LINE_SIZE]) {
+    return fgets(line, sizeof line, stream) != nullptr;
+}
+
+bool read_value_line(FILE* stream, char (&line)[CAMPAIGN_LINE_SIZE]) {
+    while (read_line(stream, line)) {
+        if (line[0] != '#' && line[0] != '\n') return true;
+    }
+    return false;
+}
+
+// Takes the masks, or none when there is no memory for them. Returns false then.
+bool take_masks(const char* text, const campaign_kind& kind, const campaign_line& line,
+                timed_campaign* campaign) {
+    campaign->mask_count = line.mask_count;
+    campaign->masks.reset(new (std::nothrow) uint32_t[static_cast<size_t>(line.mask_count)]());
+    if (!campaign->masks) return false;
+    const int moved_on = campaign_masks_parse(text, kind.key, line, campaign->masks.get());
+    LOGI("Ret %d Client Id %d Size %d Campaign ID %d Duration %d Seconds Num%sMasks %d\n", moved_on,
+         static_cast<int>(line.client_id), line.size_bytes, line.campaign_id, line.duration_s,
+         kind.title, line.mask_count);
+    for (int32_t i = 0; i < line.mask_count; ++i) {
+        LOGI("%s Mask[%d]=0x%x\n", kind.title, i, campaign->masks[i]);
+    }
+    return true;
+}
+
+// Whether the line behind the values, or the campaign in memory where there is none, says that a
+// campaign runs already. A line that says anything else ends it.
+bool goes_on_with_active(FILE* stream, timed_campaign* campaign) {
+    char line[CAMPAIGN_LINE_SIZE];
+    if (read_line(stream, line) &&
+        !campaign_state_parse(line, &campaign->id, &campaign->stop_time_s)) {
+        campaign_end(campaign);
+    }
+    return campaign->id != NO_CAMPAIGN;
+}
+
+void start_campaign(const campaign_line& line, timed_campaign* campaign) {
+    campaign->stop_time_s = static_cast<uint64_t>(line.duration_s) + campaign_now_s();
+    campaign->id = line.campaign_id;
+    campaign->duration_s = line.duration_s;
+}
+
+// Loads the parameters and remembers which downloaded file was there to be loaded.
+int load_params(collector_info* row, timed_campaign* campaign) {
+    campaign->seen = config_file_look(row->dl_cfg_file);
+    return vexastats_init_params(row);
+}
+
+bool is_over(const timed_campaign& campaign) {
+    return campaign_now_s() > campaign.stop_time_s;
+}
+
+}  // namespace
+
+campaign_change campaign_read_config(FILE* stream, collector_info* row, const campaign_kind& kind,
+                                     timed_campaign* campaign) {
+    if (!stream) return campaign_change::REFUSED;
+    char text[CAMPAIGN_LINE_SIZE];
+    campaign_line line;
+    if (!read_value_line(stream, text) || !campaign_line_parse(text, kind.key, &line) ||
+        line.client_id != row->hdr.client_id) {
+        LOGE("invalid %d config file. re-create. err:%d\n", static_cast<int>(row->hdr.client_id),
+             errno);
+        return campaign_change::REFUSED;
+    }
+    if (line.campaign_id == campaign->id) return campaign_change::ALREADY_ACTIVE;
+    row->size = std::clamp(line.size_bytes, 0, CAMPAIGN_SIZE_MAX_BYTES);
+    campaign_line_clamp(&line);
+    if (!take_masks(text, kind, line, campaign)) return campaign_change::NO_MEMORY;
+    if (goes_on_with_active(stream, campaign)) return campaign_change::GOES_ON;
+    start_campaign(line, campaign);
+    return campaign_change::STARTED;
+}
+
+int campaign_write_config(const collector_info& row, const campaign_kind& kind,
+                          const timed_campaign& campaign) {
+    char text[CAMPAIGN_FILE_SIZE];
+    const size_t len =
+        campaign_file_format(text, row.name, kind.key, row.hdr.client_id, row.size, campaign);
+    const int result = vexastats_replace_file(row.cfg_file, text, len);
+    if (result == 0) return 0;
+    LOGE("failed to open %s cfg. err:%d\n", row.cfg_file, -result);
+    return -EINVAL;
+}
+
+void campaign_end(timed_campaign* campaign) {
+    campaign->id = NO_CAMPAIGN;
+    campaign->stop_time_s = 0;
+}
+
+void campaign_reset(timed_campaign* campaign) {
+    campaign_end(campaign);
+    campaign->mask_count = 0;
+    campaign->masks.reset();
+    campaign->seen = {};
+}
+
+int campaign_wait_active(collector_info* row, const campaign_kind& kind, timed_campaign* campaign) {
+    const int result = load_params(row, campaign);
+    if (result != 0) {
+        LOGE("%s init_params failed. use default value\n", kind.loader);
+        return result;
+    }
+    LOGI("%sChecking for an active campaign", kind.state_prefix);
+    while (is_over(*campaign)) {
+        LOGI("%sWaiting on %s", kind.wait_prefix, row->dl_cfg_file);
+        campaign_wait_update(row, kind, *campaign);
+        if (stop_flag_is_raised(row->stop)) return -EINTR;
+        if (load_params(row, campaign) != 0) break;
+    }
+    LOGI("%sactive campaign: curr_time: %lu Stop Time %lu Campaign ID %d", kind.state_prefix,
+         static_cast<unsigned long>(vexastats_real_time_ms() / 1000),
+         static_cast<unsigned long>(campaign->stop_time_s), campaign->id);
+    return 0;
+}
+
+void campaign_wait_update(collector_info* row, const campaign_kind& kind,
+                          const timed_campaign& campaign) {
+    if (kind.logs_update_wait) LOGI("%s: \n", kind.update.caller);
+    vexastats_wait_config_update(row, campaign.seen, kind.update);
+}

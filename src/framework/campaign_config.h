@@ -1,0 +1,57 @@
+// What the collectors of timed campaigns (framework/timed_campaign.h) have in common: taking a
+// campaign from its configuration files, writing it back, and waiting until there is one. All
+// functions: the row's own thread.
+#pragma once
+
+#include <cstdio>
+
+#include "framework/collector_info.h"
+#include "framework/config_update.h"
+#include "framework/timed_campaign.h"
+
+// What one collector's campaigns are called, in the file and in the log.
+struct campaign_kind {
+    const char* tag = nullptr;           // of all messages
+    const char* key = nullptr;           // in the file's keys: "num_<key>_masks"
+    const char* title = nullptr;         // in messages: "<title> Mask"
+    const char* loader = nullptr;        // "<loader> init_params failed"
+    const char* state_prefix = nullptr;  // in front of "active campaign" and the search for one
+    const char* wait_prefix = nullptr;   // in front of "Waiting on"
+    config_update_texts update{};
+    bool logs_update_wait = false;  // the name of the function that waits for an update
+};
+
+enum class campaign_change {
+    REFUSED,         // no valid file for this row, logged; nothing has changed
+    ALREADY_ACTIVE,  // the file's campaign runs already; nothing has changed
+    NO_MEMORY,       // for the masks; there are none then
+    GOES_ON,         // the masks and the record's size are the file's, the campaign another
+    STARTED,
+};
+
+// Takes size and masks from a configuration file, and its campaign when the file says that it is to
+// start. A null stream is REFUSED without a message.
+campaign_change campaign_read_config(FILE* stream, collector_info* row, const campaign_kind& kind,
+                                     timed_campaign* campaign);
+
+// Replaces the row's local file by one with the campaign as it stands. Returns 0, or -EINVAL,
+// logged.
+int campaign_write_config(const collector_info& row, const campaign_kind& kind,
+                          const timed_campaign& campaign);
+
+// Ends the campaign in memory. The local file still names it, so the next load brings its number
+// back, with a stop time that has passed.
+void campaign_end(timed_campaign* campaign);
+
+// Forgets the campaign; its duration stays.
+void campaign_reset(timed_campaign* campaign);
+
+// Loads the parameters until there is a campaign whose stop time has not passed, waiting for
+// configuration updates in between. Returns 0, the loader's error, or -EINTR once the row's `stop`
+// is raised.
+int campaign_wait_active(collector_info* row, const campaign_kind& kind, timed_campaign* campaign);
+
+// Waits for the downloaded configuration file to come or change since it was last loaded, until the
+// row's `stop` is raised or a failure, which is logged.
+void campaign_wait_update(collector_info* row, const campaign_kind& kind,
+                          const timed_campaign& campaign);
