@@ -65,7 +65,8 @@ TEST_F(CampaignTool, ExplainFollowsTheRules) {
         "0x0100000A } mccMncEnablement { mcc: 262 mnc: [1, 2] } mccMncEnablement { mcc: 310 } } }");
     // Hours 1 and 3 are one period when the clock is put forward; the expiry cuts it short.
     EXPECT_THAT(sunday,
-                HasSubstr("where   262-1, 262-2, all of 310\n  expires Sun 2026-03-29 03:45\n"
+                HasSubstr("where   262-1, 262-2, all of 310\n  note    the phone keeps only the "
+                          "first of these networks\n  expires Sun 2026-03-29 03:45\n"
                           "    Sun 2026-03-29 01:00 - Sun 2026-03-29 03:45\n\n"));
     const std::string inner = std::string(EXPIRY) + "enablementAndLogic { ";
     const std::tuple<std::string, const char*> rows[] = {

@@ -102,6 +102,9 @@ std::string explain_accepted(candidate* c, const explain_options& options) {
     const auto out = std::back_inserter(text);
     fmt::format_to(out, "  when    {}\n", time_slices_in_words(entry));
     fmt::format_to(out, "  where   {}\n", networks_in_words(entry));
+    if ((entry.enablementType & CAMPAIGN_MCC_MNC_BASED) != 0 && entry.mccMncCount > 1) {
+        fmt::format_to(out, "  note    the phone keeps only the first of these networks\n");
+    }
     fmt::format_to(out, "  expires {}\n", expiry_in_words(entry.expiryValue));
     const auto warnings = warnings_of(*c, in_a_network, options);
     for (const auto& warning : warnings) fmt::format_to(out, "  warning: {}\n", warning);
