@@ -7,7 +7,9 @@
 
 #include "framework/clock.h"
 #include "framework/config.h"
+#include "framework/dload.h"
 #include "framework/files.h"
+#include "framework/optout.h"
 #include "platform/log.h"
 
 // Logged under the tag of the collector.
@@ -67,6 +69,20 @@ int load_params(collector_info* row, timed_campaign* campaign) {
     return vexastats_init_params(row);
 }
 
+// Returns 0 or the failure, logged.
+int request_config(const collector_info& row, const campaign_kind& kind) {
+    const dload_req request{.client_id = static_cast<int32_t>(row.hdr.client_id),
+                            .version = "1.0",
+                            .key = kind.config_file,
+                            .request_type = 1,
+                            .request_timer = 31536000,
+                            .conn_type = 1,
+                            .conn_timer = 360};
+    const int result = vexastats_dload_req(&request);
+    if (result != 0) LOGE("%s: dload request failed\n", kind.request_caller);
+    return result;
+}
+
 bool is_over(const timed_campaign& campaign) {
     return campaign_now_s() > campaign.stop_time_s;
 }
@@ -102,6 +118,27 @@ int campaign_write_config(const collector_info& row, const campaign_kind& kind,
     if (result == 0) return 0;
     LOGE("failed to open %s cfg. err:%d\n", row.cfg_file, -result);
     return -EINVAL;
+}
+
+bool campaign_begin(collector_info* row, const campaign_kind& kind, timed_campaign* campaign) {
+    campaign_reset(campaign);
+    vexastats_wait_dir_ready(row->down_dir, &row->stop);
+    if (request_config(*row, kind) != 0) {
+        if (stop_flag_is_raised(row->stop)) return false;
+        campaign_wait_update(row, kind, *campaign);
+    }
+    // Also after a failed request: nothing is collected without consent.
+    vexastats_wait_optin(row);
+    return row->enabled;
+}
+
+bool campaign_open_record(collector_info* row, const campaign_kind& kind, record_handle* handle) {
+    vexastats_record_close(handle);
+    record_init_req req{
+        .row = row, .dir = kind.record_dir, .prefix = kind.record_file, .resume = 0, .discard = 1};
+    handle->file = vexastats_record_init(&req);
+    if (!handle->file) LOGE("failed to open record file for %s collector\n", kind.key);
+    return handle->file != nullptr;
 }
 
 void campaign_end(timed_campaign* campaign) {

@@ -7,11 +7,16 @@
 
 #include "framework/collector_info.h"
 #include "framework/config_update.h"
+#include "framework/record.h"
 #include "framework/timed_campaign.h"
 
-// What one collector's campaigns are called, in the file and in the log.
+// What one collector's campaigns are called, in the file and in the log, and where its record is.
 struct campaign_kind {
-    const char* tag = nullptr;           // of all messages
+    const char* tag = nullptr;             // of all messages
+    const char* request_caller = nullptr;  // function named when the request for a file fails
+    const char* config_file = nullptr;     // name of the downloaded file
+    const char* record_dir = nullptr;
+    const char* record_file = nullptr;
     const char* key = nullptr;           // in the file's keys: "num_<key>_masks"
     const char* title = nullptr;         // in messages: "<title> Mask"
     const char* loader = nullptr;        // "<loader> init_params failed"
@@ -38,6 +43,15 @@ campaign_change campaign_read_config(FILE* stream, collector_info* row, const ca
 // logged.
 int campaign_write_config(const collector_info& row, const campaign_kind& kind,
                           const timed_campaign& campaign);
+
+// Asks the download agent for a configuration file, once there is a directory for it, and waits for
+// the owner's consent. Without the request's success it waits for a file first: deliberate. Returns
+// whether the row has something to do.
+bool campaign_begin(collector_info* row, const campaign_kind& kind, timed_campaign* campaign);
+
+// Begins a record for the next campaign; what the last one left behind is discarded. Returns false,
+// logged, when there is none.
+bool campaign_open_record(collector_info* row, const campaign_kind& kind, record_handle* handle);
 
 // Ends the campaign in memory. The local file still names it, so the next load brings its number
 // back, with a stop time that has passed.

@@ -12,6 +12,10 @@ namespace {
 
 constexpr campaign_kind KIND = {
     .tag = LOG_TAG,
+    .request_caller = "alog_monitor_set_cfg_dload_req",
+    .config_file = "alogstats.cfg",
+    .record_dir = "/data/vendor/vexastats/501",
+    .record_file = "alogstats.tmp",
     .key = "alog",
     .title = "Alog",
     .loader = "alog",
@@ -50,8 +54,12 @@ int alog_cfg_update_handler(collector_info* row) {
     return campaign_write_config(*row, KIND, g_alog_campaign);
 }
 
-void alog_campaign_reset() {
-    campaign_reset(&g_alog_campaign);
+bool alog_campaign_begin(collector_info* row) {
+    return campaign_begin(row, KIND, &g_alog_campaign);
+}
+
+bool alog_campaign_open_record(collector_info* row, record_handle* handle) {
+    return campaign_open_record(row, KIND, handle);
 }
 
 void alog_campaign_end() {

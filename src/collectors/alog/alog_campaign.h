@@ -2,13 +2,15 @@
 #pragma once
 
 #include "framework/collector_info.h"
+#include "framework/record.h"
 #include "framework/timed_campaign.h"
 
 // The campaign that runs, or none. The masks select nothing: they are logged and written back.
 extern timed_campaign g_alog_campaign;
 
-// Forgets the campaign; its duration stays.
-void alog_campaign_reset();
+// As campaign_begin and campaign_open_record.
+bool alog_campaign_begin(collector_info* row);
+bool alog_campaign_open_record(collector_info* row, record_handle* handle);
 
 // Ends the campaign in memory. The local file still names it, so the next load brings its number
 // back, with a stop time that has passed.

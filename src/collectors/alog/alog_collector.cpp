@@ -4,16 +4,10 @@
 
 #include "collectors/alog/alog_campaign.h"
 #include "collectors/alog/alog_record.h"
-#include "framework/dload.h"
-#include "framework/files.h"
 #include "framework/interruptible.h"
-#include "framework/optout.h"
 #include "platform/log.h"
 
 namespace {
-
-constexpr char RECORD_DIR[] = "/data/vendor/vexastats/501";
-constexpr char RECORD_FILE[] = "alogstats.tmp";
 
 struct alog_collector {
     collector_info* row = nullptr;
@@ -25,43 +19,6 @@ struct alog_collector {
 
 unsigned long now_s() {
     return static_cast<unsigned long>(campaign_now_s());
-}
-
-// Returns 0 or the failure, logged.
-int alog_monitor_set_cfg_dload_req(const collector_info* row) {
-    const dload_req request{.client_id = static_cast<int32_t>(row->hdr.client_id),
-                            .version = "1.0",
-                            .key = "alogstats.cfg",
-                            .request_type = 1,
-                            .request_timer = 31536000,
-                            .conn_type = 1,
-                            .conn_timer = 360};
-    const int result = vexastats_dload_req(&request);
-    if (result != 0) ALOGE("%s: dload request failed\n", __func__);
-    return result;
-}
-
-// Up to the owner's consent. Returns whether there is something to do.
-bool start(alog_collector* c) {
-    alog_campaign_reset();
-    vexastats_wait_dir_ready(c->row->down_dir, &c->row->stop);
-    if (alog_monitor_set_cfg_dload_req(c->row) != 0) {
-        if (c->stopped()) return false;
-        alog_collect_wait_for_config_update(c->row);
-    }
-    vexastats_wait_optin(c->row);
-    return c->row->enabled;
-}
-
-// Begins a record for the next campaign. What the last one left behind is discarded.
-bool open_record(alog_collector* c) {
-    vexastats_record_close(&c->record.handle);
-    c->record.row = c->row;
-    record_init_req req{
-        .row = c->row, .dir = RECORD_DIR, .prefix = RECORD_FILE, .resume = 0, .discard = 1};
-    c->record.handle.file = vexastats_record_init(&req);
-    if (!c->record.handle.file) ALOGE("failed to open record file for alog collector\n");
-    return c->record.handle.file != nullptr;
 }
 
 // ---- The campaign
@@ -104,7 +61,8 @@ void run_campaign(alog_collector* c) {
 
 // One cycle, from the wait for a campaign to the hand-over of its record.
 void run_cycle(alog_collector* c) {
-    if (!open_record(c)) return;
+    c->record.row = c->row;
+    if (!alog_campaign_open_record(c->row, &c->record.handle)) return;
     if (alog_monitor_get_campaign_config(c->row) != 0) return;
     if (alog_log_start(&c->record, &c->reader) != 0) return;
     run_campaign(c);
@@ -115,7 +73,7 @@ void run_cycle(alog_collector* c) {
 
 int alog_monitor(collector_info* row) {
     alog_collector collector{.row = row};
-    if (start(&collector)) {
+    if (alog_campaign_begin(row)) {
         run_cycle(&collector);
         while (!collector.stopped()) {
             alog_collect_wait_for_config_update(row);

@@ -11,6 +11,10 @@ namespace {
 
 constexpr campaign_kind KIND = {
     .tag = LOG_TAG,
+    .request_caller = "diag_monitor_set_cfg_dload_req",
+    .config_file = "diagstats.cfg",
+    .record_dir = "/data/vendor/vexastats/4",
+    .record_file = "diagstats.tmp",
     .key = "diag",
     .title = "Diag",
     .loader = "diag",
@@ -31,8 +35,12 @@ int diag_cfg_update_handler(collector_info* row) {
     return campaign_write_config(*row, KIND, g_diag_campaign);
 }
 
-void diag_campaign_reset() {
-    campaign_reset(&g_diag_campaign);
+bool diag_campaign_begin(collector_info* row) {
+    return campaign_begin(row, KIND, &g_diag_campaign);
+}
+
+bool diag_campaign_open_record(collector_info* row, record_handle* handle) {
+    return campaign_open_record(row, KIND, handle);
 }
 
 void diag_campaign_end() {

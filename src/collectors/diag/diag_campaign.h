@@ -2,13 +2,15 @@
 #pragma once
 
 #include "framework/collector_info.h"
+#include "framework/record.h"
 #include "framework/timed_campaign.h"
 
 // The campaign that runs, or none. Its masks are the log codes that the modem is asked for.
 extern timed_campaign g_diag_campaign;
 
-// Forgets the campaign; its duration stays.
-void diag_campaign_reset();
+// As campaign_begin and campaign_open_record.
+bool diag_campaign_begin(collector_info* row);
+bool diag_campaign_open_record(collector_info* row, record_handle* handle);
 
 // Ends the campaign in memory. The local file still names it, so the next load brings its number
 // back, with a stop time that has passed.

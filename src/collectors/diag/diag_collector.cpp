@@ -10,15 +10,9 @@
 #include "collectors/diag/diag_campaign.h"
 #include "collectors/diag/diag_notify.h"
 #include "collectors/diag/diag_session.h"
-#include "framework/dload.h"
-#include "framework/files.h"
-#include "framework/optout.h"
 #include "platform/log.h"
 
 namespace {
-
-constexpr char RECORD_DIR[] = "/data/vendor/vexastats/4";
-constexpr char RECORD_FILE[] = "diagstats.tmp";
 
 // The row that diag_dci_exit stops.
 std::atomic<collector_info*> g_row{nullptr};
@@ -32,45 +26,6 @@ struct diag_collector {
 
 unsigned long now_s() {
     return static_cast<unsigned long>(campaign_now_s());
-}
-
-// Returns 0 or the failure, logged.
-int diag_monitor_set_cfg_dload_req(const collector_info* row) {
-    const dload_req request{.client_id = static_cast<int32_t>(row->hdr.client_id),
-                            .version = "1.0",
-                            .key = "diagstats.cfg",
-                            .request_type = 1,
-                            .request_timer = 31536000,
-                            .conn_type = 1,
-                            .conn_timer = 360};
-    const int result = vexastats_dload_req(&request);
-    if (result != 0) ALOGE("%s: dload request failed\n", __func__);
-    return result;
-}
-
-// Up to the owner's consent. Returns whether there is something to do.
-bool start(diag_collector* c) {
-    diag_notify_install();
-    diag_campaign_reset();
-    vexastats_wait_dir_ready(c->row->down_dir, &c->row->stop);
-    if (diag_monitor_set_cfg_dload_req(c->row) != 0) {
-        if (c->stopped()) return false;
-        diag_collect_wait_for_config_update(c->row);
-    }
-    // Also after a failed request: nothing is collected without consent.
-    vexastats_wait_optin(c->row);
-    return c->row->enabled;
-}
-
-// Begins a record for the next campaign. What the last one left behind is discarded.
-bool open_record(diag_collector* c) {
-    vexastats_record_close(&c->record.handle);
-    c->record.row = c->row;
-    record_init_req req{
-        .row = c->row, .dir = RECORD_DIR, .prefix = RECORD_FILE, .resume = 0, .discard = 1};
-    c->record.handle.file = vexastats_record_init(&req);
-    if (!c->record.handle.file) ALOGE("failed to open record file for diag collector\n");
-    return c->record.handle.file != nullptr;
 }
 
 // Hands the record over, also an empty one: deliberate.
@@ -109,7 +64,8 @@ void run_campaign(diag_collector* c) {
 
 // One cycle, from the wait for a campaign to the hand-over of its record.
 void run_cycle(diag_collector* c) {
-    if (open_record(c)) {
+    c->record.row = c->row;
+    if (diag_campaign_open_record(c->row, &c->record.handle)) {
         const int result = diag_monitor_get_campaign_config(c->row);
         // Stopped before there was a campaign: there is nothing to hand over.
         if (result == -EINTR) return;
@@ -125,7 +81,8 @@ void run_cycle(diag_collector* c) {
 int diag_monitor(collector_info* row) {
     g_row = row;
     diag_collector collector{.row = row};
-    if (start(&collector)) {
+    diag_notify_install();
+    if (diag_campaign_begin(row)) {
         run_cycle(&collector);
         while (!collector.stopped()) {
             diag_collect_wait_for_config_update(row);

@@ -15,6 +15,7 @@
 
 #include "collectors/alog/alog_campaign.h"
 #include "collectors/alog/alog_record.h"
+#include "framework/campaign_config.h"
 #include "framework/optout.h"
 #include "platform/clock.h"
 #include "support/events.h"
@@ -59,7 +60,7 @@ class AlogCollector : public ::testing::Test {
         for (const char* dir : {UP_DIR, DOWN_DIR, RECORD_DIR}) fs::create_directories(dir);
         ASSERT_EQ(stop_flag_open(&row.stop), 0);
         row.enabled = 1;
-        alog_campaign_reset();
+        campaign_reset(&g_alog_campaign);
         // As the daemon has it: a handler, and the signal blocked in every thread.
         struct sigaction action = {};
         action.sa_handler = [](int) {};

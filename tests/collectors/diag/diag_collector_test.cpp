@@ -13,6 +13,7 @@
 #include "collectors/diag/diag_campaign.h"
 #include "collectors/diag/diag_notify.h"
 #include "collectors/diag/diag_session.h"
+#include "framework/campaign_config.h"
 #include "framework/optout.h"
 #include "platform/diag.h"
 #include "support/events.h"
@@ -43,7 +44,7 @@ class DiagCollector : public ::testing::Test {
         for (const char* dir : {UP_DIR, DOWN_DIR, RECORD_DIR}) fs::create_directories(dir);
         ASSERT_EQ(stop_flag_open(&row.stop), 0);
         row.enabled = 1;
-        diag_campaign_reset();
+        campaign_reset(&g_diag_campaign);
         platform_test_set_clock(platform_test_clock::MANUAL);
     }
     void TearDown() override {
