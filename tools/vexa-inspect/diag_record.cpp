@@ -46,7 +46,8 @@ std::vector<diag_packet> diag_record_packets(std::span<const uint8_t> payload) {
 
 void diag_record_add_json(const upload_file& file, json_object* object) {
     const auto packets = diag_record_packets(file.payload);
-    if (packets.empty() && !file.payload.empty()) (*object)["payload_hex"] = text_digits(file.payload);
+    if (packets.empty() && !file.payload.empty())
+        (*object)["payload_hex"] = text_digits(file.payload);
     auto& records = (*object)["records"] = json_object::array();
     for (const auto& packet : packets)
         records.push_back({{"offset", packet.offset},

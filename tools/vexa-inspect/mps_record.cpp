@@ -13,8 +13,8 @@
 
 namespace {
 
-using google::protobuf::io::CodedInputStream;
 using google::protobuf::internal::WireFormatLite;
+using google::protobuf::io::CodedInputStream;
 
 constexpr size_t DATA_HEAD_BYTES = 256;  // most bytes of a data file shown
 constexpr uint8_t HEADER_TAG = 0x0a;     // every record begins with its header
