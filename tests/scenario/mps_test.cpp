@@ -38,8 +38,7 @@ class MpsScenario : public ::testing::Test {
   protected:
     void SetUp() override {
         phone_reset();
-        for (const std::string& name : list_dir(DATA_DIR))
-            fs::remove(DATA_DIR + ("/" + name));
+        for (const std::string& name : list_dir(DATA_DIR)) fs::remove(DATA_DIR + ("/" + name));
         opt_in(6);
         fs::create_directories(std::string(DOWN_DIR) + "/6");
         deliver(101, "cdf.dat", campaign_file_bytes(campaign_from_text(CAMPAIGN)));

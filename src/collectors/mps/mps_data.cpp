@@ -4,7 +4,6 @@
 
 #include <errno.h>
 #include <limits.h>
-#include <malloc.h>
 #include <pb_encode.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -119,15 +118,6 @@ size_t encode_record(const mps_collection& collection, byte_source source, bool 
     return pb_encode(&stream, MpsDataRecord_fields, &record) ? stream.bytes_written : 0;
 }
 
-// An allocator keeps buffers of some tens of megabytes for the next ones.
-void give_memory_back() {
-#if defined(M_PURGE)
-    (void)mallopt(M_PURGE, 0);
-#elif defined(__GLIBC__)
-    (void)malloc_trim(0);
-#endif
-}
-
 // ---- Data files
 
 const data_marker* find_marker(const char* name) {
@@ -188,7 +178,6 @@ int mps_rfs_data_read(mps_collection* collection) {
         if (!entry) break;
         take_file(collection, entry->d_name, __func__);
     }
-    give_memory_back();
     return 0;
 }
 
