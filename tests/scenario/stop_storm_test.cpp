@@ -38,7 +38,8 @@ void churn_directories(unsigned seed, const std::atomic<bool>& end) {
         "/data/vendor/vexa",        "/data/vendor/vexa/up",     "/data/vendor/vexa/up/1",
         "/data/vendor/vexa/up/2",   "/data/vendor/vexa/up/5",   "/data/vendor/vexa/down",
         "/data/vendor/vexa/down/2", "/data/vendor/vexa/up/501", "/data/vendor/vexa/down/501",
-        "/data/vendor/vexa/up/4",   "/data/vendor/vexa/down/4"};
+        "/data/vendor/vexa/up/4",   "/data/vendor/vexa/down/4", "/data/vendor/vexa/up/6",
+        "/data/vendor/vexa/down/6"};
     std::error_code ignored;
     while (!end) {
         const fs::path dir = dirs[rnd() % std::size(dirs)];
@@ -103,7 +104,12 @@ void one_round(std::mt19937& rnd, tally* result) {
     std::optional<modem_thread> modem_side;
     if (rnd() % 4) modem_side.emplace();
     if (modem_side) modem_side->command("diag rate 0");
-    for (const int id : {1, 4, 5}) {
+    // A call to one that does not answer holds the stop for ten seconds: here a quarter of one.
+    if (modem_side && rnd() % 3 == 0) {
+        modem_side->command("vexa silent");
+        phone_set_clock("speed=40");
+    }
+    for (const int id : {1, 4, 5, 6}) {
         if (rnd() % 4) opt_in(id);
         if (rnd() % 2) fs::create_directories(std::string(DOWN_DIR) + "/" + std::to_string(id));
     }
