@@ -53,7 +53,16 @@ const std::string DATA_DIR = "/mnt/vendor/persist/hlos_rfs/shared/vexa/";
 // Fetch interval 0x258 = 600 s, LL delay 20 s, an LLL spec of one byte.
 const std::string LOGIC = hex_bytes("0a05 10d804 2814 1203 420107");
 
-enum request : char { REVISION = 1, PREPARE, PART, START, STOP, FETCH = 7, LLL_STOP = 9, LLL_START };
+enum request : char {
+    REVISION = 1,
+    PREPARE,
+    PART,
+    START,
+    STOP,
+    FETCH = 7,
+    LLL_STOP = 9,
+    LLL_START
+};
 
 class MpsCollector : public ::testing::Test {
   protected:
