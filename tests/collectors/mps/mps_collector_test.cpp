@@ -121,7 +121,7 @@ class MpsCollector : public ::testing::Test {
     }
     // Lets the time pass and waits for the request that a timer then leads to.
     void pass_s(int seconds) {
-        platform_test_advance_ms(seconds * 1000);
+        platform_test_advance_ms(int64_t{1000} * seconds);
         EXPECT_TRUE(platform_test_wait_log("mps_main: MPS_EVENT_TIMER\n", EVENT_LIMIT.count()));
         settle();
     }
