@@ -104,11 +104,6 @@ void one_round(std::mt19937& rnd, tally* result) {
     std::optional<modem_thread> modem_side;
     if (rnd() % 4) modem_side.emplace();
     if (modem_side) modem_side->command("diag rate 0");
-    // A call to one that does not answer holds the stop for ten seconds: here a quarter of one.
-    if (modem_side && rnd() % 3 == 0) {
-        modem_side->command("vexa silent");
-        phone_set_clock("speed=40");
-    }
     for (const int id : {1, 4, 5, 6}) {
         if (rnd() % 4) opt_in(id);
         if (rnd() % 2) fs::create_directories(std::string(DOWN_DIR) + "/" + std::to_string(id));
@@ -119,7 +114,13 @@ void one_round(std::mt19937& rnd, tally* result) {
     if (rnd() % 2) modem.reset(open("/dev/ramdump_microdump_modem", O_RDWR | O_CLOEXEC));
     if (modem) (void)!write(modem.get(), "half a dump\n", 12);
     if (rnd() % 8 == 0) fs::remove_all("/data/vendor/vexa");
-    if (rnd() % 8 == 0) phone_set_clock("real=1970-01-01T00:00:10Z");
+    std::string clock;
+    if (rnd() % 8 == 0) clock = "real=1970-01-01T00:00:10Z ";
+    if (modem_side && rnd() % 3 == 0) {  // a call holds the stop for ten seconds: a quarter of one
+        modem_side->command("vexa silent");
+        clock += "speed=40";
+    }
+    if (!clock.empty()) phone_set_clock(clock);
     const bool churning = rnd() % 2;
 
     std::atomic<bool> end{false};
