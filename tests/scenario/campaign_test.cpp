@@ -45,10 +45,6 @@ std::string new_events() {
     return events;
 }
 
-bool eventually_logged(const std::string& text) {
-    return eventually([&] { return phone_log().find(text) != std::string::npos; });
-}
-
 TEST(CampaignScenario, CampaignRunsInItsHourAtHomeUntilItExpires) {
     phone_reset();
     fs::create_directories(std::string(DOWN_DIR) + "/101");

@@ -25,9 +25,6 @@ class DaemonTest : public ::testing::Test {
     static bool logged(const std::string& text) {
         return phone_log().find(text) != std::string::npos;
     }
-    static bool eventually_logged(const std::string& text) {
-        return eventually([&] { return logged(text); });
-    }
 };
 
 // Without what the collectors log as they come and go, and without the monitor's failed read, which

@@ -1,9 +1,9 @@
 // The modem statistics collector in the whole daemon: from a campaign to uploads, with a modem that
 // behaves and one that does not.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <optional>
 
 #include "campaign_text.h"
@@ -12,13 +12,11 @@
 #include "scenario/daemon_process.h"
 #include "scenario/modem_thread.h"
 #include "scenario/uploads.h"
-#include "support/files.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char DATA_DIR[] = "/mnt/vendor/persist/hlos_rfs/shared/vexa";
 constexpr char CAMPAIGN[] = R"(entry {
   campaignId: 77 moduleId: 6 expiry { ExpType: 2 ExpValue: 4102444800 }
   enablementAndLogic { logic { mps { specs { collectionSpec: "collect" lllSpec: "lll" } } } } })";
@@ -30,8 +28,6 @@ class MpsScenario : public ::testing::Test {
   protected:
     void SetUp() override {
         phone_reset();
-        fs::remove_all(DATA_DIR);
-        fs::create_directories(DATA_DIR);
         fs::create_directories(std::string(DOWN_DIR) + "/6");
         opt_in(6);
         deliver(101, "cdf.dat", campaign_file_bytes(campaign_from_text(CAMPAIGN)));
@@ -42,9 +38,6 @@ class MpsScenario : public ::testing::Test {
         ASSERT_TRUE(eventually_logged("campaign_mgr_main:Going into poll"));
         ASSERT_TRUE(eventually_logged(until));
         phone_tell_subscription("/", 1, 262, 7);
-    }
-    static bool eventually_logged(const std::string& text) {
-        return eventually([&] { return phone_log().find(text) != std::string::npos; });
     }
     // Waits for the modem to say this, and forgets what it said before.
     bool modem_says(const std::string& text) {
@@ -57,9 +50,10 @@ class MpsScenario : public ::testing::Test {
     // The next upload that holds data.
     mps_record next_record() {
         const auto take = [&] {
-            for (const taken_upload& upload : take_uploads(6))
-                if (!upload.file.payload.empty())
-                    taken.push_back(mps_record_decode(upload.file.payload));
+            for (const taken_upload& upload : take_uploads(6)) {
+                const mps_record record = mps_record_decode(upload.file.payload);
+                if (!record.metrics.empty()) taken.push_back(record);
+            }
             return next < taken.size();
         };
         EXPECT_TRUE(eventually(take, milliseconds(60000)));
@@ -100,9 +94,10 @@ TEST_F(MpsScenario, MemoryOfLargeFilesComesBack) {
     start_daemon(READY);
     modem->command("vexa auto off");
     const auto resident_kb = [&] {
-        const std::string statm =
-            file_text("/.host/proc/" + std::to_string(daemon->pid()) + "/statm");
-        return std::stol(statm.substr(statm.find(' '))) * 4;
+        std::ifstream statm("/.host/proc/" + std::to_string(daemon->pid()) + "/statm");
+        long all_pages = 0, pages = 0;
+        statm >> all_pages >> pages;
+        return pages * 4;
     };
     const long before_kb = resident_kb();
     for (const size_t mb : {50, 20, 20}) {
