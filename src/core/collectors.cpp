@@ -8,6 +8,7 @@
 #include "collectors/gpu/gpu_collector.h"
 #include "collectors/microdump/microdump_collector.h"
 #include "collectors/microdump/microdump_config.h"
+#include "collectors/mps/mps_collector.h"
 #include "framework/clock.h"
 #include "framework/config.h"
 
@@ -70,6 +71,14 @@ constinit collector_info g_collectors[] = {
         .thread_func = microdump_monitor,
         .cfg_read_handler = microdump_cfg_read_handler,
         .cfg_update_handler = microdump_cfg_update_handler,
+    },
+    {
+        .name = "mps",
+        .up_dir = "/data/vendor/vexa/up/6",
+        .down_dir = "/data/vendor/vexa/down/6",
+        .cfg_file = "/data/vendor/vexastats/6/mps_collection_logic",
+        .hdr = {.client_id = 6, .data_type = DATA_TYPE_MPS, .rec_version = 1},
+        .thread_func = mps_main,
     },
     {
         .name = "alog_collector",

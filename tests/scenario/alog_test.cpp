@@ -55,9 +55,6 @@ class AlogTest : public ::testing::Test {
         phone_reset();
         fs::create_directories(std::string(DOWN_DIR) + "/501");
     }
-    static bool eventually_logged(const std::string& text) {
-        return eventually([&] { return phone_log().find(text) != std::string::npos; });
-    }
 };
 
 TEST_F(AlogTest, CampaignsEntriesAreUploadedByteForByte) {

@@ -1,14 +1,11 @@
 // A campaign's life in the whole daemon: delivered, switched on and off, restarted, expired.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
 
 #include "campaign.pb.h"
-#include "framework/unique_handle.h"
+#include "phone_control.h"
 #include "scenario/daemon_process.h"
 #include "support/files.h"
 
@@ -17,7 +14,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char STORED[] = "/data/vendor/vexastats/101";
-constexpr char SOCKET[] = "/dev/socket/vexa/vexa-campmgr-s";
 constexpr char START[] = "Setting event 256";
 constexpr uint64_t EXPIRY_S = 1709643600;  // 2024-03-05T13:00:00Z, a Tuesday
 
@@ -35,21 +31,6 @@ std::string ten_o_clock_campaign() {
     return std::string("\xCD\xF1\x00", 3) + map.SerializeAsString();
 }
 
-const std::string SUBSCRIPTION{"\0\0\0\2\0\0\0\x08\0\0\0\1\1\6\0\7", 16};
-const std::string ROAMING{"\0\0\0\1\0\0\0\1\1", 9};
-const std::string AT_HOME{"\0\0\0\1\0\0\0\1\0", 9};
-
-void tell(const std::string& message) {
-    const unique_fd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
-    strcpy(address.sun_path, SOCKET);
-    ASSERT_EQ(connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(send(client.get(), message.data(), message.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(message.size()));
-    char byte;
-    ASSERT_EQ(recv(client.get(), &byte, 1, 0), 0) << "handled, then closed";
-}
-
 // The order of start and stop events in the log since the last call.
 std::string new_events() {
     static size_t seen = 0;
@@ -62,10 +43,6 @@ std::string new_events() {
     }
     seen = log.size();
     return events;
-}
-
-bool eventually_logged(const std::string& text) {
-    return eventually([&] { return phone_log().find(text) != std::string::npos; });
 }
 
 TEST(CampaignScenario, CampaignRunsInItsHourAtHomeUntilItExpires) {
@@ -81,15 +58,15 @@ TEST(CampaignScenario, CampaignRunsInItsHourAtHomeUntilItExpires) {
         ASSERT_TRUE(
             eventually([&] { return !fs::exists(std::string(DOWN_DIR) + "/101/cdf.dat"); }));
         EXPECT_EQ(new_events(), "") << "no subscription is known yet";
-        tell(SUBSCRIPTION);
+        phone_tell_subscription("/", 1, 262, 7);
         EXPECT_EQ(new_events(), "-+");
-        tell(ROAMING);
+        phone_tell_roaming("/", true);
         EXPECT_EQ(new_events(), "-");
-        tell(AT_HOME);
+        phone_tell_roaming("/", false);
         EXPECT_EQ(new_events(), "-+");
         phone_set_clock("real=2024-03-05T11:00:00Z boot=100");
         EXPECT_EQ(new_events(), "");
-        tell(AT_HOME);
+        phone_tell_roaming("/", false);
         EXPECT_EQ(new_events(), "-") << "its hour is over";
         EXPECT_TRUE(daemon.stop());
     }
@@ -97,7 +74,7 @@ TEST(CampaignScenario, CampaignRunsInItsHourAtHomeUntilItExpires) {
     phone_set_clock("real=2024-03-05T10:59:00Z boot=200");
     daemon_process daemon({"TZ=UTC0"});
     ASSERT_TRUE(eventually_logged("campaign_mgr_main:Going into poll"));
-    tell(SUBSCRIPTION);
+    phone_tell_subscription("/", 1, 262, 7);
     EXPECT_EQ(new_events(), "-+") << "it did not survive the restart";
     // Again and again: a jump that comes just before the wait begins does not end it.
     int boot_s = 0;
@@ -107,7 +84,7 @@ TEST(CampaignScenario, CampaignRunsInItsHourAtHomeUntilItExpires) {
         return new_events() == "-";
     })) << phone_log();
     phone_set_clock("real=2024-03-05T10:59:00Z boot=" + std::to_string(boot_s));
-    tell(AT_HOME);
+    phone_tell_roaming("/", false);
     EXPECT_EQ(new_events(), "") << "it is gone, also for a clock that goes back";
     EXPECT_TRUE(fs::exists(file));
     EXPECT_TRUE(daemon.stop());

@@ -55,6 +55,10 @@ std::string phone_log() {
     return text;
 }
 
+bool eventually_logged(const std::string& text) {
+    return eventually([&] { return phone_log().find(text) != std::string::npos; });
+}
+
 void opt_in(int client_id) {
     fs::create_directory(fs::path(UP_DIR) / std::to_string(client_id));
 }

@@ -34,6 +34,9 @@ void deliver(int client_id, const std::string& name, const std::string& text);
 template <class Condition>
 bool eventually(Condition condition, milliseconds limit = milliseconds(10000));
 
+// Waits until the main log has this text in it.
+bool eventually_logged(const std::string& text);
+
 class daemon_process : public child_process {
   public:
     explicit daemon_process(const std::vector<std::string>& environment = {});

@@ -25,9 +25,6 @@ class DaemonTest : public ::testing::Test {
     static bool logged(const std::string& text) {
         return phone_log().find(text) != std::string::npos;
     }
-    static bool eventually_logged(const std::string& text) {
-        return eventually([&] { return logged(text); });
-    }
 };
 
 // Without what the collectors log as they come and go, and without the monitor's failed read, which
@@ -62,6 +59,7 @@ TEST_F(DaemonTest, AnnouncesItselfAndEndsInOrder) {
               "gpu_collector Terminated\n"
               "cpu_collector Terminated\n"
               "microdump_collector Terminated\n"
+              "mps Terminated\n"
               "alog_collector Terminated\n"
               "property_set vendor.orb.vexa.enabled 0\n"
               "vexastatsd stopped\n");

@@ -95,9 +95,6 @@ class DiagTest : public ::testing::Test {
         modem.command("diag size " + std::to_string(SIZE_MIN) + " " +
                       std::to_string(SIZE_MAX_BYTES));
     }
-    static bool eventually_logged(const std::string& text) {
-        return eventually([&] { return phone_log().find(text) != std::string::npos; });
-    }
     // The modem's count of packets sent, once the daemon has gone.
     uint64_t sent() {
         EXPECT_TRUE(eventually([&] {

@@ -38,7 +38,8 @@ void churn_directories(unsigned seed, const std::atomic<bool>& end) {
         "/data/vendor/vexa",        "/data/vendor/vexa/up",     "/data/vendor/vexa/up/1",
         "/data/vendor/vexa/up/2",   "/data/vendor/vexa/up/5",   "/data/vendor/vexa/down",
         "/data/vendor/vexa/down/2", "/data/vendor/vexa/up/501", "/data/vendor/vexa/down/501",
-        "/data/vendor/vexa/up/4",   "/data/vendor/vexa/down/4"};
+        "/data/vendor/vexa/up/4",   "/data/vendor/vexa/down/4", "/data/vendor/vexa/up/6",
+        "/data/vendor/vexa/down/6"};
     std::error_code ignored;
     while (!end) {
         const fs::path dir = dirs[rnd() % std::size(dirs)];
@@ -103,7 +104,7 @@ void one_round(std::mt19937& rnd, tally* result) {
     std::optional<modem_thread> modem_side;
     if (rnd() % 4) modem_side.emplace();
     if (modem_side) modem_side->command("diag rate 0");
-    for (const int id : {1, 4, 5}) {
+    for (const int id : {1, 4, 5, 6}) {
         if (rnd() % 4) opt_in(id);
         if (rnd() % 2) fs::create_directories(std::string(DOWN_DIR) + "/" + std::to_string(id));
     }
@@ -113,7 +114,13 @@ void one_round(std::mt19937& rnd, tally* result) {
     if (rnd() % 2) modem.reset(open("/dev/ramdump_microdump_modem", O_RDWR | O_CLOEXEC));
     if (modem) (void)!write(modem.get(), "half a dump\n", 12);
     if (rnd() % 8 == 0) fs::remove_all("/data/vendor/vexa");
-    if (rnd() % 8 == 0) phone_set_clock("real=1970-01-01T00:00:10Z");
+    std::string clock;
+    if (rnd() % 8 == 0) clock = "real=1970-01-01T00:00:10Z ";
+    if (modem_side && rnd() % 3 == 0) {  // a call holds the stop for ten seconds: a quarter of one
+        modem_side->command("vexa silent");
+        clock += "speed=40";
+    }
+    if (!clock.empty()) phone_set_clock(clock);
     const bool churning = rnd() % 2;
 
     std::atomic<bool> end{false};

@@ -1,16 +1,16 @@
 #include "modem/modem.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+
+#include "phone/socket_address.h"
 
 namespace {
 
@@ -23,22 +23,12 @@ constexpr int BACKLOG = 16;
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-// Binds through the directory's descriptor: its path may be longer than an address has room for.
 unique_fd listen_at(const fs::path& path) {
     fs::create_directories(path.parent_path());
-    const unique_fd dir(open(path.parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!dir) fail(path.parent_path());
     fs::remove(path);
-    const std::string reached =
-        "/proc/self/fd/" + std::to_string(dir.get()) + "/" + path.filename().string();
-    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
-    if (reached.size() >= sizeof address.sun_path) {
-        errno = ENAMETOOLONG;
-        fail(path);
-    }
-    reached.copy(address.sun_path, sizeof address.sun_path - 1);
+    const socket_address address(path);
     unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd || bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+    if (!fd || bind(fd.get(), address.get(), address.size()) != 0 ||
         ::listen(fd.get(), BACKLOG) != 0) {
         fail(path);
     }

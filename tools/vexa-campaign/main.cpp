@@ -1,4 +1,5 @@
-// vexa-campaign: writes campaign files, shows them, and says when their campaigns will run.
+// vexa-campaign: writes campaign files, shows them, says when their campaigns will run, and tells a
+// phone's daemon what decides about that.
 #include <fmt/format.h>
 #include <stdlib.h>
 #include <time.h>
@@ -9,9 +10,11 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "campaign_explain.h"
 #include "campaign_text.h"
+#include "phone_control.h"
 
 namespace {
 
@@ -19,7 +22,8 @@ constexpr int EXIT_DAMAGED = 1;
 constexpr int EXIT_USAGE = 2;
 
 struct arguments {
-    std::string file;
+    std::string file;  // or the phone's directory
+    std::vector<std::string> words;
     std::string output;
     std::string zone;
     std::string from;
@@ -57,11 +61,38 @@ void explain(const arguments& args) {
     fmt::print("{}", campaign_explain(campaign_file_split(args.file), options));
 }
 
+unsigned long number(const std::string& word, unsigned long max) {
+    size_t used = 0;
+    unsigned long value = 0;
+    try {
+        value = std::stoul(word, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    if (used == 0 || used != word.size() || value > max)
+        throw std::runtime_error(word + " is no number up to " + std::to_string(max));
+    return value;
+}
+
+void tell(const arguments& args) {
+    const auto& words = args.words;
+    if (words[0] == "roaming" && words.size() == 2) {
+        phone_tell_roaming(args.file, number(words[1], 1) == 1);
+    } else if (words[0] == "sub" && words.size() == 4) {
+        phone_tell_subscription(args.file, static_cast<uint32_t>(number(words[1], UINT32_MAX)),
+                                static_cast<uint16_t>(number(words[2], UINT16_MAX)),
+                                static_cast<uint16_t>(number(words[3], UINT16_MAX)));
+    } else {
+        throw std::runtime_error("tell what? roaming 0|1, or sub ID MCC MNC");
+    }
+}
+
 int run(const CLI::App& app, const arguments& args) {
     try {
         if (app.got_subcommand("encode")) encode(args);
         if (app.got_subcommand("decode")) decode(args);
         if (app.got_subcommand("explain")) explain(args);
+        if (app.got_subcommand("tell")) tell(args);
     } catch (const std::exception& error) {
         fmt::print(stderr, "vexa-campaign: {}: {}\n", args.file, error.what());
         return EXIT_DAMAGED;
@@ -89,6 +120,10 @@ int parse_and_run(int argc, char** argv) {
         "first moment, like 2026-11-23T08:00:00, with a Z for UTC (default: now)");
     explainer->add_option("--days", args.days, "how many days (default: 7)")
         ->check(CLI::Range(1, 3660));
+    auto* teller =
+        app.add_subcommand("tell", "tells the daemon in a phone what another process would");
+    teller->add_option("DIR", args.file, "the phone's directory")->required();
+    teller->add_option("WORDS", args.words, "roaming 0|1, or sub ID MCC MNC")->required();
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -9,13 +9,6 @@ namespace {
 
 constexpr size_t HEADER_SIZE = 16;
 
-std::string hex(std::span<const uint8_t> bytes) {
-    std::string text;
-    text.reserve(bytes.size() * 2);
-    for (const uint8_t byte : bytes) text += fmt::format("{:02x}", byte);
-    return text;
-}
-
 std::string packet_table(const std::vector<diag_packet>& packets, size_t max_rows) {
     std::vector<std::vector<std::string>> rows;
     for (const auto& packet : packets) {
@@ -53,7 +46,8 @@ std::vector<diag_packet> diag_record_packets(std::span<const uint8_t> payload) {
 
 void diag_record_add_json(const upload_file& file, json_object* object) {
     const auto packets = diag_record_packets(file.payload);
-    if (packets.empty() && !file.payload.empty()) (*object)["payload_hex"] = hex(file.payload);
+    if (packets.empty() && !file.payload.empty())
+        (*object)["payload_hex"] = text_digits(file.payload);
     auto& records = (*object)["records"] = json_object::array();
     for (const auto& packet : packets)
         records.push_back({{"offset", packet.offset},
@@ -61,7 +55,7 @@ void diag_record_add_json(const upload_file& file, json_object* object) {
                            {"log_code", packet.log_code},
                            {"time_stamp", packet.time_stamp},
                            {"sequence", packet.sequence},
-                           {"data_hex", hex(packet.data)}});
+                           {"data_hex", text_digits(packet.data)}});
 }
 
 std::string diag_record_report(const upload_file& file, const report_options& options) {

@@ -7,6 +7,7 @@
 #include "diag_record.h"
 #include "gpu_record.h"
 #include "microdump_record.h"
+#include "mps_record.h"
 #include "text.h"
 
 namespace {
@@ -38,6 +39,12 @@ constexpr record_format formats[] = {
      .name = "modem crash dumps",
      .add_json = microdump_record_add_json,
      .report = microdump_record_report},
+    {.client_id = 6,
+     .rec_version = 1,
+     .data_type = 4,
+     .name = "modem statistics",
+     .add_json = mps_record_add_json,
+     .report = mps_record_report},
     {.client_id = 501,
      .rec_version = 1,
      .data_type = 1,
@@ -47,9 +54,7 @@ constexpr record_format formats[] = {
 };
 
 void add_unknown_json(const upload_file& file, json_object* object) {
-    std::string hex;
-    for (const uint8_t byte : file.payload) hex += fmt::format("{:02x}", byte);
-    (*object)["payload_hex"] = hex;
+    (*object)["payload_hex"] = text_digits(file.payload);
     (*object)["records"] = json_object::array();
 }
 

@@ -97,6 +97,17 @@ std::string text_printable(const std::string& bytes) {
     return text;
 }
 
+std::string text_digits(std::span<const uint8_t> bytes) {
+    std::string text;
+    text.reserve(bytes.size() * 2);
+    for (const uint8_t byte : bytes) text += fmt::format("{:02x}", byte);
+    return text;
+}
+
+std::string text_digits(const std::string& bytes) {
+    return text_digits({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
+}
+
 std::string text_hex(std::span<const uint8_t> bytes, size_t max_bytes) {
     const auto shown = bytes.first(std::min(bytes.size(), max_bytes));
     std::string text;

@@ -31,5 +31,9 @@ std::string text_duration(uint64_t ms);
 // Everything but printable ASCII as \xNN, so that a name cannot steer the terminal.
 std::string text_printable(const std::string& bytes);
 
+// Two digits a byte, without anything between them.
+std::string text_digits(std::span<const uint8_t> bytes);
+std::string text_digits(const std::string& bytes);
+
 // Sixteen bytes a line, at most `max_bytes` of them, and how many are left out.
 std::string text_hex(std::span<const uint8_t> bytes, size_t max_bytes);

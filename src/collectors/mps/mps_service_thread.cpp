@@ -3,6 +3,7 @@
 #include "collectors/mps/mps_service_thread.h"
 
 #include "collectors/mps/mps_kbr.h"
+#include "framework/stop.h"
 #include "mps_events/mps_events.h"
 #include "platform/log.h"
 
@@ -10,13 +11,15 @@ void mps_kbr_event_cb(uint32_t event) {
     mps_set_event(event);
 }
 
-void* kbr_handler(void*) {
+void* kbr_handler(void* arg) {
+    const auto* stop = static_cast<const stop_flag*>(arg);
     int result = mps_kbr_init();
     if (result != 0) {
         ALOGE("%s: failed to init kbr. err:%d", __func__, result);
         return nullptr;
     }
     mps_kbr_register_cb(mps_kbr_event_cb);
+    if (stop && stop_flag_is_raised(*stop)) return nullptr;  // the request may take ten seconds
     mps_service_revision revision;
     result = mps_kbr_get_service_rev(&revision.major, &revision.minor);
     if (result != 0) {

@@ -5,8 +5,9 @@
 
 // Body of the service thread: connects, asks for the service's revision and raises
 // MPS_EVENT_KBR_READY. It tries once: after a failure, which is logged, the collector is not ready
-// for the rest of the process's life. The argument is not used; returns null.
-void* kbr_handler(void* unused);
+// for the rest of the process's life. The argument is the stop_flag to look at before the request,
+// or null; returns null.
+void* kbr_handler(void* stop);
 
 // Raises an event of the collector, for mps_kbr_register_cb.
 void mps_kbr_event_cb(uint32_t event);

@@ -1,0 +1,249 @@
+#define LOG_TAG "vexastatsd"
+
+#include "collectors/mps/mps_collector.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <sys/stat.h>
+
+#include "campaign/campaign_mgr.h"
+#include "campaign/mps_campaign_desc.h"
+#include "collectors/mps/mps_data.h"
+#include "collectors/mps/mps_kbr.h"
+#include "collectors/mps/mps_service_thread.h"
+#include "collectors/mps/mps_timers.h"
+#include "framework/clock.h"
+#include "framework/files.h"
+#include "framework/optout.h"
+#include "mps_events/mps_events.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr char MAIN[] = "mps_main";
+constexpr char STATS_DIR[] = "/data/vendor/vexastats/6";
+constexpr uint32_t FETCH_INTERVAL_MIN_S = 300;
+
+struct mps_collector {
+    collector_info* row = nullptr;
+    mps_collection collection{};
+    pthread_t service_thread{};
+    bool has_service_thread = false;
+    bool service_ready = false;
+    bool flush_pending = false;  // a stop has flushed the service, its data have not come yet
+    uint32_t fetch_interval_s = FETCH_INTERVAL_MIN_S;
+
+    bool stopped() const { return stop_flag_is_raised(row->stop); }
+};
+
+// ---- Start
+
+bool open_record(mps_collector* c) {
+    if (!mps_open_record(&c->collection)) {
+        ALOGE("failed to open record file for cpu\n");
+        return false;
+    }
+    if (!is_dir_exist(STATS_DIR) && mkdir(STATS_DIR, 0700) != 0) {
+        ALOGE("failed to create %s. err:%d\n", STATS_DIR, errno);
+        return false;
+    }
+    return true;
+}
+
+bool start_service_thread(mps_collector* c) {
+    const int error = pthread_create(&c->service_thread, nullptr, kbr_handler, &c->row->stop);
+    c->has_service_thread = error == 0;
+    if (error == 0) return true;
+    ALOGE("%s: failed to create thread. err:%d\n", MAIN, error);
+    ALOGE("%s: failed to register kbr handler\n", MAIN);
+    return false;
+}
+
+bool start(mps_collector* c) {
+    vexastats_wait_optin(c->row);
+    if (!c->row->enabled) return false;
+    vexastats_wait_dir_ready(c->row->down_dir, &c->row->stop);
+    if (c->stopped() || !open_record(c)) return false;
+    mps_kbr_register_ll_delay_timer(mps_start_ll_delay_timer);
+    if (!start_service_thread(c)) return false;
+    mps_timer_create(MPS_TIMER_LL_DELAY, c->row->stop);
+    mps_timer_create(MPS_TIMER_FETCH, c->row->stop);
+    return true;
+}
+
+// ---- The fetch timer
+
+void start_fetch_timer(const mps_collector& c) {
+    if (!mps_timer_exists(MPS_TIMER_FETCH)) return;
+    ALOGI("Starting fetch timer for  %d secs", static_cast<int>(c.fetch_interval_s));
+    const int error = mps_timer_set(MPS_TIMER_FETCH, c.fetch_interval_s);
+    if (error != 0) ALOGE("Failed to start timer err:%d", error);
+}
+
+void stop_fetch_timer() {
+    if (!mps_timer_exists(MPS_TIMER_FETCH)) return;
+    ALOGI("Stopping fetch timer");
+    const int error = mps_timer_set(MPS_TIMER_FETCH, 0);
+    if (error != 0) ALOGE("Failed to stop timer err:%d", error);
+}
+
+// Both timers expired together are served by nobody, then or later: deliberate.
+void mps_handle_timer_expiry(const mps_collector& c) {
+    switch (mps_timers_expired()) {
+        case MPS_TIMER_FETCH:
+            mps_clear_timer_expired(MPS_TIMER_FETCH);
+            (void)mps_kbr_fetch_results();
+            start_fetch_timer(c);
+            return;
+        case MPS_TIMER_LL_DELAY:
+            mps_clear_timer_expired(MPS_TIMER_LL_DELAY);
+            (void)mps_kbr_send_lll_start_req();
+            return;
+        default:
+            return;
+    }
+}
+
+// ---- A campaign's start
+
+// Hands the campaign to the modem. Returns whether the collection runs.
+bool start_collection(const mps_collector& c, const owned_bytes& logic, uint32_t subscription_id,
+                      MpsCampaign* campaign) {
+    if (!mps_campaign_desc_decode_from_buffer(logic.bytes.get(), logic.length, campaign)) {
+        ALOGE("%s: Could not decode mps campaign desc from buffer\n", MAIN);
+    }
+    return mps_kbr_init_mpss_bsi(campaign, subscription_id, c.row->stop) == 0;
+}
+
+void note_collection(mps_collector* c, const MpsCampaign& campaign, uint32_t campaign_id) {
+    if (campaign.bsiBufferFetchIntSec > FETCH_INTERVAL_MIN_S) {
+        c->fetch_interval_s = campaign.bsiBufferFetchIntSec;
+    }
+    start_fetch_timer(*c);
+    c->row->hdr.campaign_id = campaign_id;
+    c->collection.start = mps_time_now();
+}
+
+// ---- Events, each cleared by what serves it
+
+void serve_campaign_stop(mps_collector* c) {
+    mps_clear_event(MPS_EVENT_CAMPAIGN_STOP);
+    if (mps_kbr_stop_flush_bsi() == 0) c->flush_pending = true;
+    stop_fetch_timer();
+    ALOGI("Stopped BSI");
+}
+
+void serve_service_ready(mps_collector* c) {
+    mps_clear_event(MPS_EVENT_KBR_READY);
+    ALOGI("%s: MPS_EVENT_KBR_READY\n", MAIN);
+    c->service_ready = true;
+}
+
+void serve_send_complete(mps_collector* c) {
+    ALOGI("%s: MPS_EVENT_SEND_COMPLETE\n", MAIN);
+    mps_clear_event(MPS_EVENT_SEND_COMPLETE);
+    (void)mps_rfs_data_read(&c->collection);
+    if (c->stopped()) return;
+    (void)mps_kbr_send_lll_stop_req();
+    if (c->flush_pending) c->row->hdr.campaign_id = 0;  // the campaign is over
+    c->flush_pending = false;
+}
+
+void serve_campaign_start(mps_collector* c) {
+    if (!c->service_ready || c->flush_pending) return;  // in a later pass
+    MpsCampaign campaign;
+    phone_state phone;
+    mps_clear_event(MPS_EVENT_CAMPAIGN_START);
+    owned_bytes logic;
+    uint32_t campaign_id = 0;
+    campaign_mgr_get_campaign(CAMPAIGN_MPS_MODULE, &logic, &campaign_id);
+    (void)campaign_mgr_get_ph_info(&phone);
+    if (!logic.bytes || phone.default_sub == CAMPAIGN_INVALID_SUB) {
+        ALOGE("CL data not injected 0x%x KBR Init State %s Default Sub id = %d",
+              static_cast<unsigned>(logic.length), c->service_ready ? "TRUE" : "FALSE",
+              static_cast<int>(phone.default_sub));
+        return;
+    }
+    if (start_collection(*c, logic, phone.default_sub, &campaign)) {
+        note_collection(c, campaign, campaign_id);
+    }
+}
+
+void serve_buffer_full(mps_collector*) {
+    ALOGI("%s: MPS_EVENT_BUFFER_FULL\n", MAIN);
+    mps_clear_event(MPS_EVENT_BUFFER_FULL);
+    (void)mps_kbr_fetch_results();
+}
+
+void serve_modem_restart(mps_collector*) {
+    ALOGI("%s: MPS_EVENT_MODEM_RESTART\n", MAIN);
+    mps_clear_event(MPS_EVENT_MODEM_RESTART);
+}
+
+void serve_fetch_timer(mps_collector* c) {
+    ALOGI("%s: MPS_EVENT_FETCH_TIMER\n", MAIN);
+    mps_clear_event(MPS_EVENT_FETCH_TIMER);
+    (void)mps_kbr_fetch_results();
+    start_fetch_timer(*c);
+}
+
+void serve_timer(mps_collector* c) {
+    ALOGI("%s: MPS_EVENT_TIMER\n", MAIN);
+    mps_clear_event(MPS_EVENT_TIMER);
+    mps_handle_timer_expiry(*c);
+}
+
+struct event_server {
+    uint32_t event = 0;
+    void (*serve)(mps_collector* c) = nullptr;
+};
+
+// In the order in which the events of one pass are served.
+constexpr event_server EVENTS[] = {
+    {.event = MPS_EVENT_CAMPAIGN_STOP, .serve = serve_campaign_stop},
+    {.event = MPS_EVENT_KBR_READY, .serve = serve_service_ready},
+    {.event = MPS_EVENT_SEND_COMPLETE, .serve = serve_send_complete},
+    {.event = MPS_EVENT_CAMPAIGN_START, .serve = serve_campaign_start},
+    {.event = MPS_EVENT_BUFFER_FULL, .serve = serve_buffer_full},
+    {.event = MPS_EVENT_MODEM_RESTART, .serve = serve_modem_restart},
+    {.event = MPS_EVENT_FETCH_TIMER, .serve = serve_fetch_timer},
+    {.event = MPS_EVENT_TIMER, .serve = serve_timer},
+};
+
+// Serves the events that are there now; what is raised meanwhile comes in the next pass.
+void run_pass(mps_collector* c) {
+    const uint32_t events = mps_events();
+    ALOGI("Got event %d %d\n", static_cast<int>(events), vexastats_timezone_min());
+    for (const event_server& server : EVENTS) {
+        if (c->stopped()) return;  // each may have waited for the modem
+        if (events & server.event) server.serve(c);
+    }
+    ALOGI("%s: Signal Sent while processing %d Events Remaining %d\n", MAIN,
+          static_cast<int>(mps_signal_count()), static_cast<int>(events));
+    mps_wait_for_signal(c->row->stop);
+    vexastats_wait_optin(c->row);
+}
+
+// ---- End
+
+// The service thread uses the client, and the client's last call may start a timer.
+void end(mps_collector* c) {
+    stop_flag_raise(&c->row->stop);
+    if (c->has_service_thread) {
+        (void)pthread_join(c->service_thread, nullptr);
+        mps_kbr_client_release();
+    }
+    mps_timers_end();
+    vexastats_record_close(&c->collection.record);
+}
+
+}  // namespace
+
+int mps_main(collector_info* collector) {
+    mps_collector c{.row = collector, .collection = {.row = collector}};
+    if (start(&c)) {
+        while (!c.stopped()) run_pass(&c);
+    }
+    end(&c);
+    return 0;
+}

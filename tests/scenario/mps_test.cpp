@@ -1,0 +1,128 @@
+// The modem statistics collector in the whole daemon: from a campaign to uploads, with a modem that
+// behaves and one that does not.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+
+#include "campaign_text.h"
+#include "mps_record.h"
+#include "phone_control.h"
+#include "scenario/daemon_process.h"
+#include "scenario/modem_thread.h"
+#include "scenario/uploads.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char CAMPAIGN[] = R"(entry {
+  campaignId: 77 moduleId: 6 expiry { ExpType: 2 ExpValue: 4102444800 }
+  enablementAndLogic { logic { mps { specs { collectionSpec: "collect" lllSpec: "lll" } } } } })";
+constexpr char STARTED[] = "collection started: static 0 collection 7 context 0 lll 3";
+constexpr char READY[] = "mps_main: MPS_EVENT_KBR_READY";
+constexpr char FLUSH_LOST[] = "mps_kbr_stop_flush_bsi: Failed to send STOPFlush err = -5";
+
+class MpsScenario : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        phone_reset();
+        fs::create_directories(std::string(DOWN_DIR) + "/6");
+        opt_in(6);
+        deliver(101, "cdf.dat", campaign_file_bytes(campaign_from_text(CAMPAIGN)));
+    }
+    void start_daemon(const std::string& until) {
+        fs::remove("/dev/log/main");
+        daemon.emplace();
+        ASSERT_TRUE(eventually_logged("campaign_mgr_main:Going into poll"));
+        ASSERT_TRUE(eventually_logged(until));
+        phone_tell_subscription("/", 1, 262, 7);
+    }
+    // Waits for the modem to say this, and forgets what it said before.
+    bool modem_says(const std::string& text) {
+        return eventually([&] {
+            const size_t at = modem->output().find(text, heard);
+            if (at != std::string::npos) heard = at + text.size();
+            return at != std::string::npos;
+        });
+    }
+    // The next upload that holds data.
+    mps_record next_record() {
+        const auto take = [&] {
+            for (const taken_upload& upload : take_uploads(6)) {
+                const mps_record record = mps_record_decode(upload.file.payload);
+                if (!record.metrics.empty()) taken.push_back(record);
+            }
+            return next < taken.size();
+        };
+        EXPECT_TRUE(eventually(take, milliseconds(60000)));
+        return taken.at(next++);
+    }
+
+    std::optional<modem_thread> modem{std::in_place};
+    std::optional<daemon_process> daemon;
+    std::vector<mps_record> taken;
+    size_t next = 0, heard = 0;
+};
+
+TEST_F(MpsScenario, CampaignLeadsToUploadsThroughStopFlushAndRestart) {
+    start_daemon(READY);
+    ASSERT_TRUE(modem_says(STARTED)) << phone_log();
+    modem->command("vexa buffer-full 1");
+    const mps_record first = next_record();
+    EXPECT_EQ(first.campaign_id, 77u);
+    EXPECT_EQ(first.metrics.at(0).data.substr(0, 15), "hda_data_1.bin\n");
+    EXPECT_EQ(first.metrics[0].start.collection_state, 2u);
+    EXPECT_LE(first.metrics[0].start.realtime_ms, first.metrics[0].end.realtime_ms);
+    ASSERT_TRUE(modem_says("LLL stop"));
+    phone_tell_roaming("/", true);
+    ASSERT_TRUE(modem_says("stop and flush: field 16 1"));
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(next_record().campaign_id, 77u);
+    phone_tell_roaming("/", false);
+    ASSERT_TRUE(modem_says(STARTED)) << phone_log();
+    EXPECT_TRUE(daemon->stop());
+    start_daemon(READY);
+    ASSERT_TRUE(modem_says(STARTED)) << phone_log();
+    EXPECT_TRUE(daemon->stop());
+}
+
+TEST_F(MpsScenario, MemoryOfLargeFilesComesBack) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer keeps what is freed";
+#endif
+    start_daemon(READY);
+    modem->command("vexa auto off");
+    const auto resident_kb = [&] {
+        std::ifstream statm("/.host/proc/" + std::to_string(daemon->pid()) + "/statm");
+        long all_pages = 0, pages = 0;
+        statm >> all_pages >> pages;
+        return pages * 4;
+    };
+    const long before_kb = resident_kb();
+    for (const size_t mb : {50, 20, 20}) {
+        modem->command("vexa write data " + std::to_string(mb << 20));
+        modem->command("vexa send-complete");
+        EXPECT_EQ(next_record().metrics.at(0).data.size(), mb << 20);
+    }
+    EXPECT_TRUE(eventually([&] { return resident_kb() < before_kb + 2000; }));
+    EXPECT_TRUE(daemon->stop());
+}
+
+TEST_F(MpsScenario, ModemThatIsAbsentOrGoesHoldsNothingUp) {
+    modem.reset();
+    start_daemon("kbr_handler: failed to init kbr. err:-5");
+    ASSERT_TRUE(eventually_logged(FLUSH_LOST));
+    EXPECT_EQ(phone_log().find("CL data not injected"), std::string::npos);
+    EXPECT_TRUE(daemon->stop(milliseconds(1000)));
+
+    modem.emplace();
+    start_daemon(READY);
+    ASSERT_TRUE(modem_says(STARTED));
+    modem.reset();
+    phone_tell_roaming("/", true);
+    ASSERT_TRUE(eventually_logged(FLUSH_LOST));
+    EXPECT_TRUE(daemon->stop(milliseconds(1000)));
+}
+
+}  // namespace

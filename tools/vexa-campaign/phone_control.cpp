@@ -1,0 +1,41 @@
+#include "phone_control.h"
+
+#include <errno.h>
+
+#include <system_error>
+
+#include "phone/socket_address.h"
+
+namespace {
+
+constexpr char SOCKET[] = "dev/socket/vexa/vexa-campmgr-s";
+constexpr uint32_t ROAMING = 1;
+constexpr uint32_t SUBSCRIPTION = 2;
+
+std::string big_endian(uint64_t value, int width) {
+    std::string bytes;
+    for (int i = width - 1; i >= 0; i--) bytes += static_cast<char>(value >> 8 * i);
+    return bytes;
+}
+
+void tell(const std::string& dir, uint32_t id, const std::string& payload) {
+    const std::filesystem::path path = std::filesystem::path(dir) / SOCKET;
+    const socket_address address(path);
+    const unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const std::string message = big_endian(id, 4) + big_endian(payload.size(), 4) + payload;
+    char byte = 0;
+    if (!fd || connect(fd.get(), address.get(), address.size()) != 0 ||
+        send(fd.get(), message.data(), message.size(), MSG_NOSIGNAL) < 0 ||
+        recv(fd.get(), &byte, 1, 0) < 0)  // it closes the connection once it has acted
+        throw std::system_error(errno, std::generic_category(), path);
+}
+
+}  // namespace
+
+void phone_tell_roaming(const std::string& dir, bool roaming) {
+    tell(dir, ROAMING, big_endian(roaming ? 1 : 0, 1));
+}
+
+void phone_tell_subscription(const std::string& dir, uint32_t id, uint16_t mcc, uint16_t mnc) {
+    tell(dir, SUBSCRIPTION, big_endian(id, 4) + big_endian(mcc, 2) + big_endian(mnc, 2));
+}

@@ -1,0 +1,10 @@
+// What another process of a phone tells the campaign manager over its control socket.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// Each sends one message to the daemon in the phone at `dir` ("/": the phone that the caller is in)
+// and returns when it was acted on. Throws std::system_error when nobody listens.
+void phone_tell_roaming(const std::string& dir, bool roaming);
+void phone_tell_subscription(const std::string& dir, uint32_t id, uint16_t mcc, uint16_t mnc);
