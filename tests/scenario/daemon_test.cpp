@@ -61,6 +61,7 @@ TEST_F(DaemonTest, AnnouncesItselfAndEndsInOrder) {
               "vexastatsd version: 1.2 started\n"
               "gpu_collector Terminated\n"
               "cpu_collector Terminated\n"
+              "static_collector Terminated\n"
               "microdump_collector Terminated\n"
               "alog_collector Terminated\n"
               "property_set vendor.orb.vexa.enabled 0\n"
