@@ -90,10 +90,10 @@ bool take_line(void* owner, const char* line, bool is_local) {
 int update_local_file(void* owner) {
     const auto* row = static_cast<const collector_info*>(owner);
     char text[CONFIG_LINE_SIZE];
-    const int len = snprintf(text, sizeof text,
-                             "#%s config file. Version: %s\nclientid=%d;interval=%d\n", COLLECTOR,
-                             VEXASTATSD_VERSION, static_cast<int>(row->hdr.client_id),
-                             static_cast<int>(g_aost.interval_s));
+    const int len =
+        snprintf(text, sizeof text, "#%s config file. Version: %s\nclientid=%d;interval=%d\n",
+                 COLLECTOR, VEXASTATSD_VERSION, static_cast<int>(row->hdr.client_id),
+                 static_cast<int>(g_aost.interval_s));
     const int result = vexastats_replace_file(LOCAL_FILE, text, static_cast<size_t>(len));
     if (result == 0) return 0;
     ALOGE("failed to open aoststats cfg. err:%d\n", -result);
@@ -168,8 +168,7 @@ void aost_imsa_sig_alarm_hdlr(int signo) {
 
 bool aost_wait_once(collector_info* row, int64_t limit_ms) {
     pollfd wake{.fd = wake_fd, .events = POLLIN, .revents = 0};
-    const int ready =
-        vexastats_poll(&wake, 1, shorter_ms(limit_ms, alarm_wait_ms()), row->stop);
+    const int ready = vexastats_poll(&wake, 1, shorter_ms(limit_ms, alarm_wait_ms()), row->stop);
     if (ready == -EINTR) return false;
     if (ready < 0) return vexastats_sleep_ms(PAUSE_MS, row->stop);
     if (ready > 0) {

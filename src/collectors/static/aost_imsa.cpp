@@ -46,13 +46,12 @@ void reset_state(write_req* req) {
 template <class Response>
 int send(kbr_client* callback_client, uint16_t msg_id, const void* request, size_t request_len,
          Response* response, const imsa_result& result) {
-    const int sent =
-        callback_client
-            ? kbr_client_send_msg_sync(callback_client, msg_id, request,
-                                       static_cast<uint32_t>(request_len), response,
-                                       sizeof *response, IMSA_CALL_TIMEOUT_MS)
-            : imsa_call(&g_aost.client, msg_id, request, request_len, response, sizeof *response,
-                        g_aost.row.load()->stop);
+    const int sent = callback_client
+                         ? kbr_client_send_msg_sync(callback_client, msg_id, request,
+                                                    static_cast<uint32_t>(request_len), response,
+                                                    sizeof *response, IMSA_CALL_TIMEOUT_MS)
+                         : imsa_call(&g_aost.client, msg_id, request, request_len, response,
+                                     sizeof *response, g_aost.row.load()->stop);
     if (sent != KBR_OK) return sent;
     return result.result == 0 ? KBR_OK : KBR_ERR_REFUSED;
 }
@@ -60,8 +59,7 @@ int send(kbr_client* callback_client, uint16_t msg_id, const void* request, size
 template <class Request>
 int send_request(kbr_client* callback_client, uint16_t msg_id, const Request& request) {
     imsa_result response;
-    const int result =
-        send(callback_client, msg_id, &request, sizeof request, &response, response);
+    const int result = send(callback_client, msg_id, &request, sizeof request, &response, response);
     // The word "async" is the message's own.
     if (result != KBR_OK) ALOGE("[ERROR] kbr_client_send_msg_async() failed, rc=%d", result);
     return result;
@@ -117,9 +115,8 @@ int aost_imsa_init_client_handle(const stop_flag& stop) {
     }
     for (int retry = 1;; ++retry) {
         kbr_client* client = nullptr;
-        const int result =
-            kbr_client_init_instance(service, KBR_ANY_INSTANCE, aost_imsa_resp_ind_cb, nullptr,
-                                     CONNECT_TIMEOUT_S, &client);
+        const int result = kbr_client_init_instance(
+            service, KBR_ANY_INSTANCE, aost_imsa_resp_ind_cb, nullptr, CONNECT_TIMEOUT_S, &client);
         if (result == KBR_OK) {
             g_aost.client = client;
             return KBR_OK;
@@ -145,8 +142,7 @@ void request_config(const collector_info& row) {
 }
 
 void load_params(collector_info* row) {
-    if (aost_imsa_init_params(row) != 0)
-        ALOGE("aost_imsa_init_params failed. use default value\n");
+    if (aost_imsa_init_params(row) != 0) ALOGE("aost_imsa_init_params failed. use default value\n");
     g_aost.last_params_ms = vexastats_uptime_ms();
 }
 

@@ -26,8 +26,7 @@ bool open_record(collector_info* row) REQUIRES(g_aost.data_lock) {
 bool write_record(collector_info* row, const char* text, uint32_t flags)
     REQUIRES(g_aost.data_lock) {
     const size_t len = text ? strlen(text) : 0;
-    write_req req{
-        .row = row, .handle = g_aost.record, .data = text, .len = len, .flags = flags};
+    write_req req{.row = row, .handle = g_aost.record, .data = text, .len = len, .flags = flags};
     const size_t count = vexastats_write_file(&req);
     if (count == len) return true;
     ALOGE("[ERROR] Failed to write file, cnt=%ld, len=%ld", static_cast<long>(count),

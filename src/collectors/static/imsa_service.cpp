@@ -13,9 +13,9 @@ constexpr std::array<kbr_field, count> optional_values(size_t offset) {
     std::array<kbr_field, count> fields{};
     for (size_t i = 0; i < count; ++i) {
         const size_t at = offset + i * sizeof(Value);
-        fields[i] = kbr_scalar(static_cast<uint8_t>(FIRST_OPTIONAL + i),
-                               at + offsetof(Value, value), sizeof(Value::value),
-                               at + offsetof(Value, valid));
+        fields[i] =
+            kbr_scalar(static_cast<uint8_t>(FIRST_OPTIONAL + i), at + offsetof(Value, value),
+                       sizeof(Value::value), at + offsetof(Value, valid));
     }
     return fields;
 }

@@ -76,8 +76,8 @@ struct power_event {
 // Splits an entry into its tag and its message, which are left in *entry.
 bool split_entry(log_msg* entry, int read, const char** tag, const char** message) {
     const size_t begin = entry->entry.hdr_size;
-    const size_t end = std::min({static_cast<size_t>(read), begin + entry->entry.len,
-                                 sizeof entry->buf - 1});
+    const size_t end =
+        std::min({static_cast<size_t>(read), begin + entry->entry.len, sizeof entry->buf - 1});
     if (begin < sizeof(logger_entry) || begin + 1 >= end) return false;
     entry->buf[end] = '\0';
     const auto* text = reinterpret_cast<const char*>(entry->buf);
@@ -132,10 +132,10 @@ size_t gather_power_events(write_req* req, logger_list* reader) {
         if (read == 0) break;
         power_event event;
         if (!parse_power_event(&entry, read, &event)) continue;
-        len += printed_len(snprintf(text + len, req->len - len,
-                                    " - pmic_name: %s\n   event: %s\n   reason:%s\n",
-                                    event.pmic_name, event.kind, event.reason),
-                           req->len - len);
+        len += printed_len(
+            snprintf(text + len, req->len - len, " - pmic_name: %s\n   event: %s\n   reason:%s\n",
+                     event.pmic_name, event.kind, event.reason),
+            req->len - len);
     }
     return len;
 }
