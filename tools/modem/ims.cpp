@@ -24,9 +24,8 @@ uint8_t optional_type(size_t index) {
 }  // namespace
 
 ims_service::ims_service(modem& loop)
-    : loop_(loop), port_(loop, "imsa", [this](const wire_message& request) {
-          return answer(request);
-      }) {
+    : loop_(loop),
+      port_(loop, "imsa", [this](const wire_message& request) { return answer(request); }) {
     add_commands();
 }
 

@@ -10,8 +10,8 @@
 namespace {
 
 constexpr std::string_view TITLES[] = {
-    "kernel_config",       "power_cycles",           "security", "ver_info.txt",
-    "ims service status", "widevine security level",
+    "kernel_config", "power_cycles",       "security",
+    "ver_info.txt",  "ims service status", "widevine security level",
 };
 
 // The title that a line is, or nothing.
@@ -31,7 +31,8 @@ std::vector<static_section> static_record_decode(std::span<const uint8_t> payloa
     std::string_view left(reinterpret_cast<const char*>(payload.data()), payload.size());
     std::vector<static_section> sections(1);
     while (!left.empty()) {
-        const std::string_view line = left.substr(0, std::min(left.find('\n'), left.size() - 1) + 1);
+        const std::string_view line =
+            left.substr(0, std::min(left.find('\n'), left.size() - 1) + 1);
         left.remove_prefix(line.size());
         const std::string_view title = title_of(line);
         if (title.empty()) {

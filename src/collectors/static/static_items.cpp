@@ -175,8 +175,7 @@ int prepare_kernel_config(write_req* req) {
 
 int prepare_pwr_onoff_reason(write_req* req) {
     if (!is_usable(req)) return -EINVAL;
-    const unique_logger_list reader(
-        android_logger_list_open(android_name_to_log_id("kernel"), O_NONBLOCK, 0, 0));
+    const unique_logger_list reader(android_logger_list_open(LOG_ID_KERNEL, O_NONBLOCK, 0, 0));
     if (!reader) {
         ALOGE("failed to open kernel buffer, err:%d\n", errno);
         return -EINVAL;
