@@ -124,6 +124,7 @@ void aost_wake() {
 }
 
 bool aost_alarm_install() {
+    is_signalled = false;
     if (wake_fd < 0) wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     struct sigaction action = {};
     action.sa_handler = note_sigalrm;

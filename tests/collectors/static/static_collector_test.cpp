@@ -248,11 +248,15 @@ struct AostReporter : StaticCollector {
     void settle() {
         indicate("23", "01 0100 " + hex(std::string(1, ++settled)));
         wait_log("ims_registered=" + std::to_string(settled) + " ");
+        park();
     }
+    // Until the library's reader and the static thread wait, the latter for its alarm.
+    static void park() { ASSERT_TRUE(platform_test_wait_parked(2, EVENT_LIMIT.count())); }
     void alarm() {
         platform_test_clear_log();
         platform_test_advance_ms(int64_t{interval_s} * 1000);
         wait_log("alarm(" + std::to_string(interval_s) + ")");
+        park();
     }
 
     kbr_service modem{"imsa"};
