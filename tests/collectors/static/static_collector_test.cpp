@@ -23,11 +23,12 @@
 #include "support/log.h"
 
 namespace fs = std::filesystem;
+using ::testing::ContainsRegex;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -43,19 +44,10 @@ const std::string STATIC_END = "\nsecurity:\n android_security_patch_level: unde
 // An entry of the kernel log.
 std::string kernel_entry(const std::string& tag, const std::string& message) {
     const std::string payload = "\x06" + tag + '\0' + message + '\0';
-    const logger_entry header{.len = static_cast<uint16_t>(payload.size()),
-                              .hdr_size = sizeof(logger_entry),
-                              .pid = 0,
-                              .tid = 0,
-                              .sec = 0,
-                              .nsec = 0,
-                              .lid = LOG_ID_KERNEL,
-                              .uid = 0};
+    logger_entry header{};
+    header.len = static_cast<uint16_t>(payload.size());
+    header.hdr_size = sizeof header;
     return std::string(reinterpret_cast<const char*>(&header), sizeof header) + payload;
-}
-
-std::string power_message(const std::string& pmic, const std::string& rest) {
-    return pmic + "@SID0 " + rest;
 }
 
 struct StaticCollector : ::testing::Test {
@@ -119,13 +111,13 @@ TEST_F(StaticCollector, ItemsAreWrittenInTheirOrderAndTheServiceIsTriedForTwoMin
     put_files({{"/proc/config.gz",
                 gzip("# comment\n\nCONFIG_A=y\n" + long_line + "\nCONFIG_B=\"#\"\nlast")}});
     platform_test_set_property("ro.build.version.security_patch", "2026-11-05");
-    const std::string tag = "<6>kzor,bvrx-power-on c440000.kzor:qcom";
+    const std::string tag = "<6>kzor,bvrx-power-on c440000.kzor";
     for (const auto& [entry_tag, message] : std::vector<std::pair<std::string, std::string>>{
-             {"kzor", power_message("other", "Power-on reason: no\n")},
-             {tag, power_message("first", "Power-on reason: Triggered from KPD\n")},
+             {"kzor", "other@SID0 Power-on reason: no\n"},
+             {tag, "first@SID0 Power-on reason: Triggered from KPD\n"},
              {tag, "nothing of the kind: "},
              {tag, "broken Power-on reason: without a name"},
-             {tag, power_message("second", "Power-off reason:a:b\nmore")}}) {
+             {tag, "second@SID0 Power-off reason:a:b\nmore"}}) {
         platform_test_script_log_failure(-EINTR);
         platform_test_script_log_entry(kernel_entry(entry_tag, message));
     }
@@ -143,45 +135,35 @@ TEST_F(StaticCollector, ItemsAreWrittenInTheirOrderAndTheServiceIsTriedForTwoMin
                             "\nver_info.txt:\nonetwo\n"));
     EXPECT_EQ(record(), "widevine security level:\n");
     EXPECT_EQ(vexastats_mono_time_ms(), PLATFORM_TEST_MONO_MS + (24 * 5 + 120) * 1000u);
-    for (const char* text : {"prepare_ver_info:onetwo\n", "retry=24",
-                             "[ERROR] aost_imsa_init_client_handle() kbr_client_init_instance() "
-                             "error=-5",
-                             "[ERROR] Failed to initiate IMS Client",
-                             "prepare_pwr_onoff_reason: invalid string: broken Power-on reason: "
-                             "without a name\n",
-                             "[ERROR] Failed to open wvstats.tmp after 120 retries\n",
-                             "aost_imsa_deinit(), registered=0", "static monitor exit\n"}) {
+    for (const char* text :
+         {"retry=24", "[ERROR] Failed to initiate IMS Client", "static monitor exit\n",
+          "prepare_pwr_onoff_reason: invalid string: broken Power-on reason: without a name\n",
+          "[ERROR] Failed to open wvstats.tmp after 120 retries\n"})
         EXPECT_EQ(platform_test_log_count(text), 1u) << text;
-    }
     EXPECT_EQ(platform_test_log_count("retry=25"), 0u);
     EXPECT_EQ(platform_test_log_readers(), 0u);
 }
 
-TEST_F(StaticCollector, FailedItemsAreTriedThreeTimesAndLeaveWhatTheyWrote) {
+TEST_F(StaticCollector, FailedItemsAreTriedThreeTimesAndLongOnesCutOff) {
     std::string config = gzip(std::string(100, 'a') + "\n" + std::string(100000, 'b'));
     config.resize(config.size() - 20);
     put_files({{"/proc/config.gz", config}});
-    platform_test_fail_log_open(ENODEV);
-    platform_test_script_log_failure(-EIO);
     fs::remove("/vendor/firmware_mnt/verinfo/ver_info.txt");
-    static_monitor(&row);
-    ASSERT_EQ(payloads().size(), 1u);
-    EXPECT_THAT(payloads()[0], HasSubstr("kernel_config:\n - " + std::string(100, 'a') + "\n"));
-    EXPECT_THAT(payloads()[0], EndsWith(STATIC_END + "\npower_cycles:\n"));
-    EXPECT_EQ(platform_test_log_count("failed to get ORB Version Information\n"), 3u);
-    EXPECT_EQ(platform_test_log_count("failed to get Power On/Off Reason\n"), 1u);
-    EXPECT_EQ(platform_test_log_count("failed to read kernel buffer: Input/output error\n"), 1u);
-}
-
-TEST_F(StaticCollector, PowerEventsAreCutOffWhereTheBufferEnds) {
+    platform_test_fail_log_open(ENODEV);
     const std::string reason(300, 'r');
     for (int i = 0; i < 3; ++i)
         platform_test_script_log_entry(
-            kernel_entry("kzor,bvrx-power-on", power_message("p", "Power-on reason:" + reason)));
-    const std::string event = " - pmic_name: p\n   event: power-on\n   reason:" + reason + "\n";
+            kernel_entry("kzor,bvrx-power-on", "p@SID0 Power-on reason:" + reason));
+    platform_test_script_log_failure(-EIO);
     static_monitor(&row);
+    const std::string event = " - pmic_name: p\n   event: power-on\n   reason:" + reason + "\n";
+    ASSERT_EQ(payloads().size(), 1u);
+    EXPECT_THAT(payloads()[0], StartsWith("kernel_config:\n - " + std::string(100, 'a') + "\n"));
     EXPECT_THAT(payloads()[0],
-                HasSubstr("\npower_cycles:\n" + (event + event).substr(0, 511) + STATIC_END));
+                EndsWith(STATIC_END + "\npower_cycles:\n" + (event + event).substr(0, 511)));
+    EXPECT_EQ(platform_test_log_count("failed to get ORB Version Information\n"), 3u);
+    EXPECT_EQ(platform_test_log_count("failed to get Power On/Off Reason\n"), 1u);
+    EXPECT_EQ(platform_test_log_count("failed to read kernel buffer: Input/output error\n"), 1u);
 }
 
 TEST_F(StaticCollector, StopEndsEveryPauseAndInTheFirstNothingIsDropped) {
@@ -275,32 +257,28 @@ const std::string LEVEL = "widevine security level:\n- 5000000\n- L1\n";
 
 TEST_F(AostReporter, StartSendsItsBytesAndReportsLevelAndStatus) {
     start_reporter();
-    std::string wanted;
-    for (int type = 0x10; type < 0x1f; ++type) {
-        const bool is_set = type == 0x10 || type == 0x11 || type == 0x1a;
-        if (is_set) wanted += hex(std::string(1, static_cast<char>(type))) + "010001";
-    }
     EXPECT_THAT(requests, ElementsAre("36000000",
                                       "33000700"
                                       "10040001000000",
-                                      "21000000", "22000c00" + wanted));
+                                      "21000000",
+                                      "22000c00"
+                                      "10010001"
+                                      "11010001"
+                                      "1a010001"));
     EXPECT_EQ(record(), LEVEL + "\nims service status:\n" + STATUS);
     EXPECT_EQ(file_text(LOCAL),
               "#aost_collector config file. Version: 1.2\n"
               "clientid=3;interval=432000\n");
-    EXPECT_EQ(file_text("/data/vendor/vexa/down/3/3-1.1-aoststats.cfg.req"),
-              "clientID=3\nversion=1.1\nkey=aoststats.cfg\nrequestType=1\nrequestTimer=31536000\n"
-              "connType=1\nconnTimer=360\n");
     EXPECT_FALSE(fs::exists(LEVEL_FILE));
     EXPECT_EQ(payloads().size(), 1u) << "the static record";
 }
 
 TEST_F(AostReporter, FirstActiveSubscriptionIsBound) {
-    for (const auto& [flags, bound] : std::vector<std::pair<const char*, const char*>>{
-             {"10 0100 01 11 0100 01 12 0100 01", "00"},
-             {"10 0100 00 11 0100 01 12 0100 01", "01"},
-             {"12 0100 01 13 0100 01", "02"},
-             {"13 0100 01", "00"}}) {
+    const std::pair<const char*, const char*> cases[] = {{"10 0100 01 11 0100 01 12 0100 01", "00"},
+                                                         {"10 0100 00 11 0100 01 12 0100 01", "01"},
+                                                         {"12 0100 01 13 0100 01", "02"},
+                                                         {"13 0100 01", "00"}};
+    for (const auto& [flags, bound] : cases) {
         active = flags;
         put_files({{LEVEL_FILE, "L1"}});
         start_reporter();
@@ -362,30 +340,23 @@ TEST_F(AostReporter, RestartContinuesTheRecordAndTheAlarmReloadsTheInterval) {
     wait_log("alarm(61)");
 }
 
-TEST_F(AostReporter, NewSubscriptionIsBoundAndARefusalEndsTheReporter) {
+TEST_F(AostReporter, NewSubscriptionIsBoundAndIndicationsAskedForAgain) {
     start_reporter();
     indicate("35", "10 0400 01000000");
     indicate("35", "10 0400 02000000");
-    wait_log("sub type=2 ");
     wait_requests(6);
     EXPECT_EQ(requests[4], "3300070010040002000000");
     EXPECT_EQ(requests[5], requests[3]);
-    modem.hang_up();  // the library has no answer to give from now on
-    stop();
-    EXPECT_EQ(platform_test_log_count("aost_imsa_deinit(), registered=1"), 1u);
+    wait_log("sub type=2 ");
 }
 
 TEST_F(AostReporter, ServiceThatRefusesIsReportedAsFarAsItCame) {
-    for (const auto& [id, text] : std::vector<std::pair<uint8_t, const char*>>{
-             {0x36, "[ERROR] kbr_client_send_msg_sync() error=-2"},
-             {0x33, "[ERROR] kbr_client_send_msg_async() failed, rc=-2"},
-             {0x21, "[ERROR] Failed to get the service status, error=-2"},
-             {0x22, "[ERROR] kbr_client_send_msg_async() failed, rc=-2"}}) {
+    for (const uint8_t id : {0x36, 0x33, 0x21, 0x22}) {
         refused = id;
         put_files({{LEVEL_FILE, "L1"}});
         start_reporter();
         wait_log("static monitor exit\n");
-        EXPECT_EQ(platform_test_log_count(text), 1u) << log_text();
+        EXPECT_THAT(log_text(), ContainsRegex("\\[ERROR\\] kbr_client_send_msg.*=-2"));
         next_round();
     }
     EXPECT_THAT(record(), EndsWith(STATUS));
@@ -403,23 +374,6 @@ TEST_F(AostReporter, IndicationBeforeTheStaticRecordIsOutIsNotWritten) {
     EXPECT_FALSE(fs::exists(RECORD));
     stop();
     EXPECT_THAT(payloads(), IsEmpty());
-}
-
-// Opted out, the level file is deleted and nothing is written, but the alarm goes on.
-TEST_F(AostReporter, NothingIsWrittenWithoutConsent) {
-    start();
-    modem.accept();
-    ASSERT_EQ(hex(modem.receive().substr(3)), "36000000");
-    row.enabled = 0;
-    modem.send(hex_bytes("01 0100 3600 0700 02 0400 0000 0000"));
-    modem.answer([](const std::string& request) { return response_to(request); });
-    wait_requests(3);
-    settle();
-    EXPECT_EQ(platform_test_log_count("opt-out status, skip writing file\n"), 1u);
-    EXPECT_EQ(platform_test_log_count("opt-out status, skip writing file"), 1u);
-    EXPECT_FALSE(fs::exists(LEVEL_FILE));
-    alarm();
-    EXPECT_FALSE(fs::exists(RECORD));
 }
 
 // Indications that write, a refused bind that ends the reporter, signals and the stop at once.

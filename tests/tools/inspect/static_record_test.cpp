@@ -20,7 +20,4 @@ TEST(StaticRecord, TextIsSplitAtItsTitles) {
         static_record_add_json(file, &object);
         EXPECT_EQ(object["records"].dump(), records);
     }
-    upload_file file;
-    file.payload = {'a', '\n', '\x1b', 's'};
-    EXPECT_EQ(static_record_report(file, {}), "    a\n    \\x1bs\n");
 }
