@@ -6,7 +6,6 @@
 
 TEST(StaticRecord, TextIsSplitAtItsTitles) {
     for (const auto& [text, records] : std::vector<std::pair<std::string, std::string>>{
-             {"", "[]"},
              {"- [5, 1]\n", R"([{"section":"","text":"- [5, 1]\n"}])"},
              {"kernel_config:\n - A=\"security:\"\n\npower_cycles:\n\nsecurity:\nx",
               R"([{"section":"kernel_config","text":" - A=\"security:\"\n"},)"
