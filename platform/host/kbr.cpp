@@ -88,6 +88,8 @@ struct kbr_client {
     // The handle, the dispatcher and every call in progress; the last to go frees the client.
     std::atomic<int> users{1};
 
+    kbr_client* next_open = nullptr;  // in the list of clients that are not released
+
     vexa_mutex mutex{};
     vexa_cond changed{};  // the queue, the calls, or the two flags
     pthread_t reader GUARDED_BY(mutex){};
@@ -107,6 +109,36 @@ namespace {
 
 void drop_user(kbr_client* c) {
     if (c->users.fetch_sub(1) == 1) delete c;
+}
+
+// ---- Open clients, so that a call that comes while another thread releases its client finds that
+// it is too late
+
+vexa_mutex open_mutex;
+kbr_client* open_clients GUARDED_BY(open_mutex) = nullptr;
+
+void add_open(kbr_client* c) {
+    const vexa_lock held(open_mutex);
+    c->next_open = std::exchange(open_clients, c);
+}
+
+// Returns false when it is not there, or no longer.
+bool remove_open(const kbr_client* c) {
+    const vexa_lock held(open_mutex);
+    kbr_client** link = &open_clients;
+    while (*link && *link != c) link = &(*link)->next_open;
+    if (!*link) return false;
+    *link = (*link)->next_open;
+    return true;
+}
+
+// Keeps an open client alive for a call.
+bool add_user(const kbr_client* c) {
+    const vexa_lock held(open_mutex);
+    kbr_client* open = open_clients;
+    while (open && open != c) open = open->next_open;
+    if (open) open->users.fetch_add(1);
+    return open != nullptr;
 }
 
 // ---- Calls and their responses
@@ -215,6 +247,17 @@ int call(kbr_client* c, const kbr_message& asked, const void* request, const kbr
     if (result == KBR_OK) (void)wait_for(pending.done.get(), POLLIN, end);
     const int answer = finish_call(c, &pending);
     return result == KBR_OK ? answer : result;
+}
+
+int checked_call(kbr_client* c, uint32_t msg_id, const void* request, uint32_t request_len,
+                 void* response, uint32_t response_len, uint32_t timeout_ms) {
+    const kbr_message* asked = kbr_find_message(*c->service, KBR_REQUEST, msg_id);
+    const kbr_message* answered = kbr_find_message(*c->service, KBR_RESPONSE, msg_id);
+    if (!asked || !answered) return KBR_ERR_ARGUMENT;
+    if (!fits(*asked, request, request_len) || !fits(*answered, response, response_len))
+        return KBR_ERR_ARGUMENT;
+    if (response) memset(response, 0, response_len);
+    return call(c, *asked, request, *answered, response, timeout_ms);
 }
 
 // ---- Indications
@@ -379,8 +422,10 @@ int kbr_client_init_instance(const kbr_service_object* service, uint32_t instanc
     int result = connect_to(*service, deadline::in_ms(int64_t{timeout_s} * 1000), &made->socket);
     if (result != KBR_OK) return result;
     *client = made.get();
+    add_open(made.get());
     result = start_threads(made.get());
     if (result != KBR_OK) {
+        (void)remove_open(made.get());
         *client = nullptr;
         return result;
     }
@@ -392,14 +437,9 @@ int kbr_client_send_msg_sync(kbr_client* client, uint32_t msg_id, const void* re
                              uint32_t request_len, void* response, uint32_t response_len,
                              uint32_t timeout_ms) {
     if (!client) return KBR_ERR_ARGUMENT;
-    const kbr_message* asked = kbr_find_message(*client->service, KBR_REQUEST, msg_id);
-    const kbr_message* answered = kbr_find_message(*client->service, KBR_RESPONSE, msg_id);
-    if (!asked || !answered) return KBR_ERR_ARGUMENT;
-    if (!fits(*asked, request, request_len) || !fits(*answered, response, response_len))
-        return KBR_ERR_ARGUMENT;
-    if (response) memset(response, 0, response_len);
-    client->users.fetch_add(1);
-    const int result = call(client, *asked, request, *answered, response, timeout_ms);
+    if (!add_user(client)) return KBR_ERR_GONE;
+    const int result =
+        checked_call(client, msg_id, request, request_len, response, response_len, timeout_ms);
     drop_user(client);
     return result;
 }
@@ -413,7 +453,7 @@ int kbr_client_message_decode(kbr_client* client, kbr_message_kind kind, uint32_
 }
 
 int kbr_client_release(kbr_client* client) {
-    if (!client) return KBR_ERR_ARGUMENT;
+    if (!client || !remove_open(client)) return KBR_ERR_ARGUMENT;
     pthread_t reader = {};
     {
         const vexa_lock held(client->mutex);

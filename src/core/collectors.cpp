@@ -9,6 +9,7 @@
 #include "collectors/microdump/microdump_collector.h"
 #include "collectors/microdump/microdump_config.h"
 #include "collectors/mps/mps_collector.h"
+#include "collectors/static/static_collector.h"
 #include "framework/clock.h"
 #include "framework/config.h"
 
@@ -46,6 +47,15 @@ constinit collector_info g_collectors[] = {
         .threshold_min = 300000,
         .hdr = {.client_id = 2, .data_type = DATA_TYPE_STATS, .rec_version = 6},
         .thread_func = cpu_monitor,
+        .cfg_update_handler = vexastats_update_cfg,
+    },
+    {
+        .name = "static_collector",
+        .up_dir = "/data/vendor/vexa/up/3",
+        .down_dir = "/data/vendor/vexa/down/3",
+        .cfg_file = "/data/vendor/vexastats/3/.staticstats.cfg",
+        .hdr = {.client_id = 3, .data_type = DATA_TYPE_STATIC, .rec_version = 1},
+        .thread_func = static_monitor,
         .cfg_update_handler = vexastats_update_cfg,
     },
     {

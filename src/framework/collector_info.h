@@ -49,7 +49,7 @@ using collector_sig_handler = void (*)(int signo);                  // must be a
 
 // Threads: `enabled` and `terminate` are written under `mutex` and may be read without it; `stop`
 // and `running` go from 0 to 1 once. Everything from `rec_fname` and `size` on belongs to the row's
-// own thread.
+// own thread; a library's thread that appends too shares a lock with it.
 struct collector_info {
     const char* name = nullptr;
     const char* up_dir = nullptr;       // dropbox directory; its existence is the owner's consent

@@ -3,12 +3,10 @@
 #include "framework/config.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 
@@ -24,22 +22,6 @@ namespace {
 bool exists(const char* path) {
     struct stat status;
     return path && stat(path, &status) == 0;
-}
-
-// Opens a plain file for reading. Anything else that was left under the name (a FIFO, say) could
-// block the reader and counts as a file that cannot be opened.
-unique_file open_plain_file(const char* path) {
-    unique_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!fd) return nullptr;
-    struct stat status;
-    if (fstat(fd.get(), &status) != 0) return nullptr;
-    if (!S_ISREG(status.st_mode)) {
-        errno = EINVAL;
-        return nullptr;
-    }
-    unique_file file(fdopen(fd.get(), "r"));
-    if (file) (void)fd.release();
-    return file;
 }
 
 // A row without bounds has 0 for both, and every value becomes 0.
@@ -58,82 +40,102 @@ bool is_for_row(const collector_info* row, const config_values& values) {
     return values.client_id == static_cast<int64_t>(row->hdr.client_id);
 }
 
+// Only the local file has the last value.
+bool take_row_line(void* owner, const char* line, bool is_local) {
+    auto* row = static_cast<collector_info*>(owner);
+    config_values values;
+    const int count = config_parse_line(line, &values);
+    const int wanted = is_local ? CONFIG_LOCAL_VALUES : CONFIG_DOWNLOADED_VALUES;
+    if (count < wanted || !is_for_row(row, values)) return false;
+    apply_values(row, values);
+    if (is_local) row->no_supported_kernel = values.no_supported_kernel != 0;
+    return true;
+}
+
+void read_row_stream(void* owner, FILE* stream) {
+    auto* row = static_cast<collector_info*>(owner);
+    row->cfg_read_handler(stream, row);
+}
+
+int update_row(void* owner) {
+    auto* row = static_cast<collector_info*>(owner);
+    return row->cfg_update_handler(row);
+}
+
 // Returns whether the local file counts as loaded.
-bool load_local_file(collector_info* row) {
-    if (!exists(row->cfg_file)) return false;
-    const unique_file file = open_plain_file(row->cfg_file);
+bool load_local_file(const config_files& files) {
+    if (!exists(files.local)) return false;
+    const unique_file file(vexastats_open_plain(files.local));
     if (!file) ALOGE("failed to open cfg file. err:%d\n", errno);
-    if (row->cfg_read_handler) {
-        row->cfg_read_handler(file.get(), row);
+    if (files.read_stream) {
+        files.read_stream(files.owner, file.get());
         return file != nullptr;
     }
     if (!file) return false;
 
     char line[CONFIG_LINE_SIZE];
     if (!config_read_value_line(file.get(), line)) return true;
-    config_values values;
-    if (config_parse_line(line, &values) == CONFIG_LOCAL_VALUES && is_for_row(row, values)) {
-        apply_values(row, values);
-        row->no_supported_kernel = values.no_supported_kernel != 0;
-        return true;
-    }
-    ALOGE("invalid %d config file. re-create. err:%d\n", static_cast<int>(row->hdr.client_id),
-          errno);
+    if (files.take_line(files.owner, line, true)) return true;
+    ALOGE("invalid %d config file. re-create. err:%d\n", static_cast<int>(files.client_id), errno);
     return false;
 }
 
 enum class download {
     NONE,      // there is none, or it cannot be read
-    CONSUMED,  // what it said is in the row; delete it once the local file says so too
+    CONSUMED,  // what it said is taken; delete it once the local file says so too
     REFUSED,   // left where it is, and refused again at every later load: deliberate
 };
 
-download load_downloaded_file(collector_info* row) {
-    if (!exists(row->dl_cfg_file)) return download::NONE;
-    const unique_file file = open_plain_file(row->dl_cfg_file);
+download load_downloaded_file(const config_files& files) {
+    if (!exists(files.downloaded)) return download::NONE;
+    const unique_file file(vexastats_open_plain(files.downloaded));
     if (!file) ALOGE("failed to open dloaded cfg file. err:%d\n", errno);
-    if (row->cfg_read_handler) {
-        row->cfg_read_handler(file.get(), row);
+    if (files.read_stream) {
+        files.read_stream(files.owner, file.get());
         return file ? download::CONSUMED : download::NONE;
     }
     if (!file) return download::NONE;
 
     char line[CONFIG_LINE_SIZE];
     if (!config_read_value_line(file.get(), line)) return download::CONSUMED;
-    config_values values;
-    if (config_parse_line(line, &values) >= CONFIG_DOWNLOADED_VALUES && is_for_row(row, values)) {
-        apply_values(row, values);
-        return download::CONSUMED;
-    }
-    ALOGE("invalid %d config file. ignore it. err:%d\n", static_cast<int>(row->hdr.client_id),
-          errno);
+    if (files.take_line(files.owner, line, false)) return download::CONSUMED;
+    ALOGE("invalid %d config file. ignore it. err:%d\n", static_cast<int>(files.client_id), errno);
     return download::REFUSED;
 }
 
-int update_local_file(collector_info* row) {
-    if (!row->cfg_update_handler) {
+int update_local_file(const config_files& files) {
+    if (!files.update_local) {
         ALOGE("failed to update cfg file.\n");
         return -1;
     }
-    const int result = row->cfg_update_handler(row);
+    const int result = files.update_local(files.owner);
     if (result != 0) ALOGE("failed to update cfg file.\n");
     return result;
 }
 
 }  // namespace
 
-int vexastats_init_params(collector_info* row) {
-    if (!row) return -EINVAL;
-
-    const bool local_loaded = load_local_file(row);
-    const download downloaded = load_downloaded_file(row);
+int vexastats_load_config(const config_files& files) {
+    const bool local_loaded = load_local_file(files);
+    const download downloaded = load_downloaded_file(files);
     if (downloaded != download::CONSUMED && local_loaded) return 0;
 
-    const int result = update_local_file(row);
-    if (downloaded == download::CONSUMED && result == 0 && remove(row->dl_cfg_file) != 0) {
-        ALOGE("failed to remove %s. err:%d\n", row->dl_cfg_file, errno);
+    const int result = update_local_file(files);
+    if (downloaded == download::CONSUMED && result == 0 && remove(files.downloaded) != 0) {
+        ALOGE("failed to remove %s. err:%d\n", files.downloaded, errno);
     }
     return result;
+}
+
+int vexastats_init_params(collector_info* row) {
+    if (!row) return -EINVAL;
+    return vexastats_load_config({.local = row->cfg_file,
+                                  .downloaded = row->dl_cfg_file,
+                                  .client_id = row->hdr.client_id,
+                                  .owner = row,
+                                  .take_line = take_row_line,
+                                  .read_stream = row->cfg_read_handler ? read_row_stream : nullptr,
+                                  .update_local = row->cfg_update_handler ? update_row : nullptr});
 }
 
 void vexastats_reload_params(collector_info* row, uint64_t* loaded_ms, uint64_t life_ms) {

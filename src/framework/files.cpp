@@ -141,6 +141,20 @@ bool vexastats_lcd_off_status() {
     return strcmp(brightness, "0") == 0;
 }
 
+FILE* vexastats_open_plain(const char* path) {
+    unique_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!fd) return nullptr;
+    struct stat status;
+    if (fstat(fd.get(), &status) != 0) return nullptr;
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    FILE* file = fdopen(fd.get(), "r");
+    if (file) (void)fd.release();
+    return file;
+}
+
 int vexastats_replace_file(const char* path, const void* data, size_t len, bool* opened) {
     if (opened) *opened = false;
     char beside[PATH_MAX];

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 #include "framework/owned_bytes.h"
 #include "framework/stop.h"
@@ -44,6 +45,11 @@ int chg_stat_txt_to_enum(const char* text, uint32_t* out);
 
 // Whether the display is off: its backlight reads exactly "0". A failed read is logged: false.
 bool vexastats_lcd_off_status();
+
+// Opens a regular file for reading. Anything else that was left under the name (a FIFO, say) could
+// block the reader and counts as a file that cannot be opened. Returns the stream, which is the
+// caller's, or null with errno set; not logged. Any thread.
+FILE* vexastats_open_plain(const char* path);
 
 // Replaces file `path` by one with `len` bytes of `data` (mode 0600): written beside it under the
 // name path + ".new", synced, and renamed, so that a reader or a kill never meets half of it.

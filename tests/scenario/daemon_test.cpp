@@ -58,6 +58,7 @@ TEST_F(DaemonTest, AnnouncesItselfAndEndsInOrder) {
               "vexastatsd version: 1.2 started\n"
               "gpu_collector Terminated\n"
               "cpu_collector Terminated\n"
+              "static_collector Terminated\n"
               "microdump_collector Terminated\n"
               "mps Terminated\n"
               "alog_collector Terminated\n"

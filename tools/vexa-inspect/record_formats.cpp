@@ -8,6 +8,7 @@
 #include "gpu_record.h"
 #include "microdump_record.h"
 #include "mps_record.h"
+#include "static_record.h"
 #include "text.h"
 
 namespace {
@@ -27,6 +28,12 @@ constexpr record_format formats[] = {
      .name = "CPU statistics",
      .add_json = cpu_record_add_json,
      .report = cpu_record_report},
+    {.client_id = 3,
+     .rec_version = 1,
+     .data_type = 3,
+     .name = "static information",
+     .add_json = static_record_add_json,
+     .report = static_record_report},
     {.client_id = 4,
      .rec_version = 1,
      .data_type = 1,

@@ -120,7 +120,8 @@ int kbr_client_init_instance(const kbr_service_object* service, uint32_t instanc
 // request_len bytes (null and 0 for a message without fields), `response` that of the response; it
 // is zeroed first, and filled when the result is KBR_OK or KBR_ERR_REFUSED. Returns a kbr_error;
 // KBR_ERR_TIMEOUT after timeout_ms milliseconds. A response that comes later is thrown away. Any
-// thread, any number at a time, not after the release.
+// thread, any number at a time. A call that begins while another thread releases the client, or
+// just after, fails with KBR_ERR_GONE.
 int kbr_client_send_msg_sync(kbr_client* client, uint32_t msg_id, const void* request,
                              uint32_t request_len, void* response, uint32_t response_len,
                              uint32_t timeout_ms);

@@ -3,16 +3,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 
+#include "framework/log_reader.h"
 #include "framework/record.h"
 #include "framework/unique_handle.h"
-#include "platform/log_read.h"
-
-struct logger_list_closer {
-    void operator()(logger_list* reader) const { android_logger_list_free(reader); }
-};
-using unique_logger_list = std::unique_ptr<logger_list, logger_list_closer>;
 
 inline constexpr size_t ALOG_BUFFER_SIZE = 0x20000;
 inline constexpr size_t ALOG_ENTRY_MAX_SIZE = 5120;  // the rest of a longer entry is cut off

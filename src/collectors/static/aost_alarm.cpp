@@ -1,0 +1,198 @@
+#define LOG_TAG "vexastatsd"
+
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+
+#include "collectors/static/aost_imsa.h"
+#include "collectors/static/aost_reporter.h"
+#include "framework/clock.h"
+#include "framework/config.h"
+#include "framework/config_line.h"
+#include "framework/files.h"
+#include "framework/version.h"
+#include "framework/wait.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr char COLLECTOR[] = "aost_collector";
+constexpr char LOCAL_FILE[] = "/data/vendor/vexastats/3/.aoststats.cfg";
+constexpr char DOWNLOADED_FILE[] = "/data/vendor/vexa/down/3/aoststats.cfg";
+constexpr uint64_t PARAMS_LIFE_MS = 432000000;
+constexpr int64_t PAUSE_MS = 1000;
+
+// Both live as long as the process: a signal may come at any time.
+std::atomic<int> wake_fd{-1};
+std::atomic<bool> is_signalled{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+// Only marks the alarm due: a signal may come in any thread, whatever that holds.
+void note_sigalrm(int) {
+    is_signalled = true;
+    aost_wake();
+}
+
+int64_t now_ms() {
+    return static_cast<int64_t>(vexastats_mono_time_ms());
+}
+
+// An alarm is due once, whether its time has come or somebody sent the signal.
+bool take_due_alarm() {
+    const bool is_late = g_aost.alarm_due_ms != AOST_NO_ALARM && now_ms() >= g_aost.alarm_due_ms;
+    if (!is_signalled.exchange(false) && !is_late) return false;
+    g_aost.alarm_due_ms = AOST_NO_ALARM;
+    return true;
+}
+
+// The shorter of two times, of which a negative one is endless.
+int64_t shorter_ms(int64_t a, int64_t b) {
+    if (a < 0 || b < 0) return std::max(a, b);
+    return std::min(a, b);
+}
+
+int64_t alarm_wait_ms() {
+    if (g_aost.alarm_due_ms == AOST_NO_ALARM) return -1;
+    return std::max<int64_t>(g_aost.alarm_due_ms - now_ms(), 0);
+}
+
+// ---- Configuration
+
+struct aost_values {
+    int64_t client_id = 0;
+    int64_t interval_s = 0;
+};
+
+// "clientid=%u;interval=%u"; returns how many values were read.
+int parse_line(const char* line, aost_values* values) {
+    long long client_id = 0;
+    long long interval_s = 0;
+    const int count = sscanf(line, "clientid=%lld;interval=%lld", &client_id, &interval_s);
+    *values = {.client_id = client_id, .interval_s = interval_s};
+    return count;
+}
+
+// The interval counts even when the file is another client's: deliberate.
+bool take_line(void* owner, const char* line, bool is_local) {
+    const auto* row = static_cast<const collector_info*>(owner);
+    aost_values values;
+    if (parse_line(line, &values) != 2) return false;
+    g_aost.interval_s =
+        static_cast<uint32_t>(std::clamp<int64_t>(values.interval_s, INT32_MIN, UINT32_MAX));
+    if (values.client_id != static_cast<int64_t>(row->hdr.client_id)) return false;
+    if (!is_local) ALOGD("new interval=%d", static_cast<int>(g_aost.interval_s));
+    return true;
+}
+
+int update_local_file(void* owner) {
+    const auto* row = static_cast<const collector_info*>(owner);
+    char text[CONFIG_LINE_SIZE];
+    const int len =
+        snprintf(text, sizeof text, "#%s config file. Version: %s\nclientid=%d;interval=%d\n",
+                 COLLECTOR, VEXASTATSD_VERSION, static_cast<int>(row->hdr.client_id),
+                 static_cast<int>(g_aost.interval_s));
+    const int result = vexastats_replace_file(LOCAL_FILE, text, static_cast<size_t>(len));
+    if (result == 0) return 0;
+    ALOGE("failed to open aoststats cfg. err:%d\n", -result);
+    return -EINVAL;
+}
+
+void reload_params(collector_info* row) {
+    const uint64_t uptime_ms = vexastats_uptime_ms();
+    if (uptime_ms - g_aost.last_params_ms < PARAMS_LIFE_MS) return;
+    if (aost_imsa_init_params(row) != 0) ALOGE("update params failed.\n");
+    g_aost.last_params_ms = uptime_ms;
+}
+
+// Returns false when the reporter has to end.
+bool drop_stored_data() {
+    const vexa_lock held(g_aost.data_lock);
+    if (g_aost.stored) return aost_imsa_write_service_status_change(true);
+    ALOGI("No IMS data to drop");
+    return true;
+}
+
+}  // namespace
+
+void aost_wake() {
+    const int saved_errno = errno;
+    if (wake_fd >= 0) (void)eventfd_write(wake_fd, 1);
+    errno = saved_errno;
+}
+
+bool aost_alarm_install() {
+    is_signalled = false;
+    if (wake_fd < 0) wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    struct sigaction action = {};
+    action.sa_handler = note_sigalrm;
+    action.sa_flags = SA_RESTART;  // nobody else has to notice
+    sigemptyset(&action.sa_mask);
+    if (wake_fd >= 0 && sigaction(SIGALRM, &action, nullptr) == 0) return true;
+    ALOGE("[Error] Failed to set handler for SIGALRM\n");
+    return false;
+}
+
+void aost_alarm_arm(uint32_t seconds) {
+    ALOGD("alarm(%d)", static_cast<int>(seconds));
+    g_aost.alarm_due_ms = seconds == 0 ? AOST_NO_ALARM : now_ms() + int64_t{seconds} * 1000;
+}
+
+int aost_imsa_init_params(collector_info* row) {
+    return vexastats_load_config({.local = LOCAL_FILE,
+                                  .downloaded = DOWNLOADED_FILE,
+                                  .client_id = row->hdr.client_id,
+                                  .owner = row,
+                                  .take_line = take_line,
+                                  .update_local = update_local_file});
+}
+
+void aost_imsa_sig_alarm_hdlr(int signo) {
+    ALOGD("%s, sig_num=%d, registered=%d", __func__, signo, g_aost.registered.load());
+    collector_info* row = g_aost.row;
+    if (!row) return;
+    if (aost_is_ending(*row)) {
+        ALOGD("exit thread");
+        aost_imsa_retire();
+        return;
+    }
+    if (!g_aost.registered) return;
+    if (!drop_stored_data()) {
+        aost_imsa_retire();
+        return;
+    }
+    reload_params(row);
+    aost_alarm_arm(g_aost.interval_s);
+}
+
+bool aost_wait_once(collector_info* row, int64_t limit_ms) {
+    pollfd wake{.fd = wake_fd, .events = POLLIN, .revents = 0};
+    const int ready = vexastats_poll(&wake, 1, shorter_ms(limit_ms, alarm_wait_ms()), row->stop);
+    if (ready == -EINTR) return false;
+    if (ready < 0) return vexastats_sleep_ms(PAUSE_MS, row->stop);
+    if (ready > 0) {
+        eventfd_t ignored = 0;
+        (void)eventfd_read(wake_fd, &ignored);
+    }
+    if (take_due_alarm()) aost_imsa_sig_alarm_hdlr(SIGALRM);
+    return !stop_flag_is_raised(row->stop);
+}
+
+bool aost_sleep_ms(collector_info* row, int64_t ms) {
+    const int64_t end_ms = now_ms() + ms;
+    bool goes_on = true;
+    for (int64_t left_ms = ms; goes_on && left_ms > 0; left_ms = end_ms - now_ms())
+        goes_on = aost_wait_once(row, left_ms);
+    return goes_on;
+}
+
+// The flag comes before the wake-up that tells of it, and a wake-up waits in its descriptor.
+void aost_imsa_wait() {
+    collector_info* row = g_aost.row;
+    if (!row) return;
+    while (g_aost.registered && !aost_is_ending(*row)) {
+        if (!aost_wait_once(row, -1)) return;
+    }
+}

@@ -1,0 +1,311 @@
+#define LOG_TAG "vexastatsd"
+
+#include "collectors/static/aost_imsa.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "collectors/static/aost_reporter.h"
+#include "collectors/static/imsa_call.h"
+#include "framework/clock.h"
+#include "framework/dload.h"
+#include "framework/unique_handle.h"
+#include "framework/wait.h"
+#include "platform/log.h"
+
+constinit aost_reporter g_aost;
+
+namespace {
+
+constexpr uint32_t CONNECT_TIMEOUT_S = 4;
+constexpr int CONNECT_RETRIES = 24;
+constexpr int64_t CONNECT_PAUSE_MS = 5000;
+constexpr int64_t RETIRE_PAUSE_MS = 1000;
+
+void reset_state(write_req* req) {
+    const vexa_lock held(g_aost.data_lock);
+    g_aost.row = req ? req->row : nullptr;
+    g_aost.record = req ? req->handle : nullptr;
+    g_aost.has_record = false;
+    g_aost.stored = false;
+    g_aost.subs_type = 0;
+    for (uint32_t& value : g_aost.status) value = 0;
+    g_aost.status_text[0] = '\0';
+    g_aost.interval_s = AOST_INTERVAL_S;
+    g_aost.last_params_ms = 0;
+    g_aost.alarm_due_ms = AOST_NO_ALARM;
+}
+
+// ---- Messages
+
+// `callback_client` is the client of the callback that sends, or null: the static thread sends, and
+// a stop ends its call. A library may hand a refusal over as a response only.
+template <class Response>
+int send(kbr_client* callback_client, uint16_t msg_id, const void* request, size_t request_len,
+         Response* response, const imsa_result& result) {
+    const int sent = callback_client
+                         ? kbr_client_send_msg_sync(callback_client, msg_id, request,
+                                                    static_cast<uint32_t>(request_len), response,
+                                                    sizeof *response, IMSA_CALL_TIMEOUT_MS)
+                         : imsa_call(&g_aost.client, msg_id, request, request_len, response,
+                                     sizeof *response, g_aost.row.load()->stop);
+    if (sent != KBR_OK) return sent;
+    return result.result == 0 ? KBR_OK : KBR_ERR_REFUSED;
+}
+
+template <class Request>
+int send_request(kbr_client* callback_client, uint16_t msg_id, const Request& request) {
+    imsa_result response;
+    const int result = send(callback_client, msg_id, &request, sizeof request, &response, response);
+    // The word "async" is the message's own.
+    if (result != KBR_OK) ALOGE("[ERROR] kbr_client_send_msg_async() failed, rc=%d", result);
+    return result;
+}
+
+template <class Response>
+int send_question(uint16_t msg_id, Response* response) {
+    const int result = send(nullptr, msg_id, nullptr, 0, response, response->result);
+    if (result != KBR_OK) ALOGE("[ERROR] kbr_client_send_msg_sync() error=%d", result);
+    return result;
+}
+
+// The first active subscription, or the bound one when none is.
+int aost_imsa_get_active_subs_sync() {
+    ALOGI("%s", __func__);
+    imsa_active_subscriptions_response response;
+    const int result = send_question(IMSA_GET_ACTIVE_SUBSCRIPTIONS, &response);
+    if (result != KBR_OK) return result;
+    constexpr uint32_t SUBSCRIPTIONS = 3;
+    const vexa_lock held(g_aost.data_lock);
+    for (uint32_t i = SUBSCRIPTIONS; i-- > 0;) {
+        if (response.active[i].value) g_aost.subs_type = i;
+    }
+    ALOGI("subs type=%d", static_cast<int>(g_aost.subs_type));
+    return KBR_OK;
+}
+
+int aost_imsa_set_bind_subs_sync(kbr_client* callback_client) {
+    ALOGI("%s", __func__);
+    imsa_bind_request request;
+    {
+        const vexa_lock held(g_aost.data_lock);
+        request.subscription = {.valid = 1, .value = g_aost.subs_type};
+    }
+    return send_request(callback_client, IMSA_BIND_SUBSCRIPTION, request);
+}
+
+int register_indications(kbr_client* callback_client) {
+    imsa_register_request request;
+    for (const size_t kind : {0, 1, 10}) request.wanted[kind] = {.valid = 1, .value = 1};
+    return send_request(callback_client, IMSA_REGISTER_INDICATIONS, request);
+}
+
+// ---- Set-up
+
+// Returns 0; the failure after the last retry, logged; or the failure when a stop comes before.
+int aost_imsa_init_client_handle(const stop_flag& stop) {
+    ALOGD("%s()", __func__);
+    const kbr_service_object* service = imsa_get_service_object_internal_v01(1, 36, 6);
+    if (!service) {
+        ALOGE("[ERROR] obj is NULL");
+        return -2;
+    }
+    for (int retry = 1;; ++retry) {
+        kbr_client* client = nullptr;
+        const int result = kbr_client_init_instance(
+            service, KBR_ANY_INSTANCE, aost_imsa_resp_ind_cb, nullptr, CONNECT_TIMEOUT_S, &client);
+        if (result == KBR_OK) {
+            g_aost.client = client;
+            return KBR_OK;
+        }
+        if (retry > CONNECT_RETRIES) {
+            ALOGE("[ERROR] %s() kbr_client_init_instance() error=%d", __func__, result);
+            return result;
+        }
+        if (!vexastats_sleep_ms(CONNECT_PAUSE_MS, stop)) return result;
+        ALOGD("retry=%d", retry);
+    }
+}
+
+void request_config(const collector_info& row) {
+    const dload_req request{.client_id = static_cast<int32_t>(row.hdr.client_id),
+                            .version = "1.1",
+                            .key = "aoststats.cfg",
+                            .request_type = 1,
+                            .request_timer = 31536000,
+                            .conn_type = 1,
+                            .conn_timer = 360};
+    if (vexastats_dload_req(&request) != 0) ALOGE("%s: dload request failed\n", "aost_imsa_init");
+}
+
+void load_params(collector_info* row) {
+    if (aost_imsa_init_params(row) != 0) ALOGE("aost_imsa_init_params failed. use default value\n");
+    g_aost.last_params_ms = vexastats_uptime_ms();
+}
+
+// ---- Status
+
+// Puts a status line behind `heading`; what does not fit is cut off.
+void compose_status(const char* heading) REQUIRES(g_aost.data_lock) {
+    const auto value = [](size_t i) REQUIRES(g_aost.data_lock) {
+        return static_cast<int>(g_aost.status[i]);
+    };
+    snprintf(g_aost.status_text, sizeof g_aost.status_text, "%s- [%ld, %d, %d, %d, %d, %d, %d]\n",
+             heading, static_cast<long>(vexastats_uptime_ms()), value(0), value(1), value(2),
+             value(3), value(4), value(5));
+}
+
+// ---- Indications
+
+void take_registration(const imsa_registration_indication& indication) {
+    ALOGI("KBR_IMSA_REGISTRATION_STATUS_IND_V01");
+    ALOGI("ims_registered=%d ", indication.registered);
+}
+
+// Returns whether a valid value differs from the stored one, which is replaced.
+bool take_values(const imsa_status_indication& indication) REQUIRES(g_aost.data_lock) {
+    bool is_changed = false;
+    for (size_t i = 0; i < IMSA_STATUS_COUNT; ++i) {
+        const imsa_value& reported = indication.status[i];
+        if (!reported.valid || reported.value == g_aost.status[i]) continue;
+        g_aost.status[i] = reported.value;
+        is_changed = true;
+    }
+    return is_changed;
+}
+
+// Returns false when the reporter has to end.
+bool write_change(const imsa_status_indication& indication) {
+    const vexa_lock held(g_aost.data_lock);
+    if (!take_values(indication)) {
+        ALOGI("No status change");
+        return true;
+    }
+    compose_status("");
+    return aost_imsa_write_service_status_change(false);
+}
+
+void take_status(const imsa_status_indication& indication) {
+    ALOGI("KBR_IMSA_SERVICE_STATUS_IND_V01");
+    if (!write_change(indication)) aost_imsa_retire();
+}
+
+bool take_subscription(const imsa_value& subscription) {
+    const vexa_lock held(g_aost.data_lock);
+    if (!subscription.valid || subscription.value == g_aost.subs_type) return false;
+    g_aost.subs_type = subscription.value;
+    return true;
+}
+
+// The data lock is not held while the messages are on their way: the alarm, and with it a stop,
+// would have to wait for both time-outs. Only the library's one thread comes here.
+void take_bind_status(kbr_client* client, const imsa_bind_indication& indication) {
+    ALOGI("KBR_IMSA_BIND_SUBSCRIPTION_STATUS_IND_V01");
+    if (!take_subscription(indication.subscription)) return;
+    if (aost_imsa_set_bind_subs_sync(client) == KBR_OK && register_indications(client) == KBR_OK) {
+        ALOGI("sub type=%d ", static_cast<int>(indication.subscription.value));
+    } else {
+        aost_imsa_retire();
+    }
+}
+
+// Decodes an indication into a structure that is the caller's; null when it has none.
+unique_malloc<void> decode(kbr_client* client, uint32_t msg_id, const void* buf, uint32_t len) {
+    const kbr_service_object* service = imsa_get_service_object_internal_v01(1, 36, 6);
+    uint32_t size = 0;
+    int result = kbr_idl_get_message_c_struct_len(service, KBR_INDICATION, msg_id, &size);
+    unique_malloc<void> structure;
+    if (result == KBR_OK) {
+        structure.reset(malloc(size));
+        if (!structure) {
+            ALOGE("malloc failed");
+            return nullptr;
+        }
+        result = kbr_client_message_decode(client, KBR_INDICATION, msg_id, buf, len,
+                                           structure.get(), size);
+    }
+    if (result == KBR_OK) return structure;
+    ALOGI("decode failed, msg_id=0x%x, error=0x%x", msg_id, static_cast<unsigned>(result));
+    return nullptr;
+}
+
+bool is_known(uint32_t msg_id) {
+    return msg_id == IMSA_REGISTRATION_STATUS_IND || msg_id == IMSA_SERVICE_STATUS_IND ||
+           msg_id == IMSA_BIND_SUBSCRIPTION_STATUS_IND;
+}
+
+}  // namespace
+
+void aost_imsa_resp_ind_cb(kbr_client* client, uint32_t msg_id, void* buf, uint32_t len, void*) {
+    ALOGI("%s, msg_id=0x%x, tid=%d", __func__, msg_id, gettid());
+    const unique_malloc<void> structure = decode(client, msg_id, buf, len);
+    if (!is_known(msg_id)) {
+        ALOGI("[WARNING] no case for msg_id=0x%x", msg_id);
+    } else if (!structure) {
+        ALOGE("[ERROR] ind_msg_ptr is NULL");
+    } else if (msg_id == IMSA_REGISTRATION_STATUS_IND) {
+        take_registration(*static_cast<const imsa_registration_indication*>(structure.get()));
+    } else if (msg_id == IMSA_SERVICE_STATUS_IND) {
+        take_status(*static_cast<const imsa_status_indication*>(structure.get()));
+    } else {
+        take_bind_status(client, *static_cast<const imsa_bind_indication*>(structure.get()));
+    }
+}
+
+int aost_imsa_init(write_req* req) {
+    ALOGI("%s, tid=%d", __func__, gettid());
+    collector_info* row = req->row;
+    reset_state(req);
+
+    int result = aost_imsa_init_client_handle(row->stop);
+    if (result == KBR_OK) result = aost_imsa_get_active_subs_sync();
+    if (result == KBR_OK) result = aost_imsa_set_bind_subs_sync(nullptr);
+    if (result != KBR_OK) return result;
+    if (!aost_alarm_install()) return -1;
+
+    request_config(*row);
+    load_params(row);
+    aost_alarm_arm(g_aost.interval_s);
+    g_aost.registered = true;
+    return 0;
+}
+
+int aost_imsa_start() {
+    return register_indications(nullptr);
+}
+
+bool aost_imsa_get_registered() {
+    if (!g_aost.registered) return false;
+    ALOGI("%s", "aost_imsa_get_service_status_sync");
+    imsa_status_response response;
+    const int result = send_question(IMSA_GET_SERVICE_STATUS, &response);
+    if (result != KBR_OK) {
+        ALOGE("[ERROR] Failed to get the service status, error=%d", result);
+        return false;
+    }
+    const vexa_lock held(g_aost.data_lock);
+    // Whether a value is valid is not looked at here: deliberate.
+    for (size_t i = 0; i < IMSA_STATUS_COUNT; ++i) g_aost.status[i] = response.status[i].value;
+    compose_status(g_aost.stored ? "\nims service status:\n" : "");
+    return aost_imsa_write_service_status_change(false) && g_aost.registered;
+}
+
+void aost_imsa_retire() {
+    const bool was_registered = g_aost.registered.exchange(false);
+    ALOGI("%s(), registered=%d", "aost_imsa_deinit", was_registered);
+    if (!was_registered) return;
+    aost_wake();
+    const collector_info* row = g_aost.row;
+    if (row) vexastats_sleep_ms(RETIRE_PAUSE_MS, row->stop);
+}
+
+void aost_imsa_deinit() {
+    aost_imsa_retire();
+    // With nothing held: a callback under way may need the data lock to finish.
+    kbr_client* client = std::exchange(g_aost.client, nullptr);
+    if (client) (void)kbr_client_release(client);
+    reset_state(nullptr);
+}
