@@ -6,6 +6,7 @@
 #include "collectors/cpu/cpu_collector.h"
 #include "collectors/diag/diag_collector.h"
 #include "collectors/gpu/gpu_collector.h"
+#include "collectors/mccbandlist/mccbandlist_collector.h"
 #include "collectors/microdump/microdump_collector.h"
 #include "collectors/microdump/microdump_config.h"
 #include "framework/clock.h"
@@ -70,6 +71,19 @@ constinit collector_info g_collectors[] = {
         .thread_func = microdump_monitor,
         .cfg_read_handler = microdump_cfg_read_handler,
         .cfg_update_handler = microdump_cfg_update_handler,
+    },
+    {
+        .name = "mccbandlist_updater",
+        .up_dir = "/data/vendor/vexa/up/51",
+        .down_dir = "/data/vendor/vexa/down/51",
+        // It drops no files.
+        .hdr = {.header_version = 0,
+                .header_len = 0,
+                .client_id = 51,
+                .data_type = DATA_TYPE_STATS,
+                .rec_version = 1,
+                .header_attr2 = 0},
+        .thread_func = mccbandlist_monitor,
     },
     {
         .name = "alog_collector",

@@ -62,6 +62,7 @@ TEST_F(DaemonTest, AnnouncesItselfAndEndsInOrder) {
               "gpu_collector Terminated\n"
               "cpu_collector Terminated\n"
               "microdump_collector Terminated\n"
+              "mccbandlist_updater Terminated\n"
               "alog_collector Terminated\n"
               "property_set vendor.orb.vexa.enabled 0\n"
               "vexastatsd stopped\n");
