@@ -67,9 +67,8 @@ std::string pdc_band_list(uint32_t db_id, uint32_t version, const std::string& o
 }
 
 pdc_service::pdc_service(modem& loop)
-    : loop_(loop), port_(loop, "pdc", [this](const wire_message& request) {
-          return answer(request);
-      }) {
+    : loop_(loop),
+      port_(loop, "pdc", [this](const wire_message& request) { return answer(request); }) {
     hold(pdc_band_list(FIRST_DB_ID, 1, "vexa", HEADER_SIZE));
     add_commands();
 }

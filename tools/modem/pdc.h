@@ -43,9 +43,9 @@ class pdc_service : public modem_service {
     // How its indications misbehave.
     bool stalled_ = false;
     std::chrono::milliseconds delay_{0};
-    uint16_t next_error_ = 0;     // of the next load indication
-    bool next_reset_ = false;     // it says that the frames so far are forgotten
-    uint64_t early_at_ = 0;       // so many bytes count as complete; 0: only the whole
+    uint16_t next_error_ = 0;  // of the next load indication
+    bool next_reset_ = false;  // it says that the frames so far are forgotten
+    uint64_t early_at_ = 0;    // so many bytes count as complete; 0: only the whole
 };
 
 std::unique_ptr<modem_service> make_pdc_service(modem& loop);

@@ -7,9 +7,9 @@
 #include "collectors/mccbandlist/mccbandlist_status.h"
 #include "framework/collector_info.h"
 
-// The row's thread body; returns 0. It ends when the row's `stop` is raised, when the row's download
-// directory is gone, and when watching that fails, for which it raises `stop` itself. All failures
-// are logged.
+// The row's thread body; returns 0. It ends when the row's `stop` is raised, when the row's
+// download directory is gone, and when watching that fails, for which it raises `stop` itself. All
+// failures are logged.
 int mccbandlist_monitor(collector_info* entry);
 
 // Reads the status and sleeps until interval_ms have passed since the last completed attempt

@@ -20,8 +20,8 @@ constexpr char STATUS_FILE[] = "/data/vendor/vexastats/51/.mccbandlist.info";
 bool mccbandlist_parse_status(std::string_view line, mccbandlist_status* status) {
     text_cursor text(line);
     return scan_literal(&text, "last_dl_done_ts=") &&
-           scan_unsigned(&text, &status->last_dl_done_ts) &&
-           scan_literal(&text, ";last_key_ts=") && scan_unsigned(&text, &status->last_key_ts);
+           scan_unsigned(&text, &status->last_dl_done_ts) && scan_literal(&text, ";last_key_ts=") &&
+           scan_unsigned(&text, &status->last_key_ts);
 }
 
 int mccbandlist_get_status(mccbandlist_status* status) {

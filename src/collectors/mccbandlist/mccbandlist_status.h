@@ -13,8 +13,8 @@ struct mccbandlist_status {
 // Reads "last_dl_done_ts=%lu;last_key_ts=%lu;". Returns whether the line has that form.
 bool mccbandlist_parse_status(std::string_view line, mccbandlist_status* status);
 
-// Reads the status file; a status that could not be saved is newer and stays. Returns 0, or -EINVAL,
-// logged, with a status of zeros. Thread: the updater's.
+// Reads the status file; a status that could not be saved is newer and stays. Returns 0, or
+// -EINVAL, logged, with a status of zeros. Thread: the updater's.
 int mccbandlist_get_status(mccbandlist_status* status);
 
 // Replaces the status file. Returns 0, or -EINVAL, logged. Thread: the updater's.

@@ -23,7 +23,7 @@ struct exchange {
     uint32_t timeout_ms = 0;
     pdc_response response{};
     int result = KBR_ERR_INTERNAL;
-    unique_fd over{};  // eventfd, readable once there is a result
+    unique_fd over{};               // eventfd, readable once there is a result
     std::atomic<bool> left{false};  // by whoever of the two came first
 };
 

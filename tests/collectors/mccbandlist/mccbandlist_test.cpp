@@ -1,0 +1,252 @@
+// The band-list updater's parts by themselves, and stops in each of its own waits.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "collectors/mccbandlist/mccbandlist_collector.h"
+#include "collectors/mccbandlist/mccbandlist_dload.h"
+#include "collectors/mccbandlist/mccbandlist_header.h"
+#include "collectors/mccbandlist/mccbandlist_update.h"
+#include "framework/clock.h"
+#include "framework/debug_build.h"
+#include "support/events.h"
+#include "support/files.h"
+#include "support/log.h"
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+namespace {
+
+constexpr char DOWN_DIR[] = "/data/vendor/vexa/down/51";
+constexpr char STATUS[] = "/data/vendor/vexastats/51/.mccbandlist.info";
+constexpr char REQUEST[] = "/data/vendor/vexa/down/51/51-1.0-mccbandlist.bin.req";
+
+const uint8_t* bytes_of(const std::string& text) {
+    return reinterpret_cast<const uint8_t*>(text.data());
+}
+
+TEST(MccbandlistHeader, IsReadInBothByteOrdersFromFortyBytesAndNoFewer) {
+    const std::string owner = "owner"s + std::string(25, '\0');
+    struct {
+        std::string bytes;
+        uint8_t is_little;
+        std::string owner;
+        uint32_t db_id;
+    } const cases[] = {
+        {"\x01\x07"s + owner + "\x01\x02\x03\x04\xff\x00\x00\x80"s, 1, "owner", 0x04030201},
+        {"\x00\x07"s + owner + "\x01\x02\x03\x04\x80\x00\x00\xff"s, 0, "owner", 0x01020304},
+        {"\x02\x07"s + std::string(30, 'o') + "\x01\x02\x03\x04\x80\x00\x00\xff more"s, 0,
+         std::string(30, 'o'), 0x01020304},
+    };
+    for (const auto& c : cases) {
+        mccbandlist_header header;
+        ASSERT_EQ(mccbandlist_read_header(bytes_of(c.bytes), c.bytes.size(), &header), 0);
+        EXPECT_EQ(header.is_little, c.is_little);
+        EXPECT_EQ(header.st_v, 7);
+        EXPECT_EQ(header.owner_n, c.owner);
+        EXPECT_EQ(header.db_id, c.db_id);
+        EXPECT_EQ(header.cont_v, 0x800000ff);
+        EXPECT_EQ(mccbandlist_read_header(bytes_of(c.bytes), 39, &header), -EINVAL);
+    }
+    EXPECT_THAT(log_text(), HasSubstr("mccbandlist_read_header: db_id : [04030201]"));
+    const pdc_config_id id = mccbandlist_config_id(0x01020304);
+    EXPECT_EQ(id.len, 4u);
+    EXPECT_THAT(std::vector<uint8_t>(id.bytes, id.bytes + 4), ElementsAre(1, 2, 3, 4));
+}
+
+TEST(MccbandlistHeader, NewerHasTheSameStructureAndOwnerAndAHigherVersion) {
+    const mccbandlist_header current{.st_v = 1, .owner_n = "us", .cont_v = 0x7fffffff};
+    const std::pair<mccbandlist_header, bool> cases[] = {
+        {{.st_v = 1, .owner_n = "us", .cont_v = 0x80000000}, true},
+        {{.st_v = 1, .owner_n = "us", .cont_v = 0x7fffffff}, false},
+        {{.st_v = 1, .owner_n = "us", .cont_v = 0}, false},
+        {{.st_v = 2, .owner_n = "us", .cont_v = 0x80000000}, false},
+        {{.st_v = 1, .owner_n = "them", .cont_v = 0x80000000}, false},
+    };
+    for (const auto& [next, is_new] : cases)
+        EXPECT_EQ(mccbandlist_is_new_ver(current, next), is_new);
+}
+
+TEST(MccbandlistFile, IsReadWhenItIsAFileOfBoundedSize) {
+    put_files({{"/data/list", "x"}, {"/data/huge", ""}});
+    fs::resize_file("/data/huge", MCCBANDLIST_FILE_MAX + 1);
+    owned_bytes file;
+    EXPECT_EQ(mccbandlist_read_dl_file("/data/list", &file), 0);
+    EXPECT_EQ(file.length, 1u);
+    for (const char* path : {"/data/missing", "/data", "/data/huge"})
+        EXPECT_EQ(mccbandlist_read_dl_file(path, &file), -EINVAL) << path;
+    EXPECT_EQ(mccbandlist_dload_handler("/data/list", stop_flag()), -EINVAL);
+    EXPECT_FALSE(fs::exists("/data/list")) << "too short, and deleted";
+    EXPECT_EQ(mccbandlist_dload_handler("/data/huge", stop_flag()), -EINVAL);
+    EXPECT_TRUE(fs::exists("/data/huge")) << "never read";
+}
+
+// A row in an empty phone, as far as the download directory.
+class Mccbandlist : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        g_is_debug_build = false;
+        for (const char* dir : {DOWN_DIR, "/data/vendor/vexastats"}) {
+            fs::remove_all(dir);
+            fs::create_directories(dir);
+        }
+        fs::create_directory("/data/vendor/vexastats/51");
+        ASSERT_EQ(stop_flag_open(&row.stop), 0);
+    }
+    void TearDown() override {
+        g_is_debug_build = false;
+        close(row.stop.fd.exchange(-1));
+    }
+    collector_info row{.down_dir = DOWN_DIR, .hdr = {.client_id = 51}};
+    mccbandlist_request request;
+};
+
+TEST_F(Mccbandlist, RequestHasTheLastKeyAndTheTimersOfTheBuild) {
+    EXPECT_EQ(mccbandlist_send_dload_req(&request, 0), 0);
+    EXPECT_EQ(file_text(REQUEST),
+              "clientID=51\nversion=1.0\nkey=mccbandlist.bin\nrequestType=0\n"
+              "requestTimer=-813934592\nconnType=1\nconnTimer=86400\n");
+    g_is_debug_build = true;
+    EXPECT_EQ(mccbandlist_send_dload_req(&request, 1234), 0);
+    EXPECT_EQ(file_text(DOWN_DIR + "/51-1.0-mccbandlist.bin.1234.req"s),
+              "clientID=51\nversion=1.0\nkey=mccbandlist.bin.1234\nrequestType=0\n"
+              "requestTimer=1740\nconnType=1\nconnTimer=300\n");
+}
+
+TEST_F(Mccbandlist, DownloadDirectoryIsJudgedByTheRulesInTheirOrder) {
+    const std::string id = "51-1.0-mccbandlist.bin";
+    struct {
+        std::vector<std::string> files;
+        int result;
+        std::vector<std::string> left;
+        uint64_t key_ts;
+    } const cases[] = {
+        {{}, -2, {}, 0},
+        {{id + ".req", id + ".cancel", "other"}, -2, {id + ".cancel", id + ".req", "other"}, 0},
+        {{id + "-cancel-200"}, -2, {}, 0},
+        {{"mccbandlist.bin.77"}, -17, {"mccbandlist.bin.77"}, 0},
+        {{id + "-404"}, 404, {}, 0},
+        {{id + "-progress-50"}, 50, {}, 0},
+        {{"mccbandlist.bin", id + "-404"}, -22, {"mccbandlist.bin"}, 0},
+        {{"mccbandlist.bin", id + "-200"}, 0, {"mccbandlist.bin"}, 0},
+        {{"mccbandlist.bin", id + ".77-200"}, 0, {"mccbandlist.bin"}, 77},
+        {{"mccbandlist.bin", id + "-4294967496"}, -22, {"mccbandlist.bin"}, 0},
+        {{id + "-"}, 0, {}, 0},
+    };
+    for (const auto& c : cases) {
+        fs::remove_all(DOWN_DIR);
+        fs::create_directories(DOWN_DIR + "/"s + id + "-299");  // no regular file
+        for (const std::string& name : c.files) put_files({{DOWN_DIR + "/"s + name, "x"}});
+        request.fields.key = request.key;
+        int status = 0;
+        mccbandlist_download download;
+        EXPECT_EQ(mccbandlist_check_dload_result(DOWN_DIR, request, &status, &download), c.result);
+        fs::remove(DOWN_DIR + "/"s + id + "-299");
+        EXPECT_EQ(list_dir(DOWN_DIR), c.left);
+        EXPECT_EQ(download.key_ts, c.key_ts);
+    }
+}
+
+TEST_F(Mccbandlist, NextTurnIsDueAfterTheIntervalSinceTheLast) {
+    const auto status = [](int64_t ago_ms) {
+        return "#\n\nlast_dl_done_ts=" + std::to_string(PLATFORM_TEST_REAL_MS - ago_ms) +
+               ";last_key_ts=18446744073709551615;";
+    };
+    const std::tuple<std::string, bool, uint64_t> cases[] = {
+        {"", false, 0},
+        {"last_dl_done_ts=;last_key_ts=1;", false, 0},
+        {status(7776000000), false, 0},
+        {status(7775999999), false, 0},
+        {status(7775998999), false, 1},
+        {status(0), false, 7776000},
+        {status(-1), false, 7776000},
+        {status(1000), true, 299},
+        {status(300000), true, 0},
+    };
+    for (const auto& [text, is_debug, wait_s] : cases) {
+        platform_test_reset();
+        put_files({{STATUS, text}});
+        g_is_debug_build = is_debug;
+        mccbandlist_status read;
+        mccbandlist_wait_next_turn(7776000000, &read, row.stop);
+        EXPECT_EQ(vexastats_mono_time_ms() - PLATFORM_TEST_MONO_MS, wait_s * 1000) << text;
+    }
+}
+
+TEST_F(Mccbandlist, StatusThatCannotBeSavedStaysInMemory) {
+    mccbandlist_status status{.last_dl_done_ts = 5, .last_key_ts = 6};
+    EXPECT_EQ(mccbandlist_set_status(&status), 0);
+    EXPECT_EQ(file_text(STATUS), "last_dl_done_ts=5;last_key_ts=6;");
+    fs::remove_all("/data/vendor/vexastats/51");
+    status.last_dl_done_ts = 7;
+    EXPECT_EQ(mccbandlist_set_status(&status), -EINVAL);
+    EXPECT_EQ(mccbandlist_get_status(&status), 0);
+    EXPECT_EQ(status.last_dl_done_ts, 7u);
+}
+
+TEST_F(Mccbandlist, StopEndsEveryWaitWithoutFilingAnything) {
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    struct {
+        const char* name;
+        bool has_dir;
+        const char* property;
+        const char* status;
+    } const cases[] = {
+        {"directory", false, "1", ""},
+        {"property", true, "0", ""},
+        {"turn", true, "1", "last_dl_done_ts=1700000000000;last_key_ts=0;"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        TearDown();
+        SetUp();
+        row.stop.raised = 0;
+        if (!c.has_dir) fs::remove(DOWN_DIR);
+        platform_test_set_property("vendor.orb.vexa.enabled", c.property);
+        put_files({{STATUS, c.status}});
+        std::thread thread([&] { EXPECT_EQ(mccbandlist_monitor(&row), 0); });
+        EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+        stop_flag_raise(&row.stop);
+        thread.join();
+        EXPECT_THAT(list_dir(DOWN_DIR), IsEmpty());
+        EXPECT_EQ(file_text(STATUS), c.status);
+    }
+}
+
+// Its own looks and other directories raise events too; a lost directory ends it.
+TEST_F(Mccbandlist, AttemptRestsUntilAFileComesAndEndsWithItsDirectory) {
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    platform_test_set_property("vendor.orb.vexa.enabled", "1");
+    std::thread thread([&] { mccbandlist_monitor(&row); });
+    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+    const std::string begun = log_text();
+    fs::create_directory(DOWN_DIR + "/sub"s);
+    fs::remove(DOWN_DIR + "/sub"s);
+    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+    EXPECT_EQ(log_text(), begun);
+    // By rename, so that nothing closes it in there; and it ends the attempt.
+    put_files({{"/data/status", ""}});
+    fs::rename("/data/status", DOWN_DIR + "/51-1.0-mccbandlist.bin-503"s);
+    EXPECT_TRUE(wait_for_file(STATUS));
+    EXPECT_TRUE(platform_test_wait_log("mccbandlist_wait_next_turn: start wait time 7776000 sec ",
+                                       EVENT_LIMIT.count()));
+    EXPECT_EQ(file_text(STATUS), "last_dl_done_ts=1700000000000;last_key_ts=0;");
+    EXPECT_THAT(list_dir(DOWN_DIR), IsEmpty());
+    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+    platform_test_advance_ms(7776000000);
+    EXPECT_TRUE(wait_for_file(REQUEST));
+    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+    fs::rename("/data/vendor/vexa/down", "/data/vendor/vexa/aside");
+    thread.join();
+    EXPECT_TRUE(stop_flag_is_raised(row.stop));
+    EXPECT_THAT(log_text(), HasSubstr("mccbandlist_monitor: dropbox not exist, so exit. 800 "));
+}
+
+}  // namespace
