@@ -126,6 +126,7 @@ void pdc_service::save(const std::string& db_id, const std::string& path) {
     stream << found->second;
     stream.close();
     if (!stream) throw std::runtime_error("cannot write " + path);
+    port_.log("saved " + path);
 }
 
 // ---- Requests
