@@ -67,8 +67,6 @@ TEST_F(InspectProgram, BandListShowsItsHeaderInBothByteOrders) {
         const std::string bytes = std::string{order, '\7'} + owner + numbers;
         const auto list = write("list", byte_vector(bytes.begin(), bytes.end()));
         EXPECT_THAT(run("--band-list " + list).out, HasSubstr(shown + (" of \"" + owner + '"')));
-        EXPECT_EQ(nlohmann::json::parse(run("--band-list --json " + list).out)["cont_v"],
-                  order ? 0x09000000 : 9);
         write("list", byte_vector(bytes.begin(), bytes.end() - 1));
         EXPECT_EQ(run("--band-list " + list).code, 1);
     }
