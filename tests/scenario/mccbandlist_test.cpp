@@ -78,6 +78,9 @@ TEST_F(MccbandlistScenario, ListsAreFetchedEveryNinetyDaysAndNewerOnesLoaded) {
     EXPECT_THAT(list_dir(DIR), IsEmpty());
     phone_set_clock("real=2024-03-31T00:00:10Z boot=7777010");
     ASSERT_TRUE(requested("mccbandlist.bin.1704"));
+    EXPECT_EQ(file_text(DIR + "/51-1.0-mccbandlist.bin.1704.req"),
+              "clientID=51\nversion=1.0\nkey=mccbandlist.bin.1704\nrequestType=0\n"
+              "requestTimer=-813934592\nconnType=1\nconnTimer=86400\n");
     put("mccbandlist.bin.1704", pdc_band_list(DB, 6, "vexa", 41));
     put("51-1.0-mccbandlist.bin.1704-200");
     ASSERT_TRUE(ended());
@@ -100,14 +103,14 @@ TEST_F(MccbandlistScenario, FailedAttemptsEndAndTheNextOneIsMade) {
         {"help", pdc_band_list(DB, 9, "other", 40), "200", "owner_name not match"},
         {"pdc refuse 40 1 3", list, "200", "failed to get config info"},
         {"pdc refuse 38", list, "200", "Failed to load config segments, result: -1"},
-        {"pdc reset", list, "200", "PDC frame data is reset"},
-        {"pdc error 2", list, "200", "no memory in modem EFS"},
         {"pdc early 900", list, "200", "The remaining size: 0"},
     };
     daemon_process daemon;
     int64_t boot_s = 1000;
     for (const auto& [modem_command, delivered, status, logged] : attempts) {
         ASSERT_TRUE(requested("mccbandlist.bin")) << phone_log();
+        EXPECT_THAT(file_text(DIR + "/51-1.0-mccbandlist.bin.req"),
+                    HasSubstr("requestTimer=1740\nconnType=1\nconnTimer=300\n"));
         modem->command(modem_command);
         if (!delivered.empty()) put("mccbandlist.bin", delivered);
         put(std::string("51-1.0-mccbandlist.bin-") + status);
@@ -121,19 +124,15 @@ TEST_F(MccbandlistScenario, FailedAttemptsEndAndTheNextOneIsMade) {
 }
 
 TEST_F(MccbandlistScenario, StopDoesNotWaitForTheModem) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"pdc silent", "message 40 left without an answer"},
-        {"pdc stall on", "message 40 left without an indication"},
-        {"pdc delay 38 86400000", "header of 01020304"},
-    };
-    for (const auto& [command, printed] : cases) {
+    for (const char* command : {"pdc silent", "pdc stall on"}) {
         SetUp();
         modem->command(command);
         daemon_process daemon;
         ASSERT_TRUE(requested("mccbandlist.bin"));
         put("mccbandlist.bin", pdc_band_list(DB, 6, "vexa", 40));
         put("51-1.0-mccbandlist.bin-200");
-        ASSERT_TRUE(eventually([&] { return modem->output().find(printed) != std::string::npos; }));
+        ASSERT_TRUE(eventually(
+            [&] { return modem->output().find("left without an") != std::string::npos; }));
         EXPECT_TRUE(daemon.stop(milliseconds(1000))) << command;
         EXPECT_FALSE(fs::exists(STATUS_FILE)) << "the next start makes the attempt anew";
     }
