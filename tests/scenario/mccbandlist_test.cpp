@@ -133,7 +133,7 @@ TEST_F(MccbandlistScenario, StopDoesNotWaitForTheModem) {
         put("51-1.0-mccbandlist.bin-200");
         ASSERT_TRUE(eventually(
             [&] { return modem->output().find("left without an") != std::string::npos; }));
-        EXPECT_TRUE(daemon.stop(milliseconds(1000))) << command;
+        EXPECT_TRUE(daemon.stop()) << command;
         EXPECT_FALSE(fs::exists(STATUS_FILE)) << "the next start makes the attempt anew";
     }
 }
