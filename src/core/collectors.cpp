@@ -6,6 +6,7 @@
 #include "collectors/cpu/cpu_collector.h"
 #include "collectors/diag/diag_collector.h"
 #include "collectors/gpu/gpu_collector.h"
+#include "collectors/mccbandlist/mccbandlist_collector.h"
 #include "collectors/microdump/microdump_collector.h"
 #include "collectors/microdump/microdump_config.h"
 #include "collectors/mps/mps_collector.h"
@@ -89,6 +90,19 @@ constinit collector_info g_collectors[] = {
         .cfg_file = "/data/vendor/vexastats/6/mps_collection_logic",
         .hdr = {.client_id = 6, .data_type = DATA_TYPE_MPS, .rec_version = 1},
         .thread_func = mps_main,
+    },
+    {
+        .name = "mccbandlist_updater",
+        .up_dir = "/data/vendor/vexa/up/51",
+        .down_dir = "/data/vendor/vexa/down/51",
+        // It drops no files.
+        .hdr = {.header_version = 0,
+                .header_len = 0,
+                .client_id = 51,
+                .data_type = DATA_TYPE_STATS,
+                .rec_version = 1,
+                .header_attr2 = 0},
+        .thread_func = mccbandlist_monitor,
     },
     {
         .name = "alog_collector",

@@ -61,6 +61,7 @@ TEST_F(DaemonTest, AnnouncesItselfAndEndsInOrder) {
               "static_collector Terminated\n"
               "microdump_collector Terminated\n"
               "mps Terminated\n"
+              "mccbandlist_updater Terminated\n"
               "alog_collector Terminated\n"
               "property_set vendor.orb.vexa.enabled 0\n"
               "vexastatsd stopped\n");

@@ -7,10 +7,12 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <random>
 #include <thread>
 
 #include "framework/unique_handle.h"
+#include "modem/pdc.h"
 #include "scenario/daemon_process.h"
 #include "scenario/modem_thread.h"
 #include "support/files.h"
@@ -39,7 +41,7 @@ void churn_directories(unsigned seed, const std::atomic<bool>& end) {
         "/data/vendor/vexa/up/2",   "/data/vendor/vexa/up/5",   "/data/vendor/vexa/down",
         "/data/vendor/vexa/down/2", "/data/vendor/vexa/up/501", "/data/vendor/vexa/down/501",
         "/data/vendor/vexa/up/4",   "/data/vendor/vexa/down/4", "/data/vendor/vexa/up/6",
-        "/data/vendor/vexa/down/6"};
+        "/data/vendor/vexa/down/6", "/data/vendor/vexa/down/51"};
     std::error_code ignored;
     while (!end) {
         const fs::path dir = dirs[rnd() % std::size(dirs)];
@@ -73,6 +75,13 @@ std::string microdump_config(int wait_ms) {
     return "clientid=5;size=65536;maxuploadwaittime=" + std::to_string(wait_ms) + "\n";
 }
 
+// As the download agent does, if the directory is there.
+void put_band_list() {
+    const std::string dir = std::string(DOWN_DIR) + "/51/";
+    std::ofstream(dir + "mccbandlist.bin") << pdc_band_list(0x4d424c31, 2, "vexa", 2000);
+    std::ofstream(dir + "51-1.0-mccbandlist.bin-200") << "";
+}
+
 struct tally {
     std::vector<double> stop_ms;
     int before_main = 0;  // the signal was faster than the daemon's first line
@@ -104,6 +113,8 @@ void one_round(std::mt19937& rnd, tally* result) {
     std::optional<modem_thread> modem_side;
     if (rnd() % 4) modem_side.emplace();
     if (modem_side) modem_side->command("diag rate 0");
+    if (rnd() % 4) fs::create_directories(std::string(DOWN_DIR) + "/51");
+    if (modem_side && rnd() % 2) modem_side->command(rnd() % 2 ? "pdc silent" : "pdc stall on");
     for (const int id : {1, 4, 5, 6}) {
         if (rnd() % 4) opt_in(id);
         if (rnd() % 2) fs::create_directories(std::string(DOWN_DIR) + "/" + std::to_string(id));
@@ -128,6 +139,10 @@ void one_round(std::mt19937& rnd, tally* result) {
     if (churning) churn = std::thread(churn_directories, rnd(), std::cref(end));
     daemon_process daemon({"VEXA_TEST_WINDOW_US=" + std::to_string(rnd() % 3 * 200)});
     usleep(rnd() % 2 ? rnd() % 4000 : rnd() % 40000);
+    if (rnd() % 2) {
+        put_band_list();
+        usleep(rnd() % 4000);
+    }
 
     constexpr int SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
     const int signo = SIGNALS[rnd() % 3];

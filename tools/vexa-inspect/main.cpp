@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "band_list.h"
 #include "record_formats.h"
 
 namespace {
@@ -17,10 +18,12 @@ constexpr int EXIT_USAGE = 2;
 struct arguments {
     std::vector<std::string> files;
     bool json = false;
+    bool band_list = false;
     report_options report;
 };
 
 std::string show(const std::string& path, const arguments& args) {
+    if (args.band_list) return band_list_show(path, args.json) + "\n";
     const auto file = upload_read(path);
     return args.json ? upload_json(path, file) + "\n"
                      : upload_report(path, file, args.report) + "\n";
@@ -49,6 +52,7 @@ int run(int argc, char** argv) {
                  "vexa-inspect");
     app.add_option("FILE", args.files, "upload files")->required();
     app.add_flag("--json", args.json, "one JSON object a line for each file, with the raw values");
+    app.add_flag("--band-list", args.band_list, "the files are band lists, not upload files");
     app.add_option("--rows", args.report.max_rows,
                    "most rows of a table over time (default: all samples)")
         ->check(CLI::PositiveNumber);

@@ -60,6 +60,18 @@ class InspectProgram : public testing::Test {
 
 }  // namespace
 
+TEST_F(InspectProgram, BandListShowsItsHeaderInBothByteOrders) {
+    const std::string owner(30, 'o');
+    const std::string numbers{'\1', '\2', '\3', '\4', '\0', '\0', '\0', '\t'};
+    for (const auto& [order, shown] : {std::pair{'\1', "04030201"}, {'\0', "01020304"}}) {
+        const std::string bytes = std::string{order, '\7'} + owner + numbers;
+        const auto list = write("list", byte_vector(bytes.begin(), bytes.end()));
+        EXPECT_THAT(run("--band-list " + list).out, HasSubstr(shown + (" of \"" + owner + '"')));
+        write("list", byte_vector(bytes.begin(), bytes.end() - 1));
+        EXPECT_EQ(run("--band-list " + list).code, 1);
+    }
+}
+
 TEST_F(InspectProgram, DamagedFileIsNamedAndDoesNotHideTheOthers) {
     const auto good = write("good", upload(sample()));
     auto bytes = upload(sample());

@@ -1,0 +1,215 @@
+// The band-list updater's parts by themselves, and stops in each of its own waits.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "collectors/mccbandlist/mccbandlist_collector.h"
+#include "collectors/mccbandlist/mccbandlist_dload.h"
+#include "collectors/mccbandlist/mccbandlist_header.h"
+#include "collectors/mccbandlist/mccbandlist_update.h"
+#include "framework/clock.h"
+#include "framework/debug_build.h"
+#include "support/events.h"
+#include "support/files.h"
+#include "support/log.h"
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+namespace {
+
+constexpr char DOWN_DIR[] = "/data/vendor/vexa/down/51";
+constexpr char STATUS[] = "/data/vendor/vexastats/51/.mccbandlist.info";
+constexpr char REQUEST[] = "/data/vendor/vexa/down/51/51-1.0-mccbandlist.bin.req";
+
+const uint8_t* bytes_of(const std::string& text) {
+    return reinterpret_cast<const uint8_t*>(text.data());
+}
+
+TEST(MccbandlistHeader, IsReadInBothByteOrdersFromFortyBytesAndNoFewer) {
+    const std::string owner = "owner"s + std::string(25, '\0');
+    const std::string ids = "\x01\x02\x03\x04";
+    const std::tuple<std::string, std::string, uint32_t> cases[] = {
+        {"\x01\x07"s + owner + ids + "\xff\x00\x00\x80"s, "owner", 0x04030201},
+        {"\x02\x07"s + std::string(30, 'o') + ids + "\x80\x00\x00\xff more"s, std::string(30, 'o'),
+         0x01020304},
+    };
+    for (const auto& [bytes, name, db_id] : cases) {
+        mccbandlist_header header;
+        ASSERT_EQ(mccbandlist_read_header(bytes_of(bytes), bytes.size(), &header), 0);
+        EXPECT_EQ(header.is_little, bytes[0] == 1);
+        EXPECT_EQ(header.st_v, 7);
+        EXPECT_EQ(header.owner_n, name);
+        EXPECT_EQ(header.db_id, db_id);
+        EXPECT_EQ(header.cont_v, 0x800000ff);
+        EXPECT_EQ(mccbandlist_read_header(bytes_of(bytes), 39, &header), -EINVAL);
+    }
+    const pdc_config_id id = mccbandlist_config_id(0x01020304);
+    EXPECT_EQ(std::string(id.bytes, id.bytes + id.len), ids);
+}
+
+TEST(MccbandlistHeader, NewerHasTheSameStructureAndOwnerAndAHigherVersion) {
+    const auto is_new = [](uint8_t st_v, const char(&owner)[3], uint32_t cont_v) {
+        mccbandlist_header next{.st_v = st_v, .cont_v = cont_v};
+        memcpy(next.owner_n, owner, sizeof owner);
+        return mccbandlist_is_new_ver({.st_v = 1, .owner_n = "us", .cont_v = 0x7fffffff}, next);
+    };
+    EXPECT_TRUE(is_new(1, "us", 0x80000000));
+    EXPECT_FALSE(is_new(1, "us", 0x7fffffff) || is_new(2, "us", 0x80000000) ||
+                 is_new(1, "me", 0x80000000));
+}
+
+TEST(MccbandlistFile, IsReadWhenItIsAFileOfBoundedSize) {
+    put_files({{"/data/list", "x"}, {"/data/huge", ""}});
+    fs::resize_file("/data/huge", MCCBANDLIST_FILE_MAX + 1);
+    owned_bytes file;
+    EXPECT_EQ(mccbandlist_read_dl_file("/data/list", &file), 0);
+    EXPECT_EQ(file.length, 1u);
+    for (const char* path : {"/data/missing", "/data", "/data/huge"})
+        EXPECT_EQ(mccbandlist_read_dl_file(path, &file), -EINVAL) << path;
+    EXPECT_EQ(mccbandlist_dload_handler("/data/list", stop_flag()), -EINVAL);
+    EXPECT_FALSE(fs::exists("/data/list")) << "too short, and deleted";
+}
+
+// A row in an empty phone, as far as the download directory.
+class Mccbandlist : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        g_is_debug_build = false;
+        for (const char* dir : {DOWN_DIR, "/data/vendor/vexastats"}) {
+            fs::remove_all(dir);
+            fs::create_directories(dir);
+        }
+        fs::create_directory("/data/vendor/vexastats/51");
+        ASSERT_EQ(stop_flag_open(&row.stop), 0);
+    }
+    void TearDown() override {
+        g_is_debug_build = false;
+        close(row.stop.fd.exchange(-1));
+    }
+    collector_info row{.down_dir = DOWN_DIR, .hdr = {.client_id = 51}};
+    mccbandlist_request request;
+};
+
+TEST_F(Mccbandlist, DownloadDirectoryIsJudgedByTheRulesInTheirOrder) {
+    const std::string id = "51-1.0-mccbandlist.bin";
+    using names = std::vector<std::string>;
+    const std::tuple<names, int, names, uint64_t> cases[] = {
+        {{}, -2, {}, 0},
+        {{id + ".req", id + ".cancel", "other"}, -2, {id + ".cancel", id + ".req", "other"}, 0},
+        {{id + "-cancel-200"}, -2, {}, 0},
+        {{"mccbandlist.bin.77"}, -17, {"mccbandlist.bin.77"}, 0},
+        {{id + "-404"}, 404, {}, 0},
+        {{id + "-progress-50"}, 50, {}, 0},
+        {{"mccbandlist.bin", id + "-404"}, -22, {"mccbandlist.bin"}, 0},
+        {{"mccbandlist.bin", id + "-200"}, 0, {"mccbandlist.bin"}, 0},
+        {{"mccbandlist.bin", id + ".77-200"}, 0, {"mccbandlist.bin"}, 77},
+        {{"mccbandlist.bin", id + "-4294967496"}, -22, {"mccbandlist.bin"}, 0},
+        {{id + "-"}, 0, {}, 0},
+    };
+    for (const auto& [files, result, left, key_ts] : cases) {
+        fs::remove_all(DOWN_DIR);
+        fs::create_directories(DOWN_DIR + "/"s + id + "-299");  // no regular file
+        for (const std::string& name : files) put_files({{DOWN_DIR + "/"s + name, "x"}});
+        request.fields.key = request.key;
+        int status = 0;
+        mccbandlist_download download;
+        EXPECT_EQ(mccbandlist_check_dload_result(DOWN_DIR, request, &status, &download), result);
+        fs::remove(DOWN_DIR + "/"s + id + "-299");
+        EXPECT_EQ(list_dir(DOWN_DIR), left);
+        EXPECT_EQ(download.key_ts, key_ts);
+    }
+}
+
+TEST_F(Mccbandlist, NextTurnIsDueAfterTheIntervalSinceTheLast) {
+    const auto status = [](int64_t ago_ms) {
+        return "#\n\nlast_dl_done_ts=" + std::to_string(PLATFORM_TEST_REAL_MS - ago_ms) +
+               ";last_key_ts=18446744073709551615;";
+    };
+    const std::tuple<std::string, bool, uint64_t> cases[] = {
+        {"", false, 0},
+        {"last_dl_done_ts=;last_key_ts=1;", false, 0},
+        {status(7776000000), false, 0},
+        {status(7775999999), false, 0},
+        {status(7775998999), false, 1},
+        {status(0), false, 7776000},
+        {status(-1), false, 7776000},
+        {status(1000), true, 299},
+        {status(300000), true, 0},
+    };
+    for (const auto& [text, is_debug, wait_s] : cases) {
+        platform_test_reset();
+        put_files({{STATUS, text}});
+        g_is_debug_build = is_debug;
+        mccbandlist_status read;
+        mccbandlist_wait_next_turn(7776000000, &read, row.stop);
+        EXPECT_EQ(vexastats_mono_time_ms() - PLATFORM_TEST_MONO_MS, wait_s * 1000) << text;
+    }
+    // One that cannot be saved stays in memory.
+    fs::remove_all("/data/vendor/vexastats/51");
+    mccbandlist_status status_now{.last_dl_done_ts = 7};
+    EXPECT_EQ(mccbandlist_set_status(&status_now), -EINVAL);
+    EXPECT_EQ(mccbandlist_get_status(&status_now), 0);
+    EXPECT_EQ(status_now.last_dl_done_ts, 7u);
+}
+
+TEST_F(Mccbandlist, StopEndsEveryWaitWithoutFilingAnything) {
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    const std::tuple<bool, const char*, const char*> cases[] = {
+        {false, "1", ""},
+        {true, "0", ""},
+        {true, "1", "last_dl_done_ts=1700000000000;last_key_ts=0;"},
+    };
+    for (const auto& [has_dir, property, status] : cases) {
+        TearDown();
+        SetUp();
+        row.stop.raised = 0;
+        if (!has_dir) fs::remove(DOWN_DIR);
+        platform_test_set_property("vendor.orb.vexa.enabled", property);
+        put_files({{STATUS, status}});
+        std::thread thread([&] { EXPECT_EQ(mccbandlist_monitor(&row), 0); });
+        EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+        stop_flag_raise(&row.stop);
+        thread.join();
+        EXPECT_THAT(list_dir(DOWN_DIR), IsEmpty());
+        EXPECT_EQ(file_text(STATUS), status);
+    }
+}
+
+// Its own looks and other directories raise events too; a lost directory ends it.
+TEST_F(Mccbandlist, AttemptRestsUntilAFileComesAndEndsWithItsDirectory) {
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    platform_test_set_property("vendor.orb.vexa.enabled", "1");
+    std::thread thread([&] { mccbandlist_monitor(&row); });
+    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+    const std::string begun = log_text();
+    fs::create_directory(DOWN_DIR + "/sub"s);
+    fs::remove(DOWN_DIR + "/sub"s);
+    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+    EXPECT_EQ(log_text(), begun);
+    // By rename, so that nothing closes it in there; and it ends the attempt.
+    put_files({{"/data/status", ""}});
+    fs::rename("/data/status", DOWN_DIR + "/51-1.0-mccbandlist.bin-503"s);
+    EXPECT_TRUE(wait_for_file(STATUS));
+    EXPECT_TRUE(platform_test_wait_log("mccbandlist_wait_next_turn: start wait time 7776000 sec ",
+                                       EVENT_LIMIT.count()));
+    EXPECT_EQ(file_text(STATUS), "last_dl_done_ts=1700000000000;last_key_ts=0;");
+    EXPECT_THAT(list_dir(DOWN_DIR), IsEmpty());
+    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+    platform_test_advance_ms(7776000000);
+    EXPECT_TRUE(wait_for_file(REQUEST));
+    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+    fs::rename("/data/vendor/vexa/down", "/data/vendor/vexa/aside");
+    thread.join();
+    EXPECT_TRUE(stop_flag_is_raised(row.stop));
+    EXPECT_THAT(log_text(), HasSubstr("mccbandlist_monitor: dropbox not exist, so exit. 800 "));
+}
+
+}  // namespace
