@@ -17,7 +17,6 @@
 
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 namespace {
 std::atomic<uint32_t> raised_events{0};
@@ -263,19 +262,6 @@ TEST_F(MpsKbr, ServiceThreadReportsReadinessOnceTheRevisionIsKnown) {
     EXPECT_EQ(raised_events, uint32_t{MPS_EVENT_KBR_READY});
     EXPECT_EQ(log_text(), "major version: 1. minor version: 258\n");
     EXPECT_EQ(mps_kbr_service_revision().minor, 258u);
-}
-
-TEST(MpsKbrWithoutAModem, FailedConnectionIsInitialisedAndSendsNothing) {
-    EXPECT_EQ(mps_kbr_get_service_rev(nullptr, nullptr), -1);
-    mps_kbr_client_release();
-    kbr_handler(nullptr);
-    MpsCampaign record;
-    EXPECT_EQ(mps_kbr_init_mpss_bsi(&record, 0, stop_flag()), KBR_ERR_GONE);
-    mps_kbr_client_release();
-    EXPECT_THAT(log_text(),
-                StartsWith("VEXA KBR Instance Un-InitializedVEXA KBR Instance Un-Initialized"
-                           "mps_kbr_init: failed to init kbr. err:-5"
-                           "kbr_handler: failed to init kbr. err:-5"));
 }
 
 }  // namespace
