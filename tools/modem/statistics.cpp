@@ -93,7 +93,7 @@ void statistics_service::add_commands() {
                 buffer_full_every_ = std::chrono::seconds(modem_number(w[0], 86400));
             schedule_buffer_full();
         });
-    add("save", "DIR", "write the specifications it was given to files", [this](const words& w) {
+    add("save", "DIR", "write the specs it was given to files", [this](const words& w) {
         if (w.size() != 1) throw std::invalid_argument("needs a directory");
         save(w[0]);
     });

@@ -1,4 +1,4 @@
-// The modem's performance statistics service: takes the specifications of a collection, checks and
+// The modem's performance statistics service: takes the specs of a collection, checks and
 // keeps them, and hands its "data" over as files.
 #pragma once
 

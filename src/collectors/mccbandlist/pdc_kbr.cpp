@@ -11,8 +11,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "collectors/mccbandlist/pdc_send.h"
 #include "framework/clock.h"
+#include "framework/kbr_call.h"
 #include "framework/sync.h"
 #include "framework/unique_handle.h"
 #include "framework/wait.h"
@@ -136,8 +136,8 @@ int send(uint16_t msg_id, const Request& request, pdc_response* response, const 
         handle = the_client.handle;
     }
     if (!handle) return KBR_ERR_GONE;
-    const int result =
-        pdc_send(&handle, msg_id, &request, sizeof request, response, REQUEST_TIMEOUT_MS, stop);
+    const int result = vexastats_kbr_call(&handle, msg_id, &request, sizeof request, response,
+                                          sizeof *response, REQUEST_TIMEOUT_MS, stop);
     if (!handle) {
         const vexa_lock held(the_client.mutex);
         the_client.handle = nullptr;

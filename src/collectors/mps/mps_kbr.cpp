@@ -19,7 +19,7 @@ constexpr uint32_t REQUEST_TIMEOUT_MS = 10000;
 constexpr uint32_t CONNECT_TIMEOUT_S = 4;
 constexpr uint8_t PREPARE_CONSTANT = 80;
 
-// The source offset of a collection specification's piece is made from the low byte of its number,
+// The source offset of a collection spec's piece is made from the low byte of its number,
 // so that pieces repeat above 204800 bytes: deliberate.
 constexpr size_t PART_NUMBERS = 256;
 
@@ -113,7 +113,7 @@ int check_start(const MpsCampaign* record, const char* function) {
     return 0;
 }
 
-// Returns 0, or -EINVAL for a static specification that the request has no room for.
+// Returns 0, or -EINVAL for a static spec that the request has no room for.
 int fill_start_prepare(const MpsCampaign& record, size_t parts, uint32_t subscription_id,
                        mps_start_prepare_request* request) {
     const owned_bytes& static_spec = record.static_spec;
@@ -168,7 +168,7 @@ void note_lll_part(uint32_t ll_delay_s) {
     the_client.ll_delay_s = ll_delay_s;
 }
 
-// Sends a specification in pieces.
+// Sends a spec in pieces.
 int send_spec(start_sequence* sequence, mps_spec_kind kind, const owned_bytes& spec) {
     for (size_t done = 0; done < spec.length; ++sequence->part_number) {
         const size_t size = std::min(spec.length - done, MPS_SPEC_PART_MAX);
@@ -284,7 +284,7 @@ int mps_kbr_init_mpss_bsi(const MpsCampaign* record, uint32_t subscription_id,
     int result = check_start(record, __func__);
     if (result != 0) return result;
 
-    // The static specification travels in the prepare request and is no part.
+    // The static spec travels in the prepare request and is no part.
     const size_t parts = count_parts(record->collection_spec) + count_parts(record->ctxt_spec) +
                          count_parts(record->lll_spec);
     ALOGD("%s: Part Number = %d MEMSET", __func__, static_cast<int>(parts));

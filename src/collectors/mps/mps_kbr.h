@@ -42,13 +42,13 @@ int mps_kbr_get_service_rev(uint32_t* major, uint32_t* minor);
 // What the modem said last; zeros before it did. Any thread.
 mps_service_revision mps_kbr_service_revision();
 
-// Hands a campaign's specifications to the modem and starts the collection. `stop` is looked at
+// Hands a campaign's specs to the modem and starts the collection. `stop` is looked at
 // before each request, for each may take ten seconds. The subscription id is counted from 1; 0:
 // none. Thread: the collector's, as for all that follow.
 int mps_kbr_init_mpss_bsi(const MpsCampaign* record, uint32_t subscription_id,
                           const stop_flag& stop);
 
-// Announces `parts` parts of collection logic and hands over the static specification. One above
+// Announces `parts` parts of collection logic and hands over the static spec. One above
 // 800 bytes is refused with -EINVAL.
 int mps_kbr_send_start_prepare_req(const MpsCampaign* record, size_t parts,
                                    uint32_t subscription_id);
@@ -59,12 +59,12 @@ int mps_kbr_stop_flush_bsi();
 // Has the modem hand over its results.
 int mps_kbr_fetch_results();
 
-// Resume and interrupt the LLL collection. Without a collection that has an LLL specification they
+// Resume and interrupt the LLL collection. Without a collection that has an LLL spec they
 // send nothing and give true. Return whether nothing failed.
 bool mps_kbr_send_lll_start_req();
 bool mps_kbr_send_lll_stop_req();
 
-// Seconds between an LLL stop and the next start, of the latest campaign with an LLL specification.
+// Seconds between an LLL stop and the next start, of the latest campaign with an LLL spec.
 // Any thread.
 uint32_t mps_kbr_get_lll_delayt_timer_secs();
 

@@ -20,7 +20,7 @@ enum mps_message_id : uint16_t {
     MPS_LLL_START = 10,
 };
 
-// Most bytes of a specification in one message.
+// Most bytes of a spec in one message.
 inline constexpr size_t MPS_SPEC_PART_MAX = 800;
 
 // What a part of a collection's logic belongs to.

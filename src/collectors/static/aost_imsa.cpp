@@ -9,9 +9,9 @@
 #include <utility>
 
 #include "collectors/static/aost_reporter.h"
-#include "collectors/static/imsa_call.h"
 #include "framework/clock.h"
 #include "framework/dload.h"
+#include "framework/kbr_call.h"
 #include "framework/unique_handle.h"
 #include "framework/wait.h"
 #include "platform/log.h"
@@ -20,6 +20,7 @@ constinit aost_reporter g_aost;
 
 namespace {
 
+constexpr uint32_t IMSA_CALL_TIMEOUT_MS = 120000;
 constexpr uint32_t CONNECT_TIMEOUT_S = 4;
 constexpr int CONNECT_RETRIES = 24;
 constexpr int64_t CONNECT_PAUSE_MS = 5000;
@@ -46,12 +47,13 @@ void reset_state(write_req* req) {
 template <class Response>
 int send(kbr_client* callback_client, uint16_t msg_id, const void* request, size_t request_len,
          Response* response, const imsa_result& result) {
-    const int sent = callback_client
-                         ? kbr_client_send_msg_sync(callback_client, msg_id, request,
-                                                    static_cast<uint32_t>(request_len), response,
-                                                    sizeof *response, IMSA_CALL_TIMEOUT_MS)
-                         : imsa_call(&g_aost.client, msg_id, request, request_len, response,
-                                     sizeof *response, g_aost.row.load()->stop);
+    const int sent =
+        callback_client
+            ? kbr_client_send_msg_sync(callback_client, msg_id, request,
+                                       static_cast<uint32_t>(request_len), response,
+                                       sizeof *response, IMSA_CALL_TIMEOUT_MS)
+            : vexastats_kbr_call(&g_aost.client, msg_id, request, request_len, response,
+                                 sizeof *response, IMSA_CALL_TIMEOUT_MS, g_aost.row.load()->stop);
     if (sent != KBR_OK) return sent;
     return result.result == 0 ? KBR_OK : KBR_ERR_REFUSED;
 }

@@ -1,4 +1,4 @@
-#include "collectors/static/imsa_call.h"
+#include "framework/kbr_call.h"
 
 #include <pthread.h>
 #include <signal.h>
@@ -18,6 +18,7 @@ struct pending_message {
     uint32_t request_len = 0;
     void* response = nullptr;
     uint32_t response_len = 0;
+    uint32_t timeout_ms = 0;
     int result = KBR_ERR_INTERNAL;
     unique_fd done{};  // eventfd
 };
@@ -26,7 +27,7 @@ void* send(void* arg) {
     auto* message = static_cast<pending_message*>(arg);
     message->result = kbr_client_send_msg_sync(message->client, message->msg_id, message->request,
                                                message->request_len, message->response,
-                                               message->response_len, IMSA_CALL_TIMEOUT_MS);
+                                               message->response_len, message->timeout_ms);
     (void)eventfd_write(message->done.get(), 1);
     return nullptr;
 }
@@ -44,15 +45,17 @@ bool start_thread(pthread_t* thread, pending_message* message) {
 
 }  // namespace
 
-int imsa_call(kbr_client** client, uint16_t msg_id, const void* request, size_t request_len,
-              void* response, size_t response_len, const stop_flag& stop) {
+int vexastats_kbr_call(kbr_client** client, uint16_t msg_id, const void* request,
+                       size_t request_len, void* response, size_t response_len, uint32_t timeout_ms,
+                       const stop_flag& stop) {
     if (!*client || stop_flag_is_raised(stop)) return KBR_ERR_GONE;
     pending_message message{.client = *client,
                             .msg_id = msg_id,
                             .request = request,
                             .request_len = static_cast<uint32_t>(request_len),
                             .response = response,
-                            .response_len = static_cast<uint32_t>(response_len)};
+                            .response_len = static_cast<uint32_t>(response_len),
+                            .timeout_ms = timeout_ms};
     message.done.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     pthread_t thread = {};
     if (!message.done || !start_thread(&thread, &message)) return KBR_ERR_INTERNAL;
