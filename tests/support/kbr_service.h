@@ -34,7 +34,7 @@ inline std::string response_to(const std::string& request,
            std::string(1, '\0') + fields;
 }
 
-// Bytes that tell where in a specification they stand.
+// Bytes that tell where in a spec they stand.
 inline owned_bytes spec_of(size_t length, uint8_t seed = 0) {
     owned_bytes spec{.length = length,
                      .bytes = unique_malloc<uint8_t>(static_cast<uint8_t*>(malloc(length + 1)))};

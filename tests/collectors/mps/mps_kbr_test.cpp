@@ -164,7 +164,7 @@ TEST_F(MpsKbr, PartsAreNumberedAcrossTheKindsAndRepeatFrom256On) {
                                       "Type 2, Bytes Left 1"));
 }
 
-TEST_F(MpsKbr, SpecificationsWithoutBytesAreRefused) {
+TEST_F(MpsKbr, SpecsWithoutBytesAreRefused) {
     for (owned_bytes MpsCampaign::*spec : {&MpsCampaign::collection_spec, &MpsCampaign::static_spec,
                                            &MpsCampaign::ctxt_spec, &MpsCampaign::lll_spec}) {
         MpsCampaign bad;
