@@ -174,10 +174,13 @@ TEST_F(DiagTest, CampaignGoesOnAfterARestartUntilTheClockSaysOtherwise) {
         const std::string log = phone_log();
         return log.find("Starting Diag Campaign 7", log.find("vexastatsd stopped")) != log.npos;
     }));
-    modem.command("diag status 0x10002");
-    ASSERT_TRUE(
-        eventually_logged("diag: DIAG_STATUS_OPEN on DIAG_CON_MPSS\n"
-                          "diag: Modem supports DCI\n"));
+    // Said again until the modem has met its new client; other collectors log in between.
+    ASSERT_TRUE(eventually([&] {
+        modem.command("diag status 0x10002");
+        const std::string log = phone_log();
+        return log.find("diag: DIAG_STATUS_OPEN on DIAG_CON_MPSS\n") != log.npos &&
+               log.find("diag: Modem supports DCI\n") != log.npos;
+    })) << phone_log();
     modem.command("diag close");
     ASSERT_TRUE(eventually_logged("diag: DIAG_STATUS_CLOSED on DIAG_CON_MPSS\n"));
     phone_set_clock("real=2060-01-01T00:00:00Z");
