@@ -174,13 +174,16 @@ TEST_F(DiagTest, CampaignGoesOnAfterARestartUntilTheClockSaysOtherwise) {
         const std::string log = phone_log();
         return log.find("Starting Diag Campaign 7", log.find("vexastatsd stopped")) != log.npos;
     }));
-    // Said again until the modem has met its new client; other collectors log in between.
+    // The modem has met its third client; other collectors log in between.
     ASSERT_TRUE(eventually([&] {
-        modem.command("diag status 0x10002");
-        const std::string log = phone_log();
-        return log.find("diag: DIAG_STATUS_OPEN on DIAG_CON_MPSS\n") != log.npos &&
-               log.find("diag: Modem supports DCI\n") != log.npos;
-    })) << phone_log();
+        const std::string output = modem.output();
+        size_t clients = 0;
+        for (size_t at = 0; (at = output.find("diag: registered", at)) != output.npos; ++at) ++clients;
+        return clients >= 3;
+    })) << modem.output();
+    modem.command("diag status 0x10002");
+    ASSERT_TRUE(eventually_logged("diag: DIAG_STATUS_OPEN on DIAG_CON_MPSS\n"));
+    ASSERT_TRUE(eventually_logged("diag: Modem supports DCI\n"));
     modem.command("diag close");
     ASSERT_TRUE(eventually_logged("diag: DIAG_STATUS_CLOSED on DIAG_CON_MPSS\n"));
     phone_set_clock("real=2060-01-01T00:00:00Z");
