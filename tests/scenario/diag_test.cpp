@@ -178,7 +178,8 @@ TEST_F(DiagTest, CampaignGoesOnAfterARestartUntilTheClockSaysOtherwise) {
     ASSERT_TRUE(eventually([&] {
         const std::string output = modem.output();
         size_t clients = 0;
-        for (size_t at = 0; (at = output.find("diag: registered", at)) != output.npos; ++at) ++clients;
+        for (size_t at = 0; (at = output.find("diag: registered", at)) != output.npos; ++at)
+            ++clients;
         return clients >= 3;
     })) << modem.output();
     modem.command("diag status 0x10002");
