@@ -190,7 +190,8 @@ clock_state present_state(bool wait_turn) {
 
 int64_t boot_now_ns(const clock_state& now) {
     const int64_t host_ns = host_clock_ns(CLOCK_BOOTTIME);
-    return now.active ? raise_boot_floor(course_boot_ns(now.course, host_ns)) : host_ns;
+    // The machine's own time counts too: another thread may have read a SPEC meanwhile.
+    return raise_boot_floor(now.active ? course_boot_ns(now.course, host_ns) : host_ns);
 }
 
 // A thread's watch over the clock file, made at its first wait with a time-out.
