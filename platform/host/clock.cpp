@@ -311,14 +311,13 @@ int platform_clock_gettime(clockid_t clock, timespec* now) {
     const int saved_errno = errno;
     const clock_state current = present_state(false);
     errno = saved_errno;
-    if (!current.active || (!boot && clock != CLOCK_REALTIME)) {
-        const int result = clock_gettime(clock, now);
-        if (boot) raise_boot_floor(to_ns(*now));
-        return result;
-    }
     // The monotonic clock is the boot-time clock: the simulated phone never suspends.
-    *now = to_timespec(boot ? boot_now_ns(current)
-                            : course_real_ns(current.course, host_clock_ns(CLOCK_BOOTTIME)));
+    if (boot) {
+        *now = to_timespec(boot_now_ns(current));
+        return 0;
+    }
+    if (!current.active || clock != CLOCK_REALTIME) return clock_gettime(clock, now);
+    *now = to_timespec(course_real_ns(current.course, host_clock_ns(CLOCK_BOOTTIME)));
     return 0;
 }
 

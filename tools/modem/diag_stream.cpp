@@ -67,7 +67,7 @@ diag_stream::~diag_stream() = default;
 void diag_stream::add_commands() {
     using words = std::vector<std::string>;
     const auto add = [this](const char* word, const char* arguments, const char* help, size_t count,
-                            std::function<void(const words&)> run) {
+                            const std::function<void(const words&)>& run) {
         loop_.add_command({"diag", word, arguments, help, [count, run](const words& w) {
                                if (w.size() < count)
                                    throw std::invalid_argument("an argument is missing");
