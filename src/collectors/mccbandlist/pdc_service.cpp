@@ -1,5 +1,7 @@
 #include "collectors/mccbandlist/pdc_service.h"
 
+#include "framework/kbr_call.h"
+
 namespace {
 
 // Where a field's value and, when it is optional, its flag lie in the message's structure.
@@ -109,7 +111,5 @@ constexpr kbr_service_object SERVICE = {
 
 const kbr_service_object* pdc_get_service_object_internal_v01(uint32_t major, uint32_t minor,
                                                               uint32_t library) {
-    const bool known = major == SERVICE.idl_version && minor == SERVICE.idl_minor_version &&
-                       library == SERVICE.library_version;
-    return known ? &SERVICE : nullptr;
+    return vexastats_kbr_service(SERVICE, major, minor, library);
 }

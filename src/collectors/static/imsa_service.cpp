@@ -2,6 +2,8 @@
 
 #include <array>
 
+#include "framework/kbr_call.h"
+
 namespace {
 
 // The optional fields of a message are counted from here.
@@ -75,7 +77,5 @@ constexpr kbr_service_object SERVICE = {
 
 const kbr_service_object* imsa_get_service_object_internal_v01(uint32_t major, uint32_t minor,
                                                                uint32_t library) {
-    const bool known = major == SERVICE.idl_version && minor == SERVICE.idl_minor_version &&
-                       library == SERVICE.library_version;
-    return known ? &SERVICE : nullptr;
+    return vexastats_kbr_service(SERVICE, major, minor, library);
 }
