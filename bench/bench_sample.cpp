@@ -4,11 +4,11 @@
 
 #include <climits>
 
+#include "base/unique_handle.h"
 #include "bench_data.h"
 #include "bench_floor.h"
 #include "bench_record.h"
 #include "collectors/cpu/cpu_stats.h"
-#include "framework/unique_handle.h"
 
 namespace {
 

@@ -4,10 +4,10 @@
 #include <benchmark/benchmark.h>
 #include <dirent.h>
 
+#include "base/unique_handle.h"
 #include "bench_floor.h"
 #include "bench_processes.h"
 #include "collectors/cpu/readproc.h"
-#include "framework/unique_handle.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/unique_handle.h"
 #include "campaign/campaign_mgr.h"
 #include "campaign/campaign_state.h"
 #include "campaign/control_socket.h"
-#include "framework/unique_handle.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 
 int platform_clock_gettime(clockid_t clock, timespec* now) {
     return clock_gettime(clock, now);
@@ -20,6 +20,28 @@ int platform_poll(pollfd* fds, nfds_t count, int64_t timeout_ms) {
     };
     return ppoll(fds, count, &timeout, nullptr);
 }
+
+namespace {
+
+// How often the wall clock is looked at when no timer can be had.
+constexpr int64_t UNTIMED_LOOK_MS = 1000;
+
+int64_t real_now_ms() {
+    timespec now = {};
+    (void)clock_gettime(CLOCK_REALTIME, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// Out of descriptors or memory, which is nobody's fault who only waits.
+int poll_until_untimed(pollfd* fds, nfds_t count, int64_t real_ms) {
+    for (;;) {
+        const int64_t left_ms = std::max<int64_t>(real_ms - real_now_ms(), 0);
+        const int ready = platform_poll(fds, count, std::min(left_ms, UNTIMED_LOOK_MS));
+        if (ready != 0 || left_ms == 0) return ready;
+    }
+}
+
+}  // namespace
 
 int platform_poll_until(pollfd* fds, nfds_t count, int64_t real_ms) {
     constexpr nfds_t MAX_FDS = 63;
@@ -35,7 +57,8 @@ int platform_poll_until(pollfd* fds, nfds_t count, int64_t real_ms) {
                      .tv_nsec = static_cast<long>(end_ms % 1000 * 1000000)},
     };
     const unique_fd timer(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK));
-    if (!timer || timerfd_settime(timer.get(), TFD_TIMER_ABSTIME, &end, nullptr) != 0) return -1;
+    if (!timer) return poll_until_untimed(fds, count, real_ms);
+    if (timerfd_settime(timer.get(), TFD_TIMER_ABSTIME, &end, nullptr) != 0) return -1;
 
     pollfd all[MAX_FDS + 1];
     std::copy_n(fds, count, all);

@@ -17,7 +17,7 @@
 #include <atomic>
 #include <bit>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 #include "host/clock_course.h"
 
 namespace {

@@ -15,7 +15,7 @@
 #include <cstddef>
 #include <utility>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 #include "host/diag_wire.h"
 
 namespace {

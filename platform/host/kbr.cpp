@@ -23,8 +23,8 @@
 #include <new>
 #include <utility>
 
+#include "base/unique_handle.h"
 #include "framework/sync.h"
-#include "framework/unique_handle.h"
 #include "host/kbr_message.h"
 #include "platform/clock.h"
 
@@ -38,6 +38,10 @@ constexpr int64_t CONNECT_PAUSE_MS = 20;  // between two tries while the service
 // the second limit is thrown away.
 constexpr size_t QUEUE_LIMIT = 256;
 constexpr size_t QUEUE_LIMIT_IN_CALL = 4096;
+
+// The same in bytes of messages, for a modem whose indications are as long as packets may be.
+constexpr size_t QUEUE_BYTES = size_t{1} << 20;
+constexpr size_t QUEUE_BYTES_IN_CALL = size_t{4} << 20;
 
 struct indication {
     indication* next = nullptr;
@@ -99,6 +103,7 @@ struct kbr_client {
     indication* first GUARDED_BY(mutex) = nullptr;
     indication* last GUARDED_BY(mutex) = nullptr;
     size_t queued GUARDED_BY(mutex) = 0;
+    size_t queued_bytes GUARDED_BY(mutex) = 0;
     bool gone GUARDED_BY(mutex) = false;  // the modem has; set as well by the release
     bool released GUARDED_BY(mutex) = false;
 
@@ -270,13 +275,14 @@ void take_indication(kbr_client* c, const kbr_header& header, const uint8_t* fie
     memcpy(added->bytes(), fields, header.len);
 
     const vexa_lock held(c->mutex);
-    if (c->queued >= QUEUE_LIMIT_IN_CALL) {
+    if (c->queued >= QUEUE_LIMIT_IN_CALL || c->queued_bytes + header.len > QUEUE_BYTES_IN_CALL) {
         free(added);
         return;
     }
     (c->first ? c->last->next : c->first) = added;
     c->last = added;
     ++c->queued;
+    c->queued_bytes += header.len;
     c->changed.notify_all();
 }
 
@@ -286,6 +292,7 @@ indication* next_indication(kbr_client* c) {
     while (!c->first && !c->released) c->changed.wait(c->mutex);
     if (c->released) return nullptr;
     --c->queued;
+    c->queued_bytes -= c->first->len;
     c->changed.notify_all();
     return std::exchange(c->first, c->first->next);
 }
@@ -305,7 +312,10 @@ void* dispatch(void* arg) {
 // Returns whether the next packet may be read; false once the client is released.
 bool wait_for_room(kbr_client* c) {
     const vexa_lock held(c->mutex);
-    while (c->queued >= QUEUE_LIMIT && !c->calls && !c->released) c->changed.wait(c->mutex);
+    const auto is_full = [&]() REQUIRES(c->mutex) {
+        return c->queued >= QUEUE_LIMIT || c->queued_bytes >= QUEUE_BYTES;
+    };
+    while (is_full() && !c->calls && !c->released) c->changed.wait(c->mutex);
     return !c->released;
 }
 

@@ -10,6 +10,8 @@
 
 #include <algorithm>
 
+#include "base/printable.h"
+#include "base/unique_handle.h"
 #include "host/log_file.h"
 #include "host/log_silence.h"
 #include "platform/clock.h"
@@ -71,9 +73,13 @@ void print_line(const log_entry_header& header, int priority, const char* tag, c
     gmtime_r(&seconds, &utc);
     int len = static_cast<int>(strlen(text));
     if (len > 0 && text[len - 1] == '\n') --len;
+    const size_t room = PRINTABLE_MAX_GROWTH * static_cast<size_t>(len);
+    const unique_malloc<char> shown(static_cast<char*>(malloc(room + 1)));
+    if (!shown) return;
+    const size_t shown_len = printable_copy(shown.get(), room, text, static_cast<size_t>(len));
     dprintf(STDERR_FILENO, "%02d-%02d %02d:%02d:%02d.%03u %c %s: %.*s\n", utc.tm_mon + 1,
             utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, header.nsec / 1000000,
-            priority_letter(priority), tag, len, text);
+            priority_letter(priority), tag, static_cast<int>(shown_len), shown.get());
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 
 namespace {
 

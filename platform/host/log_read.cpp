@@ -17,7 +17,7 @@
 #include <memory>
 #include <new>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 #include "host/log_file.h"
 #include "platform/clock.h"
 
@@ -189,9 +189,13 @@ int arm(logger_list* list) {
     return watch < 0 ? -errno : 0;
 }
 
+// A signal handler that ran does not end it: the platform's library calls again, too.
 int wait_for_change(const logger_list& list) {
     pollfd changed{.fd = list.notifier.get(), .events = POLLIN, .revents = 0};
-    return platform_poll(&changed, 1, -1) < 0 ? -errno : 0;
+    while (platform_poll(&changed, 1, -1) < 0) {
+        if (errno != EINTR) return -errno;
+    }
+    return 0;
 }
 
 // Gets more of the buffer. Returns 1, 0 when there is no more yet, or a negative errno.

@@ -10,7 +10,7 @@
 
 #include <algorithm>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 
 namespace {
 

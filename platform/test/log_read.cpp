@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -15,7 +16,7 @@
 #include <string>
 #include <utility>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 #include "platform_test.h"
 
 struct logger_list {
@@ -68,22 +69,36 @@ int take(script& s, log_msg* msg) {
     return static_cast<int>(size);
 }
 
-// Returns 0, or -EINTR when a signal handler ran.
-int block(script& s, guard& held) {
+// Waits for a step. A signal handler that ran does not end it: the platform's library calls again.
+void block(script& s, guard& held) {
     ++s.blocked;
     s.changed.notify_all();
     held.unlock();
     pollfd more{.fd = s.more.get(), .events = POLLIN, .revents = 0};
-    const int ready = ppoll(&more, 1, nullptr, nullptr);
+    (void)ppoll(&more, 1, nullptr, nullptr);
     held.lock();
     --s.blocked;
-    return ready < 0 ? -EINTR : 0;
 }
 
 }  // namespace
 
 void platform_test_script_log_entry(std::string entry) {
     add({.entry = std::move(entry), .result = 0});
+}
+
+void platform_test_wake_log_readers(int priority, const char* tag, const char* text) {
+    {
+        const guard held(the_script().mutex);
+        if (the_script().blocked == 0) return;
+    }
+    std::string payload(1, static_cast<char>(priority));
+    payload.append(tag).append(1, '\0').append(text).append(1, '\0');
+    logger_entry header = {};
+    header.len = static_cast<uint16_t>(payload.size());
+    header.hdr_size = sizeof header;
+    header.pid = getpid();
+    add({.entry = std::string(reinterpret_cast<const char*>(&header), sizeof header) + payload,
+         .result = 0});
 }
 
 void platform_test_script_log_failure(int result) {
@@ -134,7 +149,7 @@ int android_logger_list_read(logger_list* list, log_msg* msg) {
     for (;;) {
         if (!s.steps.empty()) return take(s, msg);
         if (!list->blocking) return -EAGAIN;
-        if (const int error = block(s, held); error != 0) return error;
+        block(s, held);
     }
 }
 

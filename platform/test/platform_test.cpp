@@ -15,7 +15,7 @@
 #include <map>
 #include <mutex>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 #include "platform/clock.h"
 #include "platform/log.h"
 #include "platform/properties.h"
@@ -137,6 +137,7 @@ int __android_log_print(int priority, const char* tag, const char* format, ...) 
         p.log.push_back({.priority = priority, .tag = tag, .text = len < 0 ? "" : text});
     }
     p.changed.notify_all();
+    platform_test_wake_log_readers(priority, tag, len < 0 ? "" : text);
     errno = saved_errno;
     return len;
 }

@@ -43,6 +43,9 @@ void platform_test_clear_log();
 void platform_test_script_log_entry(std::string entry);  // in the platform's binary form
 void platform_test_script_log_failure(int result);       // 0, with errno ENODATA, or negative
 
+// What the daemon itself logs reaches a reader that is blocked, and no other; the log calls this.
+void platform_test_wake_log_readers(int priority, const char* tag, const char* text);
+
 // The next open fails with this errno.
 void platform_test_fail_log_open(int error);
 

@@ -1,5 +1,7 @@
 #define LOG_TAG "vexastatsd"
 
+#include <algorithm>
+
 #include "campaign/campaign_rules.h"
 #include "campaign/local_time.h"
 #include "platform/log.h"
@@ -125,4 +127,23 @@ campaign_activity campaign_mgr_calc_activity_timer(const campaign_table& table, 
     ALOGI("Nearest Activity secs %d Module %d Activity type %d", nearest.what.timeout_s,
           static_cast<int>(nearest.what.module), static_cast<int>(nearest.what.type));
     return nearest.what;
+}
+
+int64_t campaign_next_change_s(const campaign_table& table, time_t now) {
+    const tm local = local_time(now);
+    const int64_t into_hour_s = local.tm_min * 60 + local.tm_sec;
+    int64_t nearest_s = -1;
+    const auto consider_s = [&](int64_t in_s) {
+        nearest_s = nearest_s < 0 ? in_s : std::min(nearest_s, in_s);
+    };
+    for (uint32_t module = FIRST_SCHEDULED_MODULE; module < CAMPAIGN_MODULES; ++module) {
+        if (!campaign_is_there(table[module])) continue;
+        const CampaignEntry& entry = *table[module];
+        const auto now_s = static_cast<uint64_t>(now);
+        constexpr uint64_t FAR_S = uint64_t{1} << 32;
+        const uint64_t left_s = entry.expiryValue > now_s ? entry.expiryValue - now_s : 0;
+        consider_s(static_cast<int64_t>(std::min(left_s, FAR_S)));
+        if (entry.enablementType & CAMPAIGN_TIME_BASED) consider_s(SECONDS_AN_HOUR - into_hour_s);
+    }
+    return nearest_s;
 }

@@ -41,10 +41,19 @@ pb_callback_t decode_with(bool (*decode)(pb_istream_t*, const pb_field_t*, void*
     return callback;
 }
 
+// Decodes until the stream or, with a zero byte, the message ends. The library's series before 0.4
+// always do so.
+bool decode_up_to_zero(pb_istream_t* stream, const pb_msgdesc_t* fields, void* message) {
+#ifdef PB_DECODE_NULLTERMINATED
+    return pb_decode_ex(stream, fields, message, PB_DECODE_NULLTERMINATED);
+#else
+    return pb_decode(stream, fields, message);
+#endif
+}
+
 // ---- Callbacks: one element of a streamed field each
 
 bool campaign_mnc_list_decode(pb_istream_t* stream, const pb_field_t*, void** arg) {
-    if (stream->bytes_left == 0) return true;  // a packed list without an element
     auto* record = static_cast<MccMncEnablementRecord*>(*arg);
     const uint32_t index = record->mncCount++;
     if (index >= CAMPAIGN_MNCS_MAX) {
@@ -258,11 +267,14 @@ bool campaignDecode(const uint8_t* buffer, size_t length, campaign_table* table,
     CampaignDescriptionMap message = CampaignDescriptionMap_init_zero;
     message.entry = decode_with(campaign_description_map_entry_decode, &target);
     pb_istream_t stream = pb_istream_from_buffer(buffer, length);
-    // One call takes all there is. Nothing at all would be a good message, but is not accepted.
-    if (length == 0 || !pb_decode(&stream, CampaignDescriptionMap_fields, &message)) {
-        ALOGE("Decoding failed: %s\n", PB_GET_ERROR(&stream));
-        return false;
-    }
+    // A zero byte ends a message; what is behind it is the next one. Nothing at all would be a good
+    // message, but is not accepted.
+    do {
+        if (length == 0 || !decode_up_to_zero(&stream, CampaignDescriptionMap_fields, &message)) {
+            ALOGE("Decoding failed: %s\n", PB_GET_ERROR(&stream));
+            return false;
+        }
+    } while (stream.bytes_left > 0);
     ALOGI("Decode Success\n");
     return true;
 }

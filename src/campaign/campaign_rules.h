@@ -65,3 +65,8 @@ struct campaign_activity {
 // The next moment at which one of the rules can change its mind. The caller stores the time-out in
 // its state.
 campaign_activity campaign_mgr_calc_activity_timer(const campaign_table& table, time_t now);
+
+// Seconds until a check can come to another result than one at `now` by the clock alone: the
+// nearest expiry (0: it was met) or, where a campaign goes by the hour, the next full hour. -1
+// without a campaign. Not logged.
+int64_t campaign_next_change_s(const campaign_table& table, time_t now);

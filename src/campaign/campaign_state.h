@@ -15,6 +15,13 @@ extern campaign_shared g_campaign;
 // Switches campaigns by what the clock and the phone's state are now. Any thread; takes the lock.
 void campaign_check();
 
+// How long the manager may sleep until its next check, in milliseconds; negative: without limit.
+// It is what the last change of the table computed, and stays that. Once an expiry was met, though,
+// which makes it ten seconds for good, the checks that cannot change anything are passed over: in
+// the rhythm of the ten seconds, the next one comes when a campaign's hour or expiry has come, and
+// none without a campaign. Thread: the manager's; takes the lock.
+int64_t campaign_take_timeout_ms();
+
 // Takes the campaigns that were decoded into *fresh over into the live table: a campaign that its
 // module has already stays as it is, another one takes its place. Stored files of campaigns that
 // went are deleted. Module 6 is started at once when it may run. Any thread; takes the lock.

@@ -7,9 +7,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "base/unique_handle.h"
 #include "campaign/campaign_state.h"
 #include "framework/files.h"
-#include "framework/unique_handle.h"
 #include "platform/log.h"
 
 namespace {

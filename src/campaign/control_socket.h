@@ -6,8 +6,8 @@
 //   2, 3         8              u32 subscription id, u16 MCC, u16 MNC
 #pragma once
 
+#include "base/unique_handle.h"
 #include "framework/stop.h"
-#include "framework/unique_handle.h"
 
 inline constexpr char CONTROL_SOCKET[] = "/dev/socket/vexa/vexa-campmgr-s";
 

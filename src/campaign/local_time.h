@@ -3,9 +3,11 @@
 
 #include <ctime>
 
+#include "framework/local_time.h"
+
 inline tm local_time(time_t now) {
     tm local = {};
-    (void)localtime_r(&now, &local);
+    (void)vexastats_local_time(now, &local);
     return local;
 }
 

@@ -90,6 +90,7 @@ constinit collector_info g_collectors[] = {
         .cfg_file = "/data/vendor/vexastats/6/mps_collection_logic",
         .hdr = {.client_id = 6, .data_type = DATA_TYPE_MPS, .rec_version = 1},
         .thread_func = mps_main,
+        .consent_handler = mps_consent_changed,
     },
     {
         .name = "mccbandlist_updater",

@@ -3,22 +3,23 @@
 #include "core/daemon.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/standard_io.h"
+#include "base/unique_handle.h"
 #include "campaign/campaign_mgr.h"
 #include "core/collectors.h"
 #include "framework/clock.h"
 #include "framework/debug_build.h"
 #include "framework/files.h"
 #include "framework/optout.h"
-#include "framework/unique_handle.h"
 #include "framework/version.h"
 #include "platform/clock.h"
 #include "platform/log.h"
@@ -47,8 +48,7 @@ void stop_campaign_manager() {
     (void)kill(getpid(), SIGUSR1);
 }
 
-// The process signal handler. It runs on main, or in a collector's thread that lets SIGINT in
-// around a library call (framework/interruptible.h); all other threads keep these signals blocked.
+// The process signal handler. It runs on main; all other threads keep these signals blocked.
 // It only raises flags and makes descriptors readable, so a signal at any moment does no harm.
 void sig_handle(int signo) {
     for (int32_t i = 0; i < g_collector_count; i++) {
@@ -87,12 +87,23 @@ void wait_for_wall_clock() {
     }
 }
 
+// Whether the directory is the daemon's alone. One that others could only look into is closed to
+// them; into one that they could write to they may have put anything. Returns 0 or an errno.
+int claim_stats_dir() {
+    const unique_fd dir(open(STATS_DIR, O_RDONLY | O_CLOEXEC | O_DIRECTORY | O_NOFOLLOW));
+    struct stat status = {};
+    if (!dir || fstat(dir.get(), &status) != 0) return errno;
+    if (status.st_uid != geteuid() || (status.st_mode & S_IWOTH)) return EPERM;
+    if (!(status.st_mode & S_IRWXO)) return 0;
+    return fchmod(dir.get(), status.st_mode & ~mode_t{S_IRWXO} & 07777) == 0 ? 0 : errno;
+}
+
 // Returns 0 or -EINVAL, logged.
 int make_stats_dir() {
-    struct stat status;
-    if (stat(STATS_DIR, &status) == 0 || errno != ENOENT) return 0;
     if (mkdir(STATS_DIR, 0700) == 0) return 0;
-    ALOGE("failed to create %s. err:%d\n", STATS_DIR, errno);
+    const int error = errno == EEXIST ? claim_stats_dir() : errno;
+    if (error == 0) return 0;
+    ALOGE("failed to create %s. err:%d\n", STATS_DIR, error);
     return -EINVAL;
 }
 
@@ -147,7 +158,7 @@ int start_campaign_manager() {
     return error;
 }
 
-// Comes before the collectors, which may let SIGINT in. Returns 0 or a positive error number; a
+// Comes before the collectors. Returns 0 or a positive error number; a
 // daemon that could not be stopped starts none of them and ends right away.
 int install_signal_handler() {
     struct sigaction action = {};
@@ -196,7 +207,6 @@ void announce_end() {
 // from under them.
 [[noreturn]] void end_with_threads_left(int exit_code) {
     announce_end();
-    fflush(stdout);
     _exit(exit_code);
 }
 
@@ -212,6 +222,8 @@ void return_large_buffers() {
 }  // namespace
 
 int daemon_run() {
+    standard_io_complete();
+    standard_io_ignore_sigpipe();
     block_signals();
     return_large_buffers();
 

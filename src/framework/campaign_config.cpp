@@ -1,12 +1,16 @@
 #include "framework/campaign_config.h"
 
 #include <errno.h>
+#include <limits.h>
+#include <stdio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <new>
 
 #include "framework/clock.h"
 #include "framework/config.h"
+#include "framework/config_line.h"
 #include "framework/dload.h"
 #include "framework/files.h"
 #include "framework/optout.h"
@@ -21,13 +25,6 @@ namespace {
 // The next line as fgets cuts it, or nothing at the end of the file.
 bool read_line(FILE* stream, char (&line)[CAMPAIGN_LINE_SIZE]) {
     return fgets(line, sizeof line, stream) != nullptr;
-}
-
-bool read_value_line(FILE* stream, char (&line)[CAMPAIGN_LINE_SIZE]) {
-    while (read_line(stream, line)) {
-        if (line[0] != '#' && line[0] != '\n') return true;
-    }
-    return false;
 }
 
 // Takes the masks, or none when there is no memory for them. Returns false then.
@@ -87,6 +84,32 @@ bool is_over(const timed_campaign& campaign) {
     return campaign_now_s() > campaign.stop_time_s;
 }
 
+// Returns whether the row has something to do.
+bool begin(collector_info* row, const campaign_kind& kind, timed_campaign* campaign) {
+    campaign_reset(campaign);
+    vexastats_wait_dir_ready(row->down_dir, &row->stop);
+    if (request_config(*row, kind) != 0) {
+        if (stop_flag_is_raised(row->stop)) return false;
+        campaign_wait_update(row, kind, *campaign);
+    }
+    // Also after a failed request: nothing is collected without consent.
+    vexastats_wait_optin(row);
+    return row->enabled;
+}
+
+bool open_record(const record_init_req& wanted, const campaign_kind& kind, record_handle* handle,
+                 bool goes_on) {
+    if (goes_on) {
+        (void)vexastats_record_reopen(wanted, handle);
+    } else {
+        vexastats_record_close(handle);
+        record_init_req req = wanted;
+        handle->file = vexastats_record_init(&req);
+    }
+    if (!handle->file) LOGE("failed to open record file for %s collector\n", kind.key);
+    return handle->file != nullptr;
+}
+
 }  // namespace
 
 campaign_change campaign_read_config(FILE* stream, collector_info* row, const campaign_kind& kind,
@@ -94,7 +117,7 @@ campaign_change campaign_read_config(FILE* stream, collector_info* row, const ca
     if (!stream) return campaign_change::REFUSED;
     char text[CAMPAIGN_LINE_SIZE];
     campaign_line line;
-    if (!read_value_line(stream, text) || !campaign_line_parse(text, kind.key, &line) ||
+    if (!config_read_value_line(stream, text) || !campaign_line_parse(text, kind.key, &line) ||
         line.client_id != row->hdr.client_id) {
         LOGE("invalid %d config file. re-create. err:%d\n", static_cast<int>(row->hdr.client_id),
              errno);
@@ -120,25 +143,41 @@ int campaign_write_config(const collector_info& row, const campaign_kind& kind,
     return -EINVAL;
 }
 
-bool campaign_begin(collector_info* row, const campaign_kind& kind, timed_campaign* campaign) {
-    campaign_reset(campaign);
-    vexastats_wait_dir_ready(row->down_dir, &row->stop);
-    if (request_config(*row, kind) != 0) {
-        if (stop_flag_is_raised(row->stop)) return false;
+void campaign_run(collector_info* row, const campaign_kind& kind, timed_campaign* campaign,
+                  void (*run_cycle)(void* owner), void* owner) {
+    const bool has_work = begin(row, kind, campaign);
+    while (has_work && !stop_flag_is_raised(row->stop)) {
+        run_cycle(owner);
+        if (stop_flag_is_raised(row->stop)) break;
         campaign_wait_update(row, kind, *campaign);
     }
-    // Also after a failed request: nothing is collected without consent.
-    vexastats_wait_optin(row);
-    return row->enabled;
+    stop_flag_raise(&row->stop);
+}
+
+bool campaign_has_consent(const collector_info& row) {
+    return campaign_is_opted_in(row) && is_dir_exist(row.up_dir);
 }
 
 bool campaign_open_record(collector_info* row, const campaign_kind& kind, record_handle* handle) {
-    vexastats_record_close(handle);
-    record_init_req req{
+    const record_init_req req{
         .row = row, .dir = kind.record_dir, .prefix = kind.record_file, .resume = 0, .discard = 1};
-    handle->file = vexastats_record_init(&req);
-    if (!handle->file) LOGE("failed to open record file for %s collector\n", kind.key);
-    return handle->file != nullptr;
+    return open_record(req, kind, handle, handle->undelivered);
+}
+
+bool campaign_resume_record(collector_info* row, const campaign_kind& kind, record_handle* handle) {
+    const record_init_req req{.row = row, .dir = kind.record_dir, .prefix = kind.record_file};
+    return open_record(req, kind, handle, true);
+}
+
+void campaign_discard_record(collector_info* row, const campaign_kind& kind,
+                             record_handle* handle) {
+    vexastats_record_close(handle);
+    // A hand-over that failed may have left the row with the finished file's name.
+    if (row->rec_fname[0]) (void)unlink(row->rec_fname);
+    row->rec_fname[0] = '\0';
+    char path[PATH_MAX];
+    (void)snprintf(path, sizeof path, "%s/%s", kind.record_dir, kind.record_file);
+    (void)unlink(path);
 }
 
 void campaign_end(timed_campaign* campaign) {

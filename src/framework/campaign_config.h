@@ -1,6 +1,6 @@
-// What the collectors of timed campaigns (framework/timed_campaign.h) have in common: taking a
-// campaign from its configuration files, writing it back, and waiting until there is one. All
-// functions: the row's own thread.
+// What the collectors of timed campaigns (framework/timed_campaign.h) have in common: their outer
+// loop, taking a campaign from its configuration files, writing it back, waiting until there is
+// one, and what the owner's consent means for its record. All functions: the row's own thread.
 #pragma once
 
 #include <cstdio>
@@ -44,14 +44,32 @@ campaign_change campaign_read_config(FILE* stream, collector_info* row, const ca
 int campaign_write_config(const collector_info& row, const campaign_kind& kind,
                           const timed_campaign& campaign);
 
-// Asks the download agent for a configuration file, once there is a directory for it, and waits for
-// the owner's consent. Without the request's success it waits for a file first: deliberate. Returns
-// whether the row has something to do.
-bool campaign_begin(collector_info* row, const campaign_kind& kind, timed_campaign* campaign);
+// The body of the collector's thread. Asks the download agent for a configuration file, once there
+// is a directory for it, and waits for the owner's consent; without the request's success it waits
+// for a file first: deliberate. Then runs cycles, with a wait for the next file behind each, until
+// the row's `stop` is raised, which it is at the end in any case. Nothing is read after a stop.
+void campaign_run(collector_info* row, const campaign_kind& kind, timed_campaign* campaign,
+                  void (*run_cycle)(void* owner), void* owner);
 
-// Begins a record for the next campaign; what the last one left behind is discarded. Returns false,
-// logged, when there is none.
+// Whether what is captured now may be kept. Cheap: what the row's monitor knows.
+inline bool campaign_is_opted_in(const collector_info& row) {
+    return row.enabled != 0;
+}
+
+// Whether the record may be written and handed over now: the row is opted in, and its dropbox is
+// there, which the monitor may not have noticed to be gone.
+bool campaign_has_consent(const collector_info& row);
+
+// Begins a record for the next campaign; what the last one left behind is discarded, unless it
+// could not be handed over: then it is gone on with. Returns false, logged, when there is none.
 bool campaign_open_record(collector_info* row, const campaign_kind& kind, record_handle* handle);
+
+// Takes the record up again after a hand-over that failed for want of consent. Returns false,
+// logged, when there is none.
+bool campaign_resume_record(collector_info* row, const campaign_kind& kind, record_handle* handle);
+
+// Closes and deletes the record: what was captured when its owner has withdrawn the consent.
+void campaign_discard_record(collector_info* row, const campaign_kind& kind, record_handle* handle);
 
 // Ends the campaign in memory. The local file still names it, so the next load brings its number
 // back, with a stop time that has passed.

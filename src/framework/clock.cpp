@@ -2,6 +2,9 @@
 
 #include "framework/clock.h"
 
+#include <time.h>
+
+#include "framework/local_time.h"
 #include "platform/clock.h"
 #include "platform/log.h"
 
@@ -31,7 +34,7 @@ int16_t vexastats_timezone_min() {
     timespec now = {};
     platform_clock_gettime(CLOCK_REALTIME, &now);
     tm local = {};
-    if (!localtime_r(&now.tv_sec, &local)) {
+    if (!vexastats_local_time(now.tv_sec, &local)) {
         ALOGE("%s: failed to get localtime\n", __func__);
         return 0;
     }

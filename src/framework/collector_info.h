@@ -21,7 +21,7 @@ enum data_type : uint8_t {
 };
 
 // The upload file's header in host byte order. It is written field by field, big-endian, in this
-// order and without padding (framework/dropbox.h).
+// order and without padding (framework/upload_file.h).
 struct __attribute__((packed)) record_header {
     uint32_t header_version = 7;
     uint32_t header_len = 53;  // also the base of the test whether a record is full
@@ -43,9 +43,10 @@ struct collector_info;
 
 using collector_thread_func = int (*)(collector_info* row);
 using collector_cfg_read_handler = void (*)(FILE* stream,
-                                            collector_info* row);   // stream may be null
-using collector_cfg_update_handler = int (*)(collector_info* row);  // 0: written
-using collector_sig_handler = void (*)(int signo);                  // must be async-signal-safe
+                                            collector_info* row);       // stream may be null
+using collector_cfg_update_handler = int (*)(collector_info* row);      // 0: written
+using collector_consent_handler = void (*)(const collector_info& row);  // must not wait
+using collector_sig_handler = void (*)(int signo);                      // must be async-signal-safe
 
 // Threads: `enabled` and `terminate` are written under `mutex` and may be read without it; `stop`
 // and `running` go from 0 to 1 once. Everything from `rec_fname` and `size` on belongs to the row's
@@ -61,7 +62,7 @@ struct collector_info {
     std::atomic<uint8_t> terminate{0};  // leave the opt-in wait
     stop_flag stop{};                   // the thread must end
     std::atomic<uint8_t> running{0};    // the thread was created
-    interruptible library_calls{};      // those of the thread that only a signal can end
+    interruptible library_calls{};      // those of the thread that have no descriptor to wait on
     int32_t size = 65536;               // upper bound of one upload file, bytes
     uint64_t max_upload_wait_time = 0;  // ms
     int32_t notify = 0;
@@ -81,4 +82,7 @@ struct collector_info {
     collector_cfg_read_handler cfg_read_handler = nullptr;
     collector_cfg_update_handler cfg_update_handler = nullptr;
     collector_sig_handler sig_handler = nullptr;
+    // For a thread that waits elsewhere than for consent: called after each change of `enabled` and
+    // `terminate`, with `mutex` held. Thread: the opt-out monitor's.
+    collector_consent_handler consent_handler = nullptr;
 };

@@ -4,7 +4,6 @@
 
 #include <errno.h>
 
-#include "framework/dropbox.h"
 #include "platform/log.h"
 
 int compress_begin(z_stream* stream) {

@@ -18,3 +18,8 @@ int compress_begin(z_stream* stream);
 // Reads past a record's first line: at most 255 characters, as far as its newline.
 // Returns false when there is nothing to read.
 bool skip_first_line(FILE* record);
+
+// Deflates `in` from its position to its end into `out` (null: only counts) and adds the number of
+// compressed bytes to *count. Returns 0, -EINVAL, or the zlib error of the set-up; failures are
+// logged. Any thread.
+int vexastats_compress(FILE* in, FILE* out, size_t* count);

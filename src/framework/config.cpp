@@ -10,10 +10,12 @@
 
 #include <algorithm>
 
+#include "base/open_file.h"
+#include "base/unique_handle.h"
 #include "framework/clock.h"
 #include "framework/config_line.h"
+#include "framework/delivered_file.h"
 #include "framework/files.h"
-#include "framework/unique_handle.h"
 #include "framework/version.h"
 #include "platform/log.h"
 
@@ -65,7 +67,7 @@ int update_row(void* owner) {
 // Returns whether the local file counts as loaded.
 bool load_local_file(const config_files& files) {
     if (!exists(files.local)) return false;
-    const unique_file file(vexastats_open_plain(files.local));
+    const unique_file file = fopen_regular(files.local, SMALL_FILE_MAX);
     if (!file) ALOGE("failed to open cfg file. err:%d\n", errno);
     if (files.read_stream) {
         files.read_stream(files.owner, file.get());
@@ -86,10 +88,13 @@ enum class download {
     REFUSED,   // left where it is, and refused again at every later load: deliberate
 };
 
-download load_downloaded_file(const config_files& files) {
+// `read` tells which file it was.
+download load_downloaded_file(const config_files& files, config_file_mark* read) {
+    if (files.downloaded) delivered_file_restore(files.downloaded);
     if (!exists(files.downloaded)) return download::NONE;
-    const unique_file file(vexastats_open_plain(files.downloaded));
+    const unique_file file = fopen_regular(files.downloaded, SMALL_FILE_MAX);
     if (!file) ALOGE("failed to open dloaded cfg file. err:%d\n", errno);
+    if (file) *read = config_file_look(fileno(file.get()));
     if (files.read_stream) {
         files.read_stream(files.owner, file.get());
         return file ? download::CONSUMED : download::NONE;
@@ -101,6 +106,12 @@ download load_downloaded_file(const config_files& files) {
     if (files.take_line(files.owner, line, false)) return download::CONSUMED;
     ALOGE("invalid %d config file. ignore it. err:%d\n", static_cast<int>(files.client_id), errno);
     return download::REFUSED;
+}
+
+// A file that was delivered since `read` was stays, and is loaded the next time.
+void remove_downloaded_file(const char* path, const config_file_mark& read) {
+    const int result = delivered_file_remove(path, read);
+    if (result != 0) ALOGE("failed to remove %s. err:%d\n", path, -result);
 }
 
 int update_local_file(const config_files& files) {
@@ -117,12 +128,13 @@ int update_local_file(const config_files& files) {
 
 int vexastats_load_config(const config_files& files) {
     const bool local_loaded = load_local_file(files);
-    const download downloaded = load_downloaded_file(files);
+    config_file_mark read;
+    const download downloaded = load_downloaded_file(files, &read);
     if (downloaded != download::CONSUMED && local_loaded) return 0;
 
     const int result = update_local_file(files);
-    if (downloaded == download::CONSUMED && result == 0 && remove(files.downloaded) != 0) {
-        ALOGE("failed to remove %s. err:%d\n", files.downloaded, errno);
+    if (downloaded == download::CONSUMED && result == 0) {
+        remove_downloaded_file(files.downloaded, read);
     }
     return result;
 }

@@ -27,7 +27,8 @@ struct config_files {
 
 // Loads the local file, then a pending downloaded one, and rewrites the local file when it was
 // missing or invalid or a downloaded one was taken. The downloaded file is deleted only once the
-// local file that records it is in place; an invalid one stays. Returns 0; -1 when the local file
+// local file that records it is in place; an invalid one stays, and so does one that was delivered
+// while the last one was taken in. Returns 0; -1 when the local file
 // cannot be written; otherwise what update_local returned. Failures are logged. Any thread.
 int vexastats_load_config(const config_files& files);
 

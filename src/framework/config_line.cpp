@@ -1,13 +1,19 @@
 #include "framework/config_line.h"
 
 #include <stdio.h>
+#include <string.h>
 
 #include <algorithm>
 #include <climits>
 
-bool config_read_value_line(FILE* stream, char (&line)[CONFIG_LINE_SIZE]) {
-    while (fgets(line, sizeof line, stream)) {
+#include "framework/files.h"
+
+bool config_read_value_line(FILE* stream, char* line, size_t size) {
+    for (off_t read = 0; read < SMALL_FILE_MAX && fgets(line, static_cast<int>(size), stream);) {
         if (line[0] != '#' && line[0] != '\n') return true;
+        // A line with a zero byte in it may be longer than it looks.
+        const size_t len = strlen(line);
+        read += static_cast<off_t>(line[len - 1] == '\n' ? len : size);
     }
     return false;
 }

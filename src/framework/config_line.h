@@ -1,6 +1,7 @@
 // The value line of a collector's configuration file.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -8,8 +9,15 @@
 // several.
 inline constexpr int CONFIG_LINE_SIZE = 512;
 
-// Reads the first line that is neither empty nor a comment. Returns false at the end of the file.
-bool config_read_value_line(FILE* stream, char (&line)[CONFIG_LINE_SIZE]);
+// Reads the first line that is neither empty nor a comment into `line`, as much of it as fits.
+// Returns false at the end of the file, and after SMALL_FILE_MAX bytes (framework/files.h) without
+// such a line: a file can grow as fast as it is read.
+bool config_read_value_line(FILE* stream, char* line, size_t size);
+
+template <size_t SIZE>
+bool config_read_value_line(FILE* stream, char (&line)[SIZE]) {
+    return config_read_value_line(stream, line, SIZE);
+}
 
 struct config_values {
     int64_t client_id = 0;

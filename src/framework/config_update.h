@@ -1,27 +1,8 @@
 // Waiting until the download agent delivers a configuration file.
 #pragma once
 
-#include <sys/types.h>
-
-#include <cstdint>
-
 #include "framework/collector_info.h"
-
-// Which file was last looked at, so that one that came since can be told from one that was left
-// lying there.
-struct config_file_mark {
-    bool exists = false;
-    dev_t dev = 0;
-    ino_t ino = 0;
-    int64_t size = 0;
-    int64_t mtime_ns = 0;
-
-    bool operator==(const config_file_mark&) const = default;
-};
-
-// The mark of the file that is at `path` now, or that `fd` has open; taken before the file is read.
-config_file_mark config_file_look(const char* path);
-config_file_mark config_file_look(int fd);
+#include "framework/delivered_file.h"
 
 // How one collector logs its waits.
 struct config_update_texts {

@@ -3,11 +3,16 @@
 #include "framework/dload.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdio.h>
+#include <unistd.h>
 
+#include <utility>
+
+#include "base/open_file.h"
+#include "base/unique_handle.h"
 #include "framework/files.h"
-#include "framework/unique_handle.h"
 #include "platform/log.h"
 
 namespace {
@@ -23,18 +28,38 @@ bool write_request(FILE* stream, const dload_req& req) {
            fflush(stream) == 0;
 }
 
+// A file, or a directory that is empty.
+void remove_at(int dir_fd, const char* name) {
+    if (unlinkat(dir_fd, name, 0) != 0) (void)unlinkat(dir_fd, name, AT_REMOVEDIR);
+}
+
+// Others may write to the directory, too: whatever lies under the request's name or under the new
+// file's is not written through, for it could be a link to a file of the daemon's. The dot keeps
+// the new file out of the replies, which begin with the request's name. Returns 0 or an errno.
+int file_request(const char* beside, const char* path, const dload_req& req) {
+    (void)unlink(beside);  // what a run that was killed left
+    unique_fd fd = open_new(beside, 0666);
+    if (!fd) return errno;
+    const unique_file file = stream_of(std::move(fd), "w");
+    if (file && write_request(file.get(), req) && rename(beside, path) == 0) return 0;
+    const int error = errno;
+    (void)unlink(beside);
+    return error;
+}
+
 }  // namespace
 
 int vexastats_dload_req(const dload_req* req) {
     char path[PATH_MAX];
+    char beside[PATH_MAX];
     snprintf(path, sizeof path, "%s/%d/%d-%s-%s.req", DOWNLOAD_ROOT, req->client_id, req->client_id,
              req->version, req->key);
-    const unique_file file(fopen(path, "w+e"));
-    if (!file || !write_request(file.get(), *req)) {
-        ALOGE("failed to create %s. err:%d\n", path, errno);
-        return -EINVAL;
-    }
-    return 0;
+    snprintf(beside, sizeof beside, "%s/%d/.%d-%s-%s.req", DOWNLOAD_ROOT, req->client_id,
+             req->client_id, req->version, req->key);
+    const int error = file_request(beside, path, *req);
+    if (error == 0) return 0;
+    ALOGE("failed to create %s. err:%d\n", path, error);
+    return -EINVAL;
 }
 
 bool vexastats_is_dl_enabled(const collector_info* row) {
@@ -56,16 +81,14 @@ void vexastats_dl_cleanup(const collector_info* row) {
         ALOGE("%s:invalid param", __func__);
         return;
     }
-    const unique_dir dir(row->down_dir ? opendir(row->down_dir) : nullptr);
+    const unique_dir dir = row->down_dir ? open_unlinked_dir(row->down_dir) : nullptr;
     if (!dir) {
         ALOGE("%s: not exist", __func__);
         return;
     }
     // "." and ".." are listed and logged like the rest; deleting them simply fails: deliberate.
     while (const dirent* entry = readdir(dir.get())) {
-        char path[PATH_MAX];
-        snprintf(path, sizeof path, "%s/%s", row->down_dir, entry->d_name);
-        (void)remove(path);
-        ALOGI("%s: removed %s", __func__, path);
+        remove_at(dirfd(dir.get()), entry->d_name);
+        ALOGI("%s: removed %s/%s", __func__, row->down_dir, entry->d_name);
     }
 }

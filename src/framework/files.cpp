@@ -10,8 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/file_io.h"
+#include "base/open_file.h"
 #include "framework/text_cursor.h"
-#include "framework/unique_handle.h"
 #include "platform/log.h"
 
 namespace {
@@ -29,37 +30,10 @@ constexpr charge_status CHARGE_STATUS[] = {
     {"Unknown", 0}, {"Charging", 1}, {"Discharging", 2}, {"Not charging", 3}, {"Full", 4},
 };
 
-// Reads until `size` bytes, a newline among them (when to_newline), or the end. -1 on failure.
-ssize_t read_up_to(int fd, char* buf, size_t size, bool to_newline) {
-    size_t have = 0;
-    while (have < size) {
-        const ssize_t got = read(fd, buf + have, size - have);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return -1;
-        if (got == 0) break;
-        const bool found = to_newline && memchr(buf + have, '\n', static_cast<size_t>(got));
-        have += static_cast<size_t>(got);
-        if (found) break;
-    }
-    return static_cast<ssize_t>(have);
-}
-
-bool write_all(int fd, const void* data, size_t len) {
-    const char* at = static_cast<const char*>(data);
-    while (len > 0) {
-        const ssize_t done = write(fd, at, len);
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return false;
-        at += done;
-        len -= static_cast<size_t>(done);
-    }
-    return true;
-}
-
 }  // namespace
 
 bool vexastats_get_test_config_file(char* buf, size_t size) {
-    unique_file file(fopen(TEST_CONFIG_FILE, "re"));
+    const unique_file file = fopen_regular(TEST_CONFIG_FILE, SMALL_FILE_MAX);
     if (!file) return false;
     ALOGD("Found %s\n", TEST_CONFIG_FILE);
     // One byte less than there is room for: the line is at most size - 2 characters.
@@ -75,9 +49,9 @@ int read_max_n_chars_from_file(const char* dir, const char* name, char* buf, int
     char path[257];  // 256 characters at most
     const int path_len = snprintf(path, sizeof path, "%s/%s", dir, name);
     if (path_len < 0 || static_cast<size_t>(path_len) >= sizeof path || len <= 0) return 0;
-    const unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+    const unique_fd fd = open_text_at(AT_FDCWD, path);
     if (!fd) return 0;
-    const ssize_t count = read_up_to(fd.get(), buf, static_cast<size_t>(len), false);
+    const ssize_t count = read_full(fd.get(), buf, static_cast<size_t>(len));
     if (count <= 0) {
         buf[0] = '\0';
         return 0;
@@ -94,9 +68,9 @@ bool is_dir_exist(const char* path) {
 
 ssize_t vexastats_read_line_at(int dir_fd, const char* path, char* buf, size_t size) {
     if (size < 2) return -EINVAL;
-    const unique_fd fd(openat(dir_fd, path, O_RDONLY | O_CLOEXEC));
+    const unique_fd fd = open_text_at(dir_fd, path);
     if (!fd) return -errno;
-    const ssize_t count = read_up_to(fd.get(), buf, size - 1, true);
+    const ssize_t count = read_to_newline(fd.get(), buf, size - 1);
     if (count <= 0) return -ENODATA;
     const void* newline = memchr(buf, '\n', static_cast<size_t>(count));
     const size_t len = newline ? static_cast<size_t>(static_cast<const char*>(newline) - buf)
@@ -105,14 +79,18 @@ ssize_t vexastats_read_line_at(int dir_fd, const char* path, char* buf, size_t s
     return static_cast<ssize_t>(len);
 }
 
+void vexastats_log_sysfs_failure(const char* path, ssize_t result) {
+    if (result == -ENODATA) {
+        ALOGE("failed fget %s\n", path);
+    } else {
+        ALOGE("failed to open %s. err:%d\n", path, static_cast<int>(-result));
+    }
+}
+
 int vexastats_read_sysfs(const char* path, char* buf, size_t size) {
     const ssize_t len = vexastats_read_line_at(AT_FDCWD, path, buf, size);
     if (len >= 0) return 0;
-    if (len == -ENODATA) {
-        ALOGE("failed fget %s\n", path);
-    } else {
-        ALOGE("failed to open %s. err:%d\n", path, static_cast<int>(-len));
-    }
+    vexastats_log_sysfs_failure(path, len);
     return -EINVAL;
 }
 
@@ -141,20 +119,6 @@ bool vexastats_lcd_off_status() {
     return strcmp(brightness, "0") == 0;
 }
 
-FILE* vexastats_open_plain(const char* path) {
-    unique_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!fd) return nullptr;
-    struct stat status;
-    if (fstat(fd.get(), &status) != 0) return nullptr;
-    if (!S_ISREG(status.st_mode)) {
-        errno = EINVAL;
-        return nullptr;
-    }
-    FILE* file = fdopen(fd.get(), "r");
-    if (file) (void)fd.release();
-    return file;
-}
-
 int vexastats_replace_file(const char* path, const void* data, size_t len, bool* opened) {
     if (opened) *opened = false;
     char beside[PATH_MAX];
@@ -166,10 +130,10 @@ int vexastats_replace_file(const char* path, const void* data, size_t len, bool*
 int vexastats_replace_file_by(const char* path, const char* beside, const void* data, size_t len,
                               bool* opened) {
     if (opened) *opened = false;
-    unique_fd fd(open(beside, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    unique_fd fd = open_emptied(beside, 0600);
     if (!fd) return -errno;
     if (opened) *opened = true;
-    if (!write_all(fd.get(), data, len) || fsync(fd.get()) != 0) {
+    if (!write_full(fd.get(), data, len) || fsync(fd.get()) != 0) {
         const int error = errno ? errno : EIO;
         unlink(beside);
         return -error;
@@ -201,7 +165,7 @@ bool vexastats_read_whole(int fd, const char* path, const char* caller, size_t m
         ALOGE("Error allocating buffer in %s", caller);
         return false;
     }
-    const ssize_t count = read_up_to(fd, reinterpret_cast<char*>(bytes.get()), size, false);
+    const ssize_t count = read_full(fd, bytes.get(), size);
     if (count != status.st_size) {
         ALOGE("Error reading file Bytes %zu of %ld", static_cast<size_t>(count < 0 ? 0 : count),
               static_cast<long>(status.st_size));
@@ -213,8 +177,7 @@ bool vexastats_read_whole(int fd, const char* path, const char* caller, size_t m
 }
 
 int vexastats_read_file(const char* path, const char* caller, owned_bytes* out) {
-    // Without waiting for the other end of a FIFO, which is no file to read.
-    const unique_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const unique_fd fd = open_text_at(AT_FDCWD, path);
     if (!fd) {
         ALOGE("Coult not  open the file %s", path);
         return -ENOENT;

@@ -10,6 +10,9 @@
 #include "framework/owned_bytes.h"
 #include "framework/stop.h"
 
+// Largest configuration, status or override file that is looked at, bytes.
+inline constexpr off_t SMALL_FILE_MAX = off_t{1} << 20;
+
 // Reads one line of the test override file into `buf` (size bytes). Returns false when there is no
 // such file (silently) or it cannot be read (logged). Any thread.
 bool vexastats_get_test_config_file(char* buf, size_t size);
@@ -29,6 +32,9 @@ void vexastats_wait_dir_ready(const char* path, const stop_flag* stop);
 // newline. Returns 0, or -EINVAL, logged. Any thread.
 int vexastats_read_sysfs(const char* path, char* buf, size_t size);
 
+// Logs what vexastats_read_sysfs does after a failure that vexastats_read_line_at returned.
+void vexastats_log_sysfs_failure(const char* path, ssize_t result);
+
 // Reads the number ("%d") at the beginning of such a file. Returns 0; -EINVAL, logged, when it
 // cannot be read; or -ENODATA, not logged, when there is no number. *value is left alone on
 // failure.
@@ -45,11 +51,6 @@ int chg_stat_txt_to_enum(const char* text, uint32_t* out);
 
 // Whether the display is off: its backlight reads exactly "0". A failed read is logged: false.
 bool vexastats_lcd_off_status();
-
-// Opens a regular file for reading. Anything else that was left under the name (a FIFO, say) could
-// block the reader and counts as a file that cannot be opened. Returns the stream, which is the
-// caller's, or null with errno set; not logged. Any thread.
-FILE* vexastats_open_plain(const char* path);
 
 // Replaces file `path` by one with `len` bytes of `data` (mode 0600): written beside it under the
 // name path + ".new", synced, and renamed, so that a reader or a kill never meets half of it.

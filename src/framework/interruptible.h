@@ -1,43 +1,38 @@
-// Ending a library call that blocks without a descriptor to wait on and without a time-out. Such a
-// call only ends early when a signal handler runs in its thread (the daemon installs its handlers
-// without automatic restart), and a signal that comes just before the call is lost on it. So the
-// thread lets SIGINT in for the calls alone, and whoever stops it sends SIGINT again and again
-// until it has left them:
+// Ending a library call that blocks without a descriptor to wait on and without a time-out: a read
+// of the platform's log. No signal ends it, for the library calls again on EINTR. What does end it
+// is something to read. So whoever stops the thread writes a line into that log, and again until
+// the thread has left its calls:
 //
 //   thread                                    who stops it
 //   if (!interruptible_enter(...)) end        stop_flag_raise(stop)
-//   result = library_call()                   while (interruptible_nudge(...)) pause
+//   result = library_call()                   while (interruptible_is_inside(...)) log, pause
 //   ...
 //   interruptible_leave(...)
 //
-// Either the thread sees the flag as it enters, or its stopper sees the thread inside. It is
-// signalled only while it is inside, so never once it has ended.
+// Either the thread sees the flag as it enters, or its stopper sees the thread inside. A line that
+// is written just before the call begins is not lost: the log keeps it for the read.
 #pragma once
-
-#include <pthread.h>
 
 #include <atomic>
 
 #include "framework/stop.h"
-#include "framework/sync.h"
+
+// The line that ends a blocked read of the log. It is the daemon's own and nobody's finding: a
+// collector of log entries leaves it out.
+inline constexpr char INTERRUPTIBLE_WAKE_UP[] = "Waking up a blocked read of the log\n";
 
 struct interruptible {
-    vexa_mutex mutex{};
-    pthread_t thread GUARDED_BY(mutex){};
-    std::atomic<bool> inside{false};  // written under the mutex, by the thread itself
+    std::atomic<bool> inside{false};  // written by the thread itself
 };
 
-// To be called before each blocking call. The first one lets SIGINT in; the ones that follow, up to
-// interruptible_leave, only test the flag and cost next to nothing. Returns false, with SIGINT
-// blocked, once `stop` is raised: the call must not be made. Between this and the leave the thread
-// makes the library's calls and works in memory; anything that a signal could cut short comes after
-// the leave. SIGINT must have a handler, and be blocked in the thread. Thread: always the same one.
+// To be called before each blocking call. Returns false, and the thread is not inside, once `stop`
+// is raised: the call must not be made. Thread: always the same one.
 bool interruptible_enter(interruptible* section, const stop_flag& stop);
 
-// Blocks SIGINT again; harmless when the thread is not inside. Leaves errno as it was. Thread: the
-// one that entered.
+// Says that no call is under way; harmless when the thread is not inside. Thread: the one that
+// entered.
 void interruptible_leave(interruptible* section);
 
-// Sends SIGINT to the thread that is inside. Returns whether there is one; the caller then comes
-// again in a few milliseconds. Any other thread.
-bool interruptible_nudge(interruptible* section);
+// Whether a call may be under way, after the stop flag was raised: the caller then writes a line
+// into the log that is read, and comes again in a few milliseconds. Any thread.
+bool interruptible_is_inside(const interruptible& section);

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 
 struct line_reader {
     unique_fd fd{};

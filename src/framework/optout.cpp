@@ -6,8 +6,10 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <bit>
+
+#include "base/unique_handle.h"
 #include "framework/files.h"
-#include "framework/unique_handle.h"
 #include "framework/wait.h"
 #include "framework/watch.h"
 #include "platform/clock.h"
@@ -19,20 +21,31 @@ namespace {
 constexpr char DROPBOX_ROOT[] = "/data/vendor/vexa/up";
 constexpr char ENABLED_PROPERTY[] = "vendor.orb.vexa.enabled";
 constexpr int PROPERTY_POLL_S = 5;
-constexpr int64_t NUDGE_PAUSE_MS = 2;
+constexpr int64_t WAKE_PAUSE_MS = 2;
 
 // Directories come and go by rename as well as by mkdir and rmdir.
 constexpr uint32_t CHILD_CHANGED = IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_MOVED_FROM;
 
 enum class watch_end { ROOT_GONE, STOPPED };
 
+struct root_watch {
+    watch_way way{};
+    int watch = -1;
+};
+
 // Brings the rows in step after one buffer of events; returns whether the root itself is gone.
-bool handle_events(optout_context* context, const watch_buffer& events) {
+bool handle_events(optout_context* context, const root_watch& root, const watch_buffer& events) {
     bool root_gone = false;
     watch_for_each(events, [&](const inotify_event& event) {
-        // An overflowed queue has lost events: look at everything.
-        if (event.mask & (CHILD_CHANGED | IN_Q_OVERFLOW)) optout_handle(context, 0);
-        if (event.mask & (WATCH_DIR_GONE | IN_IGNORED)) root_gone = true;
+        if (event.mask & IN_Q_OVERFLOW) {
+            // Events were lost, the root's end perhaps among them: look at everything, afresh.
+            root_gone = true;
+        } else if (event.wd != root.watch) {
+            if (watch_way_lost(root.way, event)) root_gone = true;
+        } else {
+            if (event.mask & CHILD_CHANGED) optout_handle(context, 0);
+            if (event.mask & (WATCH_DIR_GONE | IN_IGNORED)) root_gone = true;
+        }
     });
     return root_gone;
 }
@@ -48,14 +61,14 @@ watch_end watch_dropbox_root(optout_context* context, unique_fd* notifier) {
         ALOGE("failed inotify_init. err:%d\n", errno);
         return watch_end::STOPPED;
     }
-    const int watch =
-        inotify_add_watch(fd, DROPBOX_ROOT, CHILD_CHANGED | WATCH_DIR_GONE | IN_ONLYDIR);
-    if (watch < 0 && (errno == ENOENT || errno == ENOTDIR)) return watch_end::ROOT_GONE;
-    if (watch < 0) {
+    root_watch root;
+    watch_way_to(fd, DROPBOX_ROOT, &root.way);
+    root.watch = inotify_add_watch(fd, DROPBOX_ROOT, CHILD_CHANGED | WATCH_DIR_GONE | IN_ONLYDIR);
+    if (root.watch < 0 && (errno == ENOENT || errno == ENOTDIR)) return watch_end::ROOT_GONE;
+    if (root.watch < 0) {
         ALOGE("failed inotify_add_watch. err:%d\n", errno);
         return watch_end::STOPPED;
     }
-    watch_ancestors(fd, DROPBOX_ROOT);
     optout_handle(context, 0);  // what came or went before the watch stood
 
     while (!stop_flag_is_raised(context->stop)) {
@@ -64,7 +77,7 @@ watch_end watch_dropbox_root(optout_context* context, unique_fd* notifier) {
             ALOGE("%s: failed to read event. err:%d\n", "optout_monitor", errno);
             return watch_end::STOPPED;
         }
-        if (handle_events(context, events)) {
+        if (handle_events(context, root, events)) {
             optout_handle(context, 0);
             return watch_end::ROOT_GONE;
         }
@@ -72,14 +85,20 @@ watch_end watch_dropbox_root(optout_context* context, unique_fd* notifier) {
     return watch_end::STOPPED;
 }
 
+void tell_thread(const collector_info& row) {
+    if (row.consent_handler) row.consent_handler(row);
+}
+
 void sync_row(collector_info* row, bool missing, bool is_dir) REQUIRES(row->mutex) {
     if (missing && row->enabled) {
         row->enabled = 0;
         ALOGI("%s disabled\n", row->name);
+        tell_thread(*row);
     } else if (is_dir && !row->enabled) {
         row->enabled = 1;
         ALOGI("%s enabled\n", row->name);
         row->cond.notify_all();
+        tell_thread(*row);
     }
 }
 
@@ -89,20 +108,30 @@ void terminate_row(collector_info* row, bool missing) REQUIRES(row->mutex) {
     if (missing && row->enabled) {
         row->enabled = 0;
         ALOGI("%s disabled\n", row->name);
+        tell_thread(*row);
         return;
     }
     row->terminate = 1;
     ALOGI("%s Terminated\n", row->name);
     row->cond.notify_all();
+    tell_thread(*row);
 }
 
-// Signals every row that is inside a library call. Returns whether there was one.
-bool nudge_rows(optout_context* context) {
-    bool any = false;
-    for (int32_t i = 0; i < context->count; i++) {
-        if (interruptible_nudge(&context->table[i].library_calls)) any = true;
+bool is_any_row_inside(const optout_context& context) {
+    for (int32_t i = 0; i < context.count; i++) {
+        if (interruptible_is_inside(context.table[i].library_calls)) return true;
     }
-    return any;
+    return false;
+}
+
+// Gives the rows that read the log something to read, until they have left. One line is enough, for
+// the log keeps it; ever rarer ones follow in case it got lost.
+void wake_log_readers(const optout_context& context) {
+    for (unsigned round = 1; is_any_row_inside(context); ++round) {
+        if (std::has_single_bit(round)) ALOGI("%s", INTERRUPTIBLE_WAKE_UP);
+        // A plain pause: every stop flag that a wait could watch is raised by now.
+        platform_poll(nullptr, 0, WAKE_PAUSE_MS);
+    }
 }
 
 }  // namespace
@@ -145,8 +174,7 @@ void optout_stop_rows(optout_context* context) {
         const vexa_lock lock(row->mutex);
         row->cond.notify_all();
     }
-    // A plain pause: every stop flag that a wait could watch is raised by now.
-    while (nudge_rows(context)) platform_poll(nullptr, 0, NUDGE_PAUSE_MS);
+    wake_log_readers(*context);
 }
 
 void vexastats_wait_optin(collector_info* row) {

@@ -11,8 +11,8 @@
 struct optout_context {
     collector_info* table = nullptr;
     pthread_t monitor{};
-    vexa_mutex mutex{};
-    int32_t count = 0;  // rows in the table
+    vexa_mutex mutex{};  // locked by nobody: the stop flag does what it was for
+    int32_t count = 0;   // rows in the table
     stop_flag stop{};
 };
 

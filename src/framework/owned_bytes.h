@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 
 struct owned_bytes {
     size_t length = 0;

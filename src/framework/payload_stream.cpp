@@ -1,11 +1,16 @@
+#define LOG_TAG "vexastatsd"
+
 #include "framework/payload_stream.h"
 
 #include <string.h>
 
 #include <new>
 
+#include "base/open_file.h"
+#include "base/unique_handle.h"
 #include "framework/compress.h"
-#include "framework/unique_handle.h"
+#include "framework/record_line.h"
+#include "platform/log.h"
 
 struct payload_stream {
     z_stream zlib = {};
@@ -59,7 +64,7 @@ unique_payload_stream payload_stream_open(const char* path) {
     if (!stream || compress_begin(&stream->zlib) != Z_OK) return nullptr;
     stream->begun = true;
 
-    const unique_file record(fopen(path, "re"));
+    const unique_file record = fopen_regular(path, RECORD_FILE_MAX);
     if (!record || !skip_first_line(record.get())) return nullptr;
     unsigned char piece[COMPRESS_PIECE];
     size_t count;
@@ -121,5 +126,7 @@ bool payload_stream_finish(payload_stream* stream, FILE* out, size_t* len) {
     stream->zlib.avail_in = 0;
     if (!pump(stream, Z_FINISH)) return false;
     *len = stream->out_len;
-    return fwrite(stream->out.get(), 1, stream->out_len, out) == stream->out_len;
+    if (fwrite(stream->out.get(), 1, stream->out_len, out) == stream->out_len) return true;
+    ALOGE("%s: fwrite failed.\n", "vexastats_compress");
+    return false;
 }

@@ -36,4 +36,5 @@ bool payload_stream_measure(payload_stream* stream, uint64_t* len);
 bool payload_stream_len_at_most(const payload_stream* stream, uint64_t* len);
 
 // Ends the payload and writes it to `out`; *len is its size. The stream is of no use afterwards.
+// Returns false when memory fails or, which is logged, the write.
 bool payload_stream_finish(payload_stream* stream, FILE* out, size_t* len);

@@ -11,10 +11,13 @@
 
 #include <algorithm>
 
+#include "base/open_file.h"
+#include "base/unique_handle.h"
 #include "framework/clock.h"
-#include "framework/dropbox.h"
+#include "framework/compress.h"
+#include "framework/hand_over.h"
 #include "framework/record_line.h"
-#include "framework/unique_handle.h"
+#include "framework/recovery.h"
 #include "platform/log.h"
 
 namespace {
@@ -50,54 +53,76 @@ bool has_data_after(FILE* stream, size_t first_line_len) {
            static_cast<uint64_t>(status.st_size) > first_line_len;
 }
 
-// Hands an old record over, without beginning a new one.
-void hand_over_old_record(collector_info* row, unique_file stream) {
-    record_handle handle;
-    handle.file = stream.release();
-    char path[sizeof row->rec_fname];
-    memcpy(path, row->rec_fname, sizeof path);
-    if (move_to_dropbox(row, &handle, false) != 0) ALOGE("failed to move old %s to drbox\n", path);
+// What becomes of the record that an earlier run left.
+enum class old_record {
+    RESUMED,  // the request's stream goes on with it
+    GONE,     // handed over, deleted, or of no use: a new one takes its place
+    STAYS,    // it could not be looked at or handed over
+};
+
+// Goes on with the record open in `stream`: its times, its name, and the end of its data.
+void resume(collector_info* row, const record_times& times, FILE* stream) {
+    row->hdr.realtime_ms = times.realtime_ms;
+    row->hdr.uptime_ms = times.uptime_ms;
+    row->hdr.timezone_min = times.timezone_min;
+    (void)fseek(stream, 0, SEEK_END);
 }
 
-// Deals with the record that an earlier run left under row->rec_fname. Returns its stream, at its
-// end, when the record is to be resumed, and null when a new one is to be begun.
-FILE* take_old_record(const record_init_req& req) {
+// Hands an old record over, without beginning a new one. One that cannot be handed over is resumed:
+// what was collected is not given up because it could not be delivered.
+old_record hand_over_old_record(collector_info* row, const record_times& times,
+                                unique_file* stream) {
+    record_path path;
+    memcpy(path, row->rec_fname, sizeof path);
+    record_handle handle;
+    handle.file = stream->release();
+    if (move_to_dropbox(row, &handle, false) == 0) return old_record::GONE;
+    ALOGE("failed to move old %s to drbox\n", path);
+
+    memcpy(row->rec_fname, path, sizeof row->rec_fname);
+    *stream = record_open(path);
+    if (!*stream) return errno == ENOENT ? old_record::GONE : old_record::STAYS;
+    if (!has_data_after(stream->get(), 0)) return old_record::GONE;  // its finished file waits
+    resume(row, times, stream->get());
+    return old_record::RESUMED;
+}
+
+// Deals with the record that an earlier run left under row->rec_fname. *stream is it, at its end,
+// when it is resumed.
+old_record take_old_record(const record_init_req& req, unique_file* stream) {
     collector_info* row = req.row;
     if (req.discard) {
         if (remove(row->rec_fname) != 0)
             ALOGE("failed to remove %s. err:%d\n", row->rec_fname, errno);
-        return nullptr;
+        return old_record::GONE;
     }
-    unique_file stream = record_open(row->rec_fname, "r+be");
-    if (!stream) {
+    *stream = record_open(row->rec_fname);
+    if (!*stream) {
         ALOGE("failed to open %s. err:%d\n", row->rec_fname, errno);
-        return nullptr;
+        return old_record::STAYS;
     }
     char line[RECORD_LINE_SIZE];
-    if (!record_read_line(stream.get(), line)) {
+    if (!record_read_line(stream->get(), line)) {
         ALOGE("failed to read timestamp\n");
-        return nullptr;
+        return has_data_after(stream->get(), 0) ? old_record::STAYS : old_record::GONE;
     }
     record_times times;
     if (!record_line_parse(line, &times) ||
         times.version != static_cast<int32_t>(row->hdr.rec_version)) {
         // The old file is then overwritten, not dropped: deliberate.
         ALOGE("invalid timestamp format\n");
-        return nullptr;
+        return old_record::GONE;
     }
-    row->hdr.realtime_ms = times.realtime_ms;
-    row->hdr.uptime_ms = times.uptime_ms;
-    row->hdr.timezone_min = times.timezone_min;
-    (void)fseek(stream.get(), 0, SEEK_END);
-    if (req.resume) return stream.release();
-    if (has_data_after(stream.get(), strlen(line))) hand_over_old_record(row, std::move(stream));
-    return nullptr;
+    resume(row, times, stream->get());
+    if (req.resume) return old_record::RESUMED;
+    if (!has_data_after(stream->get(), strlen(line))) return old_record::GONE;
+    return hand_over_old_record(row, times, stream);
 }
 
 // ---- Appending
 // -----------------------------------------------------------------------------------
 
-// The record's end position, with the stream moved there; -1 with the stated message on failure.
+// The record's end position, with the stream moved there; -1, logged, on failure.
 off_t seek_to_end(FILE* stream, const char* caller) {
     if (fseeko(stream, 0, SEEK_END) != 0) {
         ALOGE("%s fseek failed. err:%d\n", caller, errno);
@@ -191,30 +216,50 @@ bool roll_over_if_full(write_req* req, off_t pos) {
     return false;
 }
 
+struct clock_reading {
+    uint64_t realtime_ms = 0;
+    uint64_t uptime_ms = 0;
+};
+
 // A record that was begun before the wall clock was set.
-bool needs_late_clock(const collector_info* row) {
-    return row->hdr.realtime_ms < PLAUSIBLE_REAL_TIME_MS + 1 &&
-           vexastats_real_time_ms() >= PLAUSIBLE_REAL_TIME_MS &&
-           row->hdr.uptime_ms <= vexastats_uptime_ms();
+bool needs_late_clock(const collector_info& row, const clock_reading& now) {
+    return row.hdr.realtime_ms < PLAUSIBLE_REAL_TIME_MS + 1 &&
+           now.realtime_ms >= PLAUSIBLE_REAL_TIME_MS && row.hdr.uptime_ms <= now.uptime_ms;
+}
+
+// Puts the first `len` bytes of a record back: half a first line would cost it.
+void restore_start(FILE* stream, const char* bytes, ssize_t len) {
+    clearerr(stream);
+    if (len > 0 && pwrite(fileno(stream), bytes, static_cast<size_t>(len), 0) != len) {
+        ALOGE("failed to write timestamp\n");
+    }
 }
 
 // Corrects the header's times and rewrites the first line in place. The file's length does not
 // change, so a longer line overwrites the first bytes of the data: deliberate.
-bool update_rt_timestamp(collector_info* row, record_handle* handle) {
+bool update_rt_timestamp(collector_info* row, record_handle* handle, const clock_reading& now) {
     if (!handle->file) return false;
-    row->hdr.realtime_ms = vexastats_real_time_ms() - vexastats_uptime_ms() + row->hdr.uptime_ms;
+    const record_header before = row->hdr;
+    row->hdr.realtime_ms = now.realtime_ms - now.uptime_ms + row->hdr.uptime_ms;
     row->hdr.timezone_min = vexastats_timezone_min();
     handle->payload.reset();
+    char start[RECORD_LINE_SIZE];
+    const ssize_t start_len = pread(fileno(handle->file), start, sizeof start, 0);
     if (fseeko(handle->file, 0, SEEK_SET) != 0) {
         ALOGE("%s fseek failed. err:%d\n", __func__, errno);
+        row->hdr = before;
         return false;
     }
     if (!record_line_write(handle->file, row) || fflush(handle->file) != 0) {
         ALOGE("failed to write timestamp\n");
+        restore_start(handle->file, start, start_len);
+        row->hdr = before;
         vexastats_record_close(handle);
         return false;
     }
-    return seek_to_end(handle->file, __func__) >= 0;
+    if (seek_to_end(handle->file, __func__) >= 0) return true;
+    vexastats_record_close(handle);  // what is appended would go over the data
+    return false;
 }
 
 // Takes back what a failed write left, so that no half sample stands in the record.
@@ -227,7 +272,11 @@ void cut_back(FILE* stream, off_t pos) {
 // Returns the bytes appended, fewer than req->len on failure.
 size_t append(const write_req& req) {
     FILE* stream = req.handle->file;
-    const off_t pos = stream ? ftello(stream) : -1;  // its end: nothing has moved it from there
+    if (!stream) {  // the first line could not be rewritten
+        ALOGE("%s: failed to write file\n", "vexastats_write_file");
+        return 0;
+    }
+    const off_t pos = ftello(stream);  // its end: nothing has moved it from there
     if (pos < 0) return 0;
     const size_t written = fwrite(req.data, 1, req.len, stream);
     if (written != req.len) {
@@ -251,7 +300,8 @@ size_t write_locked(write_req* req, size_t len) {
     const off_t pos = seek_to_end(req->handle->file, "vexastats_write_file");
     if (pos < 0) return 0;
     if (len > 0 && !roll_over_if_full(req, pos)) return 0;
-    if (needs_late_clock(req->row) && !update_rt_timestamp(req->row, req->handle)) {
+    const clock_reading now{vexastats_real_time_ms(), vexastats_uptime_ms()};
+    if (needs_late_clock(*req->row, now) && !update_rt_timestamp(req->row, req->handle, now)) {
         ALOGE("failed to update rt timestamp\n");
     }
     if (len > 0) {
@@ -276,10 +326,15 @@ FILE* vexastats_record_init(record_init_req* req) {
         ALOGE("failed to create %s. err:%d\n", req->dir, errno);
         return nullptr;
     }
+    // Only a record that was dealt with is overwritten.
+    bool over_old = false;
     if (dir) {
         deliver_finished_files(req->row, req->dir, req->prefix);
         if (find_old_record(dir.get(), *req)) {
-            if (FILE* resumed = take_old_record(*req)) return resumed;
+            unique_file stream;
+            const old_record fate = take_old_record(*req, &stream);
+            if (fate == old_record::RESUMED) return stream.release();
+            over_old = fate == old_record::GONE;
         }
         dir.reset();
         req->row->rec_fname[0] = '\0';
@@ -288,7 +343,16 @@ FILE* vexastats_record_init(record_init_req* req) {
         ALOGE("failed to open %s. err:%d\n", req->prefix, errno);
         return nullptr;
     }
-    return record_begin(req->row, __func__);
+    return record_begin(req->row, __func__, over_old).release();
+}
+
+bool vexastats_record_reopen(record_init_req req, record_handle* handle) {
+    vexastats_record_close(handle);
+    req.resume = 1;
+    req.discard = 0;
+    handle->file = vexastats_record_init(&req);
+    if (handle->file) handle->undelivered = false;
+    return handle->file != nullptr;
 }
 
 size_t vexastats_write_file(write_req* req) {
@@ -311,7 +375,7 @@ size_t vexastats_record_size(collector_info* row) {
         ALOGE("%s: invalid collector info\n", __func__);
         return 0;
     }
-    const unique_file stream(fopen(row->rec_fname, "rbe"));
+    const unique_file stream = fopen_regular(row->rec_fname, RECORD_FILE_MAX);
     if (!stream) {
         ALOGE("%s: failed to open %s. err:%d\n", __func__, row->rec_fname, errno);
         return 0;

@@ -5,7 +5,7 @@
 //   which
 //             it was begun, then the collector's bytes
 //   finished  "<dir>/<stem>.<realtime_ms>": header and compressed payload, on its way out
-//             (framework/dropbox.h); one that is found at the next begin is delivered or removed
+//             (framework/hand_over.h); one that is found at the next begin is delivered or removed
 //   dropped   "<up_dir>/<stem>.<realtime_ms>": in the dropbox, the upload agent's from here on
 #pragma once
 
@@ -27,6 +27,7 @@ struct record_init_req {
 struct record_handle {
     FILE* file = nullptr;           // the open record; null when there is none
     unique_payload_stream payload;  // its payload so far, once the record is nearly full
+    bool undelivered = false;       // a hand-over failed and the record was not opened again yet
 };
 
 enum write_flags : uint32_t {
@@ -44,15 +45,23 @@ struct write_req {
 };
 
 // Opens or creates the record and leaves the stream at its end. With neither resume nor discard,
-// what an earlier run left is handed over and a new record begun. A finished file that an
-// interrupted hand-over left is delivered when it is whole and removed when it is not. Returns the
-// stream, which the caller owns through its record_handle, or null; failures are logged. Thread:
-// the row's own, while no write is under way; does not take the record-file lock.
+// what an earlier run left is handed over and a new record begun; what cannot be handed over is
+// resumed. A finished file that an interrupted hand-over left is delivered when it is whole and
+// removed when it is not. Returns the stream, which the caller owns through its record_handle, or
+// null; failures are logged. Nothing that holds data is overwritten unless its first line is not
+// one of this record version. For the start of a collector. Thread: the row's own, while no write
+// is under way; does not take the record-file lock.
 FILE* vexastats_record_init(record_init_req* req);
+
+// Opens the record again after a failure: closes the handle's stream, if there is one, and goes on
+// with what could not be handed over, whatever req says of resume and discard. A new record is
+// begun when there is none. Returns whether the handle has a stream; failures are logged. Thread:
+// as vexastats_record_init.
+bool vexastats_record_reopen(record_init_req req, record_handle* handle);
 
 // Appends req->len bytes to the record. A record that the bytes would make larger than the row's
 // `size` (as estimated, then as measured) is handed over first. After a failed hand-over the
-// handle's stream is null and the collector begins again with vexastats_record_init. After a short
+// handle's stream is null and the collector goes on with vexastats_record_reopen. After a short
 // write or a failed flush the record is cut back to where it was. Returns the bytes appended, 0 on
 // failure, or the short count of a short write; failures are logged. Thread: any; serialised over
 // all collectors by the record-file lock.

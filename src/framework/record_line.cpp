@@ -1,21 +1,63 @@
+#define LOG_TAG "vexastatsd"
+
 #include "framework/record_line.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
+#include "base/open_file.h"
 #include "framework/clock.h"
+#include "platform/log.h"
+
+namespace {
+
+// Without a buffer of its own the stream holds nothing back that a failed write could leave behind.
+unique_file unbuffered(unique_fd fd) {
+    unique_file stream = stream_of(std::move(fd), "r+b");
+    if (stream) (void)setvbuf(stream.get(), nullptr, _IONBF, 0);
+    return stream;
+}
+
+// Returns false, logged, when the first line is not on its way to the disk.
+bool write_line(FILE* stream, collector_info* row, const char* caller) {
+    record_set_times_now(row);
+    if (!record_line_write(stream, row)) {
+        ALOGE("failed to write timestamp\n");
+        return false;
+    }
+    if (fflush(stream) != 0) {
+        ALOGE("%s: failed to flush. err:%d\n", caller, errno);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
 
 bool record_line_parse(const char* line, record_times* times) {
     return sscanf(line, "%*[^=]=%d%*[^=]=%lu%*[^=]=%lu%*[^=]=%hd", &times->version,
                   &times->realtime_ms, &times->uptime_ms, &times->timezone_min) == 4;
 }
 
-unique_file record_open(const char* path, const char* mode) {
-    unique_file stream(fopen(path, mode));
-    // Without a buffer of its own the stream holds nothing back that a failed write could leave
-    // behind.
-    if (stream) (void)setvbuf(stream.get(), nullptr, _IONBF, 0);
+unique_file record_open(const char* path) {
+    return unbuffered(open_update(path, RECORD_FILE_MAX));
+}
+
+unique_file record_begin(collector_info* row, const char* caller, bool over_old) {
+    constexpr mode_t MODE = 0666;
+    unique_file stream =
+        unbuffered(over_old ? open_emptied(row->rec_fname, MODE) : open_new(row->rec_fname, MODE));
+    if (!stream) {
+        ALOGE("failed to open %s. err:%d\n", row->rec_fname, errno);
+        return nullptr;
+    }
+    if (!write_line(stream.get(), row, caller)) {
+        // Half a line could still read like a whole one, and what is appended would follow on it.
+        (void)ftruncate(fileno(stream.get()), 0);
+        return nullptr;
+    }
     return stream;
 }
 

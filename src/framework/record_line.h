@@ -1,12 +1,14 @@
 // The first line of a record: "Version=%d Realtime=%lu Uptime=%lu Timezone=%d\n".
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
+#include "base/unique_handle.h"
 #include "framework/collector_info.h"
-#include "framework/unique_handle.h"
 
 struct record_times {
     int32_t version = 0;
@@ -21,8 +23,18 @@ inline constexpr int RECORD_LINE_SIZE = 512;
 // Reads a first line. Returns false when it does not hold all four values.
 bool record_line_parse(const char* line, record_times* times);
 
-// Opens a record as fopen does, unbuffered. Returns null with errno set on failure.
-unique_file record_open(const char* path, const char* mode);
+// Longest record, and finished file, that is looked at, bytes: as far as the test whether a record
+// is full can count.
+inline constexpr off_t RECORD_FILE_MAX = INT32_MAX;
+
+// Opens an existing record for update, unbuffered, at its start. Returns null with errno set on
+// failure.
+unique_file record_open(const char* path);
+
+// Begins a record under row->rec_fname: sets the header's times to now and writes the first line.
+// What is there is emptied when `over_old` says so, and otherwise in the way (EEXIST). `caller`
+// names the function in a flush failure's message. Returns the stream or null; failures are logged.
+unique_file record_begin(collector_info* row, const char* caller, bool over_old);
 
 // Copies the record's first line, its newline included, without moving the stream.
 // Returns false when the record is empty or cannot be read.

@@ -4,6 +4,8 @@
 
 #include <errno.h>
 
+#include <algorithm>
+
 #include "framework/config.h"
 #include "framework/dload.h"
 #include "framework/files.h"
@@ -41,9 +43,41 @@ void load_params(sampling_collector* c) {
     c->params_loaded_ms = vexastats_uptime_ms();
 }
 
+record_init_req record_of(const sampling_collector& c) {
+    return {.row = c.row, .dir = c.kind->record_dir, .prefix = c.kind->record_file};
+}
+
+bool begin_record(sampling_collector* c) {
+    record_init_req req = record_of(*c);
+    c->record.file = vexastats_record_init(&req);
+    if (!c->record.file) ALOGE("failed to open record file for %s\n", c->kind->name);
+    return c->record.file != nullptr;
+}
+
+void pause(const sampling_collector& c) {
+    vexastats_sleep_ms(FAILURE_PAUSE_MS, c.stop());
+}
+
+// Longer each time, so that a full disk does not keep the phone awake. Returns false when a stop
+// ended it.
+bool pause_for_storage(const sampling_collector& c, sampling_storage* storage) {
+    const int64_t pause_ms = storage->pause_ms;
+    storage->pause_ms = std::min(2 * pause_ms, sampling_storage::LONGEST_PAUSE_MS);
+    return vexastats_sleep_ms(pause_ms, c.stop());
+}
+
 void sample_periodically(collector_info* row) {
     row->notify = 0;
     row->interval = PERIODIC_INTERVAL_MS;
+}
+
+// Whatever a file that was loaded says: a wait for a kernel that reports nothing never ends.
+void keep_kernel_support(sampling_collector* c) {
+    if (c->kernel_is_silent && !c->row->no_supported_kernel) {
+        c->row->no_supported_kernel = 1;
+        save_config(c->row);
+    }
+    if (c->row->no_supported_kernel) sample_periodically(c->row);
 }
 
 }  // namespace
@@ -68,32 +102,39 @@ bool sampling_read_charge_counter(int32_t* value_uAh) {
 }
 
 int sampling_write(collector_info* row, record_handle* record, const grow_array<uint8_t>& sample,
-                   const char* caller, bool* storage_failed) {
+                   const char* caller, sampling_storage* storage) {
     write_req req{.row = row,
                   .handle = record,
                   .data = sample.data(),
                   .len = sample.size(),
                   .flags = WRITE_BEGIN_NEW};
     const size_t count = vexastats_write_file(&req);
-    *storage_failed = count != req.len;
-    if (!*storage_failed) return 0;
+    storage->failed = count != req.len;
+    if (!storage->failed) {
+        storage->pause_ms = sampling_storage::FIRST_PAUSE_MS;
+        return 0;
+    }
     ALOGE("%s: failed to write file. cnt:%zu\n", caller, count);
     return -EINVAL;
 }
 
-bool sampling_start(sampling_collector* c) {
+bool sampling_start(sampling_collector* c, sampling_storage* storage) {
     c->started_early = vexastats_uptime_ms() < EARLY_START_MS;
     vexastats_wait_optin(c->row);
-    if (!c->row->enabled || !sampling_open_record(c)) return false;
+    while (c->row->enabled && !begin_record(c)) {
+        if (!pause_for_storage(*c, storage)) return false;
+        vexastats_wait_optin(c->row);
+    }
+    if (!c->row->enabled) return false;
     load_params(c);
     return true;
 }
 
-bool sampling_open_record(sampling_collector* c) {
-    record_init_req req{.row = c->row, .dir = c->kind->record_dir, .prefix = c->kind->record_file};
-    c->record.file = vexastats_record_init(&req);
-    if (!c->record.file) ALOGE("failed to open record file for %s\n", c->kind->name);
-    return c->record.file != nullptr;
+bool sampling_has_record(sampling_collector* c, sampling_storage* storage) {
+    if (c->record.file || vexastats_record_reopen(record_of(*c), &c->record)) return true;
+    ALOGE("failed to open record file for %s\n", c->kind->name);
+    (void)pause_for_storage(*c, storage);
+    return false;
 }
 
 bool sampling_open_notifier(sampling_collector* c) {
@@ -107,7 +148,7 @@ void sampling_apply_kernel_support(sampling_collector* c) {
         c->row->no_supported_kernel = 0;
         save_config(c->row);
     }
-    if (c->row->no_supported_kernel) sample_periodically(c->row);
+    keep_kernel_support(c);
 }
 
 void sampling_end(sampling_collector* c) {
@@ -134,34 +175,34 @@ change_wait sampling_wait_change(const sampling_collector& c, bool bounded, watc
 
 void sampling_give_up_notify(sampling_collector* c) {
     ALOGI("%s: inotify timed out. Disable it.\n", c->kind->monitor);
+    c->kernel_is_silent = true;
     // Saved first, so that the file keeps what was configured for a kernel that does report.
     c->row->no_supported_kernel = 1;
     save_config(c->row);
     sample_periodically(c->row);
 }
 
-void sampling_count_result(sampling_collector* c, int result, bool storage_failed) {
+void sampling_count_result(sampling_collector* c, int result, sampling_storage* storage) {
     if (result == 0) {
         c->failures = 0;
-        return;
+    } else if (storage->failed) {
+        (void)pause_for_storage(*c, storage);
+    } else {
+        pause(*c);
+        ++c->failures;
     }
-    sampling_pause(*c);
-    if (!storage_failed) ++c->failures;
 }
 
 bool sampling_try_again(sampling_collector* c) {
-    sampling_pause(*c);
+    pause(*c);
     if (c->failures >= MAX_FAILURES) return false;
     ++c->failures;
     return true;
 }
 
-void sampling_pause(const sampling_collector& c) {
-    vexastats_sleep_ms(FAILURE_PAUSE_MS, c.stop());
-}
-
 bool sampling_end_pass(sampling_collector* c) {
     vexastats_wait_optin(c->row);
     vexastats_reload_params(c->row, &c->params_loaded_ms, PARAMS_LIFE_MS);
+    keep_kernel_support(c);
     return c->failures <= MAX_FAILURES;
 }

@@ -8,11 +8,11 @@
 
 #include <cstdint>
 
+#include "base/unique_handle.h"
 #include "framework/clock.h"
 #include "framework/collector_info.h"
 #include "framework/grow_array.h"
 #include "framework/record.h"
-#include "framework/unique_handle.h"
 #include "framework/watch.h"
 
 // ---- Time stamp of a sample
@@ -39,10 +39,18 @@ uint32_t sampling_time_stamp(bool timezone_changed);
 // as it is otherwise, and a missing file is logged.
 bool sampling_read_charge_counter(int32_t* value_uAh);
 
+// How the collector gets on with its record.
+struct sampling_storage {
+    static constexpr int64_t FIRST_PAUSE_MS = 1000;
+    static constexpr int64_t LONGEST_PAUSE_MS = 60000;
+    bool failed = false;  // there was no record for the last sample, or it did not take it
+    int64_t pause_ms = FIRST_PAUSE_MS;  // before the next attempt; doubles until a sample is stored
+};
+
 // Appends a whole sample to the record. Returns 0, or -EINVAL, logged with the name of the calling
-// function; *storage_failed says the same.
+// function; *storage says the same.
 int sampling_write(collector_info* row, record_handle* record, const grow_array<uint8_t>& sample,
-                   const char* caller, bool* storage_failed);
+                   const char* caller, sampling_storage* storage);
 
 // ---- One such collector
 
@@ -63,7 +71,8 @@ struct sampling_collector {
     uint64_t params_loaded_ms = 0;
     record_handle record{};
     unique_fd notifier{};
-    int failures = 0;  // in a row
+    int failures = 0;               // in a row
+    bool kernel_is_silent = false;  // found out in this run; no file that is loaded changes it
 
     const stop_flag& stop() const { return row->stop; }
 };
@@ -71,13 +80,14 @@ struct sampling_collector {
 // ---- Start
 
 // Notes an early start (the phone was booted less than two minutes ago), waits for the owner's
-// consent, opens the record, asks for a configuration and loads the parameters. Returns whether the
-// collector goes on; failures are logged.
-bool sampling_start(sampling_collector* c);
+// consent, opens the record, asks for a configuration and loads the parameters. Data that an
+// earlier run left is handed over before the record is begun; one that cannot be opened is tried
+// again. Returns whether the collector goes on; failures are logged.
+bool sampling_start(sampling_collector* c, sampling_storage* storage);
 
-// Opens the collector's record. Data that an earlier run left is handed over first. Returns false,
-// logged, on failure.
-bool sampling_open_record(sampling_collector* c);
+// Opens the record again when a failure has taken it (vexastats_record_reopen). Returns whether
+// there is one; after a failure, which is logged, the pause is over.
+bool sampling_has_record(sampling_collector* c, sampling_storage* storage);
 
 // Opens the notifier for the frequency files. Returns false, logged, on failure.
 bool sampling_open_notifier(sampling_collector* c);
@@ -105,17 +115,15 @@ void sampling_give_up_notify(sampling_collector* c);
 // ---- Failures in a row, parameters
 
 // Counts the result of a sampling loop: one that failed costs a second, one that did not starts the
-// count afresh. Storage that is full or was taken away comes back one day: it costs the second, but
-// does not count.
-void sampling_count_result(sampling_collector* c, int result, bool storage_failed);
+// count afresh. Storage that is full or was taken away comes back one day: it costs a pause that
+// grows, but does not count.
+void sampling_count_result(sampling_collector* c, int result, sampling_storage* storage);
 
 // After a failed watch or wait: waits a second. Returns whether there is another attempt, of three.
 bool sampling_try_again(sampling_collector* c);
 
-// A second's pause before the next attempt at something that is no fault of the source.
-void sampling_pause(const sampling_collector& c);
-
 // Ends a pass of the main loop: waits for consent where it was withdrawn, and loads the row's
-// parameters again once more than five days of uptime have passed since the last time. Returns
+// parameters again once more than five days of uptime have passed since the last time. A kernel
+// that was found to report no changes stays one. Returns
 // whether there is another pass: not after three failures in a row.
 bool sampling_end_pass(sampling_collector* c);

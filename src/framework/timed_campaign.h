@@ -15,7 +15,7 @@
 #include <memory>
 #include <string_view>
 
-#include "framework/config_update.h"
+#include "framework/delivered_file.h"
 
 inline constexpr int32_t NO_CAMPAIGN = -1;
 inline constexpr int32_t CAMPAIGN_SIZE_MAX_BYTES = 0x100000;

@@ -39,7 +39,7 @@ struct inflate_guard {
 };
 
 // Whether the rest of `fd` is exactly one gzip stream with the right check sums.
-bool is_one_gzip_stream(int fd) {
+bool is_one_gzip_stream(int fd, uint32_t* data_len) {
     z_stream stream = {};
     if (inflateInit2(&stream, GZIP_WINDOW_BITS) != Z_OK) return false;
     const inflate_guard guard{&stream};
@@ -50,6 +50,7 @@ bool is_one_gzip_stream(int fd) {
     for (;;) {
         const ssize_t count = read_piece(fd, in, sizeof in);
         if (count < 0) return false;
+        *data_len = static_cast<uint32_t>(stream.total_out);
         if (count == 0) return state == Z_STREAM_END;
         stream.next_in = in;
         stream.avail_in = static_cast<uInt>(count);
@@ -99,7 +100,7 @@ void upload_header_decode(const uint8_t (&in)[UPLOAD_HEADER_LEN], record_header*
     header->seq = get<uint32_t>(&at);
 }
 
-bool upload_file_is_whole(int fd, record_header* header) {
+bool upload_file_is_whole(int fd, record_header* header, uint32_t* data_len) {
     uint8_t bytes[UPLOAD_HEADER_LEN];
     struct stat status = {};
     if (fstat(fd, &status) != 0 || pread(fd, bytes, sizeof bytes, 0) != sizeof bytes) return false;
@@ -109,5 +110,6 @@ bool upload_file_is_whole(int fd, record_header* header) {
         UPLOAD_HEADER_LEN + uint64_t{header->payload_len}) {
         return false;
     }
-    return lseek(fd, UPLOAD_HEADER_LEN, SEEK_SET) == UPLOAD_HEADER_LEN && is_one_gzip_stream(fd);
+    return lseek(fd, UPLOAD_HEADER_LEN, SEEK_SET) == UPLOAD_HEADER_LEN &&
+           is_one_gzip_stream(fd, data_len);
 }

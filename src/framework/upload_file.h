@@ -16,5 +16,6 @@ void upload_header_decode(const uint8_t (&in)[UPLOAD_HEADER_LEN], record_header*
 
 // Reads the finished upload file open at `fd` from its start and checks it: header version and
 // lengths, and a payload that is one whole gzip stream ending where the file does.
-// Returns whether it is whole; *header holds what was read.
-bool upload_file_is_whole(int fd, record_header* header);
+// Returns whether it is whole; *header holds what was read, *data_len the bytes of the payload when
+// it is not compressed.
+bool upload_file_is_whole(int fd, record_header* header, uint32_t* data_len);

@@ -3,8 +3,8 @@
 #include <errno.h>
 #include <string.h>
 
+#include "base/unique_handle.h"
 #include "framework/files.h"
-#include "framework/unique_handle.h"
 #include "framework/watch.h"
 #include "platform/log.h"
 
@@ -57,9 +57,22 @@ size_t chain_deepest_existing(dir_chain* chain) {
 
 enum class walk_result { DONE, FAILED, LEVEL_GONE };
 
+// Whether the level, or what leads to it, went or was replaced.
+bool is_level_lost(const watch_way& way, int watch, const watch_buffer& events) {
+    bool lost = false;
+    watch_for_each(events, [&](const inotify_event& event) {
+        const bool is_level = event.wd == watch && (event.mask & (WATCH_DIR_GONE | IN_IGNORED));
+        lost = lost || is_level || watch_way_lost(way, event);
+    });
+    return lost;
+}
+
 // Waits until `next` exists in `level`, which is watched before anyone looks.
 walk_result wait_for_level(int fd, dir_chain* chain, size_t level, size_t next,
                            const stop_flag& stop) {
+    const unique_malloc<char> level_path(strdup(chain_level(chain, level)));
+    watch_way way;
+    if (level_path) watch_way_to(fd, level_path.get(), &way);
     const int watch = inotify_add_watch(fd, chain_level(chain, level),
                                         IN_CREATE | IN_MOVED_TO | WATCH_DIR_GONE | IN_ONLYDIR);
     if (watch < 0 && (errno == ENOENT || errno == ENOTDIR)) return walk_result::LEVEL_GONE;
@@ -67,7 +80,6 @@ walk_result wait_for_level(int fd, dir_chain* chain, size_t level, size_t next,
         ALOGE("failed inotify add %s. err:%d\n", chain_level(chain, level), errno);
         return walk_result::FAILED;
     }
-    watch_ancestors(fd, chain_level(chain, level));
     for (;;) {
         if (is_dir_exist(chain_level(chain, next)) || stop_flag_is_raised(stop)) break;
         if (!is_dir_exist(chain_level(chain, level))) return walk_result::LEVEL_GONE;
@@ -77,6 +89,7 @@ walk_result wait_for_level(int fd, dir_chain* chain, size_t level, size_t next,
             inotify_rm_watch(fd, watch);
             return walk_result::FAILED;
         }
+        if (is_level_lost(way, watch, events)) return walk_result::LEVEL_GONE;
     }
     inotify_rm_watch(fd, watch);
     return walk_result::DONE;

@@ -65,6 +65,10 @@ void mps_set_event(uint32_t event) {
     signal_collector();  // only now: who wakes finds the bit
 }
 
+void mps_signal_collector() {
+    signal_collector();
+}
+
 void mps_campaign_event(uint32_t event) {
     mps_set_event(event);
 }

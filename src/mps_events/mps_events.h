@@ -23,6 +23,9 @@ enum mps_event : uint32_t {
 void mps_campaign_event(uint32_t event);
 void mps_set_event(uint32_t event);
 
+// Counts a signal and wakes the collector without an event. As above, not logged.
+void mps_signal_collector();
+
 // Clears bits of the mask. Logged. Thread: the collector's.
 void mps_clear_event(uint32_t event);
 

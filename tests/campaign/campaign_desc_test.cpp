@@ -67,7 +67,7 @@ TEST_F(CampaignDesc, HandWrittenCampaignIsReadAndStoredAsItCame) {
         "22 2b 12 05 0a 03 61 00 62"               // logic "a\0b"
         "  0a 22 08 03 12 06 08 ff 81 fc f7 07"    // by time and network, slices 0x7eff00ff
         "    1a 0a 08 b6 02 12 05 01 9a 05 e8 07"  // 310: packed 1, 666, 1000
-        "    1a 06 10 05 10 06 08 06 1a 02 12 00"  // 5 and 6 before their mcc; an empty list
+        "    1a 06 10 05 10 06 08 06 1a 02 08 09"  // 5 and 6 before their mcc; no mnc at all
         "7a 01 58 1a 08 08 02 10 80 e6 ff 89 07"   // unknown; expires at 1900016384
         "10 06 08 87 80 80 80 10");                // module 6, id 0x100000007
     ASSERT_TRUE(decode(entry)) << log_text();
@@ -77,6 +77,7 @@ TEST_F(CampaignDesc, HandWrittenCampaignIsReadAndStoredAsItCame) {
     EXPECT_THAT(std::vector(c.mccMncList[0].mnc, c.mccMncList[0].mnc + 4),
                 ElementsAre(1, 666, 1000, 0));
     EXPECT_EQ(c.mccMncList[1].mcc, 6u);
+    EXPECT_EQ(c.mccMncList[2].mcc, 9u);
     EXPECT_EQ(c.mccMncList[2].mncCount + c.mccMncList[9].mcc, 0u);
     EXPECT_EQ(stored("6-7-1900016384.camp"), entry);
     EXPECT_THAT(log_text(),
@@ -99,6 +100,9 @@ TEST_F(CampaignDesc, LimitsHoldToTheElement) {
         {written(6, 1, 2, 11), "Exceeded Max number of MCC MNC Enablements\n"},
         {written(6, 1, 2, 1, 101), "Exceeded Max number of MNC PER MCC Enablements\n"},
         {written(6, 1, 2, 0, 0, 32769), "length 32769\ncampaign_logic_decode: Too big campaign"},
+        // A packed list without an element, in a network of its own.
+        {bytes("10 06 08 01 1a 02 08 02 22 08 0a 06 08 02 1a 02 12 00"),
+         "campaign_mnc_list_decode: failed "},
         {written(7, 1), "_from_buffer: Wrong Module Id passed 7\n"},
         {written(6, 1, 3), "Expiry Time format 3 type is not supported\n"},
     };
@@ -144,6 +148,18 @@ TEST_F(CampaignDesc, MapsAreRefusedFromTheirFirstDamageOn) {
         platform_test_clear_log();
     }
     EXPECT_FALSE(campaignDecode(nullptr, 4, &table) || campaignDecode(raw(good), 4, nullptr));
+}
+
+TEST_F(CampaignDesc, ZeroByteBetweenEntriesEndsAMessageAndNotTheMap) {
+    const auto element = [](const std::string& entry) {
+        return bytes("0a") + static_cast<char>(entry.size()) + entry;
+    };
+    const std::string map =
+        element(written(1, 9)) + std::string(3, '\0') + element(written(2, 3)) + '\0';
+    EXPECT_TRUE(campaignDecode(raw(map), map.size(), &table)) << log_text();
+    ASSERT_TRUE(table[1] && table[2]);
+    EXPECT_EQ(table[1]->campaignId * 10 + table[2]->campaignId, 93u);
+    EXPECT_EQ(platform_test_log_count("Decode Success\n"), 1u);
 }
 
 TEST_F(CampaignDesc, HandWrittenModemCampaignIsRead) {

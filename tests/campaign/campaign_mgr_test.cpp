@@ -1,6 +1,7 @@
 // The campaign manager: what it takes over, its thread, its socket.
 #include "campaign/campaign_mgr.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -26,11 +27,13 @@
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 namespace {
 
 constexpr char DOWN_DIR[] = "/data/vendor/vexa/down/101";
 constexpr char CDF[] = "/data/vendor/vexa/down/101/cdf.dat";
+constexpr char DONE[] = "/data/vendor/vexastats/101/cdf.dat.done";
 constexpr uint64_t NOW_S = PLATFORM_TEST_REAL_MS / 1000;
 constexpr uint64_t LATER = NOW_S + 1000;
 constexpr char START[] = "mps_set_event: Setting event 256";
@@ -114,6 +117,15 @@ class CampaignManager : public ::testing::Test {
         uint32_t id = 0;
         campaign_mgr_get_campaign(module, &logic, &id);
         return id;
+    }
+    // Lets time pass until module 6 has that campaign and its delivery is through.
+    static void pass_until_active(uint32_t id) {
+        const auto end = std::chrono::steady_clock::now() + EVENT_LIMIT;
+        while (active_id() != id || fs::exists(DONE)) {
+            ASSERT_LT(std::chrono::steady_clock::now(), end) << log_text();
+            platform_test_advance_ms(100);
+            std::this_thread::yield();
+        }
     }
     static size_t open_descriptors() { return list_dir("/.host/proc/self/fd").size(); }
 
@@ -309,14 +321,75 @@ TEST_F(CampaignManager, FileThatComesWhileAnotherIsTakenInIsNotLost) {
     }
     EXPECT_TRUE(wait_for_change({DOWN_DIR, CAMPAIGN_DIR}, [&] {
         platform_test_advance_ms(100);
-        return fs::exists(stored(6, LAST)) && active_id() == LAST;
+        return fs::exists(stored(6, LAST)) && active_id() == LAST && !fs::exists(DONE);
     })) << active_id();
     EXPECT_THAT(list_dir(CAMPAIGN_DIR), ElementsAre(fs::path(stored(6, LAST)).filename().string()));
+    EXPECT_THAT(log_text(), Not(HasSubstr("cdf.dat.done"))) << "its own doing is no news";
+}
+
+TEST_F(CampaignManager, WriterGetsThroughBeforeTheSecondLook) {
+    const std::string whole = cdf(41);
+    put_files({{DONE, whole.substr(0, whole.size() / 2)}});
+    start();
+    wait_parked();
+    write_text_file(DONE, whole);
+    platform_test_advance_ms(1000);
+    wait_parked();
+    EXPECT_TRUE(fs::exists(DONE)) << "it was written a moment ago";
+    platform_test_advance_ms(1000);
+    wait_log("campaign_mgr_main:Going into poll\n");
+    EXPECT_EQ(active_id(), 41u);
+    EXPECT_FALSE(fs::exists(DONE));
+}
+
+TEST_F(CampaignManager, DirectoryInPlaceOfTheFileIsInNobodysWay) {
+    start();
+    wait_log("campaign_mgr_main:Going into poll\n");
+    fs::create_directory(CDF);
+    wait_log("CDF File Created waiting? 0\n");
+    wait_parked();
+    platform_test_advance_ms(1000);
+    wait_log("Failed Reading CDF File /data/vendor/vexa/down/101/cdf.dat!! Panic");
+    EXPECT_TRUE(fs::is_directory(CDF));
+    fs::remove(CDF);
+    put_files({{std::string(CDF) + ".part", cdf(5)}});
+    fs::rename(std::string(CDF) + ".part", CDF);
+    pass_until_active(5);
+    EXPECT_FALSE(fs::exists(DONE));
+}
+
+// The watch is tried again beside everything else: socket, signal and checks never wait for it.
+TEST_F(CampaignManager, ServesItsSocketAndItsChecksWhileTheFileCannotBeWatched) {
+    for (const bool gone : {false, true}) {
+        SCOPED_TRACE(gone ? "no directory" : "a directory in place of the file");
+        SetUp();
+        platform_test_clear_log();
+        if (!gone) fs::create_directory(CDF);
+        start();
+        wait_log("campaign_mgr_main:Going into poll\n");
+        const unique_fd holder(open(DOWN_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (gone) fs::remove_all(DOWN_DIR);
+        wait_log(gone ? "campaign_mgr_main: failed inotify_add_watch. err:2\n"
+                      : "campaign_mgr_main: File not a regular file \n");
+        say(SUB_1);
+        EXPECT_EQ(phone().default_sub, 1u);
+        campaign_table table;
+        table[6] = campaign(5);
+        updateCampaignTableAndAct(table);
+        say(message(1, 1, "\1"));
+        EXPECT_EQ(platform_test_log_count(STOP), 1u) << "roaming stops it";
+        fs::remove_all(DOWN_DIR);
+        put_files({{CDF, cdf(8)}});
+        pass_until_active(8);
+        stop();
+    }
 }
 
 TEST_F(CampaignManager, FileLeftByAKillIsTakenInAndStoredOnesComeBack) {
-    put_files({{std::string(CDF) + ".done", cdf(41)}, {CDF, cdf(42, 1)}});
+    put_files({{DONE, cdf(41)}, {CDF, cdf(42, 1)}});
     start();
+    wait_parked();
+    platform_test_advance_ms(1000);
     wait_log("campaign_mgr_main:Going into poll\n");
     EXPECT_EQ(active_id(6), 41u);
     EXPECT_EQ(active_id(1), 42u);
@@ -340,6 +413,41 @@ TEST_F(CampaignManager, CampaignThatExpiresAsItComesDoesNotMakeTheThreadSpin) {
     const size_t polls = platform_test_log_count("campaign_mgr_main:Going into poll\n");
     EXPECT_LE(polls, 2u);
     EXPECT_EQ(active_id(1), 0u) << "the check has not run";
+}
+
+// Ten seconds for good, once an expiry was met: but only the checks that can change anything.
+TEST_F(CampaignManager, WhatHasExpiredCostsNoWakeUps) {
+    const struct {
+        uint64_t expiry;  // of another campaign that is there; 0: there is none
+        uint32_t type;
+        size_t polls;  // in an hour and 50 minutes from 22:13:20 on
+    } rows[] = {{0, 0, 0}, {NOW_S + 605, 0, 1}, {NOW_S + 86400, 1, 2}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.expiry);
+        platform_test_reset();
+        SetUp();
+        start();
+        wait_log("campaign_mgr_main:Going into poll\n");
+        campaign_table table;
+        table[1] = campaign(1, NOW_S - 1);
+        if (row.expiry) {
+            table[2] = campaign(2, row.expiry);
+            table[2]->enablementType = row.type;
+        }
+        updateCampaignTableAndAct(table);
+        say(message(0, 0, ""));  // a wake-up, to take the time-out
+        wait_parked();
+        platform_test_advance_ms(10000);
+        wait_parked();
+        EXPECT_EQ(active_id(1), 0u);
+        platform_test_clear_log();
+        for (int i = 0; i < 660; ++i) {
+            platform_test_advance_ms(10000);
+            wait_parked();
+        }
+        EXPECT_EQ(platform_test_log_count("campaign_mgr_main:Going into poll\n"), row.polls);
+        stop();
+    }
 }
 
 }  // namespace

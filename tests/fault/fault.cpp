@@ -19,7 +19,7 @@ namespace {
 // Shared with child processes, so that a test can look into a daemon that it forked.
 struct shared_plan {
     std::atomic<bool> armed{false};
-    std::atomic<const char*> name{nullptr};
+    std::atomic<const char*> name{nullptr};  // null: every one, and it kills
     std::atomic<long> fail_at{0};
     std::atomic<long> count{0};
 };
@@ -33,7 +33,12 @@ shared_plan& plan() {
 // What the failing call says: the disk is full, memory is out, or descriptors are.
 bool fails(const char* call, int error) {
     shared_plan& p = plan();
-    if (!p.armed || strcmp(p.name, call) != 0 || ++p.count != p.fail_at) return false;
+    if (!p.armed) return false;
+    if (!p.name) {
+        if (error != ENOMEM && ++p.count == p.fail_at) raise(SIGKILL);
+        return false;
+    }
+    if (strcmp(p.name, call) != 0 || ++p.count != p.fail_at) return false;
     errno = error;
     return true;
 }
@@ -68,6 +73,10 @@ void fault_arm(const char* name, long n) {
     p.fail_at = n;
     p.count = 0;
     p.armed = true;
+}
+
+void fault_arm_kill(long n) {
+    fault_arm(nullptr, n);
 }
 
 bool fault_disarm() {

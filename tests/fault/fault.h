@@ -10,5 +10,9 @@ const std::vector<const char*>& fault_calls();
 // Counts calls of `name` from here on, in all threads and child processes, and has the n-th fail.
 void fault_arm(const char* name, long n);
 
+// Counts calls of every name but those for memory, and kills the process that makes the n-th before
+// it is made.
+void fault_arm_kill(long n);
+
 // Stops counting. Returns whether a call was made to fail.
 bool fault_disarm();

@@ -199,4 +199,67 @@ TEST_F(ConfigTest, OwnHandlerSeesBothFilesAndTheDownloadIsConsumed) {
     EXPECT_EQ(file_text(LOCAL), local_text(DEFAULTS));
 }
 
+// What the agent does between the reading of a download and its removal, and what is there then.
+void (*g_agent)() = nullptr;
+int update_while_agent_delivers(void*) {
+    if (g_agent) g_agent();
+    return 0;
+}
+bool take_any_line(void*, const char* line, bool) {
+    g_seen.emplace_back(line);
+    return true;
+}
+
+TEST_F(ConfigTest, DownloadThatCameWhileTheLastOneWasTakenInIsLoadedNext) {
+    struct {
+        const char* name;
+        void (*agent)();
+        std::vector<std::string> next;  // what the next load takes
+    } const cases[] = {
+        {"nothing comes", [] {}, {}},
+        {"another one is renamed into place",
+         [] {
+             write_text_file(std::string(DOWNLOADED) + ".arriving", "second\n");
+             fs::rename(std::string(DOWNLOADED) + ".arriving", DOWNLOADED);
+         },
+         {"second\n"}},
+        {"the same one is written again",
+         [] { write_text_file(DOWNLOADED, "longer than it was\n"); },
+         {"longer than it was\n"}},
+        {"it is taken back", [] { fs::remove(DOWNLOADED); }, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        SetUp();
+        const config_files files{.downloaded = DOWNLOADED,
+                                 .client_id = 2,
+                                 .take_line = take_any_line,
+                                 .update_local = update_while_agent_delivers};
+        write_text_file(DOWNLOADED, "first\n");
+        g_agent = c.agent;
+        EXPECT_EQ(vexastats_load_config(files), 0);
+        g_agent = nullptr;
+        g_seen.clear();
+        EXPECT_EQ(vexastats_load_config(files), 0);
+        EXPECT_EQ(g_seen, c.next);
+        EXPECT_EQ(list_dir(fs::path(DOWNLOADED).parent_path()), std::vector<std::string>{});
+    }
+}
+
+TEST_F(ConfigTest, DownloadThatAKillLeftAsideIsTakenUnlessANewerOneIsThere) {
+    const std::string aside = std::string(DOWNLOADED) + ".done";
+    const config_files files{.downloaded = DOWNLOADED,
+                             .take_line = take_any_line,
+                             .update_local = update_while_agent_delivers};
+    for (const bool newer : {false, true}) {
+        SCOPED_TRACE(newer);
+        g_seen.clear();
+        write_text_file(aside, "aside\n");
+        if (newer) write_text_file(DOWNLOADED, "newer\n");
+        EXPECT_EQ(vexastats_load_config(files), 0);
+        EXPECT_EQ(g_seen, std::vector<std::string>{newer ? "newer\n" : "aside\n"});
+        EXPECT_EQ(list_dir(fs::path(DOWNLOADED).parent_path()), std::vector<std::string>{});
+    }
+}
+
 }  // namespace

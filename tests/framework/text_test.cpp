@@ -7,6 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_handle.h"
+#include "framework/clock.h"
+#include "framework/config_line.h"
+#include "framework/files.h"
 #include "framework/line_reader.h"
 #include "framework/text_cursor.h"
 #include "support/files.h"
@@ -58,6 +62,43 @@ TEST(LineReader, CutsAFileAsFgetsDoes) {
             expected.push_back(piece);
         }
         ASSERT_EQ(found, expected) << "round " << round << ", size " << size;
+    }
+}
+
+TEST(TimeZone, ChangeIsSeenByTheNextReading) {
+    setenv("TZ", "UTC0", 1);
+    EXPECT_EQ(vexastats_timezone_min(), 0);
+    setenv("TZ", "EAST-5:30", 1);
+    EXPECT_EQ(vexastats_timezone_min(), 330);
+    unsetenv("TZ");
+    tzset();
+}
+
+// A writer that appends as fast as the file is read, by a stream that never ends.
+TEST(ConfigLine, FileThatGrowsAsItIsReadEnds) {
+    struct {
+        const char* what;
+        std::string piece;
+    } const cases[] = {{"comments", "#a comment\n"},
+                       {"empty lines", "\n"},
+                       {"zero bytes", std::string("#\0\n", 3)}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        struct endless {
+            const std::string& piece;
+            size_t given = 0;
+        } source{c.piece};
+        const auto give = [](void* cookie, char* buf, size_t size) -> ssize_t {
+            auto* from = static_cast<endless*>(cookie);
+            for (size_t i = 0; i < size; ++i)
+                buf[i] = from->piece[from->given++ % from->piece.size()];
+            return static_cast<ssize_t>(size);
+        };
+        const unique_file stream(
+            fopencookie(&source, "r", {.read = give, .write = {}, .seek = {}, .close = {}}));
+        char line[CONFIG_LINE_SIZE];
+        EXPECT_FALSE(config_read_value_line(stream.get(), line));
+        EXPECT_LT(source.given, size_t{SMALL_FILE_MAX} + 65536);
     }
 }
 

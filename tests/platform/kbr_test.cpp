@@ -286,4 +286,42 @@ TEST_F(Kbr, StormOfIndicationsLosesNeitherThemNorAnAnswer) {
     kbr_client_release(client);
 }
 
+// A callback that does not come back, and a modem that meanwhile sends the longest packets.
+TEST_F(Kbr, HostileModemIsBoundedInBytesAsWell) {
+    constexpr size_t LONG = 60000;
+    constexpr uint32_t FLOOD = 200;
+    struct flood {
+        std::promise<void> begun{};
+        std::promise<void> go_on{};
+        std::promise<void> over{};
+        size_t bytes = 0;
+    } seen;
+    kbr_client* client = connect(
+        [](kbr_client*, uint32_t, void*, uint32_t len, void* data) {
+            auto* s = static_cast<flood*>(data);
+            s->bytes += len;
+            if (len == 1) s->begun.set_value();
+            if (len == 1) s->go_on.get_future().wait();
+            if (len == 2) s->over.set_value();
+        },
+        &seen);
+    const auto indication_of = [](size_t len) {
+        return hex_bytes("02 0000 0200") + static_cast<char>(len) + static_cast<char>(len >> 8) +
+               std::string(len, 'x');
+    };
+    modem.send(indication_of(1));
+    seen.begun.get_future().wait();
+    std::future<int> caller = call_async(client, 7);
+    const std::string request = modem.receive();
+    for (uint32_t i = 0; i < FLOOD; ++i) modem.send(indication_of(LONG));
+    modem.send(echo(request));
+    EXPECT_EQ(caller.get(), KBR_OK);
+    seen.go_on.set_value();
+    modem.send(indication_of(2));
+    EXPECT_EQ(seen.over.get_future().wait_for(EVENT_LIMIT), std::future_status::ready);
+    EXPECT_LE(seen.bytes, (size_t{4} << 20) + 3);
+    EXPECT_GT(seen.bytes, size_t{3} << 20);
+    kbr_client_release(client);
+}
+
 }  // namespace

@@ -101,6 +101,18 @@ TEST_F(PhoneLog, EntryHasThePlatformsBinaryForm) {
     EXPECT_EQ(static_cast<uid_t>(numbers[5]), getuid());
 }
 
+TEST_F(PhoneLog, EntryCannotSteerTheTerminal) {
+    const auto say = [] {
+        ALOGI("name %s\n", "\x1b[2J\x7f\u009b\nx");
+        _exit(0);
+    };
+    setenv("VEXA_LOG_STDERR", "1", 1);
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(say(), testing::ExitedWithCode(0),
+                testing::HasSubstr("I vexastatsd: name \\x1b[2J\\x7f\\xc2\\x9b\\x0ax\n"));
+    unsetenv("VEXA_LOG_STDERR");
+}
+
 TEST_F(PhoneLog, LongTextIsCutToTheLargestPayload) {
     const std::string text(10000, 'm');
     const std::string tag(500, 't');

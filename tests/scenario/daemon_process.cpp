@@ -83,8 +83,9 @@ bool eventually_impl(bool (*condition)(void*), void* arg, milliseconds limit) {
     }
 }
 
-daemon_process::daemon_process(const std::vector<std::string>& environment)
-    : child_process({program("vexastatsd")}, "/dev/null", environment) {
+daemon_process::daemon_process(const std::vector<std::string>& environment,
+                               const std::string& output)
+    : child_process({program("vexastatsd")}, output, environment) {
     show_threads(pid());
 }
 

@@ -30,20 +30,25 @@ void opt_out(int client_id);
 // Delivers a file as the download agent does: whole, by rename.
 void deliver(int client_id, const std::string& name, const std::string& text);
 
+// More than anything should take on a machine that does other things as well.
+inline constexpr milliseconds SCENARIO_LIMIT{30000};
+
 // Waits until `condition` holds, looking every few milliseconds. Returns false after the limit.
 template <class Condition>
-bool eventually(Condition condition, milliseconds limit = milliseconds(10000));
+bool eventually(Condition condition, milliseconds limit = SCENARIO_LIMIT);
 
 // Waits until the main log has this text in it.
 bool eventually_logged(const std::string& text);
 
 class daemon_process : public child_process {
   public:
-    explicit daemon_process(const std::vector<std::string>& environment = {});
+    // Standard output and error go to the file `output`.
+    explicit daemon_process(const std::vector<std::string>& environment = {},
+                            const std::string& output = "/dev/null");
     ~daemon_process();
 
     // SIGTERM, and whether the daemon then ended in order: exit code 0, within the limit.
-    bool stop(milliseconds limit = milliseconds(3000));
+    bool stop(milliseconds limit = SCENARIO_LIMIT);
 };
 
 bool eventually_impl(bool (*condition)(void*), void* arg, milliseconds limit);

@@ -7,7 +7,7 @@
 
 #include <filesystem>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 #include "microdump_record.h"
 #include "scenario/daemon_process.h"
 #include "scenario/uploads.h"

@@ -1,11 +1,15 @@
 // The modem statistics collector in the whole daemon: from a campaign to uploads, with a modem that
 // behaves and one that does not.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <optional>
 
+#include "base/unique_handle.h"
 #include "campaign_text.h"
 #include "mps_record.h"
 #include "phone_control.h"
@@ -23,6 +27,26 @@ constexpr char CAMPAIGN[] = R"(entry {
 constexpr char STARTED[] = "collection started: static 0 collection 7 context 0 lll 3";
 constexpr char READY[] = "mps_main: MPS_EVENT_KBR_READY";
 constexpr char FLUSH_LOST[] = "mps_kbr_stop_flush_bsi: Failed to send STOPFlush err = -5";
+
+// Sockets of the modem's services whose queues are full, and their listeners.
+std::vector<unique_fd> stalled_services() {
+    std::vector<unique_fd> sockets;
+    for (const char* name : {"vexa", "imsa", "pdc"}) {
+        sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+        const std::string path = std::string("/dev/socket/kbr/") + name;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        fs::create_directories("/dev/socket/kbr");
+        fs::remove(path);
+        const auto* to = reinterpret_cast<sockaddr*>(&address);
+        sockets.emplace_back(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(bind(sockets.back().get(), to, sizeof address), 0);
+        EXPECT_EQ(listen(sockets.back().get(), 1), 0);
+        do {
+            sockets.emplace_back(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        } while (connect(sockets.back().get(), to, sizeof address) == 0);
+    }
+    return sockets;
+}
 
 class MpsScenario : public ::testing::Test {
   protected:
@@ -87,6 +111,24 @@ TEST_F(MpsScenario, CampaignLeadsToUploadsThroughStopFlushAndRestart) {
     EXPECT_TRUE(daemon->stop());
 }
 
+TEST_F(MpsScenario, LossOfConsentReachesTheModemAndItsReturnStartsAnew) {
+    const fs::path data_dir = "/mnt/vendor/persist/hlos_rfs/shared/vexa";
+    start_daemon(READY);
+    ASSERT_TRUE(modem_says(STARTED)) << phone_log();
+    opt_out(6);
+    ASSERT_TRUE(modem_says("stop and flush: field 16 1")) << phone_log();
+    EXPECT_TRUE(eventually_logged("opt-out status, removed " + data_dir.string()));
+    EXPECT_TRUE(eventually([&] { return fs::is_empty(data_dir); }));
+    opt_in(6);
+    ASSERT_TRUE(modem_says(STARTED)) << phone_log();
+    EXPECT_TRUE(take_uploads(6).empty());
+    modem->command("vexa buffer-full 1");
+    EXPECT_EQ(next_record().campaign_id, 77u);
+    opt_out(6);
+    ASSERT_TRUE(modem_says("stop and flush: field 16 1")) << phone_log();
+    EXPECT_TRUE(daemon->stop());
+}
+
 TEST_F(MpsScenario, MemoryOfLargeFilesComesBack) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "a sanitizer keeps what is freed";
@@ -100,7 +142,7 @@ TEST_F(MpsScenario, MemoryOfLargeFilesComesBack) {
         return pages * 4;
     };
     const long before_kb = resident_kb();
-    for (const size_t mb : {50, 20, 20}) {
+    for (const size_t mb : {16, 10, 10}) {
         modem->command("vexa write data " + std::to_string(mb << 20));
         modem->command("vexa send-complete");
         EXPECT_EQ(next_record().metrics.at(0).data.size(), mb << 20);
@@ -123,6 +165,56 @@ TEST_F(MpsScenario, ModemThatIsAbsentOrGoesHoldsNothingUp) {
     phone_tell_roaming("/", true);
     ASSERT_TRUE(eventually_logged(FLUSH_LOST));
     EXPECT_TRUE(daemon->stop(milliseconds(1000)));
+}
+
+// With every client of the modem at work, and a modem that is not there, never accepts, or is mute
+// at some stage. How long a stop took is printed: a busy machine must not fail the test.
+TEST_F(MpsScenario, StopWaitsForNoModem) {
+    const struct {
+        const char* what;
+        std::vector<const char*> commands;
+        const char* modem_says;
+        const char* logged;
+    } cases[] = {
+        {"absent", {}, "", "kbr_handler: failed to init kbr. err:-5"},
+        {"never accepts", {}, "", "kbr_pdc_init"},
+        {"mute", {"vexa silent", "imsa silent", "pdc silent"}, "imsa: connected", ""},
+        {"mute at the start's first request",
+         {"vexa delay 2 600000"},
+         "vexa: message 5 refused",
+         READY},
+        {"mute at a part", {"vexa delay 3 600000"}, "vexa: prepare", READY},
+        {"mute at the start's last request", {"vexa delay 4 600000"}, "vexa: part 1", READY},
+        {"without indications", {"pdc stall on", "diag count 0"}, "imsa: connected", READY},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        daemon.reset();
+        modem.reset();
+        SetUp();
+        heard = 0;
+        for (const int id : {3, 4}) opt_in(id);
+        for (const int id : {3, 4, 51})
+            fs::create_directories(std::string(DOWN_DIR) + "/" + std::to_string(id));
+        deliver(4, "diagstats.cfg",
+                "clientid=4;size=65536;campaign_id=1;campaign_duration_secs=600;"
+                "num_diag_masks=1;diag_mask=0xb0c0;\n");
+        std::vector<unique_fd> sockets;
+        if (c.what == std::string("never accepts")) sockets = stalled_services();
+        if (!c.commands.empty()) modem.emplace();
+        for (const char* command : c.commands) modem->command(command);
+        start_daemon(*c.modem_says || sockets.empty() ? c.logged : "aost_imsa_init_client_handle");
+        deliver(51, "mccbandlist.bin", std::string(100, 'x'));
+        deliver(51, "51-1.0-mccbandlist.bin-200", "");
+        if (*c.modem_says) {
+            ASSERT_TRUE(modem_says(c.modem_says)) << modem->output();
+        }
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_TRUE(daemon->stop());
+        const std::chrono::duration<double, std::milli> taken_ms =
+            std::chrono::steady_clock::now() - begin;
+        printf("%s: %.1f ms\n", c.what, taken_ms.count());
+    }
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 #include <random>
 #include <thread>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 #include "modem/pdc.h"
 #include "scenario/daemon_process.h"
 #include "scenario/modem_thread.h"
@@ -149,13 +149,13 @@ void one_round(std::mt19937& rnd, tally* result) {
     const auto begin = steady::now();
     daemon.signal(signo);
     if (rnd() % 3 == 0) daemon.signal(SIGNALS[rnd() % 3]);
-    const std::optional<int> status = daemon.wait(milliseconds(3000));
+    const std::optional<int> status = daemon.wait(SCENARIO_LIMIT);
     const std::chrono::duration<double, std::milli> taken = steady::now() - begin;
     end = true;
     if (churn.joinable()) churn.join();
 
     const std::string log = phone_log();
-    ASSERT_TRUE(status) << "still there after 3 s:\n" << log;
+    ASSERT_TRUE(status) << "it hangs:\n" << log;
     if (*status > 128 && log.empty()) {
         result->before_main++;
         return;

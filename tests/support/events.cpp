@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <system_error>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 
 using std::chrono::steady_clock;
 

@@ -14,8 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/unique_handle.h"
 #include "framework/owned_bytes.h"
-#include "framework/unique_handle.h"
 #include "support/events.h"
 
 // "01 ff" as two bytes.
@@ -62,6 +62,15 @@ class kbr_service {
 
     void accept() {
         if (is_readable(listener_)) connection_.reset(::accept(listener_.get(), nullptr, nullptr));
+    }
+    // A connection that stands in the service's queue; none when that is full.
+    unique_fd connect_another() const {
+        sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+        path_.copy(address.sun_path, sizeof address.sun_path - 1);
+        unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+            fd.reset();
+        return fd;
     }
     // The next packet; empty when the client has gone.
     std::string receive() const {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 #include "support/events.h"
 
 // A running program. It is killed, and waited for, when it has not ended by the time this goes.

@@ -41,6 +41,15 @@ class CampaignTool : public testing::Test {
     std::string dir = std::string(mkdtemp(name_)) + "/";
 };
 
+TEST_F(CampaignTool, EndlessOrLargeInputIsRefused) {
+    for (const char* command : {"decode", "explain"}) {
+        EXPECT_THAT(run({command, "/dev/zero"}, 1), HasSubstr("neither a regular file nor a pipe"));
+    }
+    const std::string large = file("large", std::string((size_t{1} << 20) + 1, ' '));
+    EXPECT_THAT(run({"encode", large, "-o", dir + "cdf.dat"}, 1),
+                HasSubstr("is larger than 1048576 bytes"));
+}
+
 TEST_F(CampaignTool, TextLeadsToBytesAndBack) {
     const std::string cdf = dir + "cdf.dat";
     run({"encode",

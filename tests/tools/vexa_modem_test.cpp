@@ -43,13 +43,14 @@ TEST(VexaModem, CollectionRunsFromItsPartsToItsDataFiles) {
     record.static_spec = spec_of(10);
     record.ctxt_spec = spec_of(800);
     record.lll_spec = spec_of(801);
-    ASSERT_EQ(mps_kbr_init(), 0);
+    const stop_flag stop;
+    ASSERT_EQ(mps_kbr_init(stop), 0);
     mps_kbr_register_cb([](uint32_t event) {
         raised_events |= event;
         raised_events.notify_all();
     });
     EXPECT_NE(mps_kbr_stop_flush_bsi(), 0) << "nothing is collected yet";
-    ASSERT_EQ(mps_kbr_init_mpss_bsi(&record, 1, stop_flag()), 0) << file_text(EVENTS);
+    ASSERT_EQ(mps_kbr_init_mpss_bsi(&record, 1, stop), 0) << file_text(EVENTS);
     EXPECT_TRUE(printed("vexa: collection started: static 10 collection 1700 context 800 lll 801"));
 
     dprintf(commands.get(),

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 #include "modem/modem.h"
 #include "modem/wire.h"
 

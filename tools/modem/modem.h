@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 
 // One command of standard input: "SERVICE WORD ARGUMENTS...".
 struct modem_command {

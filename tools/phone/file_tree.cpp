@@ -7,7 +7,7 @@
 
 #include <system_error>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 
 namespace {
 

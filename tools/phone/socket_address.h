@@ -6,7 +6,7 @@
 
 #include <filesystem>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 
 // Leads through the descriptor of the socket's directory, for the directory's path may be longer
 // than an address has room for. Holds while the object lives.

@@ -6,13 +6,13 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "base/unique_handle.h"
 #include "bench_phone.h"
 #include "collectors/cpu/cpu_stats.h"
 #include "collectors/cpu/readproc.h"
 #include "collectors/cpu/vexapslist.h"
 #include "framework/record.h"
 #include "framework/stop.h"
-#include "framework/unique_handle.h"
 #include "framework/wait.h"
 #include "workloads.h"
 

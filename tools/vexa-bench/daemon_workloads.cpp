@@ -8,10 +8,10 @@
 #include <stdexcept>
 #include <string>
 
+#include "base/unique_handle.h"
 #include "bench_phone.h"
 #include "core/collectors.h"
 #include "core/daemon.h"
-#include "framework/unique_handle.h"
 #include "phone/enter.h"
 #include "workloads.h"
 

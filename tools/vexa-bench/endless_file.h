@@ -11,7 +11,7 @@
 #include <string>
 #include <system_error>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 
 class endless_file {
   public:

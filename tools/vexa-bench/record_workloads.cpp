@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "bench_phone.h"
-#include "framework/dropbox.h"
+#include "framework/hand_over.h"
 #include "framework/record.h"
 #include "framework/record_line.h"
 #include "workloads.h"
@@ -57,7 +57,7 @@ class bench_record {
             throw std::runtime_error("no link to " + path);
         snprintf(row_.rec_fname, sizeof row_.rec_fname, "%s", record_path().c_str());
         row_.hdr.realtime_ms++;
-        handle_.file = record_open(record_path().c_str(), "r+be").release();
+        handle_.file = record_open(record_path().c_str()).release();
         if (!handle_.file) throw std::runtime_error("no record");
         (void)fseek(handle_.file, 0, SEEK_END);
         if (move_to_dropbox(&row_, &handle_, false) != 0) throw std::runtime_error("drop failed");

@@ -9,10 +9,11 @@
 #include <google/protobuf/unknown_field_set.h>
 #include <google/protobuf/wire_format_lite.h>
 
-#include <fstream>
 #include <iterator>
 #include <memory>
 #include <stdexcept>
+
+#include "input/bounded_input.h"
 
 namespace {
 
@@ -20,6 +21,7 @@ namespace pb = google::protobuf;
 using pb::internal::WireFormatLite;
 
 constexpr std::string_view FILE_HEAD("\xCD\xF1\0", 3);
+constexpr size_t CAMPAIGN_MAX_BYTES = size_t{1} << 20;
 constexpr uint32_t MPS_MODULE = 6;
 constexpr int MPS_FIELD = 2;  // in the text's CampaignLogic only
 
@@ -109,16 +111,12 @@ std::vector<std::string> split_map(std::string_view map, size_t offset) {
 }  // namespace
 
 std::string campaign_read_file(const std::string& path) {
-    std::ifstream stream(path, std::ios::binary);
-    std::string content{std::istreambuf_iterator<char>(stream), {}};
-    if (!stream.is_open() || stream.bad()) throw std::runtime_error("cannot be read");
-    return content;
+    return read_bounded_input(path, CAMPAIGN_MAX_BYTES);
 }
 
 std::vector<std::string> campaign_file_split(const std::string& path) {
     const std::string file = campaign_read_file(path);
     if (file.empty()) throw std::runtime_error("is empty");
-    if (file.size() > INT32_MAX) throw std::runtime_error("is too large");
     if (path.ends_with(".camp")) return {file};
     if (!file.starts_with(FILE_HEAD.substr(0, 2))) {
         throw std::runtime_error("offset 0: no campaign file, which begins with the bytes cd f1");

@@ -22,4 +22,5 @@ std::string campaign_to_text(const vexa::CampaignDescriptionMap& map);
 // The bytes of a cdf.dat.
 std::string campaign_file_bytes(const vexa::CampaignDescriptionMap& map);
 
+// Throws when it cannot be read or is larger than 1 MiB.
 std::string campaign_read_file(const std::string& path);

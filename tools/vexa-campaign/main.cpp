@@ -14,6 +14,7 @@
 
 #include "campaign_explain.h"
 #include "campaign_text.h"
+#include "input/printable_text.h"
 #include "phone_control.h"
 
 namespace {
@@ -94,7 +95,8 @@ int run(const CLI::App& app, const arguments& args) {
         if (app.got_subcommand("explain")) explain(args);
         if (app.got_subcommand("tell")) tell(args);
     } catch (const std::exception& error) {
-        fmt::print(stderr, "vexa-campaign: {}: {}\n", args.file, error.what());
+        fmt::print(stderr, "vexa-campaign: {}: {}\n", printable_text(args.file),
+                   printable_text(error.what()));
         return EXIT_DAMAGED;
     }
     if (fflush(stdout) == 0) return EXIT_SUCCESS;

@@ -70,11 +70,16 @@ alog_record decode_from(std::span<const uint8_t> payload, size_t at) {
     return record;
 }
 
-// Whether the bytes are whole entries to the last byte, behind a title or without; by the lengths
-// alone, for there are many places to ask for.
-bool is_whole(std::span<const uint8_t> bytes) {
+// Whether the payload is whole entries from `at` to its last byte, behind a title or without; by
+// the lengths alone, for there are many places to ask for. Two ways that meet go on as one: where
+// one has been (`seen`) and failed, the next one fails too.
+bool is_whole(std::span<const uint8_t> payload, size_t at, std::vector<bool>* seen) {
+    auto bytes = payload.subspan(at);
     if (begins_with_title(bytes)) bytes = bytes.subspan(TITLE.size());
     while (bytes.size() >= HEADER_BYTES && bytes[2] == HEADER_BYTES && bytes[3] == 0) {
+        const size_t offset = payload.size() - bytes.size();
+        if ((*seen)[offset]) return false;
+        (*seen)[offset] = true;
         const size_t whole = size_t{HEADER_BYTES} + bytes[0] + size_t{256} * bytes[1];
         const size_t held = std::min(whole, ENTRY_MAX_BYTES);
         if (held > bytes.size()) return false;
@@ -86,8 +91,9 @@ bool is_whole(std::span<const uint8_t> bytes) {
 // Where the first whole entry begins in a payload whose start is damaged; nothing when there is
 // none.
 std::optional<size_t> find_whole_rest(std::span<const uint8_t> payload) {
+    std::vector<bool> seen(payload.size());
     for (size_t at = 1; at < std::min(payload.size(), SKIPPED_MAX_BYTES); at++) {
-        if (is_whole(payload.subspan(at))) return at;
+        if (is_whole(payload, at, &seen)) return at;
     }
     return std::nullopt;
 }
@@ -141,11 +147,12 @@ std::string alog_entry_text(const alog_entry& entry, int timezone_min) {
     }
 }
 
-void alog_record_add_json(const upload_file& file, json_object* object) {
+void alog_record_add_json(const upload_file& file, json_stream* out) {
     const auto record = alog_record_decode(file.payload);
-    if (record.skipped_bytes > 0) (*object)["skipped_bytes"] = record.skipped_bytes;
-    auto& records = (*object)["records"] = json_object::array();
-    for (const auto& entry : record.entries) records.push_back(entry_json(entry));
+    if (record.skipped_bytes > 0) out->member("skipped_bytes", record.skipped_bytes);
+    out->begin_array("records");
+    for (const auto& entry : record.entries) out->value(entry_json(entry));
+    out->end_array();
 }
 
 std::string alog_record_report(const upload_file& file, const report_options& options) {

@@ -38,5 +38,5 @@ alog_record alog_record_decode(std::span<const uint8_t> payload);
 // "11-14 23:13:20.005  4711  4712 I tag     : text".
 std::string alog_entry_text(const alog_entry& entry, int timezone_min);
 
-void alog_record_add_json(const upload_file& file, json_object* object);
+void alog_record_add_json(const upload_file& file, json_stream* out);
 std::string alog_record_report(const upload_file& file, const report_options& options);

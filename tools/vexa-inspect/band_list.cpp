@@ -3,17 +3,17 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <vector>
 
 #include "byte_cursor.h"
+#include "input/bounded_input.h"
 #include "text.h"
 
 namespace {
 
 constexpr size_t OWNER_BYTES = 30;
+constexpr size_t BAND_LIST_MAX_BYTES = size_t{16} << 20;
 
 uint32_t take_u32(byte_cursor* bytes, bool is_little, const char* field) {
     const auto value = bytes->take<uint32_t>(field);
@@ -21,10 +21,8 @@ uint32_t take_u32(byte_cursor* bytes, bool is_little, const char* field) {
 }
 
 std::vector<uint8_t> read_whole(const std::string& path) {
-    std::ifstream stream(path, std::ios::binary);
-    std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(stream), {}};
-    if (!stream) throw upload_error(upload_place::file, 0, "cannot be read");
-    return bytes;
+    const std::string content = read_bounded_input(path, BAND_LIST_MAX_BYTES);
+    return {content.begin(), content.end()};
 }
 
 }  // namespace
@@ -52,11 +50,11 @@ std::string band_list_show(const std::string& path, bool json) {
                                     {"db_id", header.db_id},
                                     {"cont_v", header.contents_version},
                                     {"bytes", header.file_bytes}};
-        return object.dump();
+        return json_text(object);
     }
     return fmt::format(
         "{}: band list {:08X} of \"{}\", contents version {}, structure version {}, {}-endian, "
         "{} bytes",
-        path, header.db_id, text_printable(header.owner), header.contents_version,
+        text_printable(path), header.db_id, text_printable(header.owner), header.contents_version,
         header.structure_version, header.is_little ? "little" : "big", header.file_bytes);
 }

@@ -20,6 +20,6 @@ struct band_list_header {
 // Throws upload_error for fewer than 40 bytes.
 band_list_header band_list_parse(std::span<const uint8_t> bytes);
 
-// Of the file at `path`, as text for a terminal or as one JSON object. Throws upload_error when it
-// cannot be read.
+// Of the file at `path`, as text for a terminal or as one JSON object. Throws when it cannot be
+// read or is larger than 16 MiB.
 std::string band_list_show(const std::string& path, bool json);

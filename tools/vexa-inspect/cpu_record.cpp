@@ -12,7 +12,6 @@ constexpr size_t PROCESS_NETWORK_ROWS = 4;
 
 // What each item takes at least; a count is checked against the bytes left with these.
 constexpr size_t CPU_BYTES = 7 * 4 + 4;
-constexpr size_t SAMPLE_MIN_BYTES = CPU_BYTES + 20;
 constexpr size_t THERMAL_ZONE_MIN_BYTES = 1 + 4;
 constexpr size_t NETWORK_ENTRY_BYTES = 12;
 constexpr size_t PROCESS_MIN_BYTES = 1 + 2 + 1 + PROCESS_NETWORK_ROWS * NETWORK_ENTRY_BYTES;
@@ -127,51 +126,128 @@ bool skip_left_over_line(std::span<const uint8_t> payload, cpu_record* record) {
     return false;
 }
 
-// A quick test that most positions fail: whether a sample with a possible CPU count may begin here.
-bool may_begin_sample(std::span<const uint8_t> bytes) {
-    if (bytes.size() < SAMPLE_MIN_BYTES) return false;
-    byte_cursor cursor(bytes);
-    if (cursor.take<uint32_t>("uptime_100ms") & TIMEZONE_CHANGED)
-        cursor.take<int16_t>("timezone_min");
-    const auto cpus = cursor.take<uint32_t>("cpu_count");
-    return cpus > 0 && cpus <= cursor.left() / CPU_BYTES;
+// Passes over samples without keeping anything of them. Every byte it looks at is taken off
+// `work_left`; once that is used up, nothing fits any more.
+class sample_skimmer {
+  public:
+    sample_skimmer(std::span<const uint8_t> bytes, size_t* work_left)
+        : rest_(bytes), work_left_(work_left) {}
+
+    bool at_end() const { return rest_.empty(); }
+    uint32_t uptime_100ms() const { return uptime_100ms_; }
+    uint32_t cpus() const { return cpus_; }
+
+    // Passes over one sample; returns false when none is here.
+    bool next() { return skip_times() && skip_zones() && skip_network() && skip_processes(); }
+
+  private:
+    bool skip(size_t size) {
+        if (size > rest_.size() || size > *work_left_) return false;
+        *work_left_ -= size;
+        rest_ = rest_.subspan(size);
+        return true;
+    }
+
+    template <class T>
+    bool take(T* value) {
+        const auto bytes = rest_;
+        if (!skip(sizeof(T))) return false;
+        *value = 0;
+        for (size_t i = 0; i < sizeof(T); i++) *value |= static_cast<T>(T{bytes[i]} << 8 * i);
+        return true;
+    }
+
+    bool skip_text() {
+        const auto reach = rest_.first(std::min(rest_.size(), *work_left_));
+        const auto end = std::find(reach.begin(), reach.end(), uint8_t{0});
+        const auto size = static_cast<size_t>(end - reach.begin());
+        return skip(size) && skip(1);
+    }
+
+    bool skip_times() {
+        uint32_t stamp = 0;
+        if (!take(&stamp) || (stamp & TIMEZONE_CHANGED && !skip(2)) || !take(&cpus_)) return false;
+        uptime_100ms_ = stamp & ~TIMEZONE_CHANGED;
+        constexpr size_t POWER_BYTES = 4 + 2;
+        return cpus_ > 0 && skip(size_t{cpus_} * CPU_BYTES) && skip(POWER_BYTES);
+    }
+
+    bool skip_zones() {
+        uint16_t count = 0;
+        if (!take(&count) || count > rest_.size() / THERMAL_ZONE_MIN_BYTES) return false;
+        for (; count > 0; count--)
+            if (!skip_text() || !skip(THERMAL_ZONE_MIN_BYTES - 1)) return false;
+        return true;
+    }
+
+    bool skip_network() {
+        uint16_t count = 0;
+        return take(&count) && skip(size_t{count} * NETWORK_ENTRY_BYTES);
+    }
+
+    bool skip_processes() {
+        uint16_t count = 0;
+        if (!take(&count) || count > rest_.size() / PROCESS_MIN_BYTES) return false;
+        for (; count > 0; count--)
+            if (!skip_text() || !skip(PROCESS_MIN_BYTES - 1)) return false;
+        return true;
+    }
+
+    std::span<const uint8_t> rest_;
+    size_t* work_left_;
+    uint32_t uptime_100ms_ = 0;
+    uint32_t cpus_ = 0;
+};
+
+// Whether the bytes are whole samples to the last one, of one CPU count and in order of time.
+// Returns that count, or 0.
+uint32_t cpus_of_whole_samples(std::span<const uint8_t> bytes, size_t* work_left) {
+    sample_skimmer samples(bytes, work_left);
+    if (!samples.next()) return 0;
+    const uint32_t cpus = samples.cpus();
+    while (!samples.at_end()) {
+        const uint32_t before = samples.uptime_100ms();
+        if (!samples.next() || samples.cpus() != cpus || samples.uptime_100ms() < before) return 0;
+    }
+    return cpus;
 }
 
 // Whether `rest` is a sample for `cpus` CPUs that lacks its first few bytes. They are put back as
 // far as they matter: the flag of the time zone, and the CPU count.
-bool is_rest_of_sample(std::span<const uint8_t> rest, size_t cpus) {
+bool is_rest_of_sample(std::span<const uint8_t> rest, uint32_t cpus, size_t* work_left) {
     for (const bool with_timezone : {false, true}) {
         std::vector<uint8_t> bytes(OVERWRITTEN_MAX_BYTES);
         bytes[3] = with_timezone ? 0x80 : 0;
         for (size_t i = 0; i < 4; i++)
             bytes[(with_timezone ? 6 : 4) + i] = static_cast<uint8_t>(cpus >> 8 * i);
         for (size_t lost = OVERWRITTEN_MAX_BYTES; lost > 0; lost--) {
+            if (rest.size() > *work_left) return false;
+            *work_left -= rest.size();  // for the copy
             bytes.resize(lost);
             bytes.insert(bytes.end(), rest.begin(), rest.end());
-            std::vector<cpu_record_sample> samples;
-            if (try_decode(bytes, &samples) && samples.size() == 1) return true;
+            sample_skimmer sample(bytes, work_left);
+            if (sample.next() && sample.at_end()) return true;
         }
     }
     return false;
 }
 
-bool times_ascend(const std::vector<cpu_record_sample>& samples) {
-    return std::is_sorted(samples.begin(), samples.end(), [](const auto& a, const auto& b) {
-        return a.uptime_100ms < b.uptime_100ms;
-    });
+// What the search for the second sample may cost, in bytes looked at. The right place is passed
+// over once, and what stands in front of it up to sixty times; wrong places nearly all fail at
+// once. Only a file made for it needs more, and is damaged then.
+size_t search_work(size_t payload_bytes) {
+    return 8 * payload_bytes + 128 * std::min(payload_bytes, FIRST_SAMPLE_MAX_BYTES);
 }
 
 // Looks for the second sample. It is found where everything fits from there to the last byte, in
 // order of time, and what stands in front is the rest of a sample.
 bool skip_overwritten_sample(std::span<const uint8_t> payload, cpu_record* record) {
+    size_t work_left = search_work(payload.size());
     for (size_t at = 1; at < std::min(payload.size(), FIRST_SAMPLE_MAX_BYTES); at++) {
-        std::vector<cpu_record_sample> samples;
-        if (!may_begin_sample(payload.subspan(at)) || !try_decode(payload.subspan(at), &samples) ||
-            !times_ascend(samples) ||
-            !is_rest_of_sample(payload.first(at), samples[0].times.size()))
-            continue;
+        const uint32_t cpus = cpus_of_whole_samples(payload.subspan(at), &work_left);
+        if (cpus == 0 || !is_rest_of_sample(payload.first(at), cpus, &work_left)) continue;
         record->skipped_bytes = at;
-        record->samples = std::move(samples);
+        record->samples = decode_samples(payload.subspan(at));
         return true;
     }
     return false;

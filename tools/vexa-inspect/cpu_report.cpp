@@ -16,40 +16,47 @@ namespace {
 using text_row = std::vector<std::string>;
 using timed_samples = std::vector<timed_sample<cpu_record_sample>>;
 
-json_object network_json(const std::vector<cpu_record_network_entry>& entries) {
-    json_object list = json_object::array();
-    for (const auto& entry : entries)
-        list.push_back({{"interface_class", entry.interface_class},
-                        {"uid", entry.uid},
-                        {"counter_set", entry.counter_set},
-                        {"rx_bytes", entry.rx_bytes},
-                        {"tx_bytes", entry.tx_bytes}});
-    return list;
+json_object entry_json(const cpu_record_network_entry& entry) {
+    return {{"interface_class", entry.interface_class},
+            {"uid", entry.uid},
+            {"counter_set", entry.counter_set},
+            {"rx_bytes", entry.rx_bytes},
+            {"tx_bytes", entry.tx_bytes}};
 }
 
-json_object sample_json(const cpu_record_sample& sample) {
-    json_object object;
-    object["uptime_100ms"] = sample.uptime_100ms;
-    if (sample.timezone_min) object["timezone_min"] = *sample.timezone_min;
-    object["cpu_count"] = sample.times.size();
-    object["cpu_times_ticks"] = json_object::array();
-    for (const auto& times : sample.times) object["cpu_times_ticks"].push_back(times.ticks);
-    object["cpu_freq_khz"] = sample.freq_khz;
-    object["charge_counter_uah"] = sample.charge_counter_uah;
-    object["brightness"] = sample.brightness;
-    object["capacity_percent"] = sample.capacity_percent;
-    object["charge_status"] = sample.charge_status;
-    object["thermal_zones"] = json_object::array();
+json_object process_json(const cpu_record_process& process) {
+    json_object network = json_object::array();
+    for (const auto& entry : process.network) network.push_back(entry_json(entry));
+    return {{"name", process.name},
+            {"load_x500", process.load_x500},
+            {"cpuset_class", process.cpuset_class},
+            {"network", network}};
+}
+
+void put_sample(const cpu_record_sample& sample, json_stream* out) {
+    out->begin_object();
+    out->member("uptime_100ms", sample.uptime_100ms);
+    if (sample.timezone_min) out->member("timezone_min", *sample.timezone_min);
+    out->member("cpu_count", sample.times.size());
+    out->begin_array("cpu_times_ticks");
+    for (const auto& times : sample.times) out->value(times.ticks);
+    out->end_array();
+    out->member("cpu_freq_khz", sample.freq_khz);
+    out->member("charge_counter_uah", sample.charge_counter_uah);
+    out->member("brightness", sample.brightness);
+    out->member("capacity_percent", sample.capacity_percent);
+    out->member("charge_status", sample.charge_status);
+    out->begin_array("thermal_zones");
     for (const auto& zone : sample.thermal_zones)
-        object["thermal_zones"].push_back({{"name", zone.name}, {"temp_mdegc", zone.temp_mdegc}});
-    object["network"] = network_json(sample.network);
-    object["processes"] = json_object::array();
-    for (const auto& process : sample.processes)
-        object["processes"].push_back({{"name", process.name},
-                                       {"load_x500", process.load_x500},
-                                       {"cpuset_class", process.cpuset_class},
-                                       {"network", network_json(process.network)}});
-    return object;
+        out->value({{"name", zone.name}, {"temp_mdegc", zone.temp_mdegc}});
+    out->end_array();
+    out->begin_array("network");
+    for (const auto& entry : sample.network) out->value(entry_json(entry));
+    out->end_array();
+    out->begin_array("processes");
+    for (const auto& process : sample.processes) out->value(process_json(process));
+    out->end_array();
+    out->end_object();
 }
 
 // The text for a number that stands for something, or the number itself where it stands for
@@ -244,11 +251,12 @@ std::string process_table(const timed_samples& samples, size_t max) {
 
 }  // namespace
 
-void cpu_record_add_json(const upload_file& file, json_object* object) {
+void cpu_record_add_json(const upload_file& file, json_stream* out) {
     const auto record = cpu_record_decode(file.payload);
-    if (record.skipped_bytes > 0) (*object)["skipped_bytes"] = record.skipped_bytes;
-    auto& records = (*object)["records"] = json_object::array();
-    for (const auto& sample : record.samples) records.push_back(sample_json(sample));
+    if (record.skipped_bytes > 0) out->member("skipped_bytes", record.skipped_bytes);
+    out->begin_array("records");
+    for (const auto& sample : record.samples) put_sample(sample, out);
+    out->end_array();
 }
 
 std::string cpu_record_report(const upload_file& file, const report_options& options) {

@@ -5,5 +5,5 @@
 
 #include "record_formats.h"
 
-void cpu_record_add_json(const upload_file& file, json_object* object);
+void cpu_record_add_json(const upload_file& file, json_stream* out);
 std::string cpu_record_report(const upload_file& file, const report_options& options);

@@ -44,18 +44,19 @@ std::vector<diag_packet> diag_record_packets(std::span<const uint8_t> payload) {
     return packets;
 }
 
-void diag_record_add_json(const upload_file& file, json_object* object) {
+void diag_record_add_json(const upload_file& file, json_stream* out) {
     const auto packets = diag_record_packets(file.payload);
     if (packets.empty() && !file.payload.empty())
-        (*object)["payload_hex"] = text_digits(file.payload);
-    auto& records = (*object)["records"] = json_object::array();
+        out->member("payload_hex", text_digits(file.payload));
+    out->begin_array("records");
     for (const auto& packet : packets)
-        records.push_back({{"offset", packet.offset},
-                           {"length", packet.length},
-                           {"log_code", packet.log_code},
-                           {"time_stamp", packet.time_stamp},
-                           {"sequence", packet.sequence},
-                           {"data_hex", text_digits(packet.data)}});
+        out->value({{"offset", packet.offset},
+                    {"length", packet.length},
+                    {"log_code", packet.log_code},
+                    {"time_stamp", packet.time_stamp},
+                    {"sequence", packet.sequence},
+                    {"data_hex", text_digits(packet.data)}});
+    out->end_array();
 }
 
 std::string diag_record_report(const upload_file& file, const report_options& options) {

@@ -24,5 +24,5 @@ struct diag_packet {
 // payload's end: then it is not known where packets begin.
 std::vector<diag_packet> diag_record_packets(std::span<const uint8_t> payload);
 
-void diag_record_add_json(const upload_file& file, json_object* object);
+void diag_record_add_json(const upload_file& file, json_stream* out);
 std::string diag_record_report(const upload_file& file, const report_options& options);

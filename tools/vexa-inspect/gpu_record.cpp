@@ -72,26 +72,48 @@ bool is_plausible(const std::vector<gpu_record_sample>& samples) {
     return true;
 }
 
-// Whether a sample may begin `at` bytes into a damaged payload: what it says of the levels tells
-// how much of the damaged one must stand in front of it.
-bool may_begin_sample(std::span<const uint8_t> payload, size_t at) try {
-    byte_cursor cursor(payload.subspan(at));
-    const size_t levels = decode_sample(cursor).levels.size();
-    if (levels == 0) return false;  // any zero bytes look like that
-    return is_left_over_line(payload.first(at)) || is_rest_of_sample(at, levels);
-} catch (const upload_error&) {
-    return false;
+// Passes over one sample without keeping it. Returns false when none is here.
+bool skim_sample(byte_cursor& cursor, uint32_t* uptime_100ms, size_t* levels) {
+    constexpr size_t LEFT_BEHIND_COUNT = 4;
+    if (cursor.left() < FIXED_BYTES) return false;
+    const auto stamp = cursor.take<uint32_t>("uptime_100ms");
+    *uptime_100ms = stamp & ~TIMEZONE_CHANGED;
+    const bool has_timezone = (stamp & TIMEZONE_CHANGED) != 0;
+    if (has_timezone && cursor.left() + 4 < FIXED_BYTES + TIMEZONE_BYTES) return false;
+    cursor.take_bytes(8 + (has_timezone ? TIMEZONE_BYTES : 0), "what stands in front of the count");
+    *levels = cursor.take<uint32_t>("level_count");
+    if (cursor.left() < LEFT_BEHIND_COUNT ||
+        *levels > (cursor.left() - LEFT_BEHIND_COUNT) / LEVEL_BYTES)
+        return false;
+    cursor.take_bytes(*levels * LEVEL_BYTES + LEFT_BEHIND_COUNT, "the levels");
+    return true;
 }
 
-// Finds the first whole sample of a damaged record: from there on everything fits to the last byte.
+// Whether the first whole sample of a damaged payload begins at `at`: what it says of the levels
+// tells how much of the damaged one must stand in front of it, and from there on everything fits to
+// the last byte.
+bool begins_whole_samples(std::span<const uint8_t> payload, size_t at) {
+    byte_cursor cursor(payload.subspan(at));
+    uint32_t uptime_100ms = 0;
+    size_t levels = 0;
+    // Any zero bytes look like a sample without levels.
+    if (!skim_sample(cursor, &uptime_100ms, &levels) || levels == 0) return false;
+    if (!is_left_over_line(payload.first(at)) && !is_rest_of_sample(at, levels)) return false;
+    while (cursor.left() > 0) {
+        const uint32_t before = uptime_100ms;
+        size_t more_levels = 0;
+        if (!skim_sample(cursor, &uptime_100ms, &more_levels) || more_levels != levels ||
+            uptime_100ms < before)
+            return false;
+    }
+    return true;
+}
+
 bool skip_damage(std::span<const uint8_t> payload, gpu_record* record) {
     for (size_t at = 1; at < std::min(payload.size(), FIRST_SAMPLE_MAX_BYTES); at++) {
-        std::vector<gpu_record_sample> samples;
-        if (!may_begin_sample(payload, at) || !try_decode(payload.subspan(at), &samples) ||
-            !is_plausible(samples))
-            continue;
+        if (!begins_whole_samples(payload, at)) continue;
         record->skipped_bytes = at;
-        record->samples = std::move(samples);
+        record->samples = decode_samples(payload.subspan(at));
         return true;
     }
     return false;
@@ -130,18 +152,19 @@ std::string residency_table(const gpu_record_sample& first, const gpu_record_sam
            text_table({{"MHz"}, {"time"}, {"growth"}, {"share %"}}, rows);
 }
 
-json_object sample_json(const gpu_record_sample& sample) {
-    json_object object;
-    object["uptime_100ms"] = sample.uptime_100ms;
-    if (sample.timezone_min) object["timezone_min"] = *sample.timezone_min;
-    object["busy_percent"] = sample.busy_percent;
-    object["clock_hz"] = sample.clock_hz;
-    object["level_count"] = sample.levels.size();
-    object["levels"] = json_object::array();
+void put_sample(const gpu_record_sample& sample, json_stream* out) {
+    out->begin_object();
+    out->member("uptime_100ms", sample.uptime_100ms);
+    if (sample.timezone_min) out->member("timezone_min", *sample.timezone_min);
+    out->member("busy_percent", sample.busy_percent);
+    out->member("clock_hz", sample.clock_hz);
+    out->member("level_count", sample.levels.size());
+    out->begin_array("levels");
     for (const auto& level : sample.levels)
-        object["levels"].push_back({{"freq_hz", level.freq_hz}, {"time", level.time}});
-    object["charge_counter_uah"] = sample.charge_counter_uah;
-    return object;
+        out->value({{"freq_hz", level.freq_hz}, {"time", level.time}});
+    out->end_array();
+    out->member("charge_counter_uah", sample.charge_counter_uah);
+    out->end_object();
 }
 
 }  // namespace
@@ -155,11 +178,12 @@ gpu_record gpu_record_decode(std::span<const uint8_t> payload) {
     return record;
 }
 
-void gpu_record_add_json(const upload_file& file, json_object* object) {
+void gpu_record_add_json(const upload_file& file, json_stream* out) {
     const auto record = gpu_record_decode(file.payload);
-    if (record.skipped_bytes > 0) (*object)["skipped_bytes"] = record.skipped_bytes;
-    auto& records = (*object)["records"] = json_object::array();
-    for (const auto& sample : record.samples) records.push_back(sample_json(sample));
+    if (record.skipped_bytes > 0) out->member("skipped_bytes", record.skipped_bytes);
+    out->begin_array("records");
+    for (const auto& sample : record.samples) put_sample(sample, out);
+    out->end_array();
 }
 
 std::string gpu_record_report(const upload_file& file, const report_options& options) {

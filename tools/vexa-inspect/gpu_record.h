@@ -33,5 +33,5 @@ struct gpu_record {
 // Decodes a whole payload. Throws upload_error with the offset of the field that does not fit.
 gpu_record gpu_record_decode(std::span<const uint8_t> payload);
 
-void gpu_record_add_json(const upload_file& file, json_object* object);
+void gpu_record_add_json(const upload_file& file, json_stream* out);
 std::string gpu_record_report(const upload_file& file, const report_options& options);

@@ -5,10 +5,12 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "band_list.h"
 #include "record_formats.h"
+#include "text.h"
 
 namespace {
 
@@ -22,11 +24,19 @@ struct arguments {
     report_options report;
 };
 
-std::string show(const std::string& path, const arguments& args) {
-    if (args.band_list) return band_list_show(path, args.json) + "\n";
-    const auto file = upload_read(path);
-    return args.json ? upload_json(path, file) + "\n"
-                     : upload_report(path, file, args.report) + "\n";
+void put(std::string_view text) {
+    (void)fwrite(text.data(), 1, text.size(), stdout);
+}
+
+void show(const std::string& path, const arguments& args) {
+    if (args.band_list) {
+        put(band_list_show(path, args.json));
+    } else if (args.json) {
+        upload_put_json(path, upload_read(path), put);
+    } else {
+        put(upload_report(path, upload_read(path), args.report));
+    }
+    put("\n");
 }
 
 // Shows every file that can be shown; a damaged one gets a message and does not hide the others.
@@ -34,14 +44,14 @@ int inspect(const arguments& args) {
     int result = EXIT_SUCCESS;
     for (const auto& path : args.files) {
         try {
-            fmt::print("{}", show(path, args));
+            show(path, args);
         } catch (const std::exception& error) {
             fflush(stdout);  // so that the message comes where the file would
-            fmt::print(stderr, "vexa-inspect: {}: {}\n", path, error.what());
+            fmt::print(stderr, "vexa-inspect: {}: {}\n", text_printable(path), error.what());
             result = EXIT_DAMAGED;
         }
     }
-    if (fflush(stdout) == 0) return result;
+    if (fflush(stdout) == 0 && !ferror(stdout)) return result;
     fmt::print(stderr, "vexa-inspect: cannot write the output\n");
     return EXIT_DAMAGED;
 }

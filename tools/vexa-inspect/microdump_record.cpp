@@ -70,12 +70,13 @@ microdump_record microdump_record_decode(std::span<const uint8_t> payload) {
     return record;
 }
 
-void microdump_record_add_json(const upload_file& file, json_object* object) {
+void microdump_record_add_json(const upload_file& file, json_stream* out) {
     const auto record = microdump_record_decode(file.payload);
-    if (record.skipped_bytes > 0) (*object)["skipped_bytes"] = record.skipped_bytes;
-    auto& records = (*object)["records"] = json_object::array();
+    if (record.skipped_bytes > 0) out->member("skipped_bytes", record.skipped_bytes);
+    out->begin_array("records");
     for (const auto& dump : record.dumps)
-        records.push_back({{"crash_time", dump.crash_time}, {"text", dump.text}});
+        out->value({{"crash_time", dump.crash_time}, {"text", dump.text}});
+    out->end_array();
 }
 
 std::string microdump_record_report(const upload_file& file, const report_options&) {

@@ -23,5 +23,5 @@ struct microdump_record {
 // Decodes a whole payload. Throws upload_error with the offset of what does not fit.
 microdump_record microdump_record_decode(std::span<const uint8_t> payload);
 
-void microdump_record_add_json(const upload_file& file, json_object* object);
+void microdump_record_add_json(const upload_file& file, json_stream* out);
 std::string microdump_record_report(const upload_file& file, const report_options& options);

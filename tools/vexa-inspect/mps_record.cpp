@@ -83,6 +83,25 @@ json_object json_of(const mps_moment& moment) {
             {"realtime_ms", moment.realtime_ms}};
 }
 
+void put_record(const mps_record& record, json_stream* out) {
+    out->begin_object();
+    out->member("header", {{"campaign_id", record.campaign_id},
+                           {"client_id", record.client_id},
+                           {"major_version", record.major_version},
+                           {"minor_version", record.minor_version}});
+    out->begin_array("raw_data_hex");
+    for (const auto& data : record.raw_data) out->value(text_digits(data));
+    out->end_array();
+    out->begin_array("metric_data");
+    for (const auto& metric : record.metrics)
+        out->value({{"start_time", json_of(metric.start)},
+                    {"end_time", json_of(metric.end)},
+                    {"data_kind", metric.data_kind},
+                    {"data_hex", text_digits(metric.data)}});
+    out->end_array();
+    out->end_object();
+}
+
 std::string text_of(const mps_moment& moment) {
     if (moment.realtime_ms == 0) return "unknown";
     return fmt::format("{}, state {}",
@@ -119,26 +138,12 @@ mps_record mps_record_decode(std::span<const uint8_t> payload) {
     return record;
 }
 
-void mps_record_add_json(const upload_file& file, json_object* object) {
+void mps_record_add_json(const upload_file& file, json_stream* out) {
     const auto record = mps_record_decode(file.payload);
-    if (record.skipped_bytes > 0) (*object)["skipped_bytes"] = record.skipped_bytes;
-    auto& records = (*object)["records"] = json_object::array();
-    if (file.payload.empty()) return;
-    auto raw_data = json_object::array();
-    for (const auto& data : record.raw_data) raw_data.push_back(text_digits(data));
-    auto metrics = json_object::array();
-    for (const auto& metric : record.metrics)
-        metrics.push_back({{"start_time", json_of(metric.start)},
-                           {"end_time", json_of(metric.end)},
-                           {"data_kind", metric.data_kind},
-                           {"data_hex", text_digits(metric.data)}});
-    records.push_back({{"header",
-                        {{"campaign_id", record.campaign_id},
-                         {"client_id", record.client_id},
-                         {"major_version", record.major_version},
-                         {"minor_version", record.minor_version}}},
-                       {"raw_data_hex", raw_data},
-                       {"metric_data", metrics}});
+    if (record.skipped_bytes > 0) out->member("skipped_bytes", record.skipped_bytes);
+    out->begin_array("records");
+    if (!file.payload.empty()) put_record(record, out);
+    out->end_array();
 }
 
 std::string mps_record_report(const upload_file& file, const report_options& options) {

@@ -36,5 +36,5 @@ struct mps_record {
 // Decodes a whole payload. Throws upload_error with the offset of the field that does not fit.
 mps_record mps_record_decode(std::span<const uint8_t> payload);
 
-void mps_record_add_json(const upload_file& file, json_object* object);
+void mps_record_add_json(const upload_file& file, json_stream* out);
 std::string mps_record_report(const upload_file& file, const report_options& options);

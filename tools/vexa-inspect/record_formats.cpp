@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <utility>
+
 #include "alog_record.h"
 #include "cpu_report.h"
 #include "diag_record.h"
@@ -60,9 +62,28 @@ constexpr record_format formats[] = {
      .report = alog_record_report},
 };
 
-void add_unknown_json(const upload_file& file, json_object* object) {
-    (*object)["payload_hex"] = text_digits(file.payload);
-    (*object)["records"] = json_object::array();
+void add_unknown_json(const upload_file& file, json_stream* out) {
+    out->member("payload_hex", text_digits(file.payload));
+    out->member("records", json_object::array());
+}
+
+void put_header(const std::string& path, const upload_file& file, json_stream* out) {
+    const auto& header = file.header;
+    out->member("file", path);
+    out->member("header_version", header.header_version);
+    out->member("header_len", header.header_len);
+    out->member("client_id", header.client_id);
+    out->member("data_type", header.data_type);
+    out->member("rec_version", header.rec_version);
+    out->member("realtime_ms", header.realtime_ms);
+    out->member("payload_len", header.payload_len);
+    out->member("header_attr1", header.header_attr1);
+    out->member("header_attr2", header.header_attr2);
+    out->member("uptime_ms", header.uptime_ms);
+    out->member("timezone_min", header.timezone_min);
+    out->member("campaign_id", header.campaign_id);
+    out->member("seq", header.seq);
+    out->member("payload_bytes", file.payload.size());
 }
 
 std::string unknown_report(const upload_file& file, const report_options& options) {
@@ -101,38 +122,41 @@ const record_format* record_format_find(const upload_header& header) {
     return nullptr;
 }
 
-std::string upload_json(const std::string& path, const upload_file& file) {
-    const auto& header = file.header;
-    json_object object = {
-        {"file", path},
-        {"header_version", header.header_version},
-        {"header_len", header.header_len},
-        {"client_id", header.client_id},
-        {"data_type", header.data_type},
-        {"rec_version", header.rec_version},
-        {"realtime_ms", header.realtime_ms},
-        {"payload_len", header.payload_len},
-        {"header_attr1", header.header_attr1},
-        {"header_attr2", header.header_attr2},
-        {"uptime_ms", header.uptime_ms},
-        {"timezone_min", header.timezone_min},
-        {"campaign_id", header.campaign_id},
-        {"seq", header.seq},
-        {"payload_bytes", file.payload.size()},
-    };
-    const auto* format = record_format_find(header);
+void upload_put_json(const std::string& path, const upload_file& file,
+                     const std::function<void(std::string_view)>& out) {
+    const auto* format = record_format_find(file.header);
+    // The payload may turn out to be damaged until its first value is out; what stands in front of
+    // it waits for that.
+    std::string head;
+    bool is_decoded = false;
+    json_stream stream([&](std::string_view text) {
+        if (!is_decoded) {
+            head += text;
+            return;
+        }
+        if (!head.empty()) out(std::exchange(head, {}));
+        out(text);
+    });
+    stream.begin_object();
+    put_header(path, file, &stream);
+    is_decoded = true;
     if (format)
-        format->add_json(file, &object);
+        format->add_json(file, &stream);
     else
-        add_unknown_json(file, &object);
-    // Names come from the phone and need not be UTF-8; what is not becomes U+FFFD.
-    return object.dump(-1, ' ', false, json_object::error_handler_t::replace);
+        add_unknown_json(file, &stream);
+    stream.end_object();
+}
+
+std::string upload_json(const std::string& path, const upload_file& file) {
+    std::string text;
+    upload_put_json(path, file, [&](std::string_view piece) { text += piece; });
+    return text;
 }
 
 std::string upload_report(const std::string& path, const upload_file& file,
                           const report_options& options) {
     const auto* format = record_format_find(file.header);
-    return fmt::format("{}\n", path) +
+    return fmt::format("{}\n", text_printable(path)) +
            header_report(file.header, format ? format->name : "unknown", file.payload.size()) +
            "\n" + (format ? format->report(file, options) : unknown_report(file, options));
 }

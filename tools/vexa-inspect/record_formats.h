@@ -4,13 +4,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <span>
 #include <string>
 
+#include "json_stream.h"
 #include "upload_reader.h"
-
-using json_object = nlohmann::ordered_json;
 
 struct report_options {
     size_t max_rows =
@@ -24,9 +22,9 @@ struct record_format {
     uint32_t rec_version = 0;
     uint8_t data_type = 0;
     const char* name = nullptr;
-    // Adds "records" to the file's object. Throws upload_error when the payload does not fit the
-    // format.
-    void (*add_json)(const upload_file& file, json_object* object) = nullptr;
+    // Puts "records" into the file's object, which is open. Throws upload_error when the payload
+    // does not fit the format, and has put out nothing then.
+    void (*add_json)(const upload_file& file, json_stream* out) = nullptr;
     // The payload as tables for a reader at a terminal. Throws as add_json.
     std::string (*report)(const upload_file& file, const report_options& options) = nullptr;
 };
@@ -38,8 +36,11 @@ std::span<const record_format> record_format_list();
 // upload_error when the header's data type contradicts it.
 const record_format* record_format_find(const upload_header& header);
 
-// One file as a JSON object on one line without its newline, or as text. `path` only names the
-// file. Both throw upload_error. Any thread.
+// One file as a JSON object on one line without its newline, put out piece by piece (nothing of it
+// when it throws) or as a whole; or as text. `path` only names the file. All throw upload_error.
+// Any thread.
+void upload_put_json(const std::string& path, const upload_file& file,
+                     const std::function<void(std::string_view)>& out);
 std::string upload_json(const std::string& path, const upload_file& file);
 std::string upload_report(const std::string& path, const upload_file& file,
                           const report_options& options);

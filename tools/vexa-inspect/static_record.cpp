@@ -17,7 +17,7 @@ constexpr std::string_view TITLES[] = {
 // The title that a line is, or nothing.
 std::string_view title_of(std::string_view line) {
     for (const std::string_view title : TITLES)
-        if (line == fmt::format("{}:\n", title)) return title;
+        if (line.starts_with(title) && line.substr(title.size()) == ":\n") return title;
     return {};
 }
 
@@ -46,10 +46,11 @@ std::vector<static_section> static_record_decode(std::span<const uint8_t> payloa
     return sections;
 }
 
-void static_record_add_json(const upload_file& file, json_object* object) {
-    auto& records = (*object)["records"] = json_object::array();
+void static_record_add_json(const upload_file& file, json_stream* out) {
+    out->begin_array("records");
     for (const auto& section : static_record_decode(file.payload))
-        records.push_back({{"section", section.title}, {"text", section.text}});
+        out->value({{"section", section.title}, {"text", section.text}});
+    out->end_array();
 }
 
 std::string static_record_report(const upload_file& file, const report_options&) {

@@ -18,5 +18,5 @@ struct static_section {
 // Splits a payload at the titles that are known; any text is such a record.
 std::vector<static_section> static_record_decode(std::span<const uint8_t> payload);
 
-void static_record_add_json(const upload_file& file, json_object* object);
+void static_record_add_json(const upload_file& file, json_stream* out);
 std::string static_record_report(const upload_file& file, const report_options& options);

@@ -6,10 +6,15 @@
 #include <ctime>
 #include <iterator>
 
+#include "input/printable_text.h"
+
 namespace {
 
 constexpr uint64_t YEAR_10000_MS = 253402300800000;
 constexpr size_t HEX_BYTES_A_LINE = 16;
+
+// A longer cell moves what is behind it instead of widening the column in every row.
+constexpr size_t COLUMN_MAX_WIDTH = 128;
 
 void append_cell(std::string* line, const std::string& cell, size_t width, text_align align) {
     const auto out = std::back_inserter(*line);
@@ -47,7 +52,8 @@ std::string text_table(const std::vector<text_column>& columns,
     std::vector<size_t> widths;
     for (const auto& column : columns) widths.push_back(column.title.size());
     for (const auto& row : rows)
-        for (size_t i = 0; i < row.size(); i++) widths[i] = std::max(widths[i], row[i].size());
+        for (size_t i = 0; i < row.size(); i++)
+            widths[i] = std::max(widths[i], std::min(row[i].size(), COLUMN_MAX_WIDTH));
 
     std::string line;
     for (size_t i = 0; i < columns.size(); i++)
@@ -87,14 +93,7 @@ std::string text_duration(uint64_t ms) {
 }
 
 std::string text_printable(const std::string& bytes) {
-    std::string text;
-    for (const char c : bytes) {
-        if (c >= 0x20 && c < 0x7F)
-            text += c;
-        else
-            text += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
-    }
-    return text;
+    return printable_text(bytes);
 }
 
 std::string text_digits(std::span<const uint8_t> bytes) {

@@ -14,8 +14,8 @@ struct text_column {
     text_align align = text_align::right;
 };
 
-// Rows of cells under their titles, every column as wide as its widest cell, indented by two
-// blanks. A row with fewer cells than columns ends early.
+// Rows of cells under their titles, every column as wide as its widest cell (up to a bound),
+// indented by two blanks. A row with fewer cells than columns ends early.
 std::string text_table(const std::vector<text_column>& columns,
                        const std::vector<std::vector<std::string>>& rows);
 

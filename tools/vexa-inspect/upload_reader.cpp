@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "framework/unique_handle.h"
+#include "base/unique_handle.h"
 
 namespace {
 

@@ -12,8 +12,9 @@
 inline constexpr size_t UPLOAD_FILE_HEADER_BYTES = 53;
 inline constexpr uint32_t UPLOAD_FILE_HEADER_VERSION = 7;
 
-// A payload that unpacks to more than this is refused. The largest upload file is about 1 MiB.
-inline constexpr size_t UPLOAD_PAYLOAD_MAX_BYTES = size_t{128} << 20;
+// A payload that unpacks to more than this is refused: a data file of the modem of 16 MiB, the most
+// that the daemon takes, and what it is wrapped in.
+inline constexpr size_t UPLOAD_PAYLOAD_MAX_BYTES = (size_t{16} << 20) + 4096;
 
 // The header's fields in the file's order.
 struct upload_header {

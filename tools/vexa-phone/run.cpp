@@ -23,8 +23,8 @@
 #include <optional>
 #include <system_error>
 
+#include "base/unique_handle.h"
 #include "bubblewrap.h"
-#include "framework/unique_handle.h"
 #include "phone/enter.h"
 #include "phone/host_cpusets.h"
 

@@ -54,8 +54,8 @@ log_id_t android_name_to_log_id(const char* name);
 logger_list* android_logger_list_open(log_id_t id, int mode, unsigned int tail, pid_t pid);
 
 // Hands over the next entry. Returns the number of bytes; 0 or a negative errno on failure: -EAGAIN
-// when there is none yet and reads do not block, -EINTR when a signal handler ran while it blocked.
-// One thread at a time.
+// when there is none yet and reads do not block. A blocked read ends when there is an entry, and
+// for nothing else: a signal handler that ran does not end it. One thread at a time.
 int android_logger_list_read(logger_list* list, log_msg* msg);
 
 // Closes a reader; null is none. No read may be under way.

@@ -54,12 +54,20 @@ int alog_cfg_update_handler(collector_info* row) {
     return campaign_write_config(*row, KIND, g_alog_campaign);
 }
 
-bool alog_campaign_begin(collector_info* row) {
-    return campaign_begin(row, KIND, &g_alog_campaign);
+void alog_campaign_run(collector_info* row, void (*run_cycle)(void* owner), void* owner) {
+    campaign_run(row, KIND, &g_alog_campaign, run_cycle, owner);
 }
 
 bool alog_campaign_open_record(collector_info* row, record_handle* handle) {
     return campaign_open_record(row, KIND, handle);
+}
+
+bool alog_campaign_resume_record(collector_info* row, record_handle* handle) {
+    return campaign_resume_record(row, KIND, handle);
+}
+
+void alog_campaign_discard_record(collector_info* row, record_handle* handle) {
+    campaign_discard_record(row, KIND, handle);
 }
 
 void alog_campaign_end() {
@@ -68,8 +76,4 @@ void alog_campaign_end() {
 
 int alog_monitor_get_campaign_config(collector_info* row) {
     return campaign_wait_active(row, KIND, &g_alog_campaign);
-}
-
-void alog_collect_wait_for_config_update(collector_info* row) {
-    campaign_wait_update(row, KIND, g_alog_campaign);
 }

@@ -60,7 +60,8 @@ void run_campaign(alog_collector* c) {
 }
 
 // One cycle, from the wait for a campaign to the hand-over of its record.
-void run_cycle(alog_collector* c) {
+void run_cycle(void* owner) {
+    auto* c = static_cast<alog_collector*>(owner);
     c->record.row = c->row;
     if (!alog_campaign_open_record(c->row, &c->record.handle)) return;
     if (alog_monitor_get_campaign_config(c->row) != 0) return;
@@ -73,14 +74,7 @@ void run_cycle(alog_collector* c) {
 
 int alog_monitor(collector_info* row) {
     alog_collector collector{.row = row};
-    if (alog_campaign_begin(row)) {
-        run_cycle(&collector);
-        while (!collector.stopped()) {
-            alog_collect_wait_for_config_update(row);
-            run_cycle(&collector);
-        }
-    }
-    stop_flag_raise(&row->stop);
+    alog_campaign_run(row, run_cycle, &collector);
     vexastats_record_close(&collector.record.handle);
     ALOGI("ALOG monitor exit\n");
     return 0;

@@ -5,9 +5,13 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <string_view>
 
+#include "collectors/alog/alog_campaign.h"
+#include "framework/campaign_config.h"
 #include "framework/interruptible.h"
 #include "framework/wait.h"
 #include "platform/log.h"
@@ -32,6 +36,26 @@ size_t flush(alog_record* record, const char* caller) {
     return written;
 }
 
+bool is_full(const alog_record& record) {
+    return record.fill >= ALOG_FLUSH_SIZE;
+}
+
+// Writes a full buffer out, or leaves it full while the owner's consent is missing. Returns false,
+// logged, after a failure.
+bool write_out(alog_record* record, const char* caller) {
+    collector_info* row = record->row;
+    interruptible_leave(&row->library_calls);
+    if (!campaign_has_consent(*row)) return true;
+    const size_t written = flush(record, caller);
+    if (written == record->fill) {
+        record->fill = 0;
+        return true;
+    }
+    ALOGE("%s: failed to write file. cnt:%zu\n", caller, written);
+    // The dropbox may have gone in this very moment, and a full record with nowhere to go to.
+    return !campaign_has_consent(*row) && alog_campaign_resume_record(row, &record->handle);
+}
+
 void hand_over(alog_record* record) {
     write_req req{.row = record->row, .handle = &record->handle, .flags = WRITE_DROP};
     (void)vexastats_write_file(&req);
@@ -51,7 +75,27 @@ void take_entry(alog_record* record, const log_msg& msg, size_t read_size) {
     record->fill += size;
 }
 
-// One entry, or a negative error number; SIGINT, which ends the wait, is let in meanwhile.
+// Whether the entry is there for nothing but to end the read.
+bool is_wake_up(const log_msg& msg, size_t read_size) {
+    if (msg.entry.pid != getpid() || msg.entry.hdr_size >= read_size) return false;
+    const std::string_view payload(reinterpret_cast<const char*>(msg.buf) + msg.entry.hdr_size,
+                                   read_size - msg.entry.hdr_size);
+    // With the zero byte that ends the message.
+    return payload.ends_with({INTERRUPTIBLE_WAKE_UP, sizeof INTERRUPTIBLE_WAKE_UP});
+}
+
+// Writes out what is left and hands the record over, or deletes both without the owner's consent.
+void finish(alog_record* record, const char* caller) {
+    if (!campaign_has_consent(*record->row)) {
+        alog_campaign_discard_record(record->row, &record->handle);
+        return;
+    }
+    if (record->fill > 0) (void)flush(record, caller);
+    // Also when the last flush left the buffer empty: the next campaign discards what stays.
+    if (record->fill > 0 || record->has_entries) hand_over(record);
+}
+
+// One entry, or a negative error number.
 int read_entry(collector_info* row, logger_list* reader, log_msg* msg) {
     msg->entry.len = 0;
     msg->entry.hdr_size = 0;
@@ -99,16 +143,12 @@ int alog_log_read(alog_record* record, unique_logger_list* reader) {
         if (result < 0) vexastats_sleep_ms(READ_FAILURE_PAUSE_MS, record->row->stop);
         return -result;
     }
+    if (is_wake_up(msg, static_cast<size_t>(result))) return result;
+    if (!campaign_is_opted_in(*record->row)) return result;
+    if (is_full(*record) && !write_out(record, __func__)) return -EINVAL;
+    if (is_full(*record)) return result;
     take_entry(record, msg, static_cast<size_t>(result));
-    if (record->fill < ALOG_FLUSH_SIZE) return result;
-
-    interruptible_leave(&record->row->library_calls);
-    const size_t written = flush(record, __func__);
-    if (written < record->fill) {
-        ALOGE("%s: failed to write file. cnt:%zu\n", __func__, written);
-        return -EINVAL;
-    }
-    record->fill = 0;
+    if (is_full(*record) && !write_out(record, __func__)) return -EINVAL;
     return result;
 }
 
@@ -116,9 +156,7 @@ void alog_log_end(alog_record* record, unique_logger_list* reader) {
     if (!record || !record->row || !reader || !*reader) return;
     interruptible_leave(&record->row->library_calls);
     reader->reset();
-    if (record->fill > 0) (void)flush(record, __func__);
-    // Also when the last flush left the buffer empty: the next campaign discards what stays.
-    if (record->fill > 0 || record->has_entries) hand_over(record);
+    finish(record, __func__);
     record->buffer.reset();
     record->fill = 0;
 }

@@ -4,9 +4,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/unique_handle.h"
 #include "framework/log_reader.h"
 #include "framework/record.h"
-#include "framework/unique_handle.h"
 
 inline constexpr size_t ALOG_BUFFER_SIZE = 0x20000;
 inline constexpr size_t ALOG_ENTRY_MAX_SIZE = 5120;  // the rest of a longer entry is cut off
@@ -29,10 +29,11 @@ struct alog_record {
 int alog_log_start(alog_record* record, unique_logger_list* reader);
 
 // Waits for one entry, or until the row's `stop` is raised, appends it to the buffer and writes
-// that out when it is full. Returns the bytes read; a positive error number when reading failed; 0
-// at the end of the log; -EINVAL when the record could not be written.
+// that out when it is full. An entry that comes without the owner's consent is dropped, and what is
+// in the buffer stays there meanwhile. Returns the bytes read; a positive error number when reading
+// failed; 0 at the end of the log; -EINVAL when the record could not be written.
 int alog_log_read(alog_record* record, unique_logger_list* reader);
 
-// Closes the reader, writes out what is left and hands the record over. Frees the buffer. Does
-// nothing without a reader.
+// Closes the reader, writes out what is left and hands the record over; without the owner's consent
+// both are deleted. Frees the buffer. Does nothing without a reader.
 void alog_log_end(alog_record* record, unique_logger_list* reader);

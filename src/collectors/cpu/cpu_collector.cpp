@@ -50,7 +50,7 @@ void open_processes(cpu_collector* c) {
 }
 
 bool start(cpu_collector* c) {
-    if (!sampling_start(c)) return false;
+    if (!sampling_start(c, &c->stats.storage)) return false;
     c->stats.cpu_count = read_cpu_count();
     if (c->stats.cpu_count < 0) return false;
     if (!sampling_open_notifier(c) || !reserve_watches(c)) return false;
@@ -84,7 +84,7 @@ bool add_watches(cpu_collector* c) {
 
 void run_sampling_loop(cpu_collector* c) {
     const int result = poll_cpu_stats(&c->stats, c->row, &c->record, c->proc_dir.get());
-    sampling_count_result(c, result, c->stats.storage_failed);
+    sampling_count_result(c, result, &c->stats.storage);
 }
 
 void sample_on_changes(cpu_collector* c, const watch_buffer& events) {
@@ -119,11 +119,8 @@ bool wait_and_sample(cpu_collector* c) {
 }
 
 bool run_pass(cpu_collector* c) {
-    // A hand-over that failed has taken the record; a new one is no fault of the sources either.
-    if (!c->record.file && !sampling_open_record(c)) {
-        sampling_pause(*c);
-        return sampling_end_pass(c);
-    }
+    // A failure to store is no fault of the sources.
+    if (!sampling_has_record(c, &c->stats.storage)) return sampling_end_pass(c);
     if (c->row->notify) return wait_and_sample(c);
     run_sampling_loop(c);
     return sampling_end_pass(c);

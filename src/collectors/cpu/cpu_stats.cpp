@@ -119,8 +119,8 @@ void sleep_between_looks(const cpu_stats& stats, const collector_info& row) {
 }  // namespace
 
 int prepare_cpu_stats(cpu_stats* stats, collector_info* row, record_handle* record) {
-    stats->storage_failed = !record->file;
-    if (stats->storage_failed) return -EINVAL;
+    stats->storage.failed = !record->file;
+    if (stats->storage.failed) return -EINVAL;
 
     const timezone_state zone = sampling_timezone(&stats->timezone, *row);
     read_thermal(stats);
@@ -148,8 +148,7 @@ int prepare_cpu_stats(cpu_stats* stats, collector_info* row, record_handle* reco
     result = make_room(stats, base_len, &sample, &process_len);
     if (result == 0) result = compose(stats, sample, process_len);
     if (result == 0)
-        result =
-            sampling_write(row, record, stats->bytes, "prepare_cpu_stats", &stats->storage_failed);
+        result = sampling_write(row, record, stats->bytes, "prepare_cpu_stats", &stats->storage);
     return result;
 }
 
@@ -157,7 +156,7 @@ int poll_cpu_stats(cpu_stats* stats, collector_info* row, record_handle* record,
     uint64_t sample_ms = 0;
     uint64_t scan_ms = 0;
     stats->low_frequency_count = 0;
-    stats->storage_failed = false;
+    stats->storage.failed = false;
     for (;;) {
         if (!row->enabled || stop_flag_is_raised(row->stop)) return 0;
         const uint64_t now_ms = vexastats_mono_time_ms();

@@ -22,7 +22,7 @@ struct cpu_stats {
     timezone_memory timezone{};
     power_trigger power{};
     int low_frequency_count = 0;  // samples in a row with core 0 at or below the threshold
-    bool storage_failed = false;  // there was no record for the last sample, or it did not take it
+    sampling_storage storage{};
 
     // Work space, used again for every sample.
     thermal_list thermal{};

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <charconv>
 
+#include "base/open_file.h"
 #include "framework/files.h"
 #include "framework/line_reader.h"
 #include "framework/text_cursor.h"
@@ -72,7 +73,7 @@ cpu_line parse_cpu_line(std::string_view line, cpu_times* slots, int32_t cpu_cou
 }
 
 int read_cpu_times(cpu_times* slots, int32_t cpu_count) {
-    line_reader reader(unique_fd(open(STAT_FILE, O_RDONLY | O_CLOEXEC)));
+    line_reader reader(open_text_at(AT_FDCWD, STAT_FILE));
     if (!reader.fd) {
         ALOGE("failed to open %s. err:%d\n", STAT_FILE, errno);
         return -EINVAL;

@@ -7,6 +7,7 @@
 
 #include <utility>
 
+#include "base/open_file.h"
 #include "framework/line_reader.h"
 #include "framework/little_endian.h"
 #include "framework/text_cursor.h"
@@ -148,7 +149,7 @@ int add_all_lines(line_reader* reader, network_table* table) {
 }
 
 int read_table(network_table* table) {
-    line_reader reader(unique_fd(open(TRAFFIC_FILE, O_RDONLY | O_CLOEXEC)));
+    line_reader reader(open_text_at(AT_FDCWD, TRAFFIC_FILE));
     if (!reader.fd) {
         ALOGE("failed to open %s. err:%d\n", TRAFFIC_FILE, errno);
         return -EINVAL;

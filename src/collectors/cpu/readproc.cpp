@@ -8,8 +8,10 @@
 
 #include <algorithm>
 
+#include "base/file_io.h"
+#include "base/open_file.h"
+#include "base/unique_handle.h"
 #include "framework/text_cursor.h"
-#include "framework/unique_handle.h"
 
 namespace {
 
@@ -67,12 +69,9 @@ std::string_view read_file(int proc_fd, std::string_view dir_name, std::string_v
     char path[NAME_MAX + 16];
     char* end = std::copy(dir_name.begin(), dir_name.end(), path);
     *std::copy(leaf.begin(), leaf.end(), end) = '\0';
-    const unique_fd fd(openat(proc_fd, path, O_RDONLY | O_CLOEXEC));
+    const unique_fd fd = open_text_at(proc_fd, path);
     if (!fd) return {};
-    ssize_t got;
-    do {
-        got = read(fd.get(), buf, len);
-    } while (got < 0 && errno == EINTR);
+    const ssize_t got = read_some(fd.get(), buf, len);
     return {buf, got > 0 ? static_cast<size_t>(got) : 0};
 }
 

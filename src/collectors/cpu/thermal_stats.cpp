@@ -10,9 +10,9 @@
 
 #include <string_view>
 
+#include "base/unique_handle.h"
 #include "framework/files.h"
 #include "framework/text_cursor.h"
-#include "framework/unique_handle.h"
 #include "platform/log.h"
 
 namespace {
@@ -40,15 +40,11 @@ bool read_zone_file(int thermal_dir, const char* zone, std::string_view leaf, sy
         line->len = static_cast<size_t>(len);
         return true;
     }
-    // Once more by its full name, for the reader that logs.
     char full_path[sizeof THERMAL_DIR + sizeof path];
     snprintf(full_path, sizeof full_path, "%s/%s", THERMAL_DIR, path);
-    if (vexastats_read_sysfs(full_path, line->text, sizeof line->text) != 0) {
-        ALOGE("%s: failed to read %s\n", "get_thermal_stats", full_path);
-        return false;
-    }
-    line->len = strlen(line->text);
-    return true;
+    vexastats_log_sysfs_failure(full_path, len);
+    ALOGE("%s: failed to read %s\n", "get_thermal_stats", full_path);
+    return false;
 }
 
 int add_zone(int thermal_dir, const char* zone, thermal_list* list) {

@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <inttypes.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,6 +13,8 @@
 #include <bit>
 #include <cstdint>
 
+#include "base/printable.h"
+#include "base/standard_io.h"
 #include "framework/little_endian.h"
 #include "platform/log.h"
 
@@ -94,6 +97,25 @@ size_t age_up_to(int32_t pid) {
     return kept;
 }
 
+// Traces a line on standard output, or does not: nobody may be waiting for it.
+__attribute__((format(printf, 1, 2))) void trace(const char* format, ...) {
+    char line[PRINTABLE_MAX_GROWTH * sizeof(vexa_proc_entry::name) + 128];
+    va_list args;
+    va_start(args, format);
+    const int len = vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    if (len > 0) standard_io_trace(line, std::min(static_cast<size_t>(len), sizeof line - 1));
+}
+
+void trace_load(const vexa_proc_entry& process) {
+    // Not even an escape for every byte of a name makes a line too long.
+    char name[PRINTABLE_MAX_GROWTH * sizeof process.name];
+    const size_t len =
+        printable_copy(name, sizeof name, process.name, strnlen(process.name, sizeof process.name));
+    trace("Tick %u PID %" PRId32 " %.*s CPU %g\n", unsigned{g_table.tick}, process.pid,
+          static_cast<int>(len), name, static_cast<double>(process.load));
+}
+
 void keep_spare(unique_proc_entry entry) {
     free(g_table.spare);
     g_table.spare = entry.release();
@@ -103,7 +125,7 @@ void insert_at(size_t at, unique_proc_entry entry) {
     proc_table& table = g_table;
     if (!reserve(table.count + 1)) return keep_spare(std::move(entry));
     // Only a process that comes before a known one is announced: deliberate.
-    if (at < table.count) printf("New PID %" PRId32 "\n", entry->pid);
+    if (at < table.count) trace("New PID %" PRId32 "\n", entry->pid);
     entry->load = 0;
     std::copy_backward(table.slots + at, table.slots + table.count, table.slots + table.count + 1);
     table.slots[at] = {.pid = entry->pid, .entry = entry.get()};
@@ -132,8 +154,7 @@ void update(vexa_proc_entry* known, unique_proc_entry entry) {
     if (scans != 0) {
         known->load = new_load(*known, *entry, scans);
         if (known->load > TRACED_LOAD) {
-            printf("Tick %u PID %" PRId32 " %s CPU %g\n", unsigned{g_table.tick}, known->pid,
-                   known->name, static_cast<double>(known->load));
+            trace_load(*known);
         }
         known->tick = g_table.tick;
         known->user_time = entry->user_time;

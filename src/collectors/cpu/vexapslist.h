@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/unique_handle.h"
 #include "collectors/cpu/network_stats.h"
-#include "framework/unique_handle.h"
 
 // Cpuset classes of a process.
 enum cpuset_class : uint8_t {

@@ -9,16 +9,21 @@
 
 #include <algorithm>
 
+#include "base/unique_handle.h"
+#include "collectors/diag/diag_campaign.h"
 #include "collectors/diag/diag_notify.h"
+#include "framework/campaign_config.h"
 #include "framework/clock.h"
 #include "framework/sync.h"
-#include "framework/unique_handle.h"
 #include "framework/wait.h"
 #include "platform/log.h"
 
 namespace {
 
 constexpr unsigned BUFFERS = 2;
+
+// How often the owner's consent is looked for while a full buffer is held for want of it.
+constexpr int64_t CONSENT_LOOK_MS = 1000;
 
 struct log_buffer {
     bool empty = true;  // the producer may fill it
@@ -80,24 +85,35 @@ bool next_is_full(int* filled_fd) {
     return g_pair.buffers[g_pair.read_index].full;
 }
 
-// Returns 1 when the consumer's buffer is full, 0 when it is not and the time has come or the row
-// has to stop, or a negative errno, logged.
-int wait_until_full(int64_t deadline_ms, const stop_flag& stop) {
+// What the next wait ends with at the latest.
+int64_t next_look(bool is_held, int64_t deadline_ms) {
+    if (!is_held) return deadline_ms;
+    return std::min(deadline_ms, static_cast<int64_t>(vexastats_real_time_ms()) + CONSENT_LOOK_MS);
+}
+
+// Returns 1 when the consumer's buffer is full and may be written, 0 when it is or may not and the
+// time has come or the row has to stop, or a negative errno, logged.
+int wait_until_full(int64_t deadline_ms, const collector_info& row) {
+    const stop_flag& stop = row.stop;
     pollfd fds[2] = {{.fd = -1, .events = POLLIN, .revents = 0},
                      {.fd = diag_notify_fd(), .events = POLLIN, .revents = 0}};
-    while (!next_is_full(&fds[0].fd)) {
-        if (is_over(deadline_ms, stop)) return 0;
-        const int ready = vexastats_poll_until(fds, 2, deadline_ms, stop);
-        if (ready == 0 || ready == -EINTR) return 0;
-        if (ready < 0) {
+    // The end is looked for before the buffer: what is full by then is still written.
+    for (bool ended = false;;) {
+        ended = ended || is_over(deadline_ms, stop);
+        const bool is_full = next_is_full(&fds[0].fd);
+        if (is_full && campaign_has_consent(row)) return 1;
+        if (ended) return 0;
+        const int ready = vexastats_poll_until(fds, 2, next_look(is_full, deadline_ms), stop);
+        ended = ready == -EINTR || (ready == 0 && !is_full);
+        if (ready < 0 && !ended) {
             ALOGE("%s: failed to wait. err:%d\n", "process_incoming_pkt", -ready);
             return ready;
         }
+        if (ready <= 0) continue;
         if (fds[1].revents) diag_notify_log();
         eventfd_t ignored = 0;
         if (fds[0].revents) (void)eventfd_read(fds[0].fd, &ignored);
     }
-    return 1;
 }
 
 // Only the consumer changes a full buffer, so its bytes can be read without the lock.
@@ -116,7 +132,7 @@ void give_back() {
     g_pair.read_index ^= 1;
 }
 
-// Returns 0 or -EINVAL, logged.
+// A buffer that could not be written for want of consent stays full. Returns 0 or -EINVAL, logged.
 int write_full_buffer(diag_record* record) {
     const log_buffer buffer = full_buffer();
     int result = 0;
@@ -129,6 +145,10 @@ int write_full_buffer(diag_record* record) {
     const size_t written = vexastats_write_file(&req);
     if (written < buffer.count) {
         ALOGE("%s: failed to write file. cnt:%zu\n", "process_incoming_pkt", written);
+        // The dropbox may have gone in this very moment, and a full record with nowhere to go to.
+        if (!campaign_has_consent(*record->row)) {
+            return diag_campaign_resume_record(record->row, &record->handle) ? 0 : -EINVAL;
+        }
         result = -EINVAL;
     }
     give_back();
@@ -190,7 +210,7 @@ int process_incoming_pkt(diag_record* record, uint64_t seconds) {
     const int64_t deadline_ms = deadline_after_s(seconds);
     // A producer that has always filled the next buffer by now must not keep this going for ever.
     for (unsigned late_buffers = 0; late_buffers < BUFFERS;) {
-        const int full = wait_until_full(deadline_ms, stop);
+        const int full = wait_until_full(deadline_ms, *record->row);
         if (full <= 0) return full < 0 ? -EINVAL : 0;
         if (is_over(deadline_ms, stop)) ++late_buffers;
         if (write_full_buffer(record) != 0) return -EINVAL;

@@ -35,12 +35,20 @@ int diag_cfg_update_handler(collector_info* row) {
     return campaign_write_config(*row, KIND, g_diag_campaign);
 }
 
-bool diag_campaign_begin(collector_info* row) {
-    return campaign_begin(row, KIND, &g_diag_campaign);
+void diag_campaign_run(collector_info* row, void (*run_cycle)(void* owner), void* owner) {
+    campaign_run(row, KIND, &g_diag_campaign, run_cycle, owner);
 }
 
 bool diag_campaign_open_record(collector_info* row, record_handle* handle) {
     return campaign_open_record(row, KIND, handle);
+}
+
+bool diag_campaign_resume_record(collector_info* row, record_handle* handle) {
+    return campaign_resume_record(row, KIND, handle);
+}
+
+void diag_campaign_discard_record(collector_info* row, record_handle* handle) {
+    campaign_discard_record(row, KIND, handle);
 }
 
 void diag_campaign_end() {
@@ -49,8 +57,4 @@ void diag_campaign_end() {
 
 int diag_monitor_get_campaign_config(collector_info* row) {
     return campaign_wait_active(row, KIND, &g_diag_campaign);
-}
-
-void diag_collect_wait_for_config_update(collector_info* row) {
-    campaign_wait_update(row, KIND, g_diag_campaign);
 }

@@ -8,9 +8,11 @@
 // The campaign that runs, or none. Its masks are the log codes that the modem is asked for.
 extern timed_campaign g_diag_campaign;
 
-// As campaign_begin and campaign_open_record.
-bool diag_campaign_begin(collector_info* row);
+// As campaign_run, campaign_open_record, campaign_resume_record and campaign_discard_record.
+void diag_campaign_run(collector_info* row, void (*run_cycle)(void* owner), void* owner);
 bool diag_campaign_open_record(collector_info* row, record_handle* handle);
+bool diag_campaign_resume_record(collector_info* row, record_handle* handle);
+void diag_campaign_discard_record(collector_info* row, record_handle* handle);
 
 // Ends the campaign in memory. The local file still names it, so the next load brings its number
 // back, with a stop time that has passed.
@@ -20,7 +22,3 @@ void diag_campaign_end();
 // configuration updates in between. Returns 0, the loader's error, or -EINTR once the row's `stop`
 // is raised.
 int diag_monitor_get_campaign_config(collector_info* row);
-
-// Waits for the downloaded configuration file to come or change since it was last loaded, until the
-// row's `stop` is raised or a failure, which is logged.
-void diag_collect_wait_for_config_update(collector_info* row);

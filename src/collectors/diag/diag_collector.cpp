@@ -10,6 +10,7 @@
 #include "collectors/diag/diag_campaign.h"
 #include "collectors/diag/diag_notify.h"
 #include "collectors/diag/diag_session.h"
+#include "framework/campaign_config.h"
 #include "platform/log.h"
 
 namespace {
@@ -28,8 +29,12 @@ unsigned long now_s() {
     return static_cast<unsigned long>(campaign_now_s());
 }
 
-// Hands the record over, also an empty one: deliberate.
+// Hands the record over, also an empty one: deliberate. Without the owner's consent it is deleted.
 void finish_record(diag_collector* c) {
+    if (!campaign_has_consent(*c->row)) {
+        diag_campaign_discard_record(c->row, &c->record.handle);
+        return;
+    }
     if (!c->record.handle.file) return;
     write_req req{.row = c->row, .handle = &c->record.handle, .flags = WRITE_DROP};
     (void)vexastats_write_file(&req);
@@ -63,14 +68,16 @@ void run_campaign(diag_collector* c) {
 }
 
 // One cycle, from the wait for a campaign to the hand-over of its record.
-void run_cycle(diag_collector* c) {
+void run_cycle(void* owner) {
+    auto* c = static_cast<diag_collector*>(owner);
     c->record.row = c->row;
     if (diag_campaign_open_record(c->row, &c->record.handle)) {
         const int result = diag_monitor_get_campaign_config(c->row);
         // Stopped before there was a campaign: there is nothing to hand over.
         if (result == -EINTR) return;
-        diag_notify_log();  // what came while nobody listened
-        if (result == 0 && diag_monitor_diag_init() == 0) run_campaign(c);
+        // Notifications that came while nobody listened are logged by the campaign's first wait:
+        // only then the library, which is asked about each, is up.
+        if (result == 0 && diag_monitor_diag_init(c->row) == 0) run_campaign(c);
         finish_record(c);
     }
     diag_monitor_diag_deinit();
@@ -82,14 +89,7 @@ int diag_monitor(collector_info* row) {
     g_row = row;
     diag_collector collector{.row = row};
     diag_notify_install();
-    if (diag_campaign_begin(row)) {
-        run_cycle(&collector);
-        while (!collector.stopped()) {
-            diag_collect_wait_for_config_update(row);
-            if (!collector.stopped()) run_cycle(&collector);
-        }
-    }
-    stop_flag_raise(&row->stop);
+    diag_campaign_run(row, run_cycle, &collector);
     vexastats_record_close(&collector.record.handle);
     ALOGI("DIAG monitor exit\n");
     return 0;

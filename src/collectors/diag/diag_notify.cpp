@@ -14,6 +14,9 @@
 
 namespace {
 
+// Between two looks of the collector at its buffers, its time and its stop.
+constexpr unsigned NOTIFICATIONS_A_LOOK = 16;
+
 struct notification {
     int32_t signo = 0;
     int32_t has_info = 0;
@@ -127,8 +130,9 @@ int diag_notify_fd() {
 }
 
 void diag_notify_log() {
-    notification what;
-    while (read(g_read_fd, &what, sizeof what) == static_cast<ssize_t>(sizeof what)) {
+    for (unsigned i = 0; i < NOTIFICATIONS_A_LOOK; ++i) {
+        notification what;
+        if (read(g_read_fd, &what, sizeof what) != static_cast<ssize_t>(sizeof what)) return;
         log_notification(what);
     }
 }

@@ -23,6 +23,7 @@ int64_t diag_last_signal();
 // A descriptor that is readable while there are notifications to log; -1: none can come.
 int diag_notify_fd();
 
-// Logs the notifications that came, each with what the library says of DCI support. Thread: the
-// row's.
+// Logs notifications that came, each with what the library says of DCI support, which therefore is
+// up. A few of them, so that a flood holds up nobody: the descriptor stays readable while there are
+// more. Thread: the row's.
 void diag_notify_log();

@@ -12,6 +12,7 @@
 #include "collectors/diag/diag_buffers.h"
 #include "collectors/diag/diag_campaign.h"
 #include "collectors/diag/diag_notify.h"
+#include "framework/campaign_config.h"
 #include "platform/diag.h"
 #include "platform/log.h"
 
@@ -28,6 +29,7 @@ struct diag_session {
 constinit diag_session g_session;
 
 std::atomic<uint32_t> g_packet_count{0};  // since the process began
+std::atomic<const collector_info*> g_row{nullptr};
 
 struct log_codes {
     std::unique_ptr<uint16_t[]> codes{};
@@ -105,7 +107,8 @@ void release_client() {
 
 }  // namespace
 
-int diag_monitor_diag_init() {
+int diag_monitor_diag_init(const collector_info* row) {
+    g_row = row;
     log_codes codes;
     if (!campaign_codes(&codes)) return -1;
     g_session.client_id = NO_CLIENT;
@@ -132,5 +135,6 @@ void process_dci_log_stream(unsigned char* data, int length) {
         ALOGI(" Received %d Logs.Last Sig 0x%x\n", static_cast<int>(count),
               static_cast<unsigned>(diag_last_signal()));
     }
-    diag_dci_copy_to_buffer(DIAG_TYPE_LOG, data, length);
+    const collector_info* row = g_row;
+    if (row && campaign_is_opted_in(*row)) diag_dci_copy_to_buffer(DIAG_TYPE_LOG, data, length);
 }

@@ -29,7 +29,7 @@ struct gpu_collector : sampling_collector {
 };
 
 bool start(gpu_collector* c) {
-    if (!sampling_start(c) || !sampling_open_notifier(c)) return false;
+    if (!sampling_start(c, &c->stats.storage) || !sampling_open_notifier(c)) return false;
     sampling_apply_kernel_support(c);
     return true;
 }
@@ -50,7 +50,7 @@ void remove_watch(gpu_collector* c) {
 
 void run_sampling_loop(gpu_collector* c) {
     const int result = poll_gpu_stats(&c->stats, c->row, &c->record);
-    sampling_count_result(c, result, c->stats.storage_failed);
+    sampling_count_result(c, result, &c->stats.storage);
 }
 
 void sample_on_changes(gpu_collector* c, const watch_buffer& events) {
@@ -86,11 +86,8 @@ bool wait_and_sample(gpu_collector* c) {
 }
 
 bool run_pass(gpu_collector* c) {
-    // A hand-over that failed has taken the record; that is no fault of the sources.
-    if (!c->record.file && !sampling_open_record(c)) {
-        sampling_pause(*c);
-        return sampling_end_pass(c);
-    }
+    // A failure to store is no fault of the sources.
+    if (!sampling_has_record(c, &c->stats.storage)) return sampling_end_pass(c);
     if (c->row->notify) return wait_and_sample(c);
     run_sampling_loop(c);
     return sampling_end_pass(c);

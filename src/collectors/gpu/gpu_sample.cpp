@@ -30,9 +30,8 @@ bool parse_gpu_list(const char* line, uint64_t gpu_level::*field, gpu_level* lev
     const char* at = line;
     for (size_t i = 0; i < count; ++i) {
         at = skip_blanks(at);
-        char* end = nullptr;
-        levels[i].*field = strtoull(at, &end, 0);
-        if (end == at) return false;
+        if (!*at) return false;
+        levels[i].*field = strtoull(at, nullptr, 0);
         at = skip_word(at);
     }
     return true;

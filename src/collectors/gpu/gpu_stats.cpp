@@ -84,8 +84,8 @@ int read_charge_counter(gpu_sample* sample) {
 }  // namespace
 
 int prepare_gpu_stats(gpu_stats* stats, collector_info* row, record_handle* record) {
-    stats->storage_failed = !record->file;
-    if (stats->storage_failed) return -EINVAL;
+    stats->storage.failed = !record->file;
+    if (stats->storage.failed) return -EINVAL;
 
     gpu_sample sample;
     if (read_level_count(&sample.level_count) != 0) return -EINVAL;
@@ -106,14 +106,15 @@ int prepare_gpu_stats(gpu_stats* stats, collector_info* row, record_handle* reco
     if (result == 0) result = read_charge_counter(&sample);
     if (result != 0) return result;
     gpu_sample_put(stats->bytes.data(), sample);
-    return sampling_write(row, record, stats->bytes, "prepare_gpu_stats", &stats->storage_failed);
+    return sampling_write(row, record, stats->bytes, "prepare_gpu_stats", &stats->storage);
 }
 
 int poll_gpu_stats(gpu_stats* stats, collector_info* row, record_handle* record) {
     stats->low_load_count = 0;
-    stats->storage_failed = false;
+    stats->storage.failed = false;
     for (;;) {
         if (!row->enabled || !vexastats_sleep_ms(row->interval, row->stop)) return 0;
+        if (!row->enabled) return 0;  // consent can go in the minute that a sleep may take
         const int result = prepare_gpu_stats(stats, row, record);
         if (result != 0) {
             ALOGE("failed to prepare gpu stats. err:%d\n", result);

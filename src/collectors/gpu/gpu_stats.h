@@ -16,8 +16,8 @@ inline constexpr char GPU_BUSY_FILE[] = "/sys/class/kgsl/kgsl-3d0/gpu_busy_perce
 // What the collector keeps from one sample to the next.
 struct gpu_stats {
     timezone_memory timezone{};
-    int low_load_count = 0;       // samples in a row with the GPU at or below the threshold
-    bool storage_failed = false;  // there was no record for the last sample, or it did not take it
+    int low_load_count = 0;  // samples in a row with the GPU at or below the threshold
+    sampling_storage storage{};
 
     // Work space, used again for every sample.
     grow_array<gpu_level> levels{};

@@ -5,13 +5,13 @@
 #include <errno.h>
 #include <sys/stat.h>
 
+#include "base/unique_handle.h"
 #include "collectors/mccbandlist/mccbandlist_dload.h"
 #include "collectors/mccbandlist/mccbandlist_update.h"
 #include "framework/clock.h"
 #include "framework/debug_build.h"
 #include "framework/files.h"
 #include "framework/optout.h"
-#include "framework/unique_handle.h"
 #include "framework/wait.h"
 #include "framework/watch.h"
 #include "platform/log.h"
@@ -29,7 +29,7 @@ constexpr uint64_t TEST_INTERVAL_MS = 300000;
 constexpr uint32_t FILE_CAME = IN_CLOSE_WRITE | IN_CLOSE_NOWRITE | IN_MOVED_TO;
 constexpr uint32_t DIR_LOST = WATCH_DIR_GONE | IN_IGNORED | IN_Q_OVERFLOW;
 
-enum class attempt { GOES_ON, ENDED, FAILED };
+enum class attempt { GOES_ON, WATCH_LOST, ENDED, FAILED };
 
 struct mccbandlist_updater {
     collector_info* row = nullptr;
@@ -85,41 +85,46 @@ bool is_of_interest(const inotify_event& event) {
     return (event.mask & DIR_LOST) || !(event.mask & IN_ISDIR);
 }
 
+// The watch of an attempt, made afresh only when it or its directory is lost.
+bool begin_watch(const mccbandlist_updater& u, unique_fd* notifier) {
+    notifier->reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!*notifier) {
+        ALOGE("failed inotify_init. err:%d", errno);
+        return false;
+    }
+    if (inotify_add_watch(notifier->get(), u.row->down_dir, IN_ALL_EVENTS | IN_ONLYDIR) < 0) {
+        ALOGE("%s: inotify_add_watch failed. err:%d", MONITOR, errno);
+        return false;
+    }
+    watch_ancestors(notifier->get(), u.row->down_dir);
+    return true;
+}
+
 // Walks a batch of events. Returns whether the pass is over with them: there was one of interest.
 bool walk_events(mccbandlist_updater* u, const watch_buffer& events, attempt* state) {
     bool over = false;
     watch_for_each(events, [&](const inotify_event& event) {
-        if (!is_of_interest(event) || *state != attempt::GOES_ON) return;
+        if (!is_of_interest(event) || *state == attempt::ENDED) return;
         over = true;
         u->last_mask = event.mask;
         ALOGI("%s: event.mask 0x%X ", MONITOR, event.mask);
         if (event.mask & FILE_CAME) {
             *state = look(u);
-        } else {
-            ALOGI("%s: event.mask 0x%X continue.", MONITOR, event.mask);
+            return;
         }
+        if (event.mask & DIR_LOST) *state = attempt::WATCH_LOST;
+        ALOGI("%s: event.mask 0x%X continue.", MONITOR, event.mask);
     });
     return over;
 }
 
-// One pass: a fresh watch, a look at what came before it stood, and the first batch of events.
-attempt run_pass(mccbandlist_updater* u) {
-    ALOGI("%s: wait for new mccbandlist and check if disabled.", MONITOR);
-    const unique_fd notifier(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (!notifier) {
-        ALOGE("failed inotify_init. err:%d", errno);
-        return attempt::FAILED;
-    }
-    if (inotify_add_watch(notifier.get(), u->row->down_dir, IN_ALL_EVENTS | IN_ONLYDIR) < 0) {
-        ALOGE("%s: inotify_add_watch failed. err:%d", MONITOR, errno);
-        return attempt::FAILED;
-    }
-    watch_ancestors(notifier.get(), u->row->down_dir);
-    attempt state = look(u);
-    bool over = false;
-    while (state == attempt::GOES_ON && !over) {
+// One pass: batches of events up to the first with one of interest. A file that was made but is not
+// closed yet is not looked at: the report of success may come before the list does.
+attempt run_pass(mccbandlist_updater* u, int notifier) {
+    attempt state = attempt::GOES_ON;
+    for (bool over = false; !over;) {
         watch_buffer events;
-        if (!watch_read(notifier.get(), &events, u->stop())) {
+        if (!watch_read(notifier, &events, u->stop())) {
             ALOGE("%s: failed to read event. err:%d", MONITOR, errno);
             return attempt::FAILED;
         }
@@ -130,8 +135,14 @@ attempt run_pass(mccbandlist_updater* u) {
 
 // Runs passes until the attempt is done. Returns whether there is another turn.
 bool wait_for_list(mccbandlist_updater* u) {
-    for (;;) {
-        const attempt state = run_pass(u);
+    unique_fd notifier;
+    for (attempt state = attempt::WATCH_LOST;;) {
+        ALOGI("%s: wait for new mccbandlist and check if disabled.", MONITOR);
+        if (state == attempt::WATCH_LOST) {
+            if (!begin_watch(*u, &notifier)) return false;
+            state = look(u);  // what came before the watch stood made no event
+        }
+        if (state == attempt::GOES_ON) state = run_pass(u, notifier.get());
         if (state == attempt::FAILED || u->is_stopped()) return false;
         if (!vexastats_is_dl_enabled(u->row)) {
             ALOGI("%s: dropbox not exist, so exit. %X ", MONITOR, u->last_mask);

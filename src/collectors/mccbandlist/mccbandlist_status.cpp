@@ -5,10 +5,11 @@
 #include <errno.h>
 #include <stdio.h>
 
+#include "base/open_file.h"
+#include "base/unique_handle.h"
 #include "framework/config_line.h"
 #include "framework/files.h"
 #include "framework/text_cursor.h"
-#include "framework/unique_handle.h"
 #include "platform/log.h"
 
 namespace {
@@ -27,7 +28,7 @@ bool mccbandlist_parse_status(std::string_view line, mccbandlist_status* status)
 int mccbandlist_get_status(mccbandlist_status* status) {
     if (status->unsaved) return 0;
     *status = {};
-    const unique_file stream(fopen(STATUS_FILE, "re"));
+    const unique_file stream = fopen_regular(STATUS_FILE, SMALL_FILE_MAX);
     if (!stream) {
         ALOGI("no info file");
         return -EINVAL;

@@ -11,10 +11,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/unique_handle.h"
 #include "framework/clock.h"
-#include "framework/kbr_call.h"
+#include "framework/modem_client.h"
 #include "framework/sync.h"
-#include "framework/unique_handle.h"
 #include "framework/wait.h"
 #include "platform/log.h"
 
@@ -53,7 +53,6 @@ struct pdc_operation {
 struct pdc_client {
     vexa_mutex mutex{};
     const kbr_service_object* service GUARDED_BY(mutex) = nullptr;
-    kbr_client* handle GUARDED_BY(mutex) = nullptr;
     uint32_t last_token GUARDED_BY(mutex) = 0;  // never reset
     pdc_operation load GUARDED_BY(mutex){};
     pdc_operation info GUARDED_BY(mutex){};
@@ -63,6 +62,7 @@ struct pdc_client {
 };
 
 pdc_client the_client;
+constinit modem_client the_link;
 
 // ---- Calls
 
@@ -130,19 +130,8 @@ int wait_error(int ready) {
 
 template <class Request>
 int send(uint16_t msg_id, const Request& request, pdc_response* response, const stop_flag& stop) {
-    kbr_client* handle = nullptr;
-    {
-        const vexa_lock held(the_client.mutex);
-        handle = the_client.handle;
-    }
-    if (!handle) return KBR_ERR_GONE;
-    const int result = vexastats_kbr_call(&handle, msg_id, &request, sizeof request, response,
-                                          sizeof *response, REQUEST_TIMEOUT_MS, stop);
-    if (!handle) {
-        const vexa_lock held(the_client.mutex);
-        the_client.handle = nullptr;
-    }
-    return result;
+    return modem_client_send(&the_link, msg_id, &request, sizeof request, response,
+                             sizeof *response, REQUEST_TIMEOUT_MS, stop);
 }
 
 // A response is there only when the transport says so.
@@ -160,9 +149,12 @@ void set_done(pdc_operation* operation, int32_t result) {
     operation->done = true;
 }
 
-// One that no call in progress has asked for, late or unasked, is nobody's.
-bool is_expected(const pdc_operation& operation, uint32_t token) {
-    return operation.busy && !operation.done && operation.token == token;
+// One that no call in progress has asked for, late or unasked, is nobody's. One that says nothing
+// of its call, or that nobody can read, is that of the call in progress.
+template <class Indication>
+bool is_expected(const pdc_operation& operation, const Indication* indication) {
+    if (!operation.busy || operation.done) return false;
+    return !indication || !indication->token_valid || indication->token == operation.token;
 }
 
 int32_t load_result(const pdc_load_config_indication& indication) {
@@ -249,7 +241,6 @@ void dispatch(uint32_t msg_id, const void* indication) {
 bool begin_session(const kbr_service_object* service) {
     const vexa_lock held(the_client.mutex);
     the_client.service = service;
-    the_client.handle = nullptr;
     the_client.remaining_size = 0;
     the_client.received_size = 0;
     the_client.unasked = {};
@@ -281,13 +272,10 @@ int pdc_kbr_init(const stop_flag& stop) {
         pdc_get_service_object_internal_v01(IDL_MAJOR, IDL_MINOR, LIBRARY_VERSION);
     if (!begin_session(service) || !is_idl_supported(service, __func__)) return -1;
     for (int i = 0; i < CONNECT_ATTEMPTS && !stop_flag_is_raised(stop); ++i) {
-        kbr_client* handle = nullptr;
-        const int error = kbr_client_init_instance(service, KBR_ANY_INSTANCE, kbr_pdc_unsol_ind_cb,
-                                                   nullptr, CONNECT_TIMEOUT_S, &handle);
+        const int error =
+            modem_client_connect(&the_link, service, kbr_pdc_unsol_ind_cb, CONNECT_TIMEOUT_S, stop);
         if (error == KBR_OK) {
             ALOGI("kbr_client_init succeeds for PDC");
-            const vexa_lock held(the_client.mutex);
-            the_client.handle = handle;
             return 0;
         }
         ALOGE("kbr_client_init returned failure (%d) for PDC, retry times %d", error, i);
@@ -297,15 +285,9 @@ int pdc_kbr_init(const stop_flag& stop) {
 }
 
 void pdc_kbr_clean() {
-    kbr_client* handle = nullptr;
-    {
-        const vexa_lock held(the_client.mutex);
-        handle = std::exchange(the_client.handle, nullptr);
-    }
-    if (!handle) return;
+    if (!modem_client_is_connected(&the_link)) return;
     ALOGI("Release client connection to PDC");
-    // With no lock held: the callback of an indication under way takes it.
-    (void)kbr_client_release(handle);
+    modem_client_release(&the_link);
 }
 
 int pdc_get_config_info(const pdc_config_id& id, pdc_config_info* info, uint32_t config_type,
@@ -315,7 +297,7 @@ int pdc_get_config_info(const pdc_config_id& id, pdc_config_info* info, uint32_t
     if (id.len > PDC_ID_MAX) return PDC_INVALID_ID;
 
     const pdc_get_config_info_request request{
-        .token = call.token(), .config_type = config_type, .id = id};
+        .token_valid = 1, .token = call.token(), .config_type = config_type, .id = id};
     pdc_response response;
     const int sent = send(PDC_GET_CONFIG_INFO, request, &response, stop);
     if (!is_info_request_accepted(sent, response)) {
@@ -346,7 +328,8 @@ int pdc_load_config_segment(const uint8_t* frame, size_t frame_len, size_t total
     if (id.len > PDC_ID_MAX) return PDC_INVALID_ID;
     if (frame_len > PDC_FRAME_MAX) return PDC_FAILED;
 
-    pdc_load_config_request request{.token = call.token(),
+    pdc_load_config_request request{.token_valid = 1,
+                                    .token = call.token(),
                                     .config_type = config_type,
                                     .id = id,
                                     .total_size = static_cast<uint32_t>(total_size),
@@ -422,11 +405,13 @@ void kbr_pdc_unsol_ind_cb(kbr_client* client, uint32_t msg_id, void* buf, uint32
     const unique_malloc<void> payload(calloc(1, size));
     if (!payload) {
         ALOGE("failed to allocate memory for payload");
+        dispatch(msg_id, nullptr);
         return;
     }
     if (kbr_client_message_decode(client, KBR_INDICATION, msg_id, buf, len, payload.get(), size) !=
         KBR_OK) {
         ALOGE("failed to decode kbr message, msg_id: 0x%02x", msg_id);
+        dispatch(msg_id, nullptr);  // whoever waits for it waits no longer
         return;
     }
     dispatch(msg_id, payload.get());
@@ -437,13 +422,13 @@ void kbr_pdc_get_config_info_ind_hdlr(const pdc_get_config_info_indication* indi
     pdc_operation& info = the_client.info;
     if (!indication) {
         ALOGE("NULL pointer for ind_data_ptr");
-        if (is_expected(info, info.token)) set_done(&info, PDC_FAILED);
+        if (is_expected(info, indication)) set_done(&info, PDC_FAILED);
         return;
     }
     const uint32_t len = std::min<uint32_t>(indication->config_header_len, PDC_CONFIG_HEADER_MAX);
     ALOGI("%s: config_header_valid [%d]", __func__, indication->config_header_valid);
     ALOGI("%s: config_header_len [%d]", __func__, static_cast<int>(len));
-    if (!is_expected(info, indication->token)) return;
+    if (!is_expected(info, indication)) return;
     if (indication->config_header_valid && info.record) {
         *info.record = {.header_valid = 1, .header_len = len};
         memcpy(info.record->header, indication->config_header, len);
@@ -461,7 +446,7 @@ void kbr_pdc_load_config_ind_hdlr(const pdc_load_config_indication* indication) 
     }
     const vexa_lock held(the_client.mutex);
     pdc_operation& load = the_client.load;
-    if (!is_expected(load, indication ? indication->token : load.token)) return;
+    if (!is_expected(load, indication)) return;
     if (result == PDC_OK && indication->remaining_size_valid)
         the_client.remaining_size = indication->remaining_size;
     if (result == PDC_OK && indication->received_size_valid)

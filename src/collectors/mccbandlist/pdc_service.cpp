@@ -1,6 +1,6 @@
 #include "collectors/mccbandlist/pdc_service.h"
 
-#include "framework/kbr_call.h"
+#include "framework/modem_client.h"
 
 namespace {
 
@@ -26,13 +26,13 @@ using list_ind = pdc_list_configs_indication;
 using selected_ind = pdc_selected_config_indication;
 
 constexpr kbr_field GET_CONFIG_INFO[] = {
-    kbr_scalar(0x01, VALUE(get_info, token)),
+    kbr_scalar(0x01, VALUE(get_info, token), FLAG(get_info, token)),
     kbr_scalar(0x02, VALUE(get_info, config_type)),
     kbr_bytes(0x03, ID(get_info, id)),
 };
 
 constexpr kbr_field LOAD_CONFIG[] = {
-    kbr_scalar(0x01, VALUE(load, token)),
+    kbr_scalar(0x01, VALUE(load, token), FLAG(load, token)),
     kbr_scalar(0x02, VALUE(load, config_type)),
     kbr_bytes(0x03, ID(load, id)),
     kbr_scalar(0x04, VALUE(load, total_size)),
@@ -44,13 +44,13 @@ constexpr kbr_field RESPONSE[] = {
 };
 
 constexpr kbr_field CONFIG_INFO_IND[] = {
-    kbr_scalar(0x01, VALUE(info_ind, token)),
+    kbr_scalar(0x01, VALUE(info_ind, token), FLAG(info_ind, token)),
     kbr_bytes(0x10, offsetof(info_ind, config_header_len), sizeof(info_ind::config_header),
               FLAG(info_ind, config_header)),
 };
 
 constexpr kbr_field LOAD_CONFIG_IND[] = {
-    kbr_scalar(0x01, VALUE(load_ind, token)),
+    kbr_scalar(0x01, VALUE(load_ind, token), FLAG(load_ind, token)),
     kbr_scalar(0x10, VALUE(load_ind, error), FLAG(load_ind, error)),
     kbr_scalar(0x11, VALUE(load_ind, received_size), FLAG(load_ind, received_size)),
     kbr_scalar(0x12, VALUE(load_ind, remaining_size), FLAG(load_ind, remaining_size)),
@@ -111,5 +111,5 @@ constexpr kbr_service_object SERVICE = {
 
 const kbr_service_object* pdc_get_service_object_internal_v01(uint32_t major, uint32_t minor,
                                                               uint32_t library) {
-    return vexastats_kbr_service(SERVICE, major, minor, library);
+    return modem_client_service(SERVICE, major, minor, library);
 }

@@ -46,14 +46,17 @@ struct pdc_response {
     uint32_t error = 0;   // pdc_error
 };
 
-// `token` comes back in the indication, so that a late one is not taken for the next call's.
+// `token` comes back in the indication, so that a late one is not taken for the next call's. It is
+// this daemon's own idea: a modem that does not know it leaves it out.
 struct pdc_get_config_info_request {
+    uint8_t token_valid = 0;
     uint32_t token = 0;
     uint32_t config_type = 0;
     pdc_config_id id{};
 };
 
 struct pdc_load_config_request {
+    uint8_t token_valid = 0;
     uint32_t token = 0;
     uint32_t config_type = 0;
     pdc_config_id id{};
@@ -63,6 +66,7 @@ struct pdc_load_config_request {
 };
 
 struct pdc_get_config_info_indication {
+    uint8_t token_valid = 0;
     uint32_t token = 0;
     uint8_t config_header_valid = 0;
     uint32_t config_header_len = 0;
@@ -70,6 +74,7 @@ struct pdc_get_config_info_indication {
 };
 
 struct pdc_load_config_indication {
+    uint8_t token_valid = 0;
     uint32_t token = 0;
     uint8_t error_valid = 0;
     uint16_t error = 0;  // pdc_error

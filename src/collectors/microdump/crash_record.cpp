@@ -6,6 +6,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "framework/local_time.h"
 #include "platform/clock.h"
 #include "platform/log.h"
 
@@ -23,7 +24,7 @@ void get_crashtime(char (&out)[CRASH_TIME_SIZE]) {
     tm local = {};
     if (platform_clock_gettime(CLOCK_REALTIME, &now) != 0) {
         ALOGE("failed to get time\n");
-    } else if (localtime_r(&now.tv_sec, &local) &&
+    } else if (vexastats_local_time(now.tv_sec, &local) &&
                strftime(out, sizeof out, "%F %T %z", &local) > 0) {
         return;
     } else {

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "base/unique_handle.h"
 #include "collectors/microdump/crash_record.h"
 #include "collectors/microdump/timeout_file.h"
 #include "framework/clock.h"
@@ -16,7 +17,6 @@
 #include "framework/files.h"
 #include "framework/optout.h"
 #include "framework/record.h"
-#include "framework/unique_handle.h"
 #include "framework/wait.h"
 #include "platform/log.h"
 
@@ -60,12 +60,10 @@ struct microdump_collector {
 
 // ---- Start-up
 
-// An old record is resumed: the wait for its upload goes on too.
+// An old record is resumed also at the start: the wait for its upload goes on too.
 bool open_record(microdump_collector* c) {
-    vexastats_record_close(&c->record);
-    record_init_req req{.row = c->row, .dir = RECORD_DIR, .prefix = RECORD_FILE, .resume = 1};
-    c->record.file = vexastats_record_init(&req);
-    return c->record.file != nullptr;
+    const record_init_req req{.row = c->row, .dir = RECORD_DIR, .prefix = RECORD_FILE};
+    return vexastats_record_reopen(req, &c->record);
 }
 
 void load_params(microdump_collector* c) {
@@ -111,10 +109,8 @@ void start_upload_clock(microdump_collector* c) {
 bool start(microdump_collector* c) {
     vexastats_wait_optin(c->row);
     if (!c->row->enabled) return false;
-    if (!open_record(c)) {
-        ALOGE("failed to open record file for microdump collector\n");
-        return false;
-    }
+    // Whatever needs a record that is not there tries again.
+    if (!open_record(c)) ALOGE("failed to open record file for microdump collector\n");
     load_params(c);
     if (!open_device_or_log(c)) return false;
     start_upload_clock(c);
@@ -158,9 +154,8 @@ bool hand_over(microdump_collector* c) {
     // No bytes, no count: it is 0 either way. A record that could not be handed over is still
     // there, and resumed.
     (void)vexastats_write_file(&req);
-    if (open_record(c)) return true;
-    ALOGE("failed to new open record file for microdump collector\n");
-    return false;
+    if (!open_record(c)) ALOGE("failed to new open record file for microdump collector\n");
+    return true;
 }
 
 bool end_upload_wait(microdump_collector* c) {

@@ -6,6 +6,8 @@
 #include <pthread.h>
 #include <sys/stat.h>
 
+#include <atomic>
+
 #include "campaign/campaign_mgr.h"
 #include "campaign/mps_campaign_desc.h"
 #include "collectors/mps/mps_data.h"
@@ -31,18 +33,23 @@ struct mps_collector {
     bool has_service_thread = false;
     bool service_ready = false;
     bool flush_pending = false;  // a stop has flushed the service, its data have not come yet
+    bool collecting = false;
+    bool opted_out = false;    // what the loss of consent calls for has been done
+    bool discarding = false;   // until the next collection: what comes is removed unread
+    bool restart_due = false;  // the loss of consent, and no campaign's stop, ended the collection
     uint32_t fetch_interval_s = FETCH_INTERVAL_MIN_S;
 
     bool stopped() const { return stop_flag_is_raised(row->stop); }
 };
 
+// Consent went, perhaps for less time than the thread was in a call. Lives as long as the process.
+std::atomic<bool> consent_went{false};
+
 // ---- Start
 
 bool open_record(mps_collector* c) {
-    if (!mps_open_record(&c->collection)) {
-        ALOGE("failed to open record file for cpu\n");
-        return false;
-    }
+    // Without one, the next data that is dropped tries again.
+    if (!mps_open_record(&c->collection)) ALOGE("failed to open record file for cpu\n");
     if (!is_dir_exist(STATS_DIR) && mkdir(STATS_DIR, 0700) != 0) {
         ALOGE("failed to create %s. err:%d\n", STATS_DIR, errno);
         return false;
@@ -120,17 +127,27 @@ void note_collection(mps_collector* c, const MpsCampaign& campaign, uint32_t cam
         c->fetch_interval_s = campaign.bsiBufferFetchIntSec;
     }
     start_fetch_timer(*c);
+    c->collecting = true;
+    c->discarding = false;
     c->row->hdr.campaign_id = campaign_id;
     c->collection.start = mps_time_now();
 }
 
 // ---- Events, each cleared by what serves it
 
-void serve_campaign_stop(mps_collector* c) {
-    mps_clear_event(MPS_EVENT_CAMPAIGN_STOP);
-    if (mps_kbr_stop_flush_bsi() == 0) c->flush_pending = true;
+void stop_collection(mps_collector* c) {
+    if (mps_kbr_stop_flush_bsi() == 0) {
+        c->flush_pending = true;
+        c->collecting = false;
+    }
     stop_fetch_timer();
     ALOGI("Stopped BSI");
+}
+
+void serve_campaign_stop(mps_collector* c) {
+    mps_clear_event(MPS_EVENT_CAMPAIGN_STOP);
+    c->restart_due = false;
+    stop_collection(c);
 }
 
 void serve_service_ready(mps_collector* c) {
@@ -142,18 +159,21 @@ void serve_service_ready(mps_collector* c) {
 void serve_send_complete(mps_collector* c) {
     ALOGI("%s: MPS_EVENT_SEND_COMPLETE\n", MAIN);
     mps_clear_event(MPS_EVENT_SEND_COMPLETE);
-    (void)mps_rfs_data_read(&c->collection);
+    if (c->discarding) {
+        mps_rfs_data_discard();
+    } else {
+        (void)mps_rfs_data_read(&c->collection);
+    }
     if (c->stopped()) return;
     (void)mps_kbr_send_lll_stop_req();
     if (c->flush_pending) c->row->hdr.campaign_id = 0;  // the campaign is over
     c->flush_pending = false;
 }
 
-void serve_campaign_start(mps_collector* c) {
-    if (!c->service_ready || c->flush_pending) return;  // in a later pass
+void begin_campaign(mps_collector* c) {
     MpsCampaign campaign;
     phone_state phone;
-    mps_clear_event(MPS_EVENT_CAMPAIGN_START);
+    c->restart_due = false;
     owned_bytes logic;
     uint32_t campaign_id = 0;
     campaign_mgr_get_campaign(CAMPAIGN_MPS_MODULE, &logic, &campaign_id);
@@ -167,6 +187,12 @@ void serve_campaign_start(mps_collector* c) {
     if (start_collection(*c, logic, phone.default_sub, &campaign)) {
         note_collection(c, campaign, campaign_id);
     }
+}
+
+void serve_campaign_start(mps_collector* c) {
+    if (!c->service_ready || c->flush_pending) return;  // in a later pass
+    mps_clear_event(MPS_EVENT_CAMPAIGN_START);
+    begin_campaign(c);
 }
 
 void serve_buffer_full(mps_collector*) {
@@ -210,28 +236,89 @@ constexpr event_server EVENTS[] = {
     {.event = MPS_EVENT_TIMER, .serve = serve_timer},
 };
 
+// Takes up the collection that the loss of consent ended, unless a campaign's stop is waiting.
+void restart_collection(mps_collector* c) {
+    if (!c->restart_due || !c->service_ready || c->flush_pending) return;
+    if (mps_events() & (MPS_EVENT_CAMPAIGN_STOP | MPS_EVENT_CAMPAIGN_START)) return;
+    begin_campaign(c);
+}
+
 // Serves the events that are there now; what is raised meanwhile comes in the next pass.
 void run_pass(mps_collector* c) {
     const uint32_t events = mps_events();
     ALOGI("Got event %d %d\n", static_cast<int>(events), vexastats_timezone_min());
     for (const event_server& server : EVENTS) {
-        if (c->stopped()) return;  // each may have waited for the modem
+        // Each may have waited for the modem. What is left is served once there is consent.
+        if (c->stopped() || !c->row->enabled) return;
         if (events & server.event) server.serve(c);
     }
+    restart_collection(c);
     ALOGI("%s: Signal Sent while processing %d Events Remaining %d\n", MAIN,
           static_cast<int>(mps_signal_count()), static_cast<int>(events));
     mps_wait_for_signal(c->row->stop);
-    vexastats_wait_optin(c->row);
+}
+
+// ---- Without consent
+
+void lose_consent(mps_collector* c) {
+    c->opted_out = true;
+    c->discarding = true;
+    if (c->collecting) {
+        stop_collection(c);
+        c->restart_due = true;
+    }
+    mps_rfs_data_discard();
+}
+
+void regain_consent(mps_collector* c) {
+    c->opted_out = false;
+    if (c->collecting) stop_collection(c);  // the modem did not answer when it went
+    mps_rfs_data_discard();
+}
+
+// Events that ask for data, and the timers: there is nothing that they could be for.
+void forget_requests(uint32_t events) {
+    constexpr uint32_t REQUESTS = MPS_EVENT_BUFFER_FULL | MPS_EVENT_FETCH_TIMER | MPS_EVENT_TIMER;
+    if (events & MPS_EVENT_TIMER) mps_clear_timer_expired(mps_timers_expired());
+    if (events & REQUESTS) mps_clear_event(events & REQUESTS);
+}
+
+// Serves stops, and removes what still comes of one. What else is raised stays until there is
+// consent. Returns false when the wait for that is to end without it.
+bool wait_opted_out(mps_collector* c) {
+    if (c->row->terminate) return false;
+    const uint32_t events = mps_events();
+    if (events & MPS_EVENT_CAMPAIGN_STOP) serve_campaign_stop(c);
+    if (events & MPS_EVENT_SEND_COMPLETE) {
+        mps_clear_event(MPS_EVENT_SEND_COMPLETE);
+        mps_rfs_data_discard();
+        if (c->flush_pending) c->row->hdr.campaign_id = 0;  // the campaign is over
+        c->flush_pending = false;
+    }
+    forget_requests(events);
+    mps_wait_for_signal(c->row->stop);
+    return true;
+}
+
+// One turn of the thread. Returns false when it has to end.
+bool run_turn(mps_collector* c) {
+    if (consent_went.exchange(false) || (!c->row->enabled && !c->opted_out)) lose_consent(c);
+    if (c->stopped()) return false;
+    if (!c->row->enabled) return wait_opted_out(c);
+    if (c->opted_out) regain_consent(c);
+    run_pass(c);
+    return true;
 }
 
 // ---- End
 
-// The service thread uses the client, and the client's last call may start a timer.
+// The release makes what the service thread may be in fail, and the client's last call may start a
+// timer.
 void end(mps_collector* c) {
     stop_flag_raise(&c->row->stop);
     if (c->has_service_thread) {
-        (void)pthread_join(c->service_thread, nullptr);
         mps_kbr_client_release();
+        (void)pthread_join(c->service_thread, nullptr);
     }
     mps_timers_end();
     vexastats_record_close(&c->collection.record);
@@ -242,8 +329,14 @@ void end(mps_collector* c) {
 int mps_main(collector_info* collector) {
     mps_collector c{.row = collector, .collection = {.row = collector}};
     if (start(&c)) {
-        while (!c.stopped()) run_pass(&c);
+        while (!c.stopped() && run_turn(&c)) {
+        }
     }
     end(&c);
     return 0;
+}
+
+void mps_consent_changed(const collector_info& row) {
+    if (!row.enabled) consent_went = true;
+    mps_signal_collector();
 }

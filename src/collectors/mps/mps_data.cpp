@@ -3,18 +3,23 @@
 #include "collectors/mps/mps_data.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <pb_encode.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
+#include "base/open_file.h"
+#include "base/unique_handle.h"
 #include "collectors/mps/mps_kbr.h"
 #include "framework/clock.h"
 #include "framework/files.h"
 #include "framework/owned_bytes.h"
-#include "framework/unique_handle.h"
 #include "mps_data.pb.h"
 #include "platform/log.h"
 
@@ -23,6 +28,7 @@ namespace {
 constexpr char RECORD_DIR[] = "/data/vendor/vexastats/6";
 constexpr char RECORD_FILE[] = "mpscollectstats.tmp";
 constexpr char DATA_DIR[] = "/mnt/vendor/persist/hlos_rfs/shared/vexa";
+constexpr off_t DATA_FILE_MAX = off_t{16} << 20;  // bytes
 constexpr char DATA_SUFFIX[] = ".bin";
 
 constexpr uint32_t COLLECTING = 2;
@@ -128,24 +134,90 @@ const data_marker* find_marker(const char* name) {
     return nullptr;
 }
 
+config_file_mark* find_mark(mps_file_marks* marks, const config_file_mark& file) {
+    auto* found = std::find(marks->files.begin(), marks->files.end(), file);
+    return file.exists && found != marks->files.end() ? found : nullptr;
+}
+
+void add_mark(mps_file_marks* marks, const config_file_mark& file) {
+    marks->files[marks->next++ % marks->files.size()] = file;
+}
+
+struct data_path {
+    char text[sizeof DATA_DIR + 1 + NAME_MAX];
+    explicit data_path(const char* name) { snprintf(text, sizeof text, "%s/%s", DATA_DIR, name); }
+};
+
+// An entry of the shared directory, which others may write to.
+struct data_entry {
+    int dir_fd = -1;
+    const char* name = nullptr;
+    config_file_mark file{};
+    bool is_plain = false;  // a regular file with one name
+};
+
+data_entry look_at(int dir_fd, const char* name) {
+    data_entry entry{.dir_fd = dir_fd, .name = name};
+    struct stat status = {};
+    if (fstatat(dir_fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return entry;
+    entry.file = config_file_mark_of(status);
+    entry.is_plain = S_ISREG(status.st_mode) && status.st_nlink == 1;
+    return entry;
+}
+
+// Deletes a file that was taken, now or before.
+void delete_file(mps_collection* collection, const data_entry& entry) {
+    config_file_mark* undeleted = find_mark(&collection->undeleted, entry.file);
+    if (unlinkat(entry.dir_fd, entry.name, 0) == 0 || errno == ENOENT) {
+        if (undeleted) *undeleted = {};
+        return;
+    }
+    if (undeleted) return;
+    ALOGE("failed to remove %s. err:%d\n", data_path(entry.name).text, errno);
+    add_mark(&collection->undeleted, entry.file);
+}
+
+// Returns whether the file was taken, be it without success: then it goes.
+bool read_file(mps_collection* collection, const data_entry& entry, const data_marker& marker,
+               const char* caller) {
+    const data_path path(entry.name);
+    const unique_fd fd = open_outsider(DATA_DIR, entry.name, DATA_FILE_MAX);
+    if (!fd && errno == EFBIG) {
+        ALOGE("Failed in reading file %s", path.text);
+        return true;
+    }
+    if (!fd) {
+        ALOGE("Coult not  open the file %s", path.text);
+        if (!entry.is_plain) add_mark(&collection->refused, entry.file);
+        return false;
+    }
+    owned_bytes data;
+    if (vexastats_read_whole(fd.get(), path.text, caller, DATA_FILE_MAX, &data)) {
+        mps_drop_collected_data_to_dropbox(data.bytes.get(), data.length, collection, true,
+                                           marker.kind);
+    }
+    return true;
+}
+
 // Takes one entry of the shared directory.
-void take_file(mps_collection* collection, const char* name, const char* caller) {
+void take_file(mps_collection* collection, int dir_fd, const char* name, const char* caller) {
     const data_marker* marker = find_marker(name);
     if (!marker) {
         ALOGI("Not a recongnizable file %s", name);
         return;
     }
-    char path[sizeof DATA_DIR + 1 + NAME_MAX];
-    snprintf(path, sizeof path, "%s/%s", DATA_DIR, name);
-    ALOGI("%s Opening file %s", caller, path);
-    owned_bytes data;
-    const int result = vexastats_read_file(path, caller, &data);
-    if (result == -ENOENT) return;  // not opened: it stays for the next time
-    if (result == 0) {
-        mps_drop_collected_data_to_dropbox(data.bytes.get(), data.length, collection, true,
-                                           marker->kind);
+    const data_entry entry = look_at(dir_fd, name);
+    if (!entry.is_plain && find_mark(&collection->refused, entry.file)) return;
+    if (find_mark(&collection->undeleted, entry.file)) {
+        delete_file(collection, entry);
+        return;
     }
-    (void)unlink(path);
+    ALOGI("%s Opening file %s", caller, data_path(name).text);
+    if (read_file(collection, entry, *marker, caller)) delete_file(collection, entry);
+}
+
+record_init_req record_of(const mps_collection& collection) {
+    return {.row = collection.row, .dir = RECORD_DIR, .prefix = RECORD_FILE};
 }
 
 }  // namespace
@@ -160,25 +232,40 @@ mps_time_info mps_time_now() {
 
 bool mps_open_record(mps_collection* collection) {
     vexastats_record_close(&collection->record);
-    record_init_req req{.row = collection->row, .dir = RECORD_DIR, .prefix = RECORD_FILE};
+    record_init_req req = record_of(*collection);
     collection->record.file = vexastats_record_init(&req);
     return collection->record.file != nullptr;
 }
 
 int mps_rfs_data_read(mps_collection* collection) {
     ALOGI("In function %s", __func__);
-    const unique_dir dir(opendir(DATA_DIR));
+    const unique_dir dir = open_unlinked_dir(DATA_DIR);
     if (!dir) {
         ALOGE("Error : Failed to open RFS directory - %s\n", strerror(errno));
         return -1;
     }
     ALOGI("%s Directory opened succesfully", __func__);
-    while (!stop_flag_is_raised(collection->row->stop)) {
+    while (!stop_flag_is_raised(collection->row->stop) && collection->row->enabled) {
         const dirent* entry = readdir(dir.get());
         if (!entry) break;
-        take_file(collection, entry->d_name, __func__);
+        take_file(collection, dirfd(dir.get()), entry->d_name, __func__);
     }
     return 0;
+}
+
+void mps_rfs_data_discard() {
+    const unique_dir dir = open_unlinked_dir(DATA_DIR);
+    if (!dir) return;
+    while (const dirent* entry = readdir(dir.get())) {
+        if (!find_marker(entry->d_name)) continue;
+        if (!look_at(dirfd(dir.get()), entry->d_name).is_plain) continue;
+        const data_path path(entry->d_name);
+        if (unlinkat(dirfd(dir.get()), entry->d_name, 0) == 0) {
+            ALOGI("opt-out status, removed %s\n", path.text);
+        } else {
+            ALOGE("failed to remove %s. err:%d\n", path.text, errno);
+        }
+    }
 }
 
 void mps_drop_collected_data_to_dropbox(const uint8_t* data, size_t length,
@@ -204,7 +291,9 @@ void mps_drop_collected_data_to_dropbox(const uint8_t* data, size_t length,
     }
     ALOGI("Encoding passed in  function %s\n", __func__);
     // A hand-over that failed before has taken the stream.
-    if (!collection->record.file) (void)mps_open_record(collection);
+    if (!collection->record.file) {
+        (void)vexastats_record_reopen(record_of(*collection), &collection->record);
+    }
     write_req req{.row = row,
                   .handle = &collection->record,
                   .data = buffer.get(),

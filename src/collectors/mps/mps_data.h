@@ -1,10 +1,12 @@
 // The modem's data files on their way into records: read, encoded, handed over, deleted.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
 #include "framework/collector_info.h"
+#include "framework/config_update.h"
 #include "framework/record.h"
 
 // A moment of a collection. All zero: there was none yet.
@@ -25,11 +27,20 @@ enum mps_data_kind : uint32_t {
     MPS_DATA_LLL = 2,
 };
 
+// Files that stay where they are, each as it was. With more than there is room the oldest is
+// forgotten.
+struct mps_file_marks {
+    std::array<config_file_mark, 32> files{};
+    size_t next = 0;
+};
+
 // The collection whose data are uploaded; its campaign is row->hdr.campaign_id.
 struct mps_collection {
     collector_info* row = nullptr;
     record_handle record{};
     mps_time_info start{};
+    mps_file_marks undeleted{};  // were taken, and are uploaded again only when they change
+    mps_file_marks refused{};    // are none of the modem's, and are said to be there once
 };
 
 // Opens the collector's record file, in place of an open one. What an earlier run left is handed
@@ -37,11 +48,16 @@ struct mps_collection {
 bool mps_open_record(mps_collection* collection);
 
 // Takes every data file of the modem's shared directory: each becomes a record of its own, in the
-// dropbox when this returns, and is deleted, also when it was empty or could not be read or
-// encoded. Only files of other names and files that cannot be opened stay. Ends early when the
-// row's stop is raised. Returns 0, or -1 when the directory cannot be opened; all failures are
-// logged.
+// dropbox when this returns, and is deleted, also when it was empty, could not be read or encoded,
+// or has more than 16 MiB, which is not read. Only files of other names, files that cannot be
+// opened and what is no regular file with one name stay, the last said to be there once; a file
+// that cannot be deleted is taken, and said to be there, once, until it changes. Ends early when
+// the row's stop is raised or its consent goes. Returns 0, or -1 when the directory cannot be
+// opened; all failures are logged.
 int mps_rfs_data_read(mps_collection* collection);
+
+// Removes the files that mps_rfs_data_read would take, unread; each is logged.
+void mps_rfs_data_discard();
 
 // Encodes `length` bytes of data, as a metric with its times and kind or as raw data without, and
 // hands the record over. Needs twice their length in memory meanwhile; data that do not fit into

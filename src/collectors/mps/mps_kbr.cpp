@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "collectors/mps/mps_service.h"
+#include "framework/modem_client.h"
 #include "framework/sync.h"
 #include "mps_events/mps_events.h"
 #include "platform/log.h"
@@ -25,7 +26,7 @@ constexpr size_t PART_NUMBERS = 256;
 
 struct mps_client {
     vexa_mutex mutex{};
-    kbr_client* handle GUARDED_BY(mutex) = nullptr;
+    const stop_flag* stop GUARDED_BY(mutex) = nullptr;  // while it is initialised
     bool initialised GUARDED_BY(mutex) = false;
     bool collection_started GUARDED_BY(mutex) = false;
     bool lll_present GUARDED_BY(mutex) = false;
@@ -37,6 +38,7 @@ struct mps_client {
 };
 
 mps_client the_client;
+constinit modem_client the_link;
 
 bool is_initialised() {
     const vexa_lock held(the_client.mutex);
@@ -48,15 +50,14 @@ bool is_initialised() {
 // A client without a connection is initialised too: no call goes out on it.
 int send_raw(uint16_t msg_id, const void* request, size_t request_len, void* response,
              size_t response_len) {
-    kbr_client* handle = nullptr;
+    const stop_flag* stop = nullptr;
     {
         const vexa_lock held(the_client.mutex);
-        handle = the_client.handle;
+        stop = the_client.stop;
     }
-    if (!handle) return KBR_ERR_GONE;
-    return kbr_client_send_msg_sync(handle, msg_id, request, static_cast<uint32_t>(request_len),
-                                    response, static_cast<uint32_t>(response_len),
-                                    REQUEST_TIMEOUT_MS);
+    if (!stop) return KBR_ERR_GONE;
+    return modem_client_send(&the_link, msg_id, request, request_len, response, response_len,
+                             REQUEST_TIMEOUT_MS, *stop);
 }
 
 // A library may hand a refusal over as a response only.
@@ -224,18 +225,19 @@ void raise_event(uint32_t event) {
 
 }  // namespace
 
-int mps_kbr_init() {
+int mps_kbr_init(const stop_flag& stop) {
     const kbr_service_object* service = vexa_get_service_object_internal_v01(1, 1, 6);
     if (!service) {
         ALOGE("%s: service_obj is NULL\n", __func__);
         return -2;
     }
-    kbr_client* handle = nullptr;
-    const int result = kbr_client_init_instance(service, KBR_ANY_INSTANCE, mps_kbr_ind_cb, nullptr,
-                                                CONNECT_TIMEOUT_S, &handle);
+    const int result =
+        modem_client_connect(&the_link, service, mps_kbr_ind_cb, CONNECT_TIMEOUT_S, stop);
     if (result != 0) ALOGE("%s: failed to init kbr. err:%d", __func__, result);
     const vexa_lock held(the_client.mutex);
-    the_client.handle = result == 0 ? handle : nullptr;
+    // Stopped, it may have been released before it came to be: it must not be there afterwards.
+    if (stop_flag_is_raised(stop)) return KBR_ERR_GONE;
+    the_client.stop = &stop;
     the_client.initialised = true;  // also after a failure: deliberate
     return result;
 }
@@ -373,18 +375,13 @@ uint32_t mps_kbr_get_lll_delayt_timer_secs() {
 }
 
 void mps_kbr_client_release() {
-    kbr_client* handle = nullptr;
     {
         const vexa_lock held(the_client.mutex);
-        if (!the_client.initialised) {
-            ALOGE("VEXA KBR Instance Un-Initialized");
-            return;
-        }
+        if (!the_client.initialised) ALOGE("VEXA KBR Instance Un-Initialized");
         the_client.initialised = false;
-        handle = std::exchange(the_client.handle, nullptr);
+        the_client.stop = nullptr;
     }
-    // With no lock held: the callback of an indication under way takes it.
-    if (handle) (void)kbr_client_release(handle);
+    modem_client_release(&the_link);
 }
 
 void mps_kbr_ind_cb(kbr_client* client, uint32_t msg_id, void* buf, uint32_t len, void*) {

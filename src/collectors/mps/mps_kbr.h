@@ -1,11 +1,12 @@
 // The daemon's client of the modem's performance statistics service. There is one for the process.
 //
 // Three threads meet here: the service thread connects, the collector's thread sends requests and
-// releases, the messaging library's thread brings indications. Requests are sent with no lock held,
-// so the collector releases only after its service thread has been joined.
+// releases, the messaging library's thread brings indications. Requests are sent with no lock held.
+// A stop ends connecting and every request at once; whatever comes after it is refused, so that the
+// client may be released while the service thread still uses it.
 //
-// Results: 0, -1 for a null argument or a client that was never initialised, -EINTR once stopped,
-// or the messaging library's error (platform/kbr.h). Failures are logged.
+// Results: 0, -1 for a null argument or a client that was never initialised, -EINTR between two
+// requests once stopped, or the messaging library's error (platform/kbr.h). Failures are logged.
 #pragma once
 
 #include <cstddef>
@@ -26,8 +27,9 @@ struct mps_service_revision {
     uint32_t minor = 0;
 };
 
-// Connects to the service. Thread: the service thread.
-int mps_kbr_init();
+// Connects to the service. `stop` ends this and every call up to the release, which it outlives.
+// Thread: the service thread.
+int mps_kbr_init(const stop_flag& stop);
 
 // Who gets the events of the service's indications; null: nobody. Any thread.
 void mps_kbr_register_cb(mps_kbr_callback callback);
@@ -35,15 +37,14 @@ void mps_kbr_register_cb(mps_kbr_callback callback);
 // What a successful LLL stop calls; null: nothing. Any thread.
 void mps_kbr_register_ll_delay_timer(mps_ll_delay_start start);
 
-// Asks for the service's revision; a number that the modem leaves out is 0. Thread: any, not during
-// the release.
+// Asks for the service's revision; a number that the modem leaves out is 0. Any thread.
 int mps_kbr_get_service_rev(uint32_t* major, uint32_t* minor);
 
 // What the modem said last; zeros before it did. Any thread.
 mps_service_revision mps_kbr_service_revision();
 
-// Hands a campaign's specs to the modem and starts the collection. `stop` is looked at
-// before each request, for each may take ten seconds. The subscription id is counted from 1; 0:
+// Hands a campaign's specs to the modem and starts the collection. `stop` is looked at before each
+// request. The subscription id is counted from 1; 0:
 // none. Thread: the collector's, as for all that follow.
 int mps_kbr_init_mpss_bsi(const MpsCampaign* record, uint32_t subscription_id,
                           const stop_flag& stop);
@@ -68,8 +69,7 @@ bool mps_kbr_send_lll_stop_req();
 // Any thread.
 uint32_t mps_kbr_get_lll_delayt_timer_secs();
 
-// Disconnects; no indication comes after it. A client that was never initialised is left alone,
-// logged.
+// Disconnects; no indication comes after it. That the client was never initialised is logged.
 void mps_kbr_client_release();
 
 // Handles an indication. Thread: the messaging library's.

@@ -1,6 +1,6 @@
 #include "collectors/mps/mps_service.h"
 
-#include "framework/kbr_call.h"
+#include "framework/modem_client.h"
 
 namespace {
 
@@ -117,5 +117,5 @@ constexpr kbr_service_object SERVICE = {
 
 const kbr_service_object* vexa_get_service_object_internal_v01(uint32_t major, uint32_t minor,
                                                                uint32_t library) {
-    return vexastats_kbr_service(SERVICE, major, minor, library);
+    return modem_client_service(SERVICE, major, minor, library);
 }

@@ -10,10 +10,10 @@
 #include <algorithm>
 #include <iterator>
 
+#include "base/unique_handle.h"
 #include "collectors/mps/mps_kbr.h"
 #include "framework/clock.h"
 #include "framework/sync.h"
-#include "framework/unique_handle.h"
 #include "framework/wait.h"
 #include "mps_events/mps_events.h"
 #include "platform/log.h"

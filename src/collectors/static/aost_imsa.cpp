@@ -8,11 +8,11 @@
 
 #include <utility>
 
+#include "base/unique_handle.h"
 #include "collectors/static/aost_reporter.h"
 #include "framework/clock.h"
 #include "framework/dload.h"
-#include "framework/kbr_call.h"
-#include "framework/unique_handle.h"
+#include "framework/modem_client.h"
 #include "framework/wait.h"
 #include "platform/log.h"
 
@@ -52,8 +52,8 @@ int send(kbr_client* callback_client, uint16_t msg_id, const void* request, size
             ? kbr_client_send_msg_sync(callback_client, msg_id, request,
                                        static_cast<uint32_t>(request_len), response,
                                        sizeof *response, IMSA_CALL_TIMEOUT_MS)
-            : vexastats_kbr_call(&g_aost.client, msg_id, request, request_len, response,
-                                 sizeof *response, IMSA_CALL_TIMEOUT_MS, g_aost.row.load()->stop);
+            : modem_client_send(&g_aost.client, msg_id, request, request_len, response,
+                                sizeof *response, IMSA_CALL_TIMEOUT_MS, g_aost.row.load()->stop);
     if (sent != KBR_OK) return sent;
     return result.result == 0 ? KBR_OK : KBR_ERR_REFUSED;
 }
@@ -116,13 +116,9 @@ int aost_imsa_init_client_handle(const stop_flag& stop) {
         return -2;
     }
     for (int retry = 1;; ++retry) {
-        kbr_client* client = nullptr;
-        const int result = kbr_client_init_instance(
-            service, KBR_ANY_INSTANCE, aost_imsa_resp_ind_cb, nullptr, CONNECT_TIMEOUT_S, &client);
-        if (result == KBR_OK) {
-            g_aost.client = client;
-            return KBR_OK;
-        }
+        const int result = modem_client_connect(&g_aost.client, service, aost_imsa_resp_ind_cb,
+                                                CONNECT_TIMEOUT_S, stop);
+        if (result == KBR_OK) return KBR_OK;
         if (retry > CONNECT_RETRIES) {
             ALOGE("[ERROR] %s() kbr_client_init_instance() error=%d", __func__, result);
             return result;
@@ -307,7 +303,6 @@ void aost_imsa_retire() {
 void aost_imsa_deinit() {
     aost_imsa_retire();
     // With nothing held: a callback under way may need the data lock to finish.
-    kbr_client* client = std::exchange(g_aost.client, nullptr);
-    if (client) (void)kbr_client_release(client);
+    modem_client_release(&g_aost.client);
     reset_state(nullptr);
 }

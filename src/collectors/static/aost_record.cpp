@@ -15,12 +15,11 @@ constexpr size_t TEXT_SIZE = 128;
 
 // A record that an earlier run left is continued.
 bool open_record(collector_info* row) REQUIRES(g_aost.data_lock) {
-    vexastats_record_close(g_aost.record);
     row->rec_fname[0] = '\0';
-    record_init_req req{.row = row, .dir = RECORD_DIR, .prefix = RECORD_FILE, .resume = 1};
-    g_aost.record->file = vexastats_record_init(&req);
-    if (!g_aost.record->file) ALOGE("[ERROR] vexastats_record_init() failed");
-    return g_aost.record->file != nullptr;
+    const record_init_req req{.row = row, .dir = RECORD_DIR, .prefix = RECORD_FILE};
+    if (vexastats_record_reopen(req, g_aost.record)) return true;
+    ALOGE("[ERROR] vexastats_record_init() failed");
+    return false;
 }
 
 bool write_record(collector_info* row, const char* text, uint32_t flags)

@@ -9,8 +9,8 @@
 //  - Only the static thread releases the client, holding nothing: the library lets a callback
 //    that is under way finish first, and its calls fail at once. A callback that wants the end
 //    (aost_imsa_retire) makes the static thread's wait end, whose deinit does the rest.
-//  - A callback makes its calls with the client that it is handed, so it may come before the static
-//    thread knows that client, and before it reports anything.
+//  - A callback makes its calls with the client that it is handed. It may come before the static
+//    thread reports anything.
 #pragma once
 
 #include <atomic>
@@ -19,6 +19,7 @@
 
 #include "collectors/static/imsa_service.h"
 #include "framework/collector_info.h"
+#include "framework/modem_client.h"
 #include "framework/record.h"
 #include "framework/sync.h"
 #include "platform/kbr.h"
@@ -42,7 +43,7 @@ struct aost_reporter {
     char status_text[64] GUARDED_BY(data_lock) = "";
 
     // The static thread's.
-    kbr_client* client = nullptr;
+    modem_client client{};
     uint32_t interval_s = AOST_INTERVAL_S;
     uint64_t last_params_ms = 0;           // boot time
     int64_t alarm_due_ms = AOST_NO_ALARM;  // monotonic

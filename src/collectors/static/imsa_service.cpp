@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "framework/kbr_call.h"
+#include "framework/modem_client.h"
 
 namespace {
 
@@ -77,5 +77,5 @@ constexpr kbr_service_object SERVICE = {
 
 const kbr_service_object* imsa_get_service_object_internal_v01(uint32_t major, uint32_t minor,
                                                                uint32_t library) {
-    return vexastats_kbr_service(SERVICE, major, minor, library);
+    return modem_client_service(SERVICE, major, minor, library);
 }

@@ -59,6 +59,13 @@ bool start(static_collector* c) {
     return !c->stopped();
 }
 
+// Consent may have gone in any wait since: what it covered is then read once it is back. Returns
+// false when the wait for it ended without it.
+bool has_consent(const static_collector& c) {
+    vexastats_wait_optin(c.row);
+    return c.row->enabled;
+}
+
 void prepare(static_collector* c, static_item* item) {
     c->req = {.row = c->row,
               .handle = &c->record,
@@ -69,21 +76,28 @@ void prepare(static_collector* c, static_item* item) {
     if (!item->done) ALOGE("failed to get %s\n", item->title);
 }
 
-// One try of every item that is not done. Returns whether none failed.
+// One try of every item that is not done. Returns false when there was no consent for one.
 bool run_round(static_collector* c) {
     for (static_item& item : c->items) {
-        if (!item.done) prepare(c, &item);
+        if (item.done) continue;
+        if (!has_consent(*c)) return false;
+        prepare(c, &item);
     }
-    return std::all_of(c->items.begin(), c->items.end(),
+    return true;
+}
+
+bool is_done(const static_collector& c) {
+    return std::all_of(c.items.begin(), c.items.end(),
                        [](const static_item& item) { return item.done; });
 }
 
-// Returns false when a stop came between two rounds.
+// Returns false when a stop came between two rounds, or while there was no consent.
 bool collect_items(static_collector* c) {
-    for (int round = 1; !run_round(c) && round < ROUNDS; ++round) {
+    for (int round = 1;; ++round) {
+        if (!run_round(c)) return false;
+        if (is_done(*c) || round == ROUNDS) return true;
         if (!vexastats_sleep_ms(ROUND_PAUSE_MS, c->row->stop)) return false;
     }
-    return true;
 }
 
 void drop_record(static_collector* c) {

@@ -12,16 +12,18 @@
 #include <algorithm>
 #include <memory>
 
+#include "base/open_file.h"
+#include "base/unique_handle.h"
 #include "collectors/static/aost_imsa.h"
 #include "framework/files.h"
 #include "framework/log_reader.h"
-#include "framework/unique_handle.h"
 #include "platform/log.h"
 #include "platform/properties.h"
 
 namespace {
 
 constexpr char KERNEL_CONFIG[] = "/proc/config.gz";
+constexpr long KERNEL_CONFIG_MAX = 16L << 20;  // bytes of text
 constexpr char VERSION_FILE[] = "/vendor/firmware_mnt/verinfo/ver_info.txt";
 constexpr char POWER_TAG[] = "kzor,bvrx-power-on";
 
@@ -151,7 +153,9 @@ void remove_punctuation(char* line) {
 
 int prepare_kernel_config(write_req* req) {
     if (!is_usable(req)) return -EINVAL;
-    const unique_gzip config(gzopen(KERNEL_CONFIG, "rbe"));
+    unique_fd fd = open_regular(KERNEL_CONFIG, SMALL_FILE_MAX);
+    const unique_gzip config(fd ? gzdopen(fd.get(), "rbe") : nullptr);
+    if (config) (void)fd.release();
     if (!config) {
         ALOGE("failed to gzopen %s\n", KERNEL_CONFIG);
         return -EINVAL;
@@ -163,8 +167,9 @@ int prepare_kernel_config(write_req* req) {
     }
     if (write_text(req, "kernel_config:\n", __func__) != 0) return -EINVAL;
 
-    // A damaged file ends where it cannot be read any further.
-    while (gzgets(config.get(), line.get(), static_cast<int>(req->len))) {
+    // A damaged file ends where it cannot be read any further, and a small one may hold a lot.
+    while (gztell(config.get()) < KERNEL_CONFIG_MAX &&
+           gzgets(config.get(), line.get(), static_cast<int>(req->len))) {
         if (line.get()[0] == '#' || line.get()[0] == '\n') continue;
         char* text = text_of(req);
         const int printed = snprintf(text, req->len, " - %s", line.get());
@@ -202,7 +207,7 @@ int prepare_sec_patch_level(write_req* req) {
 
 int prepare_ver_info(write_req* req) {
     if (!is_usable(req)) return -EINVAL;
-    const unique_file versions(vexastats_open_plain(VERSION_FILE));
+    const unique_file versions = fopen_regular(VERSION_FILE, SMALL_FILE_MAX);
     if (!versions) {
         ALOGE("%s: %s file not exist\n", __func__, VERSION_FILE);
         return -EINVAL;
@@ -215,7 +220,9 @@ int prepare_ver_info(write_req* req) {
     size_t count = 0;
     if (!append(req, "\nver_info.txt:\n", strlen("\nver_info.txt:\n"), &count)) return -EINVAL;
 
-    while (fgets(line.get(), static_cast<int>(req->len), versions.get())) {
+    // It can grow as fast as it is read.
+    while (ftello(versions.get()) < SMALL_FILE_MAX &&
+           fgets(line.get(), static_cast<int>(req->len), versions.get())) {
         remove_punctuation(line.get());
         ALOGE("%s:%s", __func__, line.get());  // no error, but logged as one: deliberate
         if (!append(req, line.get(), strlen(line.get()), &count)) return -EINVAL;

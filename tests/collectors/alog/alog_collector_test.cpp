@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -61,14 +60,6 @@ class AlogCollector : public ::testing::Test {
         ASSERT_EQ(stop_flag_open(&row.stop), 0);
         row.enabled = 1;
         campaign_reset(&g_alog_campaign);
-        // As the daemon has it: a handler, and the signal blocked in every thread.
-        struct sigaction action = {};
-        action.sa_handler = [](int) {};
-        sigaction(SIGINT, &action, nullptr);
-        sigset_t set;
-        sigemptyset(&set);
-        sigaddset(&set, SIGINT);
-        pthread_sigmask(SIG_BLOCK, &set, nullptr);
     }
     void TearDown() override {
         stop();
@@ -98,6 +89,12 @@ class AlogCollector : public ::testing::Test {
     void join() {
         ASSERT_TRUE(platform_test_wait_log("ALOG monitor exit\n", EVENT_LIMIT.count()));
         thread.join();
+    }
+    // As the monitor does, with the directory that it goes by.
+    void set_consent(bool given) {
+        fs::remove_all(UP_DIR);
+        if (given) fs::create_directories(UP_DIR);
+        row.enabled = given;
     }
     static void wait_blocked() { ASSERT_TRUE(platform_test_wait_log_reader(EVENT_LIMIT.count())); }
     static void wait_log(const std::string& text) {
@@ -186,7 +183,7 @@ TEST_F(AlogCollector, EntriesWithoutACampaignsEndAreHandedOverOnAStop) {
     wait_blocked();
     stop();
     EXPECT_THAT(payloads(), ElementsAre(TITLE + entry(1, 100)));
-    EXPECT_THAT(log_text(), HasSubstr("failed to read logcat buffer: Interrupted system call\n"));
+    EXPECT_THAT(log_text(), HasSubstr("Waking up a blocked read of the log\n"));
     EXPECT_THAT(log_text(), HasSubstr("Thread Stat: TRUEalog_log_end: flush out buffer 100"));
 }
 
@@ -289,7 +286,7 @@ TEST_F(AlogCollector, RecordThatCannotBeWrittenEndsTheThreadOrTheStart) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.log);
-        fs::remove_all(UP_DIR);
+        fs::permissions(UP_DIR, fs::perms::owner_read | fs::perms::owner_exec);
         write_text_file(DOWNLOADED, config(7, 600, "", c.size));
         for (uint8_t i = 0; i < 25; ++i) platform_test_script_log_entry(entry(i, 5120));
         start();
@@ -302,6 +299,71 @@ TEST_F(AlogCollector, RecordThatCannotBeWrittenEndsTheThreadOrTheStart) {
         EXPECT_EQ(platform_test_log_readers(), 0u);
         restart();
     }
+}
+
+TEST_F(AlogCollector, WhatComesWithoutConsentReachesNoFile) {
+    for (const bool back_at_the_end : {true, false}) {
+        SCOPED_TRACE(back_at_the_end);
+        write_text_file(DOWNLOADED, config(7, 600, "", 0x100000));
+        platform_test_script_log_entry(entry(1, 100));
+        start();
+        wait_blocked();
+        set_consent(false);
+        // More than the buffer holds: were they kept, they would be flushed.
+        for (uint8_t i = 2; i < 40; ++i) platform_test_script_log_entry(entry(i, 5120));
+        wait_blocked();
+        EXPECT_THAT(log_text(), Not(HasSubstr("flush out buffer")));
+        if (back_at_the_end) set_consent(true);
+        platform_test_script_log_entry(entry(50, 60));
+        wait_blocked();
+        stop();
+        if (back_at_the_end) {
+            EXPECT_THAT(payloads(), ElementsAre(TITLE + entry(1, 100) + entry(50, 60)));
+        } else {
+            EXPECT_THAT(list_dir(UP_DIR), ElementsAre());
+            EXPECT_THAT(list_dir(RECORD_DIR), ElementsAre(".alogstats.cfg"));
+        }
+        restart();
+        platform_test_reset();
+    }
+}
+
+// The directory goes at once, the row's flag a moment later.
+TEST_F(AlogCollector, RollOverWithoutADropboxLosesNothingThatWasCaptured) {
+    write_text_file(DOWNLOADED, config(7, 600, "", 20000));
+    std::string expected = TITLE;
+    for (uint8_t i = 0; i < 24; ++i) {
+        expected += entry(i, 5120);
+        platform_test_script_log_entry(entry(i, 5120));
+    }
+    start();
+    wait_blocked();
+    fs::remove_all(UP_DIR);
+    expected += entry(24, 5120);
+    for (uint8_t i = 24; i < 27; ++i) platform_test_script_log_entry(entry(i, 5120));
+    wait_blocked();
+    EXPECT_FALSE(stop_flag_is_raised(row.stop));
+    fs::create_directories(UP_DIR);
+    expected += entry(30, 100);
+    platform_test_script_log_entry(entry(30, 100));
+    wait_blocked();
+    stop();
+    std::string uploaded;
+    for (const std::string& payload : payloads()) uploaded += payload;
+    EXPECT_TRUE(uploaded == expected) << uploaded.size() << " bytes of " << expected.size();
+}
+
+TEST_F(AlogCollector, FileThatIsBeingWrittenAsTheStopComesStays) {
+    write_text_file(DOWNLOADED, config(7, 600));
+    platform_test_fail_log_open(EACCES);
+    start();
+    wait_log("alog_collect_wait_for_config_update: \n");
+    // Nothing ends the second in which a file gets whole but the stop.
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    write_text_file(DOWNLOADED, "clientid=501;size=655");
+    stop();
+    EXPECT_EQ(file_text(DOWNLOADED), "clientid=501;size=655");
+    EXPECT_THAT(log_text(), Not(HasSubstr("invalid 501 config file")));
 }
 
 TEST_F(AlogCollector, ReaderThatCannotBeOpenedWaitsForTheNextFile) {

@@ -5,13 +5,17 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <random>
 #include <string>
 #include <thread>
 
@@ -148,7 +152,7 @@ TEST_F(CpuCollector, LoopEndsAfterOneSampleAtTheThresholdAndWithoutARecord) {
     EXPECT_EQ(samples().size(), 2 * 84u);
     vexastats_record_close(&record);
     EXPECT_EQ(poll_cpu_stats(&stats, &row, &record, nullptr), -EINVAL);
-    EXPECT_TRUE(stats.storage_failed);
+    EXPECT_TRUE(stats.storage.failed);
 }
 
 TEST_F(CpuCollector, SampleIsDueOnlyOnceMoreThanTheIntervalHasPassed) {
@@ -294,6 +298,21 @@ TEST_F(CpuCollector, EarlyStartOnASilentKernelTurnsToPeriodicSamplingForGood) {
     EXPECT_EQ(row.interval, 60000);
     EXPECT_THAT(file_text(row.cfg_file),
                 HasSubstr("interval=500;threshold=300000;notify=1;no_supported_kernel=1\n"));
+
+    // The next load, five days later, is of a file that could not keep what was found.
+    put_files(
+        {{row.cfg_file,
+          "clientid=2;size=65536;interval=400;threshold=300000;notify=1;no_supported_kernel=0\n"}});
+    platform_test_advance_ms(432000001);
+    ASSERT_TRUE(wait_for_change({fs::path(row.cfg_file).parent_path()}, [this] {
+        return file_text(row.cfg_file)
+                   .find(
+                       "interval=400;threshold=300000;notify=1;no_supported_"
+                       "kernel=1\n") != std::string::npos;
+    }));
+    park();
+    EXPECT_EQ(row.notify, 0) << "it would wait for ever";
+    EXPECT_EQ(row.interval, 60000);
     stop();
 }
 
@@ -310,6 +329,85 @@ TEST_F(CpuCollector, LateStartOnASilentKernelNeverWaits) {
     EXPECT_EQ(row.interval, 60000);
     EXPECT_EQ(samples().size(), 84u);
     stop();
+}
+
+// Everything in the dropbox, and the record.
+std::string everything_stored() {
+    std::string stored;
+    for (const std::string& name : list_dir(UP_DIR)) {
+        stored += gunzip(file_text(fs::path(UP_DIR) / name).substr(53));
+    }
+    return stored + samples();
+}
+
+// How often a sample of that time, in tenths of a second, stands there.
+size_t times_stored(const std::string& stored, uint32_t stamp) {
+    std::string head = bytes("00000000 02000000 01000000 02000000");
+    memcpy(head.data(), &stamp, sizeof stamp);
+    size_t count = 0;
+    for (size_t at = 0; (at = stored.find(head, at)) != stored.npos; ++at) ++count;
+    return count;
+}
+
+struct FullDisk : CpuCollector {
+    static constexpr char DISK[] = "/data/vendor";
+    static constexpr char FILLER[] = "/data/vendor/filler";
+    void SetUp() override {
+        ASSERT_EQ(mount("small", DISK, "tmpfs", MS_NOSUID | MS_NODEV, "size=256k"), 0);
+        CpuCollector::SetUp();
+    }
+    void TearDown() override {
+        CpuCollector::TearDown();
+        umount2(DISK, MNT_DETACH);
+    }
+    // A sample every ten seconds, each a little different.
+    void sample_for(int64_t time_ms) {
+        for (; time_ms > 0; time_ms -= 10000) {
+            const std::string times = std::to_string(rnd()) + " " + std::to_string(rnd()) + " ";
+            put_files(
+                {{"/proc/stat", "cpu 9\ncpu0 1 2 3 4 5 6 7\ncpu1 1 2 3 4 5 " + times + "\n"}});
+            platform_test_advance_ms(10000);
+            park();
+        }
+    }
+    static void fill() {
+        std::ofstream filler(FILLER);
+        while (filler << std::string(1024, 'x') << std::flush) continue;
+    }
+    std::minstd_rand rnd;
+};
+
+TEST_F(FullDisk, HourOfItCostsOnlyTheSamplesOfThatHourAndFewAttempts) {
+    row.size = 400;
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    start();
+    park();
+    const auto now_tenths = [] { return static_cast<uint32_t>(vexastats_uptime_ms() / 100); };
+    const uint32_t begin = now_tenths();
+    sample_for(minutes_ms(30));
+    EXPECT_GT(list_dir(UP_DIR).size(), 3u);
+    const uint32_t full = now_tenths();
+    fill();
+    platform_test_clear_log();
+    sample_for(minutes_ms(60));
+    const size_t attempts =
+        platform_test_log_count("prepare_cpu_stats: failed to write file. cnt:0\n");
+    EXPECT_GT(attempts, 20u) << "the disk was not full";
+    EXPECT_LT(attempts, 90u) << "the phone was kept awake";
+    fs::remove(FILLER);
+    const uint32_t free = now_tenths();
+    sample_for(minutes_ms(30));
+    stop();
+
+    const std::string stored = everything_stored();
+    const uint32_t longest_pause = 600;
+    for (uint32_t at = begin; at <= now_tenths(); at += 100) {
+        const size_t count = times_stored(stored, at);
+        EXPECT_LE(count, 1u) << at;
+        if (at <= full || at > free + longest_pause) {
+            EXPECT_EQ(count, 1u) << at;
+        }
+    }
 }
 
 // Whatever happens to its storage, and however often, the collector goes on once it is well again.
@@ -340,6 +438,26 @@ TEST_F(StorageTrouble, FailedHandOversNeverSilenceIt) {
     row.size = 300;
     fs::permissions(UP_DIR, fs::perms::owner_read);
     outlives(STARVED, [] { fs::permissions(UP_DIR, fs::perms::owner_all); });
+}
+
+TEST_F(StorageTrouble, RecordThatCannotBeOpenedAtTheStartIsTriedAgainLaterAndLater) {
+    put_files({{RECORD_DIR, "no directory"}});
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    start();
+    size_t attempts = 1;
+    for (const int64_t pause_ms : {1000, 2000, 4000, 8000, 16000, 32000, 60000, 60000}) {
+        park();
+        platform_test_advance_ms(pause_ms - 1);
+        park();
+        EXPECT_EQ(platform_test_log_count("failed to open record file for cpu\n"), attempts++);
+        platform_test_advance_ms(1);
+    }
+    park();
+    fs::remove(RECORD_DIR);
+    platform_test_advance_ms(60000);
+    park();
+    EXPECT_EQ(samples().size(), 84u);
+    stop();
 }
 
 TEST_F(StorageTrouble, RecordThatCannotBeOpenedAgainNeverSilencesIt) {

@@ -28,7 +28,7 @@ struct literal_node {
     uint64_t total;
 };
 
-// The list as it is described, step by step.
+// The list the slow way, step by step.
 std::vector<row> literal_result(const std::vector<network_node>& lines) {
     std::list<literal_node> list;
     const auto same_uid = [](const literal_node& a, const network_node& b) {

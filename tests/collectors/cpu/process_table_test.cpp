@@ -23,7 +23,7 @@ struct process {
     uint8_t tick;
 };
 
-// The table as it is described, step by step.
+// The table the slow way, step by step.
 struct literal_table {
     std::vector<process> processes;
     uint8_t tick = 0;
@@ -205,6 +205,15 @@ TEST_F(ProcessTable, OnlyAProcessBeforeAKnownOneIsAnnounced) {
     insert(20, {0, 2, 0, 0}, "*");
     insert(30, {0, 0, 0, 0}, "*");
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "New PID 20\nTick 1 PID 20 20 CPU 2\n");
+}
+
+TEST_F(ProcessTable, TracedNameCannotSteerTheTerminal) {
+    ::testing::internal::CaptureStdout();
+    insert(20, {0, 0, 0, 0}, "a\x1b[2J\n\x7f\u009b");
+    vexa_inc_proc_tbl_tick();
+    insert(20, {0, 2, 0, 0});
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "Tick 1 PID 20 a\\x1b[2J\\x0a\\x7f\\xc2\\x9b CPU 2\n");
 }
 
 // ---- The process block

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <filesystem>
+
 #include <string>
 #include <thread>
 
@@ -18,6 +19,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char DIR[] = "/data/vendor/vexastats/4";
+constexpr char UP_DIR[] = "/data/vendor/vexa/up/4";
 constexpr int SIZE = DIAG_BUFFER_SIZE;
 
 class DiagBuffers : public ::testing::Test {
@@ -25,6 +27,8 @@ class DiagBuffers : public ::testing::Test {
     void SetUp() override {
         fs::remove_all(DIR);
         fs::create_directories(DIR);
+        fs::create_directories(UP_DIR);
+        row.enabled = 1;
         ASSERT_EQ(stop_flag_open(&row.stop), 0);
         record.row = &row;
         record_init_req req{.row = &row, .dir = DIR, .prefix = "diagstats.tmp"};
@@ -48,7 +52,8 @@ class DiagBuffers : public ::testing::Test {
         return text.substr(text.find('\n') + 1);
     }
 
-    collector_info row{.name = "diag_collector", .size = INT32_MAX, .hdr = {.client_id = 4}};
+    collector_info row{
+        .name = "diag_collector", .up_dir = UP_DIR, .size = INT32_MAX, .hdr = {.client_id = 4}};
     diag_record record;
 };
 
@@ -151,6 +156,40 @@ TEST_F(DiagBuffers, ProducerThatIsAlwaysAheadDoesNotHideTheDeadlineOrTheStop) {
         consumer.join();
         EXPECT_EQ(written().size() % 143000, 0u) << "a buffer is not whole";
         EXPECT_GE(written().size(), 11u * 143000u);
+    }
+}
+
+TEST_F(DiagBuffers, FullBufferIsHeldUntilConsentIsBack) {
+    struct {
+        const char* what;
+        void (*set)(collector_info* r, bool given);
+    } const cases[] = {
+        {"the row's flag", [](collector_info* r, bool given) { r->enabled = given; }},
+        // As when the directory went in this very moment. The record rolls over at every write.
+        {"the dropbox alone",
+         [](collector_info* r, bool given) {
+             r->size = given ? INT32_MAX : 0;
+             if (given) fs::create_directories(UP_DIR);
+             if (!given) fs::remove_all(UP_DIR);
+         }},
+    };
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    std::string expected;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        put(100000, 'a');
+        put(100000, 'b');  // hands the buffer over
+        expected += std::string(100000, 'a');
+        c.set(&row, false);
+        std::thread consumer([&] { EXPECT_EQ(process_incoming_pkt(&record, 10), 0); });
+        ASSERT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+        EXPECT_NE(written(), expected);
+        c.set(&row, true);
+        platform_test_advance_ms(1000);
+        EXPECT_TRUE(wait_for_change({DIR}, [&] { return written() == expected; }));
+        ASSERT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+        platform_test_advance_ms(10000);
+        consumer.join();
     }
 }
 

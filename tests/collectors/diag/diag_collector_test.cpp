@@ -3,9 +3,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -18,6 +20,7 @@
 #include "platform/diag.h"
 #include "support/events.h"
 #include "support/files.h"
+#include "support/gzip.h"
 #include "support/log.h"
 
 namespace fs = std::filesystem;
@@ -107,7 +110,7 @@ TEST_F(DiagCollector, FailureOfTheLibraryIsLoggedAndEverythingGivenBack) {
         // The list is gone, its count has stayed.
         EXPECT_EQ(diag_cfg_update_handler(&row), 0);
         EXPECT_THAT(file_text(LOCAL), HasSubstr("num_diag_masks=2;\nActive Campaign=7;"));
-        EXPECT_EQ(diag_monitor_diag_init(), 0);
+        EXPECT_EQ(diag_monitor_diag_init(&row), 0);
         EXPECT_THAT(platform_test_diag_calls(), ::testing::Contains("config 5 1"));
         diag_monitor_diag_deinit();
         restart();
@@ -146,6 +149,72 @@ TEST_F(DiagCollector, NotificationsAreDecodedInAHandlerThatOnlyNotesThem) {
         EXPECT_EQ(log_text(), "diag: In notify_handler, signal 18 received from kernel, data is: " +
                                   std::string(c.log));
         diag_set_last_signal(0);
+    }
+}
+
+TEST_F(DiagCollector, NotificationFromBetweenTwoCampaignsIsLoggedOnceTheLibraryIsUp) {
+    diag_notify_install();
+    notify_handler(18, nullptr, nullptr);
+    write_text_file(DOWNLOADED, config(7, 600));
+    start();
+    wait_log("diag: No current dci support\n");
+    stop();
+    const std::vector<std::string> calls = platform_test_diag_calls();
+    const auto at = [&](const std::string& function) {
+        return std::find_if(calls.begin(), calls.end(),
+                            [&](const std::string& call) { return call.starts_with(function); }) -
+               calls.begin();
+    };
+    EXPECT_LT(at("init"), at("support"));
+}
+
+// Between two looks the campaign sees to its buffers, its time and its stop.
+TEST_F(DiagCollector, OneLookLogsAFewNotificationsAndLosesNone) {
+    constexpr size_t FLOOD = 1000;
+    constexpr char LINE[] = "diag: No current dci support\n";
+    diag_notify_install();
+    for (size_t i = 0; i < FLOOD; ++i) notify_handler(18, nullptr, nullptr);
+    diag_notify_log();
+    EXPECT_GT(platform_test_log_count(LINE), 0u);
+    EXPECT_LT(platform_test_log_count(LINE), 50u);
+    pollfd more{.fd = diag_notify_fd(), .events = POLLIN, .revents = 0};
+    while (poll(&more, 1, 0) == 1) diag_notify_log();
+    EXPECT_EQ(platform_test_log_count(LINE), FLOOD);
+}
+
+TEST_F(DiagCollector, PacketsThatComeWithoutConsentReachNoFile) {
+    for (const bool back_at_the_end : {true, false}) {
+        SCOPED_TRACE(back_at_the_end);
+        write_text_file(DOWNLOADED, config(7, 600));
+        start();
+        wait_log("Starting Diag Campaign 7 : Stop Time 1700000600, CurrTime 1700000000");
+        ASSERT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+        const auto give = [](char fill) {
+            // Two fit a buffer; the third hands it over and is dropped.
+            for (int i = 0; i < 3; ++i) {
+                ASSERT_TRUE(platform_test_diag_packet(std::string(70000, fill)));
+            }
+        };
+        give('a');
+        fs::remove_all(UP_DIR);
+        row.enabled = 0;
+        give('b');
+        if (back_at_the_end) {
+            fs::create_directories(UP_DIR);
+            row.enabled = 1;
+            give('c');
+        }
+        stop();
+        if (back_at_the_end) {
+            const std::vector<std::string> uploads = list_dir(UP_DIR);
+            ASSERT_EQ(uploads.size(), 1u);
+            EXPECT_TRUE(gunzip(file_text(UP_DIR + ("/" + uploads[0])).substr(53)) ==
+                        std::string(140000, 'a') + std::string(140000, 'c'));
+        } else {
+            EXPECT_THAT(list_dir(UP_DIR), ::testing::IsEmpty());
+            EXPECT_THAT(list_dir(RECORD_DIR), ::testing::ElementsAre(".diagstats.cfg"));
+        }
+        restart();
     }
 }
 

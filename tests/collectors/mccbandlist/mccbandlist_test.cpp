@@ -1,4 +1,5 @@
 // The band-list updater's parts by themselves, and stops in each of its own waits.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -210,6 +211,29 @@ TEST_F(Mccbandlist, AttemptRestsUntilAFileComesAndEndsWithItsDirectory) {
     thread.join();
     EXPECT_TRUE(stop_flag_is_raised(row.stop));
     EXPECT_THAT(log_text(), HasSubstr("mccbandlist_monitor: dropbox not exist, so exit. 800 "));
+}
+
+TEST_F(Mccbandlist, FileThatIsNotClosedYetIsNotTaken) {
+    const std::string report = DOWN_DIR + "/51-1.0-mccbandlist.bin-200"s;
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    platform_test_set_property("vendor.orb.vexa.enabled", "1");
+    std::thread thread([&] { mccbandlist_monitor(&row); });
+    EXPECT_TRUE(wait_for_file(REQUEST));
+    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+    {
+        const unique_fd being_written(open(report.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        EXPECT_TRUE(platform_test_wait_log("mccbandlist_monitor: event.mask 0x100 continue.",
+                                           EVENT_LIMIT.count()));
+        EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+        EXPECT_TRUE(fs::exists(report));
+        // The list comes first, then the report is complete.
+        put_files({{DOWN_DIR + "/mccbandlist.bin"s, "x"}});
+        EXPECT_TRUE(
+            platform_test_wait_log("successfully downloaded the file", EVENT_LIMIT.count()));
+    }
+    EXPECT_TRUE(wait_for_file(STATUS));
+    stop_flag_raise(&row.stop);
+    thread.join();
 }
 
 }  // namespace

@@ -174,12 +174,30 @@ TEST_F(PdcKbr, OutcomeOfAnInquiryIsTheModems) {
     // A library may deliver more than there is room for.
     modem.answer([&](const std::string& request) {
         pdc_get_config_info_indication large{.config_header_valid = 1, .config_header_len = 100000};
+        large.token_valid = 1;
         memcpy(&large.token, token_of(request).data(), sizeof large.token);
         kbr_pdc_get_config_info_ind_hdlr(&large);
         return response_to(request);
     });
     EXPECT_EQ(get_info(), 0);
     EXPECT_EQ(info.header_len, 512u);
+}
+
+// The clock stands still, so no time-out ends a call.
+TEST_F(PdcKbr, IndicationWithoutATokenOrThatNobodyCanReadIsTheCallInProgresss) {
+    const std::tuple<std::string, int> cases[] = {
+        {"", 0}, {hex_bytes("10 ff00 00"), -1},  // a field longer than the message
+    };
+    for (const auto& [fields, result] : cases) {
+        modem.answer([&, fields = fields](const std::string& request) {
+            modem.send(hex_bytes("02 0000") + request.substr(3, 2) +
+                       static_cast<char>(fields.size()) + '\0' + fields);
+            return response_to(request);
+        });
+        EXPECT_EQ(get_info(), result);
+        EXPECT_EQ(load(5), result);
+        renew();
+    }
 }
 
 TEST_F(PdcKbr, LoadWaitsForItsIndicationUntilItsLimitOrAStop) {

@@ -14,10 +14,10 @@
 #include <string>
 #include <thread>
 
+#include "base/unique_handle.h"
 #include "collectors/microdump/microdump_config.h"
 #include "framework/clock.h"
 #include "framework/optout.h"
-#include "framework/unique_handle.h"
 #include "support/events.h"
 #include "support/files.h"
 #include "support/gzip.h"
@@ -360,7 +360,7 @@ TEST_F(Consent, StopWhileTheRecordWaitsLeavesRecordAndClockToTheNextRun) {
     EXPECT_THAT(uploads(), ElementsAre(CRASH + std::string("dump\n")));
 }
 
-TEST_F(MicrodumpCollector, EndsAtTheStartWithoutItsDeviceOrItsRecord) {
+TEST_F(MicrodumpCollector, EndsAtTheStartWithoutItsDeviceButNotWithoutItsRecord) {
     fs::remove(DEVICE);
     microdump_monitor(&row);
     EXPECT_THAT(log_text(), EndsWith("Unable to open /dev/ramdump_microdump_modem. err:2\n"));
@@ -368,10 +368,13 @@ TEST_F(MicrodumpCollector, EndsAtTheStartWithoutItsDeviceOrItsRecord) {
     renew();
     fs::remove_all(RECORD_DIR);
     put_files({{RECORD_DIR, ""}});
-    microdump_monitor(&row);
-    EXPECT_THAT(log_text(), EndsWith("failed to open record file for microdump collector\n"));
-    EXPECT_TRUE(stop_flag_is_raised(row.stop));
+    ASSERT_EQ(mkfifo(DEVICE, 0600), 0);
+    start_and_park();
+    EXPECT_THAT(log_text(), HasSubstr("failed to open record file for microdump collector\n"));
     fs::remove(RECORD_DIR);
+    fs::create_directories(RECORD_DIR);
+    crash("first\n");
+    EXPECT_EQ(dumps(), CRASH + std::string("first\n"));
 }
 
 TEST_F(MicrodumpCollector, DeviceThatIsReadyWithNothingToGiveIsGivenTime) {

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_handle.h"
 #include "collectors/microdump/crash_record.h"
 #include "collectors/microdump/microdump_config.h"
 #include "collectors/microdump/timeout_file.h"
-#include "framework/unique_handle.h"
 #include "support/files.h"
 #include "support/log.h"
 

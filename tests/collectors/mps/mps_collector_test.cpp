@@ -19,6 +19,7 @@
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::Not;
 
 namespace {
@@ -96,6 +97,20 @@ class MpsCollector : public ::testing::Test {
         mps_campaign_event(event);
         settle();
         return requests();
+    }
+    // As the opt-out monitor does it.
+    void consent(bool is_given) {
+        platform_test_clear_log();
+        const vexa_lock held(row.mutex);
+        row.enabled = is_given;
+        mps_consent_changed(row);
+    }
+    // Raises an event without consent, until the thread waits again.
+    static void raise_opted_out(uint32_t event) {
+        platform_test_clear_log();
+        mps_campaign_event(event);
+        wait_log("mps_clear_event: Clearing event " + std::to_string(event));
+        wait_log("mps_main: Wait on signal\n");
     }
     std::string pass_s(int seconds) {
         platform_test_advance_ms(int64_t{1000} * seconds);
@@ -210,7 +225,119 @@ TEST_F(MpsCollector, DataFilesBecomeRecordsByTheirNamesAndGo) {
     take(DATA_DIR + "hda_lll.bin", 60);
     fs::create_directories(UP_DIR);
     EXPECT_THAT(take(DATA_DIR + "hda_lll.bin", 60), HasSubstr(record_of(2, 60)));
+    // A file that cannot be deleted goes once, and again when it has changed.
+    const std::string stuck = std::string(DATA_DIR) + "hda_lll.bin";
+    const std::string error = "failed to remove " + stuck + ". err:13\n";
+    const auto take_again = [&] {
+        EXPECT_EQ(mps_rfs_data_read(&collection), 0);
+        const size_t uploads = list_dir(UP_DIR).size();
+        for (const std::string& name : list_dir(UP_DIR)) fs::remove(UP_DIR + ("/" + name));
+        return uploads;
+    };
+    write_text_file(stuck, std::string(60, 'd'));
+    fs::permissions(DATA_DIR, fs::perms::owner_read | fs::perms::owner_exec);
+    EXPECT_EQ(take_again(), 1u);
+    EXPECT_EQ(take_again(), 0u);
+    EXPECT_EQ(platform_test_log_count(error), 1u);
+    write_text_file(stuck, std::string(61, 'd'));
+    EXPECT_EQ(take_again(), 1u);
+    EXPECT_EQ(platform_test_log_count(error), 2u);
+    fs::permissions(DATA_DIR, fs::perms::owner_all);
+    EXPECT_EQ(take_again(), 0u);
+    EXPECT_FALSE(fs::exists(stuck));
     vexastats_record_close(&collection.record);
+}
+
+TEST_F(MpsCollector, OnlyTheModemsOwnFilesOfBoundedSizeAreTaken) {
+    const fs::path dir(DATA_DIR), secret = "/mnt/vendor/persist/secret";
+    write_text_file(secret, std::string(60, 's'));
+    mps_collection collection{.row = &row};
+    fs::create_symlink(secret, dir / "hda_data_1.bin");
+    fs::create_hard_link(secret, dir / "hda_data_2.bin");
+    fs::create_directory(dir / "hda_data_3.bin");
+    write_text_file(dir / "hda_data_4.bin", "");
+    fs::resize_file(dir / "hda_data_4.bin", (16u << 20) + 1);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(mps_rfs_data_read(&collection), 0);
+    EXPECT_THAT(list_dir(UP_DIR), IsEmpty());
+    for (const char* name : {"hda_data_1.bin", "hda_data_2.bin", "hda_data_3.bin"}) {
+        EXPECT_TRUE(fs::remove(dir / name)) << name;
+        EXPECT_EQ(platform_test_log_count("Coult not  open the file " + DATA_DIR + name), 1u);
+    }
+    EXPECT_EQ(platform_test_log_count("Failed in reading file " + DATA_DIR + "hda_data_4.bin"), 1u);
+    EXPECT_THAT(list_dir(dir), IsEmpty()) << "too large a file goes";
+
+    write_text_file(dir / "hda_data_1.bin", std::string(60, 'd'));
+    fs::rename(dir.parent_path(), "/mnt/vendor/persist/elsewhere");
+    fs::create_directory_symlink("/mnt/vendor/persist/elsewhere", dir.parent_path());
+    EXPECT_EQ(mps_rfs_data_read(&collection), -1) << "a link in place of the directory";
+    fs::remove(dir.parent_path());
+    fs::rename("/mnt/vendor/persist/elsewhere", dir.parent_path());
+    vexastats_record_close(&collection.record);
+}
+
+// ---- Consent
+
+TEST_F(MpsCollector, LossOfConsentEndsTheCollectionAndNothingOfItIsUploaded) {
+    start();
+    answer();
+    EXPECT_EQ(raise(MPS_EVENT_CAMPAIGN_START), "1234");
+    consent(false);
+    wait_log("mps_main: Wait on signal\n");
+    EXPECT_EQ(requests(), "5");
+    for (const uint32_t event : {MPS_EVENT_SEND_COMPLETE, MPS_EVENT_BUFFER_FULL}) {
+        write_text_file(DATA_DIR + "hda_data_1.bin", std::string(60, 'd'));
+        raise_opted_out(event);
+        EXPECT_EQ(list_dir(DATA_DIR).size(), event == MPS_EVENT_BUFFER_FULL ? 1u : 0u);
+    }
+    EXPECT_EQ(row.hdr.campaign_id, 0u);
+    EXPECT_EQ(requests(), "") << "only stops are served";
+    consent(true);
+    settle();
+    EXPECT_EQ(requests(), "234") << "the campaign goes on";
+    EXPECT_THAT(list_dir(DATA_DIR), IsEmpty());
+    EXPECT_THAT(list_dir(UP_DIR), IsEmpty());
+
+    // Gone and back before the thread looks: what the flush brings is still nobody's.
+    {
+        const vexa_lock held(row.mutex);
+        for (const bool is_given : {false, true}) {
+            row.enabled = is_given;
+            mps_consent_changed(row);
+        }
+    }
+    settle();
+    EXPECT_EQ(requests(), "5");
+    write_text_file(DATA_DIR + "hda_data_1.bin", std::string(60, 'd'));
+    EXPECT_EQ(raise(MPS_EVENT_SEND_COMPLETE), "234");
+    EXPECT_THAT(list_dir(UP_DIR), IsEmpty());
+    write_text_file(DATA_DIR + "hda_data_1.bin", std::string(60, 'd'));
+    raise(MPS_EVENT_SEND_COMPLETE);
+    EXPECT_EQ(list_dir(UP_DIR).size(), 1u) << "the new collection's are uploaded";
+}
+
+TEST_F(MpsCollector, StopIsSentWithoutConsentAndTheEndBringsNoPass) {
+    start();
+    answer();
+    EXPECT_EQ(raise(MPS_EVENT_CAMPAIGN_START), "1234");
+    consent(false);
+    wait_log("mps_main: Wait on signal\n");
+    raise_opted_out(MPS_EVENT_CAMPAIGN_STOP);
+    EXPECT_EQ(requests(), "55");
+    raise_opted_out(MPS_EVENT_SEND_COMPLETE);
+    consent(true);
+    settle();
+    EXPECT_EQ(requests(), "") << "the campaign was stopped";
+    consent(false);
+    wait_log("mps_main: Wait on signal\n");
+    mps_campaign_event(MPS_EVENT_MODEM_RESTART);
+    platform_test_clear_log();
+    {
+        const vexa_lock held(row.mutex);
+        row.terminate = 1;
+        mps_consent_changed(row);
+    }
+    thread.join();
+    EXPECT_THAT(log_text(), Not(HasSubstr("Got event")));
 }
 
 TEST_F(MpsCollector, NothingRaisedInAStormIsLeftUnserved) {
@@ -227,8 +354,13 @@ TEST_F(MpsCollector, NothingRaisedInAStormIsLeftUnserved) {
     };
     std::thread raisers[] = {std::thread(storm, 0), std::thread(storm, 1), std::thread(storm, 2)};
     for (std::thread& raiser : raisers) raiser.join();
-    modem.send(hex_bytes("02 0000 0800 0e00 01 0400 01000000 02 0400 02000000"));
-    settle("mps_main: MPS_EVENT_SEND_COMPLETE\n");
+    // The library keeps a few thousand indications: one behind so many may have to be said again.
+    const auto end = std::chrono::steady_clock::now() + EVENT_LIMIT;
+    do {
+        ASSERT_LT(std::chrono::steady_clock::now(), end) << log_text();
+        modem.send(hex_bytes("02 0000 0800 0e00 01 0400 01000000 02 0400 02000000"));
+    } while (!platform_test_wait_log("mps_main: MPS_EVENT_SEND_COMPLETE\n", 100));
+    settle();
     EXPECT_EQ(mps_events(), 0u);
 }
 

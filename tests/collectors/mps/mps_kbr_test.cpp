@@ -5,8 +5,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+#include <vector>
 
 #include "collectors/mps/mps_service.h"
 #include "collectors/mps/mps_service_thread.h"
@@ -54,7 +59,7 @@ class MpsKbr : public ::testing::Test {
         timers_started = 0;
         record.powerBudgetMeasIntr = 0x102;
         record.powerBudgetMaxAPWakeup = 0x10003;
-        ASSERT_EQ(mps_kbr_init(), 0);
+        ASSERT_EQ(mps_kbr_init(stop), 0);
         modem.accept();
         mps_kbr_register_cb(mps_kbr_event_cb);
         mps_kbr_register_ll_delay_timer([] { return ++timers_started > 0; });
@@ -75,7 +80,7 @@ class MpsKbr : public ::testing::Test {
         modem.hang_up();
         mps_kbr_client_release();
         platform_test_clear_log();
-        std::thread handler(kbr_handler, nullptr);
+        std::thread handler(kbr_handler, &stop);
         modem.accept();
         modem.answer(std::move(respond));
         handler.join();
@@ -225,6 +230,49 @@ TEST_F(MpsKbr, StopIsLookedAtBetweenParts) {
     });
     EXPECT_EQ(start(), -EINTR);
     EXPECT_EQ(modem.take_requests().size(), 3u);
+}
+
+// A modem that never answers, and one that never accepts.
+TEST_F(MpsKbr, StopEndsARequestAndConnectingAtOnceAndLaterCallsAreRefused) {
+    using steady = std::chrono::steady_clock;
+    reconnect([](const std::string& request) {
+        return request[3] == MPS_GET_SERVICE_REVISION ? response_to(request) : "silence";
+    });
+    const auto stopped = [&](const char* what, const std::function<int()>& call) {
+        ASSERT_EQ(stop_flag_open(&stop), 0);
+        std::atomic<bool> over{false};
+        std::thread caller([&] {
+            EXPECT_NE(call(), 0);
+            over = true;
+        });
+        EXPECT_TRUE(platform_test_wait_parked(2, EVENT_LIMIT.count()));
+        EXPECT_FALSE(over);
+        const auto begin = steady::now();
+        stop_flag_raise(&stop);
+        caller.join();
+        const std::chrono::duration<double, std::milli> taken = steady::now() - begin;
+        printf("%s: %.2f ms\n", what, taken.count());
+        EXPECT_LT(taken, EVENT_LIMIT / 2);  // the clock stands still: no time-out ends it
+        modem.take_requests();
+        EXPECT_NE(mps_kbr_fetch_results(), 0);
+        EXPECT_TRUE(modem.take_requests().empty());
+        mps_kbr_client_release();
+        modem.hang_up();
+        stop.raised = 0;
+        close(stop.fd.exchange(-1));
+    };
+    stopped("a request", mps_kbr_fetch_results);
+    std::vector<unique_fd> queue;  // which is full then
+    while (queue.empty() || queue.back()) queue.push_back(modem.connect_another());
+    stopped("connecting", [this] { return mps_kbr_init(stop); });
+    // What comes of that connection is released unseen.
+    const size_t waiting = queue.size() - 1;
+    for (size_t i = 0; i < waiting; ++i) modem.accept();
+    platform_test_advance_ms(1000);
+    modem.accept();
+    EXPECT_EQ(modem.receive(), "");
+    EXPECT_EQ(mps_kbr_fetch_results(), KBR_ERR_GONE);
+    modem.hang_up();
 }
 
 TEST_F(MpsKbr, IndicationsRaiseTheirEventsWhenTheyAreWhole) {

@@ -25,6 +25,7 @@ using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 namespace {
@@ -168,6 +169,31 @@ TEST_F(StaticCollector, StopEndsEveryPauseAndInTheFirstNothingIsDropped) {
     }
 }
 
+TEST_F(StaticCollector, ConsentThatGoesWhileItWaitsIsLookedAtBeforeEveryItem) {
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    fs::remove_all(DOWN_DIR);
+    fs::remove("/vendor/firmware_mnt/verinfo/ver_info.txt");
+    put_files({{"/proc/config.gz", gzip("CONFIG_A=y\n")}});
+    start();
+    wait_log("wait until " + std::string(DOWN_DIR) + " is ready\n");
+    row.enabled = 0;
+    fs::create_directories(DOWN_DIR);
+    wait_log(std::string(DOWN_DIR) + " is now ready\n");
+    const auto static_record = [] {
+        return file_text(std::string(RECORD_DIR) + "/staticstats.tmp");
+    };
+    // It waits for consent without a descriptor: long enough for what it must not do.
+    EXPECT_FALSE(platform_test_wait_log("failed to get ORB Version Information\n", 200));
+    EXPECT_THAT(static_record(), Not(HasSubstr("CONFIG_A")));
+    {
+        const vexa_lock held(row.mutex);
+        row.enabled = 1;
+        row.cond.notify_all();
+    }
+    wait_log("failed to get ORB Version Information\n");
+    EXPECT_THAT(static_record(), HasSubstr("CONFIG_A"));
+}
+
 // ---- The reporter
 
 struct AostReporter : StaticCollector {
@@ -248,6 +274,26 @@ TEST_F(AostReporter, StartSendsItsBytesAndReportsLevelAndStatus) {
                                       "22000c0010010001110100011a010001"));
     EXPECT_EQ(record(), LEVEL + "\nims service status:\n" + STATUS);
     EXPECT_FALSE(fs::exists(LEVEL_FILE));
+}
+
+TEST_F(AostReporter, LevelFileIsReadWithConsentOnlyAndWhenItIsOneOfItsOwn) {
+    const std::string secret = "/data/vendor/vexastats/secret";
+    put_files({{secret, "hidden"}});
+    fs::remove(LEVEL_FILE);
+    fs::create_hard_link(secret, LEVEL_FILE);
+    start_reporter(false);
+    wait_log("waiting for wvstats, retry=1\n");
+    EXPECT_THAT(log_text(), Not(HasSubstr("hidden")));
+    park();
+    row.enabled = 0;
+    fs::remove(LEVEL_FILE);
+    put_files({{LEVEL_FILE, "L1"}});
+    platform_test_advance_ms(1000);
+    wait_log("opt-out status, skip writing file\n");
+    park();
+    EXPECT_THAT(log_text(), Not(HasSubstr("Found wvstats.tmp file")));
+    EXPECT_FALSE(fs::exists(LEVEL_FILE));
+    EXPECT_EQ(record(), "widevine security level:\n");
 }
 
 TEST_F(AostReporter, FirstActiveSubscriptionIsBoundThenTheIndicatedOne) {

@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "record_formats.h"
 #include "upload_writer.h"
 
@@ -226,4 +228,14 @@ TEST(CpuJson, NameThatIsNotUtf8LeavesTheLineValid) {
     const auto payload = sample({.processes = {process_entry("a\xff", 1, 1)}});
     const auto object = nlohmann::json::parse(upload_json("f", upload_parse(upload(payload))));
     EXPECT_EQ(object["records"][0]["processes"][0]["name"], "a\uFFFD");
+}
+
+TEST(CpuJson, NameCannotSteerTheTerminal) {
+    const std::string name = "\x1b[2J\x7f\u009b2J\u00e4";
+    const auto line =
+        upload_json(name, upload_parse(upload(sample({.processes = {process_entry(name, 1, 1)}}))));
+    EXPECT_TRUE(std::all_of(line.begin(), line.end(), [](char c) { return c >= ' ' && c < 0x7f; }));
+    const auto object = nlohmann::json::parse(line);
+    EXPECT_EQ(object["file"], name);
+    EXPECT_EQ(object["records"][0]["processes"][0]["name"], name);
 }

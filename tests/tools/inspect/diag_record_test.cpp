@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "record_json.h"
 #include "upload_writer.h"
 
 using testing::HasSubstr;
@@ -22,9 +23,7 @@ upload_file file_of(const byte_vector& payload) {
 
 TEST(DiagRecord, PacketsFollowEachOtherByTheirLengths) {
     const upload_file file = file_of(from_hex(PACKETS));
-    json_object object;
-    diag_record_add_json(file, &object);
-    EXPECT_EQ(object.dump(),
+    EXPECT_EQ(record_json(diag_record_add_json, file),
               R"({"records":[{"offset":0,"length":19,"log_code":45248,)"
               R"("time_stamp":72623859790382856,"sequence":1,"data_hex":"aabbcc"},)"
               R"({"offset":19,"length":16,"log_code":45249,"time_stamp":0,"sequence":2,)"

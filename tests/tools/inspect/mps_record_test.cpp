@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "record_json.h"
 #include "upload_writer.h"
 
 namespace {
@@ -15,10 +16,8 @@ const std::string METRIC =
 TEST(MpsRecord, MessageIsShownFieldByField) {
     upload_file file;  // behind the end of an old first line, and with a field that nobody knows
     file.payload = from_hex("300a" + HEADER + "5801" + METRIC + "1201cc");
-    json_object object;
-    mps_record_add_json(file, &object);
     EXPECT_EQ(
-        object.dump(),
+        record_json(mps_record_add_json, file),
         R"({"skipped_bytes":2,"records":[{"header":{"campaign_id":333,"client_id":6,)"
         R"("major_version":1,"minor_version":2},"raw_data_hex":["cc"],"metric_data":[{)"
         R"("start_time":{"collection_state":2,"timezone_min":-330,"realtime_ms":1700000000000},)"

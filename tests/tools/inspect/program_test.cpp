@@ -1,6 +1,7 @@
 // The program: several files, exit codes, what goes where.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -72,6 +73,60 @@ TEST_F(InspectProgram, BandListShowsItsHeaderInBothByteOrders) {
     }
 }
 
+TEST_F(InspectProgram, BandListThatIsEndlessOrTooLargeIsRefusedAndAPipeIsRead) {
+    EXPECT_THAT(run("--band-list /dev/zero").err,
+                HasSubstr("/dev/zero: is neither a regular file nor a pipe"));
+    const auto list = write("list", byte_vector(40));
+    EXPECT_EQ(run("--band-list /dev/stdin <" + list).code, 0);
+    EXPECT_THAT(run("--band-list " + list).out, HasSubstr("40 bytes"));
+    std::filesystem::resize_file(list, (size_t{16} << 20) + 1);
+    const auto refused = run("--band-list " + list);
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_THAT(refused.err, HasSubstr("/list: is larger than 16777216 bytes"));
+    ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
+    EXPECT_EQ(run("--band-list " + path("fifo")).code, 1);
+}
+
+// A small file that unpacks to a lot must not cost a multiple of that again: many small records,
+// and many places where a damaged one may go on.
+TEST_F(InspectProgram, WorkAndMemoryAreBoundedByThePayload) {
+    const auto repeated = [](const byte_vector& piece, size_t times) {
+        byte_vector all;
+        for (size_t i = 0; i < times; i++) all.insert(all.end(), piece.begin(), piece.end());
+        return all;
+    };
+    const byte_vector odd_byte = {1};
+    const struct {
+        const char* name;
+        byte_vector payload;
+        file_fields format;
+    } files[] = {
+        {"cpu", repeated({1, 0, 0, 0}, size_t{1} << 18) + odd_byte, {}},
+        {"gpu",
+         repeated({1, 1, 1, 0}, size_t{1} << 20) + odd_byte,
+         {.client_id = 1, .data_type = 1, .rec_version = 4}},
+        {"log",
+         repeated({28, 0}, size_t{1} << 21) + odd_byte,
+         {.client_id = 501, .data_type = 1, .rec_version = 1}},
+    };
+    for (const auto& [name, payload, format] : files) {
+        const auto damaged = write(name, upload(payload, format));
+        const auto shown = run(damaged);
+        EXPECT_EQ(shown.code, 1) << name;
+        EXPECT_THAT(shown.err, HasSubstr("payload offset")) << name;
+    }
+    const auto refused = run(write("huge", upload(byte_vector((size_t{16} << 20) + 4097))));
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_THAT(refused.err, HasSubstr("huge: offset 53: the gzip stream unpacks to more than"));
+
+    const sample_fields many = {
+        .network = std::vector<byte_vector>(60'000, network_entry(1, 10001, 0, 1, 1))};
+    EXPECT_EQ(run("--json " + write("good", upload(repeated(sample(many), 20)))).code, 0);
+    rusage usage = {};
+    ASSERT_EQ(getrusage(RUSAGE_CHILDREN, &usage), 0);
+    EXPECT_LT(usage.ru_maxrss, 512 << 10);  // of the largest run, in KiB
+}
+
 TEST_F(InspectProgram, DamagedFileIsNamedAndDoesNotHideTheOthers) {
     const auto good = write("good", upload(sample()));
     auto bytes = upload(sample());
@@ -111,6 +166,15 @@ TEST_F(InspectProgram, WhatIsNoFileIsRefusedWithoutWaiting) {
         EXPECT_EQ(shown.code, 1) << name;
         EXPECT_THAT(shown.err, HasSubstr(message)) << name;
     }
+}
+
+TEST_F(InspectProgram, PathCannotSteerTheTerminal) {
+    const std::string name = "a\x1b[2J\x7f\u009b";
+    const auto file = write(name, upload(sample()));
+    EXPECT_THAT(run("'" + file + "'").out, HasSubstr("/a\\x1b[2J\\x7f\\xc2\\x9b\n"));
+    write(name, byte_vector(40));
+    EXPECT_THAT(run("'" + file + "'").err, HasSubstr("/a\\x1b[2J\\x7f\\xc2\\x9b: offset 40"));
+    EXPECT_THAT(run("--band-list '" + file + "'").out, HasSubstr("/a\\x1b[2J\\x7f\\xc2\\x9b: "));
 }
 
 TEST_F(InspectProgram, OutputThatCannotBeWrittenIsAFailure) {

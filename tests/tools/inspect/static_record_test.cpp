@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "record_json.h"
+
 TEST(StaticRecord, TextIsSplitAtItsTitles) {
     for (const auto& [text, records] : std::vector<std::pair<std::string, std::string>>{
              {"- [5, 1]\n", R"([{"section":"","text":"- [5, 1]\n"}])"},
@@ -15,8 +17,7 @@ TEST(StaticRecord, TextIsSplitAtItsTitles) {
               R"({"section":"ims service status","text":"- [5]\n"}])"}}) {
         upload_file file;
         file.payload.assign(text.begin(), text.end());
-        json_object object;
-        static_record_add_json(file, &object);
+        const auto object = json_object::parse(record_json(static_record_add_json, file));
         EXPECT_EQ(object["records"].dump(), records);
     }
 }

@@ -1,4 +1,4 @@
-// Owners for descriptors, streams and directories: one template, one destructor each.
+// Owners for descriptors, streams, directories and memory: one destructor each.
 #pragma once
 
 #include <dirent.h>

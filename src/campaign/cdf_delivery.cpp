@@ -1,0 +1,213 @@
+#define LOG_TAG "vexastatsd"
+
+#include "campaign/cdf_delivery.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "base/open_file.h"
+#include "campaign/campaign_state.h"
+#include "framework/delivered_file.h"
+#include "framework/wait.h"
+#include "framework/watch.h"
+#include "platform/log.h"
+
+namespace {
+
+constexpr char CALLER[] = "campaign_mgr_main";
+constexpr char DOWNLOAD_DIR[] = "/data/vendor/vexa/down/101";
+constexpr char CDF_NAME[] = "cdf.dat";
+constexpr char CDF_FILE[] = "/data/vendor/vexa/down/101/cdf.dat";
+
+// Outside the watched directory, so that taking the file away is no news. The loading of stored
+// campaigns passes over the name.
+constexpr char DONE_FILE[] = "/data/vendor/vexastats/101/cdf.dat.done";
+
+constexpr off_t CDF_MAX_BYTES = off_t{1} << 20;
+constexpr int64_t SETTLE_MS = 1000;  // in which a writer gets through with its file
+constexpr int SETTLE_ROUNDS_MAX = 10;
+
+// A file that is moved in is as new as one that is created.
+constexpr uint32_t FILE_CAME = IN_CREATE | IN_MOVED_TO;
+constexpr uint32_t FILE_WENT = IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr uint32_t CDF_EVENTS = IN_MODIFY | FILE_WENT;
+
+// What makes the watch useless or incomplete, beside the file's end.
+constexpr uint32_t WATCH_ENDED = IN_IGNORED | IN_UNMOUNT | IN_Q_OVERFLOW;
+
+// The directories above the download directory, and what to look for in each: the directory itself
+// does not report that it went while somebody has it open.
+constexpr struct {
+    const char* dir;
+    const char* child;
+} ANCESTORS[] = {
+    {"/data/vendor/vexa/down", "101"},
+    {"/data/vendor/vexa", "down"},
+    {"/data/vendor", "vexa"},
+};
+constexpr uint32_t CHILD_CAME_OR_WENT =
+    IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | WATCH_DIR_GONE | IN_ONLYDIR;
+
+// ---- Decoding and taking away
+
+// Decodes the campaign file that is there now. Returns its mark as it was before; one that cannot
+// be read has none.
+config_file_mark decode_cdf() {
+    const unique_fd fd = open_regular(CDF_FILE, CDF_MAX_BYTES);
+    if (!fd) {
+        ALOGE("Failed Reading CDF File %s!! Panic", CDF_FILE);
+        return {};
+    }
+    const config_file_mark mark = config_file_look(fd.get());
+    campaign_mgr_decode_and_notify(fd.get(), CDF_FILE);
+    return mark;
+}
+
+// Waits until the file stays as it is. Returns false when a stop came first.
+bool settle(int fd, const stop_flag& stop) {
+    config_file_mark last;
+    for (int round = 0; round < SETTLE_ROUNDS_MAX; ++round) {
+        const config_file_mark now = config_file_look(fd);
+        if (now == last) return true;
+        last = now;
+        if (!vexastats_sleep_ms(SETTLE_MS, stop)) return false;
+    }
+    return true;  // somebody who never gets through must not keep the manager
+}
+
+// Decodes what lies at DONE_FILE unless it still is what was decoded before, and deletes it. After
+// a stop it stays for the next start.
+void finish_done_file(const config_file_mark& decoded, const stop_flag& stop) {
+    const unique_fd fd = open_regular(DONE_FILE, CDF_MAX_BYTES);
+    if (fd && config_file_look(fd.get()) != decoded) {
+        if (!settle(fd.get(), stop)) return;
+        campaign_mgr_decode_and_notify(fd.get(), CDF_FILE);
+    }
+    (void)unlink(DONE_FILE);
+}
+
+// Deletes the campaign file. It is renamed first and looked at again, so that one that was written
+// or put in its place since it was decoded is not lost. A directory of that name stays.
+void consume_cdf(const config_file_mark& decoded, const stop_flag& stop) {
+    struct stat there = {};
+    if (lstat(CDF_FILE, &there) != 0 || S_ISDIR(there.st_mode)) return;
+    if (rename(CDF_FILE, DONE_FILE) == 0) {
+        finish_done_file(decoded, stop);
+    } else if (config_file_look(CDF_FILE) == decoded) {
+        (void)unlink(CDF_FILE);  // there is no place for it
+    }
+}
+
+// ---- Watching
+
+void watch_ancestor_entries(int notifier) {
+    for (const auto& ancestor : ANCESTORS) {
+        (void)inotify_add_watch(notifier, ancestor.dir, CHILD_CAME_OR_WENT);
+    }
+}
+
+bool watch_failed() {
+    ALOGE("%s: failed inotify_add_watch. err:%d\n", CALLER, errno);
+    return false;
+}
+
+bool watch_cdf(int notifier) {
+    return inotify_add_watch(notifier, CDF_FILE, CDF_EVENTS) >= 0 || watch_failed();
+}
+
+// Returns false, logged, when not all that is there can be watched.
+bool watch_directory_and_file(cdf_watch* watch) {
+    const int notifier = watch->notifier.get();
+    watch->dir = inotify_add_watch(notifier, DOWNLOAD_DIR, FILE_CAME | WATCH_DIR_GONE | IN_ONLYDIR);
+    if (watch->dir < 0) return watch_failed();
+    struct stat file = {};
+    if (lstat(CDF_FILE, &file) != 0) return true;
+    if (!S_ISREG(file.st_mode)) {
+        ALOGE("%s: File not a regular file \n", CALLER);
+        return false;
+    }
+    if (!watch_cdf(notifier)) return false;
+    ALOGI("Reading file right away %s\n", CDF_FILE);
+    (void)decode_cdf();
+    return true;
+}
+
+bool is_on_the_path(const inotify_event& event) {
+    if (event.len == 0) return true;
+    return std::any_of(std::begin(ANCESTORS), std::end(ANCESTORS),
+                       [&](const auto& a) { return strcmp(event.name, a.child) == 0; });
+}
+
+cdf_news note_created(const cdf_watch& watch, const inotify_event& event, cdf_news so_far) {
+    const char* name = event.len > 0 ? event.name : "";
+    ALOGI("Full file name %s\n", CDF_FILE);
+    if (strcmp(name, CDF_NAME) != 0) {
+        ALOGI("Created %s %s %d\n", name, CDF_NAME, static_cast<int>(event.len));
+        return so_far;
+    }
+    ALOGI("CDF File Created waiting? %d\n", so_far == cdf_news::PROCESS ? 1 : 0);
+    (void)watch_cdf(watch.notifier.get());
+    return cdf_news::PROCESS;
+}
+
+cdf_news note_event(const cdf_watch& watch, const inotify_event& event, cdf_news so_far) {
+    ALOGI("Mask %d Len %d\n", static_cast<int>(event.mask), static_cast<int>(event.len));
+    ALOGI("Masks 0x%x 0x%x 0x%x 0x%x 0x%x\n", event.mask & IN_CREATE, event.mask & IN_MODIFY,
+          event.mask & IN_DELETE, event.mask & IN_DELETE_SELF, event.mask & IN_MOVE_SELF);
+    if (event.mask & (FILE_WENT | WATCH_ENDED)) return cdf_news::WATCH_OVER;
+    if (event.mask & FILE_CAME) return note_created(watch, event, so_far);
+    if (event.mask & IN_MODIFY) return cdf_news::PROCESS;
+    if (event.len > 0) {
+        ALOGI("File Operation %d on %s Not handled\n", static_cast<int>(event.mask), event.name);
+    }
+    return so_far;
+}
+
+}  // namespace
+
+void cdf_finish_interrupted(const stop_flag& stop) {
+    finish_done_file({}, stop);
+}
+
+bool cdf_watch_begin(cdf_watch* watch) {
+    *watch = {};
+    watch->notifier.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!watch->notifier) {
+        ALOGE("%s: failed inotify_init. err:%d\n", CALLER, errno);
+        return false;
+    }
+    watch_ancestor_entries(watch->notifier.get());
+    watch->complete = watch_directory_and_file(watch);
+    return true;
+}
+
+cdf_news cdf_read_events(cdf_watch* watch, const stop_flag& stop) {
+    watch_buffer events;
+    if (!watch_read(watch->notifier.get(), &events, stop)) return cdf_news::WATCH_OVER;
+    cdf_news news = cdf_news::NONE;
+    bool of_the_file = false;
+    watch_for_each(events, [&](const inotify_event& event) {
+        // Only the directory's events and the file's, which have no name, are worth a word.
+        const bool of_an_ancestor = event.len > 0 && event.wd != watch->dir && event.wd >= 0;
+        if (of_an_ancestor) {
+            if (is_on_the_path(event)) news = cdf_news::WATCH_OVER;
+            return;
+        }
+        if (!of_the_file) ALOGI("%s:CDF file pollin\n", CALLER);
+        of_the_file = true;
+        const cdf_news noted = note_event(*watch, event, news);
+        if (news != cdf_news::WATCH_OVER) news = noted;
+    });
+    return news;
+}
+
+void cdf_process(const stop_flag& stop) {
+    if (!vexastats_sleep_ms(SETTLE_MS, stop)) return;
+    ALOGI("Full file name %s\n", CDF_FILE);
+    consume_cdf(decode_cdf(), stop);
+}
