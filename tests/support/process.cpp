@@ -30,6 +30,15 @@ std::vector<char*> pointers(std::vector<std::string>& words) {
     return result;
 }
 
+// A program begins with signals as init starts it with: none blocked, and none ignored because the
+// shell that runs the tests in the background ignores it.
+void default_signals() {
+    for (int signo = 1; signo < NSIG; ++signo) (void)::signal(signo, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
 bool keeps_phones() {
     const char* keep = getenv("VEXA_TEST_KEEP");
     return keep && std::string(keep) == "1";
@@ -52,9 +61,7 @@ child_process::child_process(const std::vector<std::string>& argv, const fs::pat
     pid_ = fork();
     if (pid_ < 0) fail("fork");
     if (pid_ == 0) {
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
+        default_signals();
         if (out) {
             dup2(out.get(), STDOUT_FILENO);
             dup2(out.get(), STDERR_FILENO);
