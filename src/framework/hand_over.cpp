@@ -62,29 +62,17 @@ class finished_file {
     bool kept_ = false;
 };
 
-// Compresses the record, from behind its first line, after the header that is reserved in `out`.
-// What the record's payload stream has compressed already is not compressed again.
-bool write_payload(FILE* record, payload_stream* payload, FILE* out, size_t* compressed) {
-    struct stat status = {};
-    if (payload && fstat(fileno(record), &status) == 0 &&
-        status.st_size - ftello(record) == static_cast<off_t>(payload_stream_input_len(payload))) {
-        return payload_stream_finish(payload, out, compressed);
-    }
-    return vexastats_compress(record, out, compressed) == 0;
-}
-
 // Fills `out` with header and payload of `record`, which stands behind its first line. The header
 // is written before the payload, to reserve its place, and once more when the payload's length is
 // known. Each time takes a number: deliberate, an upload carries the second one.
-bool write_upload(collector_info* row, FILE* record, payload_stream* payload, size_t record_len,
-                  FILE* out) {
+bool write_upload(collector_info* row, FILE* record, size_t record_len, FILE* out) {
     sequence_turn turn(*row);
     if (write_header(out, row, turn.take()) != 0) {
         ALOGE("failed to prepend header %s\n", row->rec_fname);
         return false;
     }
     size_t compressed = 0;
-    if (!write_payload(record, payload, out, &compressed)) {
+    if (vexastats_compress(record, out, &compressed) != 0) {
         ALOGE("failed to compress\n");
         return false;
     }
@@ -117,7 +105,7 @@ bool name_finished(collector_info* row, record_names* names) {
 }
 
 // Compresses row->rec_fname's record into a finished file beside it and delivers that.
-int hand_over(collector_info* row, payload_stream* payload, size_t record_len) {
+int hand_over(collector_info* row, size_t record_len) {
     const unique_file record = fopen_regular(row->rec_fname, RECORD_FILE_MAX);
     if (!record) {
         ALOGE("%s: failed to open %s\n", "move_to_dropbox", row->rec_fname);
@@ -132,7 +120,7 @@ int hand_over(collector_info* row, payload_stream* payload, size_t record_len) {
         ALOGE("%s: failed to open %s\n", "move_to_dropbox", names.finished);
         return -EINVAL;
     }
-    if (!write_upload(row, record.get(), payload, record_len, finished.stream())) return -EINVAL;
+    if (!write_upload(row, record.get(), record_len, finished.stream())) return -EINVAL;
     const delivery result = deliver(fileno(finished.stream()), names);
     if (result != delivery::FAILED) finished.keep();
     return result == delivery::DROPPED ? 0 : -EINVAL;
@@ -175,9 +163,8 @@ int move_to_dropbox(collector_info* row, record_handle* handle, bool begin_new) 
     if (!row || !handle->file) return -EINVAL;
 
     const off_t record_len = ftello(handle->file);
-    const unique_payload_stream payload = std::move(handle->payload);
     vexastats_record_close(handle);
-    if (hand_over(row, payload.get(), record_len > 0 ? static_cast<size_t>(record_len) : 0) != 0) {
+    if (hand_over(row, record_len > 0 ? static_cast<size_t>(record_len) : 0) != 0) {
         handle->undelivered = true;
         return -EINVAL;
     }

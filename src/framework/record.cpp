@@ -157,39 +157,20 @@ full_test measure_whole_record(const write_req& req, uint64_t estimate) {
     return exceeds_size(req.row, compressed + estimate) ? full_test::FULL : full_test::FITS;
 }
 
-// The measure above counts the record with its first line, the payload stream knows the size
-// without it. What the line adds depends on how well its characters go with the data: nothing when
-// the data repeats them, up to two bytes each when it has none of them. And as the compressor's
-// blocks then end a line's length apart, each may move by a few bytes (docs/architecture.md has the
-// figures). Only where the answer lies within that reach is the whole record compressed.
-constexpr uint64_t LINE_BYTE_COST_MAX = 2;
-constexpr uint64_t LINE_SLACK = 32;
-constexpr uint64_t BLOCK_SLACK = 8;
-
-full_test full_by_payload(const write_req& req, off_t pos, uint64_t estimate) {
-    unique_payload_stream& payload = req.handle->payload;
-    if (!payload) payload = payload_stream_open(req.row->rec_fname);
-    if (!payload) return measure_whole_record(req, estimate);
-
-    const auto record_len = static_cast<uint64_t>(pos);
-    const uint64_t line_len =
-        record_len - std::min<uint64_t>(record_len, payload_stream_input_len(payload.get()));
-    const uint64_t blocks_slack = BLOCK_SLACK * (1 + payload_stream_blocks(payload.get()));
-    const uint64_t line_cost_max = LINE_BYTE_COST_MAX * line_len + LINE_SLACK + blocks_slack;
+// As measure_whole_record, of which it gives the answer, by the measure that runs along.
+full_test measure_record(const write_req& req, uint64_t estimate) {
+    unique_full_measure& measure = req.handle->measure;
+    if (!measure) measure = full_measure_begin(req.row->rec_fname);
 
     uint64_t len = 0;
-    if (payload_stream_len_at_most(payload.get(), &len) &&
-        !exceeds_size(req.row, len + line_cost_max + estimate)) {
+    if (measure && full_measure_len_at_most(measure.get(), &len) &&
+        !exceeds_size(req.row, len + estimate)) {
         return full_test::FITS;
     }
-    if (!payload_stream_measure(payload.get(), &len)) {
-        payload.reset();
-        return measure_whole_record(req, estimate);
+    if (measure && full_measure_len(measure.get(), &len)) {
+        return exceeds_size(req.row, len + estimate) ? full_test::FULL : full_test::FITS;
     }
-    const bool full = exceeds_size(req.row, len - std::min(len, blocks_slack) + estimate);
-    if (full == exceeds_size(req.row, len + line_cost_max + estimate)) {
-        return full ? full_test::FULL : full_test::FITS;
-    }
+    measure.reset();
     return measure_whole_record(req, estimate);
 }
 
@@ -197,7 +178,7 @@ full_test full_by_payload(const write_req& req, off_t pos, uint64_t estimate) {
 full_test test_full(const write_req& req, off_t pos) {
     const uint64_t record_len = req.len + static_cast<uint64_t>(pos);
     if (!exceeds_size(req.row, estimated_len(req.row, record_len))) return full_test::FITS;
-    return full_by_payload(req, pos, estimated_len(req.row, req.len));
+    return measure_record(req, estimated_len(req.row, req.len));
 }
 
 // Returns false when the record could not be handed over.
@@ -242,7 +223,7 @@ bool update_rt_timestamp(collector_info* row, record_handle* handle, const clock
     const record_header before = row->hdr;
     row->hdr.realtime_ms = now.realtime_ms - now.uptime_ms + row->hdr.uptime_ms;
     row->hdr.timezone_min = vexastats_timezone_min();
-    handle->payload.reset();
+    handle->measure.reset();
     char start[RECORD_LINE_SIZE];
     const ssize_t start_len = pread(fileno(handle->file), start, sizeof start, 0);
     if (fseeko(handle->file, 0, SEEK_SET) != 0) {
@@ -289,9 +270,8 @@ size_t append(const write_req& req) {
         cut_back(stream, pos);
         return 0;
     }
-    if (req.handle->payload &&
-        !payload_stream_append(req.handle->payload.get(), req.data, req.len)) {
-        req.handle->payload.reset();
+    if (req.handle->measure && !full_measure_append(req.handle->measure.get(), req.data, req.len)) {
+        req.handle->measure.reset();
     }
     return written;
 }
@@ -365,7 +345,7 @@ size_t vexastats_write_file(write_req* req) {
 }
 
 void vexastats_record_close(record_handle* handle) {
-    handle->payload.reset();
+    handle->measure.reset();
     if (handle->file) (void)fclose(handle->file);
     handle->file = nullptr;
 }

@@ -14,7 +14,7 @@
 #include <cstdio>
 
 #include "framework/collector_info.h"
-#include "framework/payload_stream.h"
+#include "framework/full_measure.h"
 
 struct record_init_req {
     collector_info* row = nullptr;
@@ -25,9 +25,9 @@ struct record_init_req {
 };
 
 struct record_handle {
-    FILE* file = nullptr;           // the open record; null when there is none
-    unique_payload_stream payload;  // its payload so far, once the record is nearly full
-    bool undelivered = false;       // a hand-over failed and the record was not opened again yet
+    FILE* file = nullptr;         // the open record; null when there is none
+    unique_full_measure measure;  // its compressed size, once it is nearly full
+    bool undelivered = false;     // a hand-over failed and the record was not opened again yet
 };
 
 enum write_flags : uint32_t {
