@@ -8,7 +8,7 @@
 #include "bench_data.h"
 #include "bench_floor.h"
 #include "bench_record.h"
-#include "framework/hand_over.h"
+#include "framework/record/hand_over.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "framework/record.h"
+#include "framework/record/record.h"
 
 class bench_record {
   public:

@@ -14,7 +14,7 @@ find_package(Threads REQUIRED)
 add_compile_options(-Wall -Wextra -Wshadow -Wformat=2 -fno-omit-frame-pointer -fstack-protector-strong)
 add_compile_definitions(_GNU_SOURCE)
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-  # libstdc++'s own mutexes carry no annotations; the daemon's wrappers in framework/sync.h do.
+  # libstdc++'s own mutexes carry no annotations; the daemon's wrappers in base/sync.h do.
   add_compile_options(-Wthread-safety)
 endif()
 if(VEXA_SANITIZE)

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "framework/timed_campaign.h"
+#include "timed_campaign/timed_campaign.h"
 
 namespace {
 

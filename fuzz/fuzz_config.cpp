@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "framework/config_line.h"
+#include "framework/config/config_line.h"
 
 namespace {
 

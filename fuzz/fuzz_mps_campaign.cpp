@@ -1,7 +1,7 @@
 // The logic of a campaign for the modem statistics collector.
 #include <cstdlib>
 
-#include "campaign/mps_campaign_desc.h"
+#include "collectors/mps/mps_campaign_desc.h"
 
 namespace {
 

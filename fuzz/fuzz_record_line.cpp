@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "framework/record_line.h"
+#include "framework/record/record_file.h"
 
 namespace {
 

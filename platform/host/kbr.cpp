@@ -23,8 +23,8 @@
 #include <new>
 #include <utility>
 
+#include "base/sync.h"
 #include "base/unique_handle.h"
-#include "framework/sync.h"
 #include "host/kbr_message.h"
 #include "platform/clock.h"
 

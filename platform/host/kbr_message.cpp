@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "framework/little_endian.h"
+#include "base/little_endian.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <new>
 
+#include "base/replace_file.h"
 #include "campaign.pb.h"
-#include "framework/files.h"
 #include "platform/log.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "framework/owned_bytes.h"
+#include "base/owned_bytes.h"
 
 inline constexpr uint32_t CAMPAIGN_MODULES = 7;
 inline constexpr uint32_t CAMPAIGN_NETWORKS_MAX = 10;  // records of a network list

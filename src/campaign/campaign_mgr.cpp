@@ -16,9 +16,9 @@
 #include "campaign/campaign_state.h"
 #include "campaign/cdf_delivery.h"
 #include "campaign/control_socket.h"
-#include "framework/clock.h"
-#include "framework/files.h"
-#include "framework/wait.h"
+#include "framework/time/clock.h"
+#include "framework/time/wait.h"
+#include "framework/time/wait_dir.h"
 #include "platform/log.h"
 
 namespace {

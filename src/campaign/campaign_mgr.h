@@ -7,8 +7,8 @@
 
 #include <cstdint>
 
+#include "base/owned_bytes.h"
 #include "campaign/campaign_rules.h"
-#include "framework/owned_bytes.h"
 
 // The thread's body: runs until SIGUSR1 comes, which must be blocked in every thread of the
 // process. Takes nothing and returns null. Logged throughout.

@@ -8,8 +8,8 @@
 #include <algorithm>
 
 #include "campaign/campaign_mgr.h"
-#include "framework/clock.h"
-#include "framework/files.h"
+#include "framework/files/whole_file.h"
+#include "framework/time/clock.h"
 #include "mps_events/mps_events.h"
 #include "platform/log.h"
 

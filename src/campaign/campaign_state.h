@@ -1,8 +1,8 @@
 // What the parts of the campaign manager share: the live campaigns, and what may be done to them.
 #pragma once
 
+#include "base/sync.h"
 #include "campaign/campaign_rules.h"
-#include "framework/sync.h"
 
 struct campaign_shared {
     vexa_mutex lock{};  // taken before any lock of the modem collector's events, never after

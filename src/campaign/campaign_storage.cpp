@@ -9,7 +9,7 @@
 
 #include "base/unique_handle.h"
 #include "campaign/campaign_state.h"
-#include "framework/files.h"
+#include "framework/files/whole_file.h"
 #include "platform/log.h"
 
 namespace {

@@ -12,9 +12,9 @@
 
 #include "base/open_file.h"
 #include "campaign/campaign_state.h"
-#include "framework/delivered_file.h"
-#include "framework/wait.h"
-#include "framework/watch.h"
+#include "framework/files/delivered_file.h"
+#include "framework/time/wait.h"
+#include "framework/time/watch.h"
 #include "platform/log.h"
 
 namespace {
@@ -57,22 +57,22 @@ constexpr uint32_t CHILD_CAME_OR_WENT =
 
 // Decodes the campaign file that is there now. Returns its mark as it was before; one that cannot
 // be read has none.
-config_file_mark decode_cdf() {
+file_mark decode_cdf() {
     const unique_fd fd = open_regular(CDF_FILE, CDF_MAX_BYTES);
     if (!fd) {
         ALOGE("Failed Reading CDF File %s!! Panic", CDF_FILE);
         return {};
     }
-    const config_file_mark mark = config_file_look(fd.get());
+    const file_mark mark = file_mark_look(fd.get());
     campaign_mgr_decode_and_notify(fd.get(), CDF_FILE);
     return mark;
 }
 
 // Waits until the file stays as it is. Returns false when a stop came first.
 bool settle(int fd, const stop_flag& stop) {
-    config_file_mark last;
+    file_mark last;
     for (int round = 0; round < SETTLE_ROUNDS_MAX; ++round) {
-        const config_file_mark now = config_file_look(fd);
+        const file_mark now = file_mark_look(fd);
         if (now == last) return true;
         last = now;
         if (!vexastats_sleep_ms(SETTLE_MS, stop)) return false;
@@ -82,9 +82,9 @@ bool settle(int fd, const stop_flag& stop) {
 
 // Decodes what lies at DONE_FILE unless it still is what was decoded before, and deletes it. After
 // a stop it stays for the next start.
-void finish_done_file(const config_file_mark& decoded, const stop_flag& stop) {
+void finish_done_file(const file_mark& decoded, const stop_flag& stop) {
     const unique_fd fd = open_regular(DONE_FILE, CDF_MAX_BYTES);
-    if (fd && config_file_look(fd.get()) != decoded) {
+    if (fd && file_mark_look(fd.get()) != decoded) {
         if (!settle(fd.get(), stop)) return;
         campaign_mgr_decode_and_notify(fd.get(), CDF_FILE);
     }
@@ -93,12 +93,12 @@ void finish_done_file(const config_file_mark& decoded, const stop_flag& stop) {
 
 // Deletes the campaign file. It is renamed first and looked at again, so that one that was written
 // or put in its place since it was decoded is not lost. A directory of that name stays.
-void consume_cdf(const config_file_mark& decoded, const stop_flag& stop) {
+void consume_cdf(const file_mark& decoded, const stop_flag& stop) {
     struct stat there = {};
     if (lstat(CDF_FILE, &there) != 0 || S_ISDIR(there.st_mode)) return;
     if (rename(CDF_FILE, DONE_FILE) == 0) {
         finish_done_file(decoded, stop);
-    } else if (config_file_look(CDF_FILE) == decoded) {
+    } else if (file_mark_look(CDF_FILE) == decoded) {
         (void)unlink(CDF_FILE);  // there is no place for it
     }
 }

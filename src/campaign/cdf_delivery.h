@@ -3,7 +3,7 @@
 #pragma once
 
 #include "base/unique_handle.h"
-#include "framework/stop.h"
+#include "framework/time/stop.h"
 
 struct cdf_watch {
     unique_fd notifier{};

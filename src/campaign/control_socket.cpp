@@ -14,8 +14,8 @@
 #include <utility>
 
 #include "campaign/campaign_state.h"
-#include "framework/clock.h"
-#include "framework/wait.h"
+#include "framework/time/clock.h"
+#include "framework/time/wait.h"
 #include "platform/log.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #pragma once
 
 #include "base/unique_handle.h"
-#include "framework/stop.h"
+#include "framework/time/stop.h"
 
 inline constexpr char CONTROL_SOCKET[] = "/dev/socket/vexa/vexa-campmgr-s";
 

@@ -3,7 +3,7 @@
 
 #include <ctime>
 
-#include "framework/local_time.h"
+#include "framework/time/local_time.h"
 
 inline tm local_time(time_t now) {
     tm local = {};

@@ -11,8 +11,8 @@
 #include "collectors/microdump/microdump_config.h"
 #include "collectors/mps/mps_collector.h"
 #include "collectors/static/static_collector.h"
-#include "framework/clock.h"
-#include "framework/config.h"
+#include "framework/config/config.h"
+#include "framework/time/clock.h"
 
 // Everything that is equal in all rows is a default of collector_info; a row shows what makes it
 // different.

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "framework/collector_info.h"
+#include "framework/row/collector_info.h"
 
 // Writable, and alive as long as the process. One thread runs per row, in this order.
 extern collector_info g_collectors[];

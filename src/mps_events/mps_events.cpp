@@ -6,9 +6,9 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include "framework/sync.h"
-#include "framework/test_window.h"
-#include "framework/wait.h"
+#include "base/sync.h"
+#include "framework/time/test_window.h"
+#include "framework/time/wait.h"
 #include "platform/log.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "framework/stop.h"
+#include "framework/time/stop.h"
 
 enum mps_event : uint32_t {
     MPS_EVENT_BUFFER_FULL = 2,     // the modem's buffer is full

@@ -17,7 +17,7 @@
 #include "campaign.pb.h"
 #include "campaign/campaign_state.h"
 #include "campaign/control_socket.h"
-#include "framework/clock.h"
+#include "framework/time/clock.h"
 #include "mps_events/mps_events.h"
 #include "platform_test.h"
 #include "support/events.h"

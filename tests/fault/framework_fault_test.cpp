@@ -7,9 +7,9 @@
 #include <set>
 
 #include "fault/fault.h"
-#include "framework/config.h"
-#include "framework/dload.h"
-#include "framework/record.h"
+#include "framework/config/config.h"
+#include "framework/config/dload.h"
+#include "framework/record/record.h"
 #include "platform_test.h"
 #include "support/files.h"
 #include "support/gzip.h"

@@ -12,7 +12,7 @@
 #include <new>
 
 #include "fault/fault.h"
-#include "framework/record.h"
+#include "framework/record/record.h"
 #include "platform_test.h"
 #include "support/files.h"
 #include "support/gzip.h"

@@ -1,5 +1,5 @@
 // Configuration files: what is accepted, what it becomes, and which files stay.
-#include "framework/config.h"
+#include "framework/config/config.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,7 +7,7 @@
 
 #include <filesystem>
 
-#include "framework/config_line.h"
+#include "framework/config/config_line.h"
 #include "platform_test.h"
 #include "support/files.h"
 #include "support/log.h"

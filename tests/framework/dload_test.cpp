@@ -1,6 +1,6 @@
 // Requests to the download agent and the sweep of its directory, in a directory that others write
 // to.
-#include "framework/dload.h"
+#include "framework/config/dload.h"
 
 #include <gtest/gtest.h>
 

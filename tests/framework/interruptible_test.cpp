@@ -1,6 +1,6 @@
 // Stopping a thread in a library call that only something to read can end. The window between its
 // look at the flag and the call is widened.
-#include "framework/interruptible.h"
+#include "framework/time/interruptible.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>

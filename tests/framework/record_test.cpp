@@ -1,5 +1,5 @@
 // Records and their hand-over: what stands in the files at every step.
-#include "framework/record.h"
+#include "framework/record/record.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,8 +11,8 @@
 #include <random>
 
 #include "base/unique_handle.h"
-#include "framework/clock.h"
-#include "framework/hand_over.h"
+#include "framework/record/hand_over.h"
+#include "framework/time/clock.h"
 #include "platform_test.h"
 #include "support/files.h"
 #include "support/gzip.h"

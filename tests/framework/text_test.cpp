@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "base/line_reader.h"
+#include "base/text_cursor.h"
+#include "base/text_file.h"
 #include "base/unique_handle.h"
-#include "framework/clock.h"
-#include "framework/config_line.h"
-#include "framework/files.h"
-#include "framework/line_reader.h"
-#include "framework/text_cursor.h"
+#include "framework/config/config_line.h"
+#include "framework/time/clock.h"
 #include "support/files.h"
 
 namespace {

@@ -14,8 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/owned_bytes.h"
 #include "base/unique_handle.h"
-#include "framework/owned_bytes.h"
 #include "support/events.h"
 
 // "01 ff" as two bytes.

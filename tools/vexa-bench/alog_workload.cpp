@@ -9,7 +9,7 @@
 #include "bench_phone.h"
 #include "collectors/alog/alog_record.h"
 #include "endless_file.h"
-#include "framework/clock.h"
+#include "framework/time/clock.h"
 #include "phone/enter.h"
 #include "workloads.h"
 

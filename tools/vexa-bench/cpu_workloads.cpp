@@ -11,9 +11,9 @@
 #include "collectors/cpu/cpu_stats.h"
 #include "collectors/cpu/readproc.h"
 #include "collectors/cpu/vexapslist.h"
-#include "framework/record.h"
-#include "framework/stop.h"
-#include "framework/wait.h"
+#include "framework/record/record.h"
+#include "framework/time/stop.h"
+#include "framework/time/wait.h"
 #include "workloads.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include "collectors/diag/diag_buffers.h"
 #include "collectors/diag/diag_session.h"
 #include "endless_file.h"
-#include "framework/clock.h"
+#include "framework/time/clock.h"
 #include "phone/enter.h"
 #include "workloads.h"
 

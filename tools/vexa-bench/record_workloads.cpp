@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "bench_phone.h"
-#include "framework/hand_over.h"
-#include "framework/record.h"
-#include "framework/record_line.h"
+#include "framework/record/hand_over.h"
+#include "framework/record/record.h"
+#include "framework/record/record_file.h"
 #include "workloads.h"
 
 namespace {

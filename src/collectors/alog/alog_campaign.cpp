@@ -3,8 +3,8 @@
 #include "collectors/alog/alog_campaign.h"
 
 #include "collectors/alog/alog_collector.h"
-#include "framework/campaign_config.h"
 #include "platform/log.h"
+#include "timed_campaign/campaign_config.h"
 
 constinit timed_campaign g_alog_campaign;
 

@@ -1,9 +1,9 @@
 // The campaign that the collector's configuration files have brought about, the row's thread alone.
 #pragma once
 
-#include "framework/collector_info.h"
-#include "framework/record.h"
-#include "framework/timed_campaign.h"
+#include "framework/record/record.h"
+#include "framework/row/collector_info.h"
+#include "timed_campaign/timed_campaign.h"
 
 // The campaign that runs, or none. The masks select nothing: they are logged and written back.
 extern timed_campaign g_alog_campaign;

@@ -4,7 +4,7 @@
 
 #include "collectors/alog/alog_campaign.h"
 #include "collectors/alog/alog_record.h"
-#include "framework/interruptible.h"
+#include "framework/time/interruptible.h"
 #include "platform/log.h"
 
 namespace {

@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "framework/collector_info.h"
+#include "framework/row/collector_info.h"
 
 // The row's thread body; returns 0. It ends when the row's `stop` is raised, when the row is not
 // opted in, and after a failed read or write, for which it raises `stop` itself. All failures are

@@ -11,10 +11,10 @@
 #include <string_view>
 
 #include "collectors/alog/alog_campaign.h"
-#include "framework/campaign_config.h"
-#include "framework/interruptible.h"
-#include "framework/wait.h"
+#include "framework/time/interruptible.h"
+#include "framework/time/wait.h"
 #include "platform/log.h"
+#include "timed_campaign/campaign_config.h"
 
 namespace {
 

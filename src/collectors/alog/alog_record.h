@@ -5,8 +5,8 @@
 #include <cstdint>
 
 #include "base/unique_handle.h"
-#include "framework/log_reader.h"
-#include "framework/record.h"
+#include "framework/record/record.h"
+#include "platform/log_reader.h"
 
 inline constexpr size_t ALOG_BUFFER_SIZE = 0x20000;
 inline constexpr size_t ALOG_ENTRY_MAX_SIZE = 5120;  // the rest of a longer entry is cut off

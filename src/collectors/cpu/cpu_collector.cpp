@@ -9,9 +9,9 @@
 #include "collectors/cpu/cpu_stats.h"
 #include "collectors/cpu/cpu_times.h"
 #include "collectors/cpu/vexapslist.h"
-#include "framework/sampling.h"
-#include "framework/watch.h"
+#include "framework/time/watch.h"
 #include "platform/log.h"
+#include "sampling/sampling.h"
 
 namespace {
 

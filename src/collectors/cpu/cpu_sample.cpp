@@ -2,7 +2,7 @@
 
 #include <string.h>
 
-#include "framework/little_endian.h"
+#include "base/little_endian.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include "collectors/cpu/cpu_sample.h"
 #include "collectors/cpu/readproc.h"
 #include "collectors/cpu/vexapslist.h"
-#include "framework/clock.h"
-#include "framework/wait.h"
+#include "framework/time/clock.h"
+#include "framework/time/wait.h"
 #include "platform/log.h"
 
 namespace {

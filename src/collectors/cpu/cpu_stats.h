@@ -6,14 +6,14 @@
 
 #include <cstdint>
 
+#include "base/grow_array.h"
 #include "collectors/cpu/cpu_times.h"
 #include "collectors/cpu/network_stats.h"
 #include "collectors/cpu/power_stats.h"
 #include "collectors/cpu/thermal_stats.h"
-#include "framework/collector_info.h"
-#include "framework/grow_array.h"
-#include "framework/record.h"
-#include "framework/sampling.h"
+#include "framework/record/record.h"
+#include "framework/row/collector_info.h"
+#include "sampling/sampling.h"
 
 // What the collector keeps from one sample to the next.
 struct cpu_stats {

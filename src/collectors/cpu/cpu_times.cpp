@@ -8,10 +8,10 @@
 #include <algorithm>
 #include <charconv>
 
+#include "base/line_reader.h"
 #include "base/open_file.h"
-#include "framework/files.h"
-#include "framework/line_reader.h"
-#include "framework/text_cursor.h"
+#include "base/text_cursor.h"
+#include "framework/sysfs/sysfs.h"
 #include "platform/log.h"
 
 namespace {

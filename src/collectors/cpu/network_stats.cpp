@@ -7,10 +7,10 @@
 
 #include <utility>
 
+#include "base/line_reader.h"
+#include "base/little_endian.h"
 #include "base/open_file.h"
-#include "framework/line_reader.h"
-#include "framework/little_endian.h"
-#include "framework/text_cursor.h"
+#include "base/text_cursor.h"
 #include "platform/log.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "framework/grow_array.h"
+#include "base/grow_array.h"
 
 // Interface classes of a network_node.
 enum network_class : uint8_t {

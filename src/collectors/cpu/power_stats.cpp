@@ -4,10 +4,10 @@
 
 #include <unistd.h>
 
-#include "framework/clock.h"
-#include "framework/files.h"
-#include "framework/sampling.h"
+#include "framework/sysfs/sysfs.h"
+#include "framework/time/clock.h"
 #include "platform/log.h"
+#include "sampling/sampling.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 
 #include "base/file_io.h"
 #include "base/open_file.h"
+#include "base/text_cursor.h"
 #include "base/unique_handle.h"
-#include "framework/text_cursor.h"
 
 namespace {
 

@@ -10,9 +10,10 @@
 
 #include <string_view>
 
+#include "base/text_cursor.h"
+#include "base/text_file.h"
 #include "base/unique_handle.h"
-#include "framework/files.h"
-#include "framework/text_cursor.h"
+#include "framework/sysfs/sysfs.h"
 #include "platform/log.h"
 
 namespace {

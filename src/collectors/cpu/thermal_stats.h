@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "framework/grow_array.h"
+#include "base/grow_array.h"
 
 // Stands for a temperature that is no number.
 inline constexpr int32_t TEMPERATURE_INVALID = static_cast<int32_t>(0xDEADBEEF);

@@ -13,9 +13,9 @@
 #include <bit>
 #include <cstdint>
 
+#include "base/little_endian.h"
 #include "base/printable.h"
 #include "base/standard_io.h"
-#include "framework/little_endian.h"
 #include "platform/log.h"
 
 namespace {

@@ -9,14 +9,14 @@
 
 #include <algorithm>
 
+#include "base/sync.h"
 #include "base/unique_handle.h"
 #include "collectors/diag/diag_campaign.h"
 #include "collectors/diag/diag_notify.h"
-#include "framework/campaign_config.h"
-#include "framework/clock.h"
-#include "framework/sync.h"
-#include "framework/wait.h"
+#include "framework/time/clock.h"
+#include "framework/time/wait.h"
 #include "platform/log.h"
+#include "timed_campaign/campaign_config.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "framework/record.h"
+#include "framework/record/record.h"
 
 inline constexpr size_t DIAG_BUFFER_SIZE = 0x23000;
 

@@ -3,7 +3,7 @@
 #include "collectors/diag/diag_campaign.h"
 
 #include "collectors/diag/diag_collector.h"
-#include "framework/campaign_config.h"
+#include "timed_campaign/campaign_config.h"
 
 constinit timed_campaign g_diag_campaign;
 

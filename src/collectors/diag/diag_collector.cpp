@@ -10,8 +10,8 @@
 #include "collectors/diag/diag_campaign.h"
 #include "collectors/diag/diag_notify.h"
 #include "collectors/diag/diag_session.h"
-#include "framework/campaign_config.h"
 #include "platform/log.h"
+#include "timed_campaign/campaign_config.h"
 
 namespace {
 

@@ -12,9 +12,9 @@
 #include "collectors/diag/diag_buffers.h"
 #include "collectors/diag/diag_campaign.h"
 #include "collectors/diag/diag_notify.h"
-#include "framework/campaign_config.h"
 #include "platform/diag.h"
 #include "platform/log.h"
+#include "timed_campaign/campaign_config.h"
 
 namespace {
 

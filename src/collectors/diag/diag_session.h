@@ -2,7 +2,7 @@
 // functions: the row's thread, unless said otherwise; failures are logged.
 #pragma once
 
-#include "framework/collector_info.h"
+#include "framework/row/collector_info.h"
 
 // Makes the buffers, registers with the library and asks for the campaign's log codes. `row`, which
 // lives as long as the process, says whether packets are kept. Returns 0 or -1; what was taken

@@ -6,10 +6,10 @@
 #include <sys/inotify.h>
 
 #include "collectors/gpu/gpu_stats.h"
-#include "framework/files.h"
-#include "framework/sampling.h"
-#include "framework/watch.h"
+#include "framework/sysfs/sysfs.h"
+#include "framework/time/watch.h"
 #include "platform/log.h"
+#include "sampling/sampling.h"
 
 namespace {
 

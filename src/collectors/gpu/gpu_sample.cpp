@@ -2,8 +2,8 @@
 
 #include <stdlib.h>
 
-#include "framework/little_endian.h"
-#include "framework/text_cursor.h"
+#include "base/little_endian.h"
+#include "base/text_cursor.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 
 #include <errno.h>
 
-#include "framework/files.h"
-#include "framework/wait.h"
+#include "framework/sysfs/sysfs.h"
+#include "framework/time/wait.h"
 #include "platform/log.h"
 
 namespace {

@@ -4,11 +4,11 @@
 
 #include <cstdint>
 
+#include "base/grow_array.h"
 #include "collectors/gpu/gpu_sample.h"
-#include "framework/collector_info.h"
-#include "framework/grow_array.h"
-#include "framework/record.h"
-#include "framework/sampling.h"
+#include "framework/record/record.h"
+#include "framework/row/collector_info.h"
+#include "sampling/sampling.h"
 
 // Also the file whose change the collector waits for.
 inline constexpr char GPU_BUSY_FILE[] = "/sys/class/kgsl/kgsl-3d0/gpu_busy_percentage";

@@ -8,12 +8,12 @@
 #include "base/unique_handle.h"
 #include "collectors/mccbandlist/mccbandlist_dload.h"
 #include "collectors/mccbandlist/mccbandlist_update.h"
-#include "framework/clock.h"
-#include "framework/debug_build.h"
-#include "framework/files.h"
-#include "framework/optout.h"
-#include "framework/wait.h"
-#include "framework/watch.h"
+#include "framework/row/debug_build.h"
+#include "framework/row/optout.h"
+#include "framework/time/clock.h"
+#include "framework/time/wait.h"
+#include "framework/time/wait_dir.h"
+#include "framework/time/watch.h"
 #include "platform/log.h"
 
 namespace {

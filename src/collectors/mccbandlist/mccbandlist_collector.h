@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "collectors/mccbandlist/mccbandlist_status.h"
-#include "framework/collector_info.h"
+#include "framework/row/collector_info.h"
 
 // The row's thread body; returns 0. It ends when the row's `stop` is raised, when the row's
 // download directory is gone, and when watching that fails, for which it raises `stop` itself. All

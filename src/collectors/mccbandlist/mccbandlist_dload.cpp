@@ -8,9 +8,9 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include "base/text_cursor.h"
 #include "base/unique_handle.h"
-#include "framework/debug_build.h"
-#include "framework/text_cursor.h"
+#include "framework/row/debug_build.h"
 #include "platform/log.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "framework/dload.h"
+#include "framework/config/dload.h"
 
 // The request, over the whole life of the updater's thread.
 struct mccbandlist_request {

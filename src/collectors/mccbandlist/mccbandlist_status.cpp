@@ -6,10 +6,11 @@
 #include <stdio.h>
 
 #include "base/open_file.h"
+#include "base/replace_file.h"
+#include "base/text_cursor.h"
+#include "base/text_file.h"
 #include "base/unique_handle.h"
-#include "framework/config_line.h"
-#include "framework/files.h"
-#include "framework/text_cursor.h"
+#include "framework/config/config_line.h"
 #include "platform/log.h"
 
 namespace {

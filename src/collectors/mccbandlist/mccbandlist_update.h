@@ -4,9 +4,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/owned_bytes.h"
 #include "collectors/mccbandlist/mccbandlist_header.h"
-#include "framework/owned_bytes.h"
-#include "framework/stop.h"
+#include "framework/time/stop.h"
 
 // The longest list that is read.
 inline constexpr size_t MCCBANDLIST_FILE_MAX = size_t{1} << 20;

@@ -11,11 +11,11 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/sync.h"
 #include "base/unique_handle.h"
-#include "framework/clock.h"
-#include "framework/modem_client.h"
-#include "framework/sync.h"
-#include "framework/wait.h"
+#include "framework/time/clock.h"
+#include "framework/time/wait.h"
+#include "modem_client/modem_client.h"
 #include "platform/log.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <cstdint>
 
 #include "collectors/mccbandlist/pdc_service.h"
-#include "framework/stop.h"
+#include "framework/time/stop.h"
 
 // How long a segment waits for its indication. The modem writes at most 900 bytes for it.
 inline constexpr int64_t PDC_LOAD_LIMIT_MS = 60000;

@@ -1,6 +1,6 @@
 #include "collectors/mccbandlist/pdc_service.h"
 
-#include "framework/modem_client.h"
+#include "modem_client/modem_client.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string.h>
 #include <time.h>
 
-#include "framework/local_time.h"
+#include "framework/time/local_time.h"
 #include "platform/clock.h"
 #include "platform/log.h"
 

@@ -2,7 +2,7 @@
 // crash time, and uploads it after some days. Everything else in this folder is its own business.
 #pragma once
 
-#include "framework/collector_info.h"
+#include "framework/row/collector_info.h"
 
 // The thread body of the row "microdump_collector". Runs until the row is stopped or the device or
 // the record cannot be opened; raises the row's stop flag as it ends. Returns 0. Thread: the row's

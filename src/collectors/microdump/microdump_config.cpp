@@ -6,12 +6,12 @@
 
 #include <algorithm>
 
-#include "framework/clock.h"
-#include "framework/config.h"
-#include "framework/config_line.h"
-#include "framework/files.h"
-#include "framework/text_cursor.h"
-#include "framework/version.h"
+#include "base/replace_file.h"
+#include "base/text_cursor.h"
+#include "framework/config/config.h"
+#include "framework/config/config_line.h"
+#include "framework/row/version.h"
+#include "framework/time/clock.h"
 #include "platform/log.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string_view>
 
-#include "framework/collector_info.h"
+#include "framework/row/collector_info.h"
 
 struct microdump_config {
     int64_t client_id = 0;

@@ -7,9 +7,10 @@
 #include <limits.h>
 #include <stdio.h>
 
-#include "framework/clock.h"
-#include "framework/files.h"
-#include "framework/text_cursor.h"
+#include "base/replace_file.h"
+#include "base/text_cursor.h"
+#include "base/text_file.h"
+#include "framework/time/clock.h"
 #include "platform/log.h"
 
 namespace {

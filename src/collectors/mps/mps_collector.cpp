@@ -8,15 +8,16 @@
 
 #include <atomic>
 
+#include "base/text_file.h"
 #include "campaign/campaign_mgr.h"
-#include "campaign/mps_campaign_desc.h"
+#include "collectors/mps/mps_campaign_desc.h"
 #include "collectors/mps/mps_data.h"
 #include "collectors/mps/mps_kbr.h"
 #include "collectors/mps/mps_service_thread.h"
 #include "collectors/mps/mps_timers.h"
-#include "framework/clock.h"
-#include "framework/files.h"
-#include "framework/optout.h"
+#include "framework/row/optout.h"
+#include "framework/time/clock.h"
+#include "framework/time/wait_dir.h"
 #include "mps_events/mps_events.h"
 #include "platform/log.h"
 

@@ -2,7 +2,7 @@
 // hand over its results in time, and uploads them.
 #pragma once
 
-#include "framework/collector_info.h"
+#include "framework/row/collector_info.h"
 
 // The row's thread body; returns 0. It ends when the row's `stop` is raised, when the row is not
 // opted in as it starts or `terminate` is set while it is not, or when its record or its threads

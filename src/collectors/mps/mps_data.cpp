@@ -15,11 +15,11 @@
 #include <algorithm>
 
 #include "base/open_file.h"
+#include "base/owned_bytes.h"
 #include "base/unique_handle.h"
 #include "collectors/mps/mps_kbr.h"
-#include "framework/clock.h"
-#include "framework/files.h"
-#include "framework/owned_bytes.h"
+#include "framework/files/whole_file.h"
+#include "framework/time/clock.h"
 #include "mps_data.pb.h"
 #include "platform/log.h"
 
@@ -134,12 +134,12 @@ const data_marker* find_marker(const char* name) {
     return nullptr;
 }
 
-config_file_mark* find_mark(mps_file_marks* marks, const config_file_mark& file) {
+file_mark* find_mark(mps_file_marks* marks, const file_mark& file) {
     auto* found = std::find(marks->files.begin(), marks->files.end(), file);
     return file.exists && found != marks->files.end() ? found : nullptr;
 }
 
-void add_mark(mps_file_marks* marks, const config_file_mark& file) {
+void add_mark(mps_file_marks* marks, const file_mark& file) {
     marks->files[marks->next++ % marks->files.size()] = file;
 }
 
@@ -152,7 +152,7 @@ struct data_path {
 struct data_entry {
     int dir_fd = -1;
     const char* name = nullptr;
-    config_file_mark file{};
+    file_mark file{};
     bool is_plain = false;  // a regular file with one name
 };
 
@@ -160,14 +160,14 @@ data_entry look_at(int dir_fd, const char* name) {
     data_entry entry{.dir_fd = dir_fd, .name = name};
     struct stat status = {};
     if (fstatat(dir_fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return entry;
-    entry.file = config_file_mark_of(status);
+    entry.file = file_mark_of(status);
     entry.is_plain = S_ISREG(status.st_mode) && status.st_nlink == 1;
     return entry;
 }
 
 // Deletes a file that was taken, now or before.
 void delete_file(mps_collection* collection, const data_entry& entry) {
-    config_file_mark* undeleted = find_mark(&collection->undeleted, entry.file);
+    file_mark* undeleted = find_mark(&collection->undeleted, entry.file);
     if (unlinkat(entry.dir_fd, entry.name, 0) == 0 || errno == ENOENT) {
         if (undeleted) *undeleted = {};
         return;

@@ -5,9 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "framework/collector_info.h"
-#include "framework/config_update.h"
-#include "framework/record.h"
+#include "framework/config/config_update.h"
+#include "framework/record/record.h"
+#include "framework/row/collector_info.h"
 
 // A moment of a collection. All zero: there was none yet.
 struct mps_time_info {
@@ -30,7 +30,7 @@ enum mps_data_kind : uint32_t {
 // Files that stay where they are, each as it was. With more than there is room the oldest is
 // forgotten.
 struct mps_file_marks {
-    std::array<config_file_mark, 32> files{};
+    std::array<file_mark, 32> files{};
     size_t next = 0;
 };
 

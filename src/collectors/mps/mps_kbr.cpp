@@ -8,9 +8,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/sync.h"
 #include "collectors/mps/mps_service.h"
-#include "framework/modem_client.h"
-#include "framework/sync.h"
+#include "modem_client/modem_client.h"
 #include "mps_events/mps_events.h"
 #include "platform/log.h"
 

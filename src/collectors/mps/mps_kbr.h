@@ -12,8 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "campaign/mps_campaign_desc.h"
-#include "framework/stop.h"
+#include "collectors/mps/mps_campaign_desc.h"
+#include "framework/time/stop.h"
 #include "platform/kbr.h"
 
 // Gets an event of mps_events/mps_events.h. Thread: the messaging library's.

@@ -1,6 +1,6 @@
 #include "collectors/mps/mps_service.h"
 
-#include "framework/modem_client.h"
+#include "modem_client/modem_client.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include "collectors/mps/mps_service_thread.h"
 
 #include "collectors/mps/mps_kbr.h"
-#include "framework/stop.h"
+#include "framework/time/stop.h"
 #include "mps_events/mps_events.h"
 #include "platform/log.h"
 

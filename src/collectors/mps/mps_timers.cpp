@@ -10,11 +10,11 @@
 #include <algorithm>
 #include <iterator>
 
+#include "base/sync.h"
 #include "base/unique_handle.h"
 #include "collectors/mps/mps_kbr.h"
-#include "framework/clock.h"
-#include "framework/sync.h"
-#include "framework/wait.h"
+#include "framework/time/clock.h"
+#include "framework/time/wait.h"
 #include "mps_events/mps_events.h"
 #include "platform/log.h"
 

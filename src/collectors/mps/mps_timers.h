@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "framework/stop.h"
+#include "framework/time/stop.h"
 
 // A timer's number, which is also its bit in the timer-expired mask.
 enum mps_timer : uint32_t {

@@ -7,14 +7,14 @@
 
 #include <algorithm>
 
+#include "base/replace_file.h"
 #include "collectors/static/aost_imsa.h"
 #include "collectors/static/aost_reporter.h"
-#include "framework/clock.h"
-#include "framework/config.h"
-#include "framework/config_line.h"
-#include "framework/files.h"
-#include "framework/version.h"
-#include "framework/wait.h"
+#include "framework/config/config.h"
+#include "framework/config/config_line.h"
+#include "framework/row/version.h"
+#include "framework/time/clock.h"
+#include "framework/time/wait.h"
 #include "platform/log.h"
 
 namespace {

@@ -10,10 +10,10 @@
 
 #include "base/unique_handle.h"
 #include "collectors/static/aost_reporter.h"
-#include "framework/clock.h"
-#include "framework/dload.h"
-#include "framework/modem_client.h"
-#include "framework/wait.h"
+#include "framework/config/dload.h"
+#include "framework/time/clock.h"
+#include "framework/time/wait.h"
+#include "modem_client/modem_client.h"
 #include "platform/log.h"
 
 constinit aost_reporter g_aost;

@@ -7,7 +7,7 @@
 // static thread"), each ends early on a stop of the row. Failures are logged.
 #pragma once
 
-#include "framework/record.h"
+#include "framework/record/record.h"
 
 // Connects to the IMS service, binds it to a subscription, and arms the alarm. req->row and
 // req->handle are used until aost_imsa_deinit; the handle is left alone until the static record in

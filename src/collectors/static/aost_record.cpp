@@ -4,7 +4,7 @@
 #include <string.h>
 
 #include "collectors/static/aost_reporter.h"
-#include "framework/record.h"
+#include "framework/record/record.h"
 #include "platform/log.h"
 
 namespace {

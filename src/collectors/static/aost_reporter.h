@@ -17,11 +17,11 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/sync.h"
 #include "collectors/static/imsa_service.h"
-#include "framework/collector_info.h"
-#include "framework/modem_client.h"
-#include "framework/record.h"
-#include "framework/sync.h"
+#include "framework/record/record.h"
+#include "framework/row/collector_info.h"
+#include "modem_client/modem_client.h"
 #include "platform/kbr.h"
 
 inline constexpr uint32_t AOST_INTERVAL_S = 432000;

@@ -5,12 +5,12 @@
 #include <unistd.h>
 
 #include "base/open_file.h"
+#include "base/text_file.h"
 #include "base/unique_handle.h"
 #include "collectors/static/aost_imsa.h"
 #include "collectors/static/aost_reporter.h"
-#include "framework/clock.h"
-#include "framework/delivered_file.h"
-#include "framework/files.h"
+#include "framework/files/delivered_file.h"
+#include "framework/time/clock.h"
 #include "platform/log.h"
 
 namespace {
@@ -48,7 +48,7 @@ bool take_level(const collector_info& row, int attempt, char (&level)[LEVEL_SIZE
         discard_level();
         return false;
     }
-    const config_file_mark read = config_file_look(fileno(file.get()));
+    const file_mark read = file_mark_look(fileno(file.get()));
     if (!fgets(level, sizeof level, file.get())) {
         ALOGE("Failed in fgets(), errno=%d\n", errno);
         return false;

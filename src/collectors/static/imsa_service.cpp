@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "framework/modem_client.h"
+#include "modem_client/modem_client.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 
 #include "collectors/static/aost_imsa.h"
 #include "collectors/static/static_items.h"
-#include "framework/files.h"
-#include "framework/optout.h"
-#include "framework/record.h"
-#include "framework/wait.h"
+#include "framework/record/record.h"
+#include "framework/row/optout.h"
+#include "framework/time/wait.h"
+#include "framework/time/wait_dir.h"
 #include "platform/log.h"
 
 namespace {

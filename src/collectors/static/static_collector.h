@@ -2,7 +2,7 @@
 // the daemon; then the state of the IMS service and the DRM level, as long as the daemon runs.
 #pragma once
 
-#include "framework/collector_info.h"
+#include "framework/row/collector_info.h"
 
 // The thread of the "static_collector" row. Returns 0 once the row's `stop` is raised or there is
 // nothing more to report. Failures are logged.

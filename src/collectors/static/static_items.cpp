@@ -13,11 +13,11 @@
 #include <memory>
 
 #include "base/open_file.h"
+#include "base/text_file.h"
 #include "base/unique_handle.h"
 #include "collectors/static/aost_imsa.h"
-#include "framework/files.h"
-#include "framework/log_reader.h"
 #include "platform/log.h"
+#include "platform/log_reader.h"
 #include "platform/properties.h"
 
 namespace {

@@ -8,7 +8,7 @@
 
 #include <cstddef>
 
-#include "framework/record.h"
+#include "framework/record/record.h"
 
 inline constexpr size_t STATIC_TEXT_SIZE = 512;
 

@@ -14,13 +14,13 @@
 
 #include "collectors/alog/alog_campaign.h"
 #include "collectors/alog/alog_record.h"
-#include "framework/campaign_config.h"
-#include "framework/optout.h"
+#include "framework/row/optout.h"
 #include "platform/clock.h"
 #include "support/events.h"
 #include "support/files.h"
 #include "support/gzip.h"
 #include "support/log.h"
+#include "timed_campaign/campaign_config.h"
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;

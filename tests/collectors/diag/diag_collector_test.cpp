@@ -15,13 +15,13 @@
 #include "collectors/diag/diag_campaign.h"
 #include "collectors/diag/diag_notify.h"
 #include "collectors/diag/diag_session.h"
-#include "framework/campaign_config.h"
-#include "framework/optout.h"
+#include "framework/row/optout.h"
 #include "platform/diag.h"
 #include "support/events.h"
 #include "support/files.h"
 #include "support/gzip.h"
 #include "support/log.h"
+#include "timed_campaign/campaign_config.h"
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;

@@ -15,9 +15,9 @@
 #include <thread>
 
 #include "collectors/gpu/gpu_stats.h"
-#include "framework/clock.h"
-#include "framework/config.h"
-#include "framework/record.h"
+#include "framework/config/config.h"
+#include "framework/record/record.h"
+#include "framework/time/clock.h"
 #include "support/events.h"
 #include "support/files.h"
 #include "support/gzip.h"

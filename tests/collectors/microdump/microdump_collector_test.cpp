@@ -16,8 +16,8 @@
 
 #include "base/unique_handle.h"
 #include "collectors/microdump/microdump_config.h"
-#include "framework/clock.h"
-#include "framework/optout.h"
+#include "framework/row/optout.h"
+#include "framework/time/clock.h"
 #include "support/events.h"
 #include "support/files.h"
 #include "support/gzip.h"

@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "framework/clock.h"
+#include "framework/time/clock.h"
 #include "platform/log_read.h"
 #include "support/events.h"
 #include "support/files.h"

@@ -1,0 +1,70 @@
+#define LOG_TAG "vexastatsd"
+
+#include "framework/record/compress.h"
+
+#include <errno.h>
+
+#include "platform/log.h"
+
+int compress_begin(z_stream* stream) {
+    constexpr int LEVEL_DEFAULT = -1;
+    constexpr int MEMORY_LEVEL = 8;
+    return deflateInit2(stream, LEVEL_DEFAULT, Z_DEFLATED, GZIP_WINDOW_BITS, MEMORY_LEVEL,
+                        Z_DEFAULT_STRATEGY);
+}
+
+bool skip_first_line(FILE* record) {
+    char line[256];
+    return fgets(line, sizeof line, record) != nullptr;
+}
+
+namespace {
+
+struct deflate_guard {
+    z_stream* stream;
+    ~deflate_guard() { deflateEnd(stream); }
+};
+
+// Compresses what is in stream->next_in; every piece that comes out is counted and written.
+bool deflate_piece(z_stream* stream, int flush, FILE* out, size_t* count) {
+    unsigned char piece[COMPRESS_PIECE];
+    do {
+        stream->next_out = piece;
+        stream->avail_out = sizeof piece;
+        deflate(stream, flush);
+        const size_t have = sizeof piece - stream->avail_out;
+        *count += have;
+        if (out && fwrite(piece, 1, have, out) != have) return false;
+    } while (stream->avail_out == 0);
+    return true;
+}
+
+}  // namespace
+
+int vexastats_compress(FILE* in, FILE* out, size_t* count) {
+    if (!in) return -EINVAL;
+    z_stream stream = {};
+    const int error = compress_begin(&stream);
+    if (error != Z_OK) {
+        ALOGE("deflateInit2 failed. err:%d\n", error);
+        return error;
+    }
+    const deflate_guard guard{&stream};
+
+    unsigned char piece[COMPRESS_PIECE];
+    for (bool end = false; !end;) {
+        const size_t have = fread(piece, 1, sizeof piece, in);
+        end = feof(in) != 0;
+        if (have < sizeof piece && !end) {
+            ALOGE("%s: fread failed.\n", __func__);
+            return -EINVAL;
+        }
+        stream.next_in = piece;
+        stream.avail_in = static_cast<uInt>(have);
+        if (!deflate_piece(&stream, end ? Z_FINISH : Z_NO_FLUSH, out, count)) {
+            ALOGE("%s: fwrite failed.\n", __func__);
+            return -EINVAL;
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,129 @@
+// What the frequency-triggered collectors share. Such a collector samples every `interval` ms while
+// its part of the chip is busy and otherwise waits until the kernel reports a change of a frequency
+// file (inotify). A kernel that reports no change in the first five minutes after an early start is
+// taken as one that never will: the collector then samples periodically, now and after restarts.
+//
+// All functions: the row's own thread.
+#pragma once
+
+#include <cstdint>
+
+#include "base/grow_array.h"
+#include "base/unique_handle.h"
+#include "framework/record/record.h"
+#include "framework/row/collector_info.h"
+#include "framework/time/clock.h"
+#include "framework/time/watch.h"
+
+// ---- Time stamp of a sample
+
+// The offset from UTC that the last sample was taken at.
+struct timezone_memory {
+    static constexpr int16_t UNKNOWN_MIN = -3000;
+    int16_t offset_min = UNKNOWN_MIN;
+};
+
+struct timezone_state {
+    int16_t offset_min = 0;  // minutes ahead of UTC, now
+    bool changed = false;  // since the last sample, or since the record's header for the first one
+};
+
+// Reads the offset and remembers it. The memory of a collector that took no sample yet begins with
+// the offset in the row's header.
+timezone_state sampling_timezone(timezone_memory* memory, const collector_info& row);
+
+// Bits 0..30: tenths of a second since boot; bit 31: the offset changed and follows the stamp.
+uint32_t sampling_time_stamp(bool timezone_changed);
+
+// What the fuel gauge counts, in microampere-hours. Returns whether it could be read; *value stays
+// as it is otherwise, and a missing file is logged.
+bool sampling_read_charge_counter(int32_t* value_uAh);
+
+// How the collector gets on with its record.
+struct sampling_storage {
+    static constexpr int64_t FIRST_PAUSE_MS = 1000;
+    static constexpr int64_t LONGEST_PAUSE_MS = 60000;
+    bool failed = false;  // there was no record for the last sample, or it did not take it
+    int64_t pause_ms = FIRST_PAUSE_MS;  // before the next attempt; doubles until a sample is stored
+};
+
+// Appends a whole sample to the record. Returns 0, or -EINVAL, logged with the name of the calling
+// function; *storage says the same.
+int sampling_write(collector_info* row, record_handle* record, const grow_array<uint8_t>& sample,
+                   const char* caller, sampling_storage* storage);
+
+// ---- One such collector
+
+// What makes it different from the others, for log texts and files.
+struct sampling_kind {
+    const char* name = nullptr;     // "cpu"
+    const char* monitor = nullptr;  // its thread function
+    const char* record_dir = nullptr;
+    const char* record_file = nullptr;
+    const char* cfg_key = nullptr;  // the configuration file it asks the download agent for
+    const char* notifier_failure = nullptr;
+};
+
+struct sampling_collector {
+    const sampling_kind* kind = nullptr;
+    collector_info* row = nullptr;
+    bool started_early = false;
+    uint64_t params_loaded_ms = 0;
+    record_handle record{};
+    unique_fd notifier{};
+    int failures = 0;               // in a row
+    bool kernel_is_silent = false;  // found out in this run; no file that is loaded changes it
+
+    const stop_flag& stop() const { return row->stop; }
+};
+
+// ---- Start
+
+// Notes an early start (the phone was booted less than two minutes ago), waits for the owner's
+// consent, opens the record, asks for a configuration and loads the parameters. Data that an
+// earlier run left is handed over before the record is begun; one that cannot be opened is tried
+// again. Returns whether the collector goes on; failures are logged.
+bool sampling_start(sampling_collector* c, sampling_storage* storage);
+
+// Opens the record again when a failure has taken it (vexastats_record_reopen). Returns whether
+// there is one; after a failure, which is logged, the pause is over.
+bool sampling_has_record(sampling_collector* c, sampling_storage* storage);
+
+// Opens the notifier for the frequency files. Returns false, logged, on failure.
+bool sampling_open_notifier(sampling_collector* c);
+
+// Gives a kernel that reported no changes another chance after an early start. A row whose kernel
+// is known not to report any is set to periodic sampling. A failure to save is logged.
+void sampling_apply_kernel_support(sampling_collector* c);
+
+// Raises the row's stop flag and closes the record.
+void sampling_end(sampling_collector* c);
+
+// ---- Waiting for a change
+
+inline constexpr int64_t FIRST_WAIT_LIMIT_MS = minutes_ms(5);
+
+enum class change_wait { EVENTS, TIMED_OUT, FAILED };
+
+// Reads events from the notifier, for at most FIRST_WAIT_LIMIT_MS when `bounded`. Failures, to
+// which a stop belongs (EINTR), are logged.
+change_wait sampling_wait_change(const sampling_collector& c, bool bounded, watch_buffer* events);
+
+// The wait was in vain: remembers that for the next starts and turns to periodic sampling. Logged.
+void sampling_give_up_notify(sampling_collector* c);
+
+// ---- Failures in a row, parameters
+
+// Counts the result of a sampling loop: one that failed costs a second, one that did not starts the
+// count afresh. Storage that is full or was taken away comes back one day: it costs a pause that
+// grows, but does not count.
+void sampling_count_result(sampling_collector* c, int result, sampling_storage* storage);
+
+// After a failed watch or wait: waits a second. Returns whether there is another attempt, of three.
+bool sampling_try_again(sampling_collector* c);
+
+// Ends a pass of the main loop: waits for consent where it was withdrawn, and loads the row's
+// parameters again once more than five days of uptime have passed since the last time. A kernel
+// that was found to report no changes stays one. Returns
+// whether there is another pass: not after three failures in a row.
+bool sampling_end_pass(sampling_collector* c);
