@@ -23,6 +23,19 @@ ssize_t read_full(int fd, void* buf, size_t size) {
     return static_cast<ssize_t>(have);
 }
 
+ssize_t pread_full(int fd, void* buf, size_t size, off_t offset) {
+    size_t have = 0;
+    while (have < size) {
+        const ssize_t count = pread(fd, static_cast<char*>(buf) + have, size - have,
+                                    offset + static_cast<off_t>(have));
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return -1;
+        if (count == 0) break;
+        have += static_cast<size_t>(count);
+    }
+    return static_cast<ssize_t>(have);
+}
+
 ssize_t read_to_newline(int fd, char* buf, size_t size) {
     size_t have = 0;
     while (have < size) {

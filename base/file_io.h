@@ -11,6 +11,9 @@ ssize_t read_some(int fd, void* buf, size_t size);
 // Reads until `size` bytes have come or the file ends. Returns their number, or -1 with errno set.
 ssize_t read_full(int fd, void* buf, size_t size);
 
+// The same from `offset` on, without moving the descriptor's position.
+ssize_t pread_full(int fd, void* buf, size_t size, off_t offset);
+
 // Reads until `size` bytes have come, a newline is among them, or the file ends. Returns their
 // number, or -1 with errno set.
 ssize_t read_to_newline(int fd, char* buf, size_t size);

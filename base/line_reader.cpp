@@ -1,10 +1,10 @@
 #include "base/line_reader.h"
 
-#include <errno.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <algorithm>
+
+#include "base/file_io.h"
 
 namespace {
 
@@ -15,11 +15,8 @@ void fill(line_reader* reader) {
         reader->end -= reader->begin;
         reader->begin = 0;
     }
-    ssize_t got;
-    do {
-        got =
-            read(reader->fd.get(), reader->bytes + reader->end, sizeof reader->bytes - reader->end);
-    } while (got < 0 && errno == EINTR);
+    const ssize_t got = read_some(reader->fd.get(), reader->bytes + reader->end,
+                                  sizeof reader->bytes - reader->end);
     if (got > 0) {
         reader->end += static_cast<size_t>(got);
     } else {

@@ -23,6 +23,7 @@
 #include <new>
 #include <utility>
 
+#include "base/path.h"
 #include "base/sync.h"
 #include "base/unique_handle.h"
 #include "host/kbr_message.h"
@@ -356,9 +357,7 @@ void* read_packets(void* arg) {
 // Connects, trying again until the deadline while the service is slow to accept.
 int connect_to(const kbr_service_object& service, const deadline& end, unique_fd* connected) {
     sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
-    const int len =
-        snprintf(address.sun_path, sizeof address.sun_path, "%s/%s", SOCKET_DIR, service.name);
-    if (len < 0 || static_cast<size_t>(len) >= sizeof address.sun_path) return KBR_ERR_GONE;
+    if (!path_join(address.sun_path, SOCKET_DIR, service.name)) return KBR_ERR_GONE;
     unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd) return KBR_ERR_INTERNAL;
     while (connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {

@@ -10,6 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/file_io.h"
+#include "base/path.h"
 #include "base/unique_handle.h"
 
 namespace {
@@ -34,23 +36,12 @@ int open_locked(const char* path, unique_fd* out, size_t* size) {
     }
 }
 
-bool read_whole(int fd, char* buf, size_t size) {
-    size_t have = 0;
-    while (have < size) {
-        const ssize_t count = pread(fd, buf + have, size - have, static_cast<off_t>(have));
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return false;
-        have += static_cast<size_t>(count);
-    }
-    return true;
-}
-
 // Puts a file without the oldest half in the place of the one that `fd` holds open and locked. A
 // new file, so that a reader that has the old one open can finish it.
 int drop_oldest_half(const char* name, const char* path, int fd, size_t size) {
     const unique_malloc<char> content(static_cast<char*>(malloc(size)));
     if (!content) return -ENOMEM;
-    if (!read_whole(fd, content.get(), size)) return -EIO;
+    if (pread_full(fd, content.get(), size, 0) != static_cast<ssize_t>(size)) return -EIO;
     const size_t cut = log_file_cut(content.get(), size);
 
     char beside[PATH_MAX];
@@ -81,8 +72,7 @@ size_t log_file_cut(const char* content, size_t size) {
 
 int log_file_append(const char* name, const log_entry& entry) {
     char path[PATH_MAX];
-    const int len = snprintf(path, sizeof path, "%s/%s", LOG_DIR, name);
-    if (len < 0 || static_cast<size_t>(len) >= sizeof path) return -ENAMETOOLONG;
+    if (!path_join(path, LOG_DIR, name)) return -ENAMETOOLONG;
     for (;;) {
         unique_fd fd;
         size_t size = 0;

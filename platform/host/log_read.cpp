@@ -17,6 +17,8 @@
 #include <memory>
 #include <new>
 
+#include "base/file_io.h"
+#include "base/path.h"
 #include "base/unique_handle.h"
 #include "host/log_file.h"
 #include "platform/clock.h"
@@ -109,13 +111,8 @@ int read_ahead(logger_list* list) {
 // The first `size` bytes of a file; null when they cannot be had.
 unique_malloc<char> read_start(int fd, size_t size) {
     unique_malloc<char> content(static_cast<char*>(malloc(std::max<size_t>(size, 1))));
-    size_t have = 0;
-    while (content && have < size) {
-        const ssize_t count =
-            pread(fd, content.get() + have, size - have, static_cast<off_t>(have));
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return nullptr;
-        have += static_cast<size_t>(count);
+    if (content && pread_full(fd, content.get(), size, 0) != static_cast<ssize_t>(size)) {
+        return nullptr;
     }
     return content;
 }
@@ -250,7 +247,7 @@ logger_list* android_logger_list_open(log_id_t id, int mode, unsigned int tail, 
         errno = ENOMEM;
         return nullptr;
     }
-    snprintf(list->path, sizeof list->path, "%s/%s", LOG_DIR, BUFFER_NAMES[id]);
+    (void)path_join(list->path, LOG_DIR, BUFFER_NAMES[id]);
     list->blocking = (mode & O_NONBLOCK) == 0;
     list->pid = pid;
     list->notifier.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));

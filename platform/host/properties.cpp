@@ -10,6 +10,8 @@
 
 #include <algorithm>
 
+#include "base/file_io.h"
+#include "base/path.h"
 #include "base/unique_handle.h"
 
 namespace {
@@ -24,18 +26,11 @@ bool is_property_name(const char* key) {
 // Reads the value of an existing property. Returns its length, or 0.
 size_t read_property(const char* key, char* value) {
     char path[PATH_MAX];
-    const int path_len = snprintf(path, sizeof path, "%s/%s", PROPERTY_DIR, key);
-    if (path_len < 0 || static_cast<size_t>(path_len) >= sizeof path) return 0;
+    if (!path_join(path, PROPERTY_DIR, key)) return 0;
     const unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
     if (!fd) return 0;
-    size_t len = 0;
-    while (len < PROPERTY_VALUE_MAX - 1) {
-        const ssize_t count = read(fd.get(), value + len, PROPERTY_VALUE_MAX - 1 - len);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) break;
-        len += static_cast<size_t>(count);
-    }
-    return len;
+    const ssize_t len = read_full(fd.get(), value, PROPERTY_VALUE_MAX - 1);
+    return len < 0 ? 0 : static_cast<size_t>(len);
 }
 
 int write_new_file(const char* path, const char* value, size_t len) {
@@ -67,10 +62,9 @@ int property_set(const char* key, const char* value) {
     // is the thread's own: two setters at once do not meet.
     char path[PATH_MAX];
     char beside[PATH_MAX];
-    const int path_len = snprintf(path, sizeof path, "%s/%s", PROPERTY_DIR, key);
+    const bool fits = path_join(path, PROPERTY_DIR, key);
     const int beside_len = snprintf(beside, sizeof beside, "%s/.new.%d", PROPERTY_DIR, gettid());
-    if (path_len < 0 || static_cast<size_t>(path_len) >= sizeof path || beside_len < 0)
-        return -ENAMETOOLONG;
+    if (!fits || beside_len < 0) return -ENAMETOOLONG;
     int error = write_new_file(beside, value ? value : "", len);
     if (error == 0 && rename(beside, path) != 0) error = -errno;
     if (error != 0) unlink(beside);

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <new>
 
+#include "base/path.h"
 #include "base/replace_file.h"
 #include "base/text_file.h"
 #include "framework/config/config.h"
@@ -178,7 +179,7 @@ void campaign_discard_record(collector_info* row, const campaign_kind& kind,
     if (row->rec_fname[0]) (void)unlink(row->rec_fname);
     row->rec_fname[0] = '\0';
     char path[PATH_MAX];
-    (void)snprintf(path, sizeof path, "%s/%s", kind.record_dir, kind.record_file);
+    (void)path_join(path, kind.record_dir, kind.record_file);
     (void)unlink(path);
 }
 

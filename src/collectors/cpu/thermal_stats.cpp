@@ -10,6 +10,7 @@
 
 #include <string_view>
 
+#include "base/path.h"
 #include "base/text_cursor.h"
 #include "base/text_file.h"
 #include "base/unique_handle.h"
@@ -42,7 +43,7 @@ bool read_zone_file(int thermal_dir, const char* zone, std::string_view leaf, sy
         return true;
     }
     char full_path[sizeof THERMAL_DIR + sizeof path];
-    snprintf(full_path, sizeof full_path, "%s/%s", THERMAL_DIR, path);
+    (void)path_join(full_path, THERMAL_DIR, path);
     vexastats_log_sysfs_failure(full_path, len);
     ALOGE("%s: failed to read %s\n", "get_thermal_stats", full_path);
     return false;

@@ -7,6 +7,7 @@
 #include <limits.h>
 #include <stdio.h>
 
+#include "base/path.h"
 #include "base/replace_file.h"
 #include "base/text_cursor.h"
 #include "base/text_file.h"
@@ -23,7 +24,7 @@ struct timeout_path {
 
 timeout_path path_of(const timeout_file& file) {
     timeout_path path;
-    (void)snprintf(path.text, sizeof path.text, "%s/%s", file.dir, file.name);
+    (void)path_join(path.text, file.dir, file.name);
     return path;
 }
 

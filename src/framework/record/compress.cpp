@@ -25,20 +25,6 @@ struct deflate_guard {
     ~deflate_guard() { deflateEnd(stream); }
 };
 
-// Compresses what is in stream->next_in; every piece that comes out is counted and written.
-bool deflate_piece(z_stream* stream, int flush, FILE* out, size_t* count) {
-    unsigned char piece[COMPRESS_PIECE];
-    do {
-        stream->next_out = piece;
-        stream->avail_out = sizeof piece;
-        deflate(stream, flush);
-        const size_t have = sizeof piece - stream->avail_out;
-        *count += have;
-        if (out && fwrite(piece, 1, have, out) != have) return false;
-    } while (stream->avail_out == 0);
-    return true;
-}
-
 }  // namespace
 
 int vexastats_compress(FILE* in, FILE* out, size_t* count) {
@@ -61,10 +47,13 @@ int vexastats_compress(FILE* in, FILE* out, size_t* count) {
         }
         stream.next_in = piece;
         stream.avail_in = static_cast<uInt>(have);
-        if (!deflate_piece(&stream, end ? Z_FINISH : Z_NO_FLUSH, out, count)) {
-            ALOGE("%s: fwrite failed.\n", __func__);
-            return -EINVAL;
-        }
+        const int result = compress_run(&stream, end ? Z_FINISH : Z_NO_FLUSH,
+                                        [&](const unsigned char* bytes, size_t len) {
+                                            *count += len;
+                                            return !out || fwrite(bytes, 1, len, out) == len;
+                                        });
+        if (result == -EIO) ALOGE("%s: fwrite failed.\n", __func__);
+        if (result != 0) return -EINVAL;
     }
     return 0;
 }

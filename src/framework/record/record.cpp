@@ -12,6 +12,7 @@
 #include <algorithm>
 
 #include "base/open_file.h"
+#include "base/path.h"
 #include "base/unique_handle.h"
 #include "framework/record/compress.h"
 #include "framework/record/hand_over.h"
@@ -30,9 +31,7 @@ vexa_mutex g_record_lock;
 
 // Fills row->rec_fname with "<dir>/<name>"; false when it does not fit.
 bool set_record_name(collector_info* row, const char* dir, const char* name) {
-    const int len = snprintf(row->rec_fname, sizeof row->rec_fname, "%s/%s", dir, name);
-    if (len >= 0 && static_cast<size_t>(len) < sizeof row->rec_fname) return true;
-    row->rec_fname[0] = '\0';
+    if (path_join(row->rec_fname, dir, name)) return true;
     errno = ENAMETOOLONG;
     return false;
 }

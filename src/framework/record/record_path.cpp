@@ -4,6 +4,8 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include "base/path.h"
+
 namespace {
 
 bool path_exists(const char* path) {
@@ -14,8 +16,7 @@ bool path_exists(const char* path) {
 bool name_dropped(const collector_info& row, record_names* names) {
     const char* base = strrchr(names->finished, '/');
     if (!base) return false;
-    const int len = snprintf(names->dropped, sizeof names->dropped, "%s%s", row.up_dir, base);
-    return len >= 0 && static_cast<size_t>(len) < sizeof names->dropped;
+    return path_join(names->dropped, row.up_dir, base + 1);
 }
 
 }  // namespace

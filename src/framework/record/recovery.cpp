@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "base/open_file.h"
+#include "base/path.h"
 #include "framework/record/hand_over.h"
 #include "framework/record/record_file.h"
 #include "framework/record/sequence.h"
@@ -105,13 +106,10 @@ void deliver_finished_files(collector_info* row, const char* dir, const char* pr
     const unique_dir entries(opendir(dir));
     if (!entries) return;
     record_path record;
-    if (snprintf(record, sizeof record, "%s/%s", dir, prefix) >= static_cast<int>(sizeof record)) {
-        return;
-    }
+    if (!path_join(record, dir, prefix)) return;
     while (const dirent* entry = readdir(entries.get())) {
         if (!is_finished_name(entry->d_name, prefix)) continue;
         record_path path;
-        const int len = snprintf(path, sizeof path, "%s/%s", dir, entry->d_name);
-        if (len < static_cast<int>(sizeof path)) deliver_finished_file(row, path, record);
+        if (path_join(path, dir, entry->d_name)) deliver_finished_file(row, path, record);
     }
 }

@@ -1,22 +1,14 @@
 #include "framework/record/upload_file.h"
 
-#include <errno.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
+#include "base/file_io.h"
 #include "framework/record/compress.h"
 
 namespace {
-
-ssize_t read_piece(int fd, unsigned char* piece, size_t size) {
-    ssize_t count;
-    do {
-        count = read(fd, piece, size);
-    } while (count < 0 && errno == EINTR);
-    return count;
-}
 
 struct inflate_guard {
     z_stream* stream;
@@ -33,7 +25,7 @@ bool is_one_gzip_stream(int fd, uint32_t* data_len) {
     unsigned char out[COMPRESS_PIECE];
     int state = Z_OK;
     for (;;) {
-        const ssize_t count = read_piece(fd, in, sizeof in);
+        const ssize_t count = read_some(fd, in, sizeof in);
         if (count < 0) return false;
         *data_len = static_cast<uint32_t>(stream.total_out);
         if (count == 0) return state == Z_STREAM_END;
