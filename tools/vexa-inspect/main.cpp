@@ -35,7 +35,7 @@ void show(const std::string& path, const arguments& args) {
     } else if (args.json) {
         upload_put_json(path, upload_read(path), put);
     } else {
-        put(upload_report(path, upload_read(path), args.report));
+        upload_put_report(path, upload_read(path), args.report, put);
     }
     put("\n");
 }
