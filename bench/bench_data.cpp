@@ -128,7 +128,7 @@ byte_vector bench_noise_bytes(size_t size) {
 void bench_enter_phone() {
     phone_options options;
     options.host_proc = true;
-    if (const char* disk = getenv("TMPDIR")) options.also_needed = {disk};
+    if (const char* disk = getenv("TMPDIR")) options.writable = {disk};
     phone_enter(options);
     // The machine's kernel does not count traffic by UID; the phone's table is laid over its /proc.
     const std::string table = std::string(PHONE_IN_MEMORY) + "/proc/net";

@@ -21,8 +21,8 @@ class fresh_platform : public testing::EmptyTestEventListener {
 
 phone_options test_phone() {
     phone_options options;
-    options.also_needed = {std::filesystem::read_symlink("/proc/self/exe").parent_path(),
-                           std::filesystem::current_path()};
+    options.writable = {std::filesystem::read_symlink("/proc/self/exe").parent_path(),
+                        std::filesystem::current_path()};
     const char* keep = getenv("VEXA_TEST_KEEP");
     if (keep && std::string(keep) == "1") {
         std::string dir = testing::TempDir() + "vexa-phone-XXXXXX";

@@ -7,6 +7,7 @@
 
 #include <thread>
 
+#include "phone/phone_tree.h"
 #include "support/files.h"
 #include "support/process.h"
 
@@ -34,6 +35,17 @@ TEST(PhoneEntry, TheProcessStillFindsItselfAndItsDevices) {
     char random = 0;
     EXPECT_TRUE(std::ifstream("/dev/urandom").get(random));
     std::thread([] {}).join();
+}
+
+// A neighbour puts a link where the new value is written before it takes the old one's place.
+TEST(PhoneTree, PropertyIsNotWrittenThroughALink) {
+    const std::string link = "/dev/properties/.new." + std::to_string(getpid());
+    fs::create_symlink("/data/elsewhere", link);
+    EXPECT_THROW(phone_set_property("", "name", "value"), std::system_error);
+    EXPECT_FALSE(fs::exists("/data/elsewhere"));
+    fs::remove(link);
+    phone_set_property("", "name", "value");
+    EXPECT_EQ(read_file("/dev/properties/name"), "value");
 }
 
 TEST(PhoneEntry, PermissionsBindRootAsWell) {

@@ -4,7 +4,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
+#include <utmp.h>
 
 #include <fstream>
 
@@ -143,6 +147,84 @@ TEST_F(VexaPhone, CommandHasNoPowerOverPermissions) {
     EXPECT_NE(run_script("echo x > /data/closed; chmod 0 /data/closed; cat /data/closed"), 0);
 }
 
+// The directory of this test is one that the test itself may write to; root's own and the machine's
+// settings are of interest only when the tests run as root.
+TEST_F(VexaPhone, CommandOfRootChangesNothingOfTheMachine) {
+    const std::string script =
+        "for dir in " + program("vexa-phone").parent_path().string() +
+        " . /usr /etc /var ~root; do "
+        "  if touch $dir/.vexa_phone_test; then rm -f $dir/.vexa_phone_test; echo wrote $dir; fi; "
+        "done;"
+        "level=$(cat /proc/sys/vm/swappiness); "
+        "if echo $level > /proc/sys/vm/swappiness; then echo wrote /proc/sys; fi; "
+        "if test $(id -u) = 0; then echo root; fi; test ! -e /run && echo end";
+    for (const char* option : {"--size=1000000", "--host-proc"}) {
+        EXPECT_EQ(run_script("exec 2> /dev/null; " + script, {option}), 0) << option;
+        EXPECT_EQ(output(), "end\n") << option;
+    }
+}
+
+TEST_F(VexaPhone, CommandWritesWhereItsCallerLetsIt) {
+    const std::string here = fs::current_path();
+    const std::string touch = "touch .vexa_phone_test && rm .vexa_phone_test";
+    EXPECT_EQ(run_script("cd /tmp && " + touch), 0) << output();
+    EXPECT_EQ(run_script("cd " + here + " && " + touch, {"--writable", here}), 0) << output();
+}
+
+// A neighbour who may write into the tree puts a link in the place of a part of it.
+TEST_F(VexaPhone, TreeWithALinkForAPartIsRefused) {
+    for (const char* part : {"data", "dev", "dev/properties", "dev/socket/kbr", "mnt/vendor", ""}) {
+        const fs::path path = part[0] == '\0' ? phone_.dir() : phone_.dir() / part;
+        const fs::path aside = phone_.dir().string() + ".aside";
+        fs::rename(path, aside);
+        fs::create_directory_symlink(aside, path);
+        for (const std::vector<std::string>& words :
+             {phone_.run({"true"}, {"--property", "a=1"}),
+              std::vector<std::string>{program("vexa-modem"), phone_.dir().string() + "/"}}) {
+            child_process run(words, "/tmp/.vexa_phone_test");
+            EXPECT_EQ(run.wait(), 1) << words[0] << ' ' << part;
+            EXPECT_THAT(read_file("/tmp/.vexa_phone_test").value_or(""),
+                        HasSubstr(path.string() + " is a symbolic link"));
+        }
+        EXPECT_FALSE(fs::exists(aside / "a")) << "a property was written through the link";
+        fs::remove(path);
+        fs::rename(aside, path);
+    }
+    fs::remove("/tmp/.vexa_phone_test");
+}
+
+// Whoever has a terminal can type into it what the caller's shell will run.
+TEST_F(VexaPhone, TerminalIsNotTheCommandsButItsInterruptStillComes) {
+    std::vector<std::string> words = phone_.run(
+        {"sh", "-c",
+         "trap 'exit 7' INT; if (: < /dev/tty) 2> /dev/null; then echo has a terminal; fi; "
+         "echo ready; while :; do sleep 0.01; done"});
+    fs::create_directory("/data/pts");
+    ASSERT_EQ(mount("pts", "/data/pts", "devpts", 0, "newinstance,ptmxmode=0666"), 0);
+    const unique_fd terminal(open("/data/pts/ptmx", O_RDWR | O_NOCTTY | O_CLOEXEC));
+    const int unlocked = 0;
+    ASSERT_EQ(ioctl(terminal.get(), TIOCSPTLCK, &unlocked), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        alarm(30);  // counts on through exec
+        std::vector<char*> argv;
+        for (std::string& word : words) argv.push_back(word.data());
+        argv.push_back(nullptr);
+        if (login_tty(ioctl(terminal.get(), TIOCGPTPEER, O_RDWR)) == 0) execv(argv[0], argv.data());
+        _exit(1);
+    }
+    std::string seen;
+    char byte = 0;
+    while (seen.find("ready") == std::string::npos && read(terminal.get(), &byte, 1) == 1)
+        seen += byte;
+    EXPECT_EQ(seen, "ready");
+    EXPECT_EQ(write(terminal.get(), "\x03", 1), 1);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 7) << status;
+    umount2("/data/pts", MNT_DETACH);
+}
+
 TEST_F(VexaPhone, WrongCallsAreRefusedWithAReason) {
     const std::string dir = phone_.dir();
     const struct {
@@ -156,6 +238,10 @@ TEST_F(VexaPhone, WrongCallsAreRefusedWithAReason) {
         {{"run", dir, "--property", "a/b=c", "--", "true"}, "--property"},
         {{"run", dir, "--property", "a=" + std::string(92, 'x'), "--", "true"}, "91 bytes"},
         {{"run", dir, "--no-such-option", "--", "true"}, "--no-such-option"},
+        {{"run", dir + "/\x1b[2J"}, "/\\x1b[2J"},
+        {{"run", dir, "--property", "\x1b/\u009b", "--", "true"}, "\\x1b/\\xc2\\x9b"},
+        {{"run", dir, "--\x7f", "--", "true"}, "--\\x7f"},
+        {{"run", dir, "--", "/\x1b[2J"}, "cannot run /\\x1b[2J"},
     };
     for (const auto& row : rows) {
         std::vector<std::string> words = {program("vexa-phone")};

@@ -34,7 +34,8 @@ void make_directories(const std::string& path) {
 }
 
 void write_text_file(const std::string& path, const std::string& text) {
-    const unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    const unique_fd fd(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!fd) fail(path);
     const ssize_t count = write(fd.get(), text.data(), text.size());
     if (count < 0) fail(path);

@@ -17,5 +17,5 @@ void write_file_tree(const std::string& root, const file_tree& tree);
 // Makes directory `path` and its missing parents. Throws std::system_error.
 void make_directories(const std::string& path);
 
-// Writes one file in one piece, mode 0644. Throws std::system_error.
+// Writes one file in one piece, mode 0644; through no link. Throws std::system_error.
 void write_text_file(const std::string& path, const std::string& text);

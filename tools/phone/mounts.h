@@ -18,8 +18,10 @@ struct phone_options {
     std::string small_dir;      // a directory that lies on a file system of its own; empty: none
     uint64_t small_bytes = 0;   // its size, 0: no limit
     uint64_t small_inodes = 0;  // 0: no limit
-    std::vector<std::string>
-        also_needed;  // directories seen as on this machine, whatever the phone has there
+    // Directories of this machine that are seen whatever the phone has there, and such that may be
+    // written to as well. All others are read-only, but /tmp, $TMPDIR and the tree.
+    std::vector<std::string> also_needed;
+    std::vector<std::string> writable;
 };
 
 enum class mount_kind {
@@ -37,6 +39,11 @@ struct mount_step {
     std::string source;
     std::string target;  // as seen in the phone
 };
+
+// Refuses a phone's tree that is a symbolic link, or has one where its parts are mounted from or
+// written to from outside: it would lead these somewhere else. Throws std::runtime_error. Who may
+// write to the directories above can still put a link there afterwards.
+void phone_refuse_links(const std::string& dir);
 
 // The steps in the order in which they are to be taken, upon an empty root. Throws
 // std::runtime_error when options.dir is no phone.

@@ -67,7 +67,7 @@ int bench_alog(long n) {
     const std::string in = bench_env("BENCH_IN");
     const std::string out = bench_env("BENCH_OUT");
     phone_options options;
-    options.also_needed = {in, out};
+    options.writable = {in, out};
     phone_enter(options);
     if (symlink(in.c_str(), LOG_BUFFER) != 0) {
         throw std::system_error(errno, std::generic_category(), LOG_BUFFER);

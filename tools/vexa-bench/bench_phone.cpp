@@ -29,7 +29,7 @@ void bench_phone_enter() {
     const std::string tree = bench_env("BENCH_TREE");
     phone_options options;
     options.host_proc = true;
-    options.also_needed = {tree, bench_env("BENCH_OUT")};
+    options.writable = {tree, bench_env("BENCH_OUT")};
     phone_enter(options);
     show(tree + "/sys", "/sys");
     show(tree + "/proc/net", "/proc/self/net");

@@ -33,7 +33,7 @@ std::string packets_of(const std::string& path) {
 std::string enter_phone() {
     const std::string in = bench_env("BENCH_IN");
     phone_options options;
-    options.also_needed = {in, bench_env("BENCH_OUT")};
+    options.writable = {in, bench_env("BENCH_OUT")};
     phone_enter(options);
     return packets_of(in);
 }

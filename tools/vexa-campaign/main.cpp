@@ -14,6 +14,7 @@
 
 #include "campaign_explain.h"
 #include "campaign_text.h"
+#include "input/command_line.h"
 #include "input/printable_text.h"
 #include "phone_control.h"
 
@@ -126,6 +127,7 @@ int parse_and_run(int argc, char** argv) {
         app.add_subcommand("tell", "tells the daemon in a phone what another process would");
     teller->add_option("DIR", args.file, "the phone's directory")->required();
     teller->add_option("WORDS", args.words, "roaming 0|1, or sub ID MCC MNC")->required();
+    app.failure_message(printable_failure);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -139,6 +141,6 @@ int parse_and_run(int argc, char** argv) {
 int main(int argc, char** argv) try {
     return parse_and_run(argc, argv);
 } catch (const std::exception& error) {
-    fprintf(stderr, "vexa-campaign: %s\n", error.what());
+    fprintf(stderr, "vexa-campaign: %s\n", printable_text(error.what()).c_str());
     return EXIT_DAMAGED;
 }

@@ -135,6 +135,8 @@ alog_record alog_record_decode(std::span<const uint8_t> payload) {
 
 std::string alog_entry_text(const alog_entry& entry, int timezone_min) {
     const std::string prefix = entry_prefix(entry, timezone_min);
+    const size_t most =
+        ALOG_TEXT_MAX_GROWTH * (HEADER_BYTES + entry.tag.size() + entry.message.size());
     std::string_view message = entry.message;
     if (message.ends_with('\n')) message.remove_suffix(1);
     std::string text;
@@ -144,6 +146,9 @@ std::string alog_entry_text(const alog_entry& entry, int timezone_min) {
         if (end == message.size()) return text + (entry.cut ? " ... (cut)\n" : "\n");
         text += '\n';
         message.remove_prefix(end + 1);
+        if (text.size() < most) continue;
+        const auto left = 1 + std::count(message.begin(), message.end(), '\n');
+        return text + fmt::format("  ... and {} lines more of this entry\n", left);
     }
 }
 
@@ -155,20 +160,19 @@ void alog_record_add_json(const upload_file& file, json_stream* out) {
     out->end_array();
 }
 
-std::string alog_record_report(const upload_file& file, const report_options& options) {
+void alog_record_put_report(const upload_file& file, const report_options& options,
+                            const text_sink& out) {
     const auto record = alog_record_decode(file.payload);
-    std::string text;
     if (record.skipped_bytes > 0)
-        text += fmt::format(
+        out(fmt::format(
             "  The first {} bytes are no whole entry: the record was begun before the clock was "
             "set.\n\n",
-            record.skipped_bytes);
-    text += fmt::format("  entries   {}{}\n\n", record.entries.size(),
-                        record.begins_campaign ? ", from the beginning of a campaign" : "");
+            record.skipped_bytes));
+    out(fmt::format("  entries   {}{}\n\n", record.entries.size(),
+                    record.begins_campaign ? ", from the beginning of a campaign" : ""));
     const size_t shown = std::min(record.entries.size(), options.max_rows);
     for (size_t i = 0; i < shown; i++)
-        text += alog_entry_text(record.entries[i], file.header.timezone_min);
+        out(alog_entry_text(record.entries[i], file.header.timezone_min));
     if (shown < record.entries.size())
-        text += fmt::format("  ... and {} entries more\n", record.entries.size() - shown);
-    return text;
+        out(fmt::format("  ... and {} entries more\n", record.entries.size() - shown));
 }

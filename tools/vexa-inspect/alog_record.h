@@ -35,8 +35,12 @@ struct alog_record {
 alog_record alog_record_decode(std::span<const uint8_t> payload);
 
 // The entry in the form that log viewers call threadtime, one line for each line of the message:
-// "11-14 23:13:20.005  4711  4712 I tag     : text".
+// "11-14 23:13:20.005  4711  4712 I tag     : text". The tag stands in every line. So that many
+// lines behind a long tag do not become many times the entry, lines are left out, and said to be,
+// once the text is ALOG_TEXT_MAX_GROWTH times as long as the entry.
+inline constexpr size_t ALOG_TEXT_MAX_GROWTH = 16;
 std::string alog_entry_text(const alog_entry& entry, int timezone_min);
 
 void alog_record_add_json(const upload_file& file, json_stream* out);
-std::string alog_record_report(const upload_file& file, const report_options& options);
+void alog_record_put_report(const upload_file& file, const report_options& options,
+                            const text_sink& out);

@@ -9,10 +9,12 @@
 
 using json_object = nlohmann::ordered_json;
 
+// Gets a text piece by piece.
+using text_sink = std::function<void(std::string_view)>;
+
 class json_stream {
   public:
-    // `out` gets the text piece by piece.
-    explicit json_stream(std::function<void(std::string_view)> out) : out_(std::move(out)) {}
+    explicit json_stream(text_sink out) : out_(std::move(out)) {}
 
     // In an array, or as the whole document.
     void begin_object();
@@ -28,7 +30,7 @@ class json_stream {
   private:
     void separate();
 
-    std::function<void(std::string_view)> out_;
+    text_sink out_;
     bool is_first_ = true;  // of what is open
 };
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "band_list.h"
+#include "input/command_line.h"
 #include "record_formats.h"
 #include "text.h"
 
@@ -34,7 +35,7 @@ void show(const std::string& path, const arguments& args) {
     } else if (args.json) {
         upload_put_json(path, upload_read(path), put);
     } else {
-        put(upload_report(path, upload_read(path), args.report));
+        upload_put_report(path, upload_read(path), args.report, put);
     }
     put("\n");
 }
@@ -47,7 +48,8 @@ int inspect(const arguments& args) {
             show(path, args);
         } catch (const std::exception& error) {
             fflush(stdout);  // so that the message comes where the file would
-            fmt::print(stderr, "vexa-inspect: {}: {}\n", text_printable(path), error.what());
+            fmt::print(stderr, "vexa-inspect: {}: {}\n", text_printable(path),
+                       text_printable(error.what()));
             result = EXIT_DAMAGED;
         }
     }
@@ -68,6 +70,7 @@ int run(int argc, char** argv) {
         ->check(CLI::PositiveNumber);
     app.add_option("--processes", args.report.max_processes, "most processes shown (default: 10)")
         ->check(CLI::PositiveNumber);
+    app.failure_message(printable_failure);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -81,6 +84,6 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) try {
     return run(argc, argv);
 } catch (const std::exception& error) {
-    fprintf(stderr, "vexa-inspect: %s\n", error.what());
+    fprintf(stderr, "vexa-inspect: %s\n", printable_text(error.what()).c_str());
     return EXIT_DAMAGED;
 }

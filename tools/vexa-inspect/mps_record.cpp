@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "mps_data.pb.h"
 #include "sample_times.h"
@@ -41,6 +42,10 @@ bool take_header(const std::string& bytes, mps_record* record) {
 bool take_metric(const std::string& bytes, mps_record* record) {
     vexa::ModemMetricData metric;
     if (!metric.ParseFromString(bytes)) return false;
+    if (record->metrics.size() == MPS_DATA_MAX) {
+        ++record->left_out;
+        return true;
+    }
     record->metrics.push_back({.start = moment_of(metric.starttime()),
                                .end = moment_of(metric.endtime()),
                                .data_kind = metric.datakind(),
@@ -65,7 +70,10 @@ bool take_field(CodedInputStream* in, mps_record* record) {
         return false;
     if (number == vexa::MpsDataRecord::kHeaderFieldNumber) return take_header(bytes, record);
     if (number == vexa::MpsDataRecord::kMetricDataFieldNumber) return take_metric(bytes, record);
-    record->raw_data.push_back(bytes);
+    if (record->raw_data.size() < MPS_DATA_MAX)
+        record->raw_data.push_back(std::move(bytes));
+    else
+        ++record->left_out;
     return true;
 }
 
@@ -99,6 +107,7 @@ void put_record(const mps_record& record, json_stream* out) {
                     {"data_kind", metric.data_kind},
                     {"data_hex", text_digits(metric.data)}});
     out->end_array();
+    if (record.left_out > 0) out->member("left_out", record.left_out);
     out->end_object();
 }
 
@@ -146,15 +155,18 @@ void mps_record_add_json(const upload_file& file, json_stream* out) {
     out->end_array();
 }
 
-std::string mps_record_report(const upload_file& file, const report_options& options) {
-    if (file.payload.empty()) return "  No data.\n";
-    const auto record = mps_record_decode(file.payload);
-    std::string report = skipped_note(record.skipped_bytes);
-    report += fmt::format("  campaign  {}\n  service   version {}.{}\n", record.campaign_id,
-                          record.major_version, record.minor_version);
-    for (const auto& data : record.raw_data) {
-        report += fmt::format("\n  Raw data, {} bytes\n", data.size()) + head_of(data, options);
+void mps_record_put_report(const upload_file& file, const report_options& options,
+                           const text_sink& out) {
+    if (file.payload.empty()) {
+        out("  No data.\n");
+        return;
     }
-    for (const auto& metric : record.metrics) report += metric_report(metric, options);
-    return report;
+    const auto record = mps_record_decode(file.payload);
+    out(skipped_note(record.skipped_bytes));
+    out(fmt::format("  campaign  {}\n  service   version {}.{}\n", record.campaign_id,
+                    record.major_version, record.minor_version));
+    for (const auto& data : record.raw_data)
+        out(fmt::format("\n  Raw data, {} bytes\n", data.size()) + head_of(data, options));
+    for (const auto& metric : record.metrics) out(metric_report(metric, options));
+    if (record.left_out > 0) out(fmt::format("\n  ... and {} data files more\n", record.left_out));
 }

@@ -23,6 +23,10 @@ struct mps_metric {
     std::string data;
 };
 
+// Most raw data fields, and most metrics, of a record that are kept. The daemon's have one to a
+// few, each a data file of the modem; a field of two bytes without any would be many times itself.
+inline constexpr size_t MPS_DATA_MAX = 4096;
+
 struct mps_record {
     size_t skipped_bytes = 0;  // of a first line that was rewritten, see the CPU record
     uint64_t campaign_id = 0;
@@ -31,10 +35,12 @@ struct mps_record {
     uint32_t minor_version = 0;
     std::vector<std::string> raw_data;
     std::vector<mps_metric> metrics;
+    size_t left_out = 0;  // raw data fields and metrics above those
 };
 
 // Decodes a whole payload. Throws upload_error with the offset of the field that does not fit.
 mps_record mps_record_decode(std::span<const uint8_t> payload);
 
 void mps_record_add_json(const upload_file& file, json_stream* out);
-std::string mps_record_report(const upload_file& file, const report_options& options);
+void mps_record_put_report(const upload_file& file, const report_options& options,
+                           const text_sink& out);

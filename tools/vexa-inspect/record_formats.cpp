@@ -17,49 +17,55 @@ namespace {
 
 constexpr size_t DATA_TYPE_OFFSET = 12;
 
+// Of formats whose tables are sized by what is in all of their rows.
+template <std::string (*report)(const upload_file&, const report_options&)>
+void in_one_piece(const upload_file& file, const report_options& options, const text_sink& out) {
+    out(report(file, options));
+}
+
 constexpr record_format formats[] = {
     {.client_id = 1,
      .rec_version = 4,
      .data_type = 1,
      .name = "GPU statistics",
      .add_json = gpu_record_add_json,
-     .report = gpu_record_report},
+     .report = in_one_piece<gpu_record_report>},
     {.client_id = 2,
      .rec_version = 6,
      .data_type = 1,
      .name = "CPU statistics",
      .add_json = cpu_record_add_json,
-     .report = cpu_record_report},
+     .report = in_one_piece<cpu_record_report>},
     {.client_id = 3,
      .rec_version = 1,
      .data_type = 3,
      .name = "static information",
      .add_json = static_record_add_json,
-     .report = static_record_report},
+     .report = in_one_piece<static_record_report>},
     {.client_id = 4,
      .rec_version = 1,
      .data_type = 1,
      .name = "modem log packets",
      .add_json = diag_record_add_json,
-     .report = diag_record_report},
+     .report = in_one_piece<diag_record_report>},
     {.client_id = 5,
      .rec_version = 2,
      .data_type = 2,
      .name = "modem crash dumps",
      .add_json = microdump_record_add_json,
-     .report = microdump_record_report},
+     .report = in_one_piece<microdump_record_report>},
     {.client_id = 6,
      .rec_version = 1,
      .data_type = 4,
      .name = "modem statistics",
      .add_json = mps_record_add_json,
-     .report = mps_record_report},
+     .report = mps_record_put_report},
     {.client_id = 501,
      .rec_version = 1,
      .data_type = 1,
      .name = "Android log",
      .add_json = alog_record_add_json,
-     .report = alog_record_report},
+     .report = alog_record_put_report},
 };
 
 void add_unknown_json(const upload_file& file, json_stream* out) {
@@ -103,6 +109,28 @@ std::string header_report(const upload_header& header, const char* format_name,
         header.header_attr1, header.header_attr2, header.payload_len, payload_bytes);
 }
 
+// The payload may turn out to be damaged until its first piece is out; what stands in front of it
+// waits for that.
+class held_head {
+  public:
+    explicit held_head(const text_sink& out) : out_(out) {}
+
+    void put(std::string_view text) {
+        if (is_held_) {
+            head_ += text;
+            return;
+        }
+        if (!head_.empty()) out_(std::exchange(head_, {}));
+        out_(text);
+    }
+    void release() { is_held_ = false; }
+
+  private:
+    const text_sink& out_;
+    std::string head_;
+    bool is_held_ = true;
+};
+
 }  // namespace
 
 std::span<const record_format> record_format_list() {
@@ -122,24 +150,13 @@ const record_format* record_format_find(const upload_header& header) {
     return nullptr;
 }
 
-void upload_put_json(const std::string& path, const upload_file& file,
-                     const std::function<void(std::string_view)>& out) {
+void upload_put_json(const std::string& path, const upload_file& file, const text_sink& out) {
     const auto* format = record_format_find(file.header);
-    // The payload may turn out to be damaged until its first value is out; what stands in front of
-    // it waits for that.
-    std::string head;
-    bool is_decoded = false;
-    json_stream stream([&](std::string_view text) {
-        if (!is_decoded) {
-            head += text;
-            return;
-        }
-        if (!head.empty()) out(std::exchange(head, {}));
-        out(text);
-    });
+    held_head held(out);
+    json_stream stream([&](std::string_view text) { held.put(text); });
     stream.begin_object();
     put_header(path, file, &stream);
-    is_decoded = true;
+    held.release();
     if (format)
         format->add_json(file, &stream);
     else
@@ -153,10 +170,23 @@ std::string upload_json(const std::string& path, const upload_file& file) {
     return text;
 }
 
+void upload_put_report(const std::string& path, const upload_file& file,
+                       const report_options& options, const text_sink& out) {
+    const auto* format = record_format_find(file.header);
+    held_head held(out);
+    held.put(text_printable(path) + "\n" +
+             header_report(file.header, format ? format->name : "unknown", file.payload.size()) +
+             "\n");
+    held.release();
+    if (format)
+        format->report(file, options, [&](std::string_view text) { held.put(text); });
+    else
+        held.put(unknown_report(file, options));
+}
+
 std::string upload_report(const std::string& path, const upload_file& file,
                           const report_options& options) {
-    const auto* format = record_format_find(file.header);
-    return fmt::format("{}\n", text_printable(path)) +
-           header_report(file.header, format ? format->name : "unknown", file.payload.size()) +
-           "\n" + (format ? format->report(file, options) : unknown_report(file, options));
+    std::string text;
+    upload_put_report(path, file, options, [&](std::string_view piece) { text += piece; });
+    return text;
 }

@@ -26,7 +26,8 @@ struct record_format {
     // does not fit the format, and has put out nothing then.
     void (*add_json)(const upload_file& file, json_stream* out) = nullptr;
     // The payload as tables for a reader at a terminal. Throws as add_json.
-    std::string (*report)(const upload_file& file, const report_options& options) = nullptr;
+    void (*report)(const upload_file& file, const report_options& options,
+                   const text_sink& out) = nullptr;
 };
 
 // All of them.
@@ -36,11 +37,12 @@ std::span<const record_format> record_format_list();
 // upload_error when the header's data type contradicts it.
 const record_format* record_format_find(const upload_header& header);
 
-// One file as a JSON object on one line without its newline, put out piece by piece (nothing of it
-// when it throws) or as a whole; or as text. `path` only names the file. All throw upload_error.
+// One file as a JSON object on one line without its newline, or as text, put out piece by piece
+// (nothing of it when it throws) or as a whole. `path` only names the file. All throw upload_error.
 // Any thread.
-void upload_put_json(const std::string& path, const upload_file& file,
-                     const std::function<void(std::string_view)>& out);
+void upload_put_json(const std::string& path, const upload_file& file, const text_sink& out);
 std::string upload_json(const std::string& path, const upload_file& file);
+void upload_put_report(const std::string& path, const upload_file& file,
+                       const report_options& options, const text_sink& out);
 std::string upload_report(const std::string& path, const upload_file& file,
                           const report_options& options);

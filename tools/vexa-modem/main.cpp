@@ -10,7 +10,9 @@
 #include <filesystem>
 #include <system_error>
 
+#include "input/command_line.h"
 #include "modem/modem.h"
+#include "phone/mounts.h"
 
 namespace {
 
@@ -56,7 +58,7 @@ class command_reader {
 void play(const fs::path& phone) {
     const unique_fd signals = block_and_watch_signals();
     modem loop(phone, [](const std::string& line) {
-        printf("%s\n", line.c_str());
+        printf("%s\n", printable_text(line).c_str());
         fflush(stdout);
     });
     std::vector<std::unique_ptr<modem_service>> services;
@@ -76,13 +78,15 @@ int main(int argc, char** argv) {
         app.add_option("DIR", dir, "The phone's directory")
             ->required()
             ->check(CLI::ExistingDirectory);
+        app.failure_message(printable_failure);
         CLI11_PARSE(app, argc, argv);
+        phone_refuse_links(dir);
         // The end of whoever reads the events is not the modem's.
         signal(SIGPIPE, SIG_IGN);
         play(fs::canonical(dir));
         return 0;
     } catch (const std::exception& error) {
-        fprintf(stderr, "vexa-modem: %s\n", error.what());
+        fprintf(stderr, "vexa-modem: %s\n", printable_text(error.what()).c_str());
         return 1;
     }
 }

@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "host/clock_course.h"
+#include "input/command_line.h"
 #include "phone/phone_tree.h"
 #include "platform/properties.h"
 #include "run.h"
@@ -21,6 +22,7 @@ struct run_arguments {
     std::vector<std::string> properties;
     std::string clock;
     uint64_t size = 0;
+    std::vector<std::string> writable;
     std::vector<std::string> command;
 };
 
@@ -42,6 +44,7 @@ int run(const run_arguments& arguments) {
         throw std::runtime_error("no such directory: " + arguments.dir +
                                  " (vexa-phone create makes a phone)");
     }
+    phone_refuse_links(arguments.dir);
     const fs::path beside = fs::read_symlink("/proc/self/exe").parent_path();
     const phone_options options = {
         .dir = fs::canonical(arguments.dir),
@@ -49,6 +52,7 @@ int run(const run_arguments& arguments) {
         .small_dir = arguments.size > 0 ? "/data/vendor" : "",
         .small_bytes = arguments.size,
         .also_needed = {beside, fs::current_path()},
+        .writable = arguments.writable,
     };
     for (const std::string& word : arguments.properties) {
         const size_t equals = word.find('=');
@@ -63,6 +67,7 @@ int run(const run_arguments& arguments) {
 int do_as_told(int argc, char** argv, run_arguments* arguments) {
     CLI::App app{"A simulated phone on this machine"};
     app.require_subcommand(1);
+    app.failure_message(printable_failure);
     CLI::App* create =
         app.add_subcommand("create", "Make the tree of a phone in a new or empty directory");
     create->add_option("DIR", arguments->dir)->required();
@@ -79,6 +84,12 @@ int do_as_told(int argc, char** argv, run_arguments* arguments) {
         ->check(check_clock);
     run_it->add_option("--size", arguments->size, "Put /data/vendor on a file system of this size")
         ->type_name("BYTES");
+    run_it
+        ->add_option("--writable", arguments->writable,
+                     "Let the phone write to this directory of the machine")
+        ->type_name("DIR")
+        ->take_all()
+        ->check(CLI::ExistingDirectory);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -105,7 +116,7 @@ int main(int argc, char** argv) {
         if (own < argc) arguments.command.assign(argv + own + 1, argv + argc);
         return do_as_told(own, argv, &arguments);
     } catch (const std::exception& error) {
-        fprintf(stderr, "vexa-phone: %s\n", error.what());
+        fprintf(stderr, "vexa-phone: %s\n", printable_text(error.what()).c_str());
         return 1;
     }
 }

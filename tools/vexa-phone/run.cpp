@@ -25,6 +25,7 @@
 
 #include "base/unique_handle.h"
 #include "bubblewrap.h"
+#include "input/printable_text.h"
 #include "phone/enter.h"
 #include "phone/host_cpusets.h"
 
@@ -144,8 +145,6 @@ struct phone_run {
 void take_signal(phone_run* run) {
     signalfd_siginfo info = {};
     if (read(run->signals.get(), &info, sizeof info) != sizeof info) return;
-    // What the terminal sends, it sends to the command as well.
-    if (info.ssi_code == SI_KERNEL) return;
     const int signo = static_cast<int>(info.ssi_signo);
     if (run->started) {
         send_signal(run->command, signo);
@@ -231,7 +230,7 @@ int run_in_phone(const phone_options& options, const std::vector<std::string>& c
     follow(&run);
     const int code = exit_code(pid);
     if (run.exec_errno != 0) {
-        fprintf(stderr, "vexa-phone: cannot run %s: %s\n", command[0].c_str(),
+        fprintf(stderr, "vexa-phone: cannot run %s: %s\n", printable_text(command[0]).c_str(),
                 strerror(run.exec_errno));
     } else if (!run.command) {
         fprintf(stderr, "vexa-phone: the phone could not be made; see scripts/setup\n");

@@ -115,6 +115,41 @@ TEST_F(InspectProgram, WorkAndMemoryAreBoundedByThePayload) {
         EXPECT_EQ(shown.code, 1) << name;
         EXPECT_THAT(shown.err, HasSubstr("payload offset")) << name;
     }
+    // Shown with what was left out, in a small multiple of the payload.
+    byte_vector lines;  // a tag and as many line feeds as it has bytes
+    put_le(lines, 1 + 2501 + 2501, 2);
+    put_le(lines, 28, 2);
+    lines.resize(28);
+    put_le(lines, 4, 1);
+    put_text(lines, std::string(2500, 't'));
+    put_text(lines, std::string(2500, '\n'));
+    const struct {
+        const char* name;
+        byte_vector payload;
+        file_fields format;
+        const char* left_out;
+    } grown[] = {
+        {"lines",
+         repeated(lines, 1000),
+         {.client_id = 501, .data_type = 1, .rec_version = 1},
+         "  ... and 2468 lines more of this entry\n"},
+        {"raw",
+         repeated({0x12, 0}, size_t{1} << 22),
+         {.client_id = 6, .data_type = 4, .rec_version = 1},
+         "\n  ... and 4190208 data files more\n"},
+        {"metrics",
+         repeated({0x1a, 0}, size_t{1} << 22),
+         {.client_id = 6, .data_type = 4, .rec_version = 1},
+         "\n  ... and 4190208 data files more\n"},
+    };
+    for (const auto& [name, payload, format, left_out] : grown) {
+        const auto file = write(name, upload(payload, format));
+        const auto shown = run(file);
+        EXPECT_EQ(shown.code, 0) << name;
+        EXPECT_LT(shown.out.size(), 18 * payload.size()) << name;
+        EXPECT_NE(shown.out.find(left_out), std::string::npos) << name;
+        EXPECT_LT(run("--json " + file).out.size(), 18 * payload.size()) << name;
+    }
     const auto refused = run(write("huge", upload(byte_vector((size_t{16} << 20) + 4097))));
     EXPECT_EQ(refused.code, 1);
     EXPECT_THAT(refused.err, HasSubstr("huge: offset 53: the gzip stream unpacks to more than"));
