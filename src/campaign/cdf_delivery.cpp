@@ -8,8 +8,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "base/open_file.h"
 #include "campaign/campaign_state.h"
 #include "framework/delivered_file.h"
@@ -39,19 +37,6 @@ constexpr uint32_t CDF_EVENTS = IN_MODIFY | FILE_WENT;
 
 // What makes the watch useless or incomplete, beside the file's end.
 constexpr uint32_t WATCH_ENDED = IN_IGNORED | IN_UNMOUNT | IN_Q_OVERFLOW;
-
-// The directories above the download directory, and what to look for in each: the directory itself
-// does not report that it went while somebody has it open.
-constexpr struct {
-    const char* dir;
-    const char* child;
-} ANCESTORS[] = {
-    {"/data/vendor/vexa/down", "101"},
-    {"/data/vendor/vexa", "down"},
-    {"/data/vendor", "vexa"},
-};
-constexpr uint32_t CHILD_CAME_OR_WENT =
-    IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | WATCH_DIR_GONE | IN_ONLYDIR;
 
 // ---- Decoding and taking away
 
@@ -105,12 +90,6 @@ void consume_cdf(const config_file_mark& decoded, const stop_flag& stop) {
 
 // ---- Watching
 
-void watch_ancestor_entries(int notifier) {
-    for (const auto& ancestor : ANCESTORS) {
-        (void)inotify_add_watch(notifier, ancestor.dir, CHILD_CAME_OR_WENT);
-    }
-}
-
 bool watch_failed() {
     ALOGE("%s: failed inotify_add_watch. err:%d\n", CALLER, errno);
     return false;
@@ -135,12 +114,6 @@ bool watch_directory_and_file(cdf_watch* watch) {
     ALOGI("Reading file right away %s\n", CDF_FILE);
     (void)decode_cdf();
     return true;
-}
-
-bool is_on_the_path(const inotify_event& event) {
-    if (event.len == 0) return true;
-    return std::any_of(std::begin(ANCESTORS), std::end(ANCESTORS),
-                       [&](const auto& a) { return strcmp(event.name, a.child) == 0; });
 }
 
 cdf_news note_created(const cdf_watch& watch, const inotify_event& event, cdf_news so_far) {
@@ -181,7 +154,7 @@ bool cdf_watch_begin(cdf_watch* watch) {
         ALOGE("%s: failed inotify_init. err:%d\n", CALLER, errno);
         return false;
     }
-    watch_ancestor_entries(watch->notifier.get());
+    watch_way_to(watch->notifier.get(), DOWNLOAD_DIR, &watch->way);
     watch->complete = watch_directory_and_file(watch);
     return true;
 }
@@ -192,12 +165,13 @@ cdf_news cdf_read_events(cdf_watch* watch, const stop_flag& stop) {
     cdf_news news = cdf_news::NONE;
     bool of_the_file = false;
     watch_for_each(events, [&](const inotify_event& event) {
-        // Only the directory's events and the file's, which have no name, are worth a word.
-        const bool of_an_ancestor = event.len > 0 && event.wd != watch->dir && event.wd >= 0;
-        if (of_an_ancestor) {
-            if (is_on_the_path(event)) news = cdf_news::WATCH_OVER;
+        if (watch_way_lost(watch->way, event)) {
+            news = cdf_news::WATCH_OVER;
             return;
         }
+        // Only the directory's events and the file's, which have no name, are worth a word.
+        const bool of_an_ancestor = event.len > 0 && event.wd != watch->dir && event.wd >= 0;
+        if (of_an_ancestor) return;
         if (!of_the_file) ALOGI("%s:CDF file pollin\n", CALLER);
         of_the_file = true;
         const cdf_news noted = note_event(*watch, event, news);

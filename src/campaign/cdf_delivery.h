@@ -4,9 +4,11 @@
 
 #include "base/unique_handle.h"
 #include "framework/stop.h"
+#include "framework/watch.h"
 
 struct cdf_watch {
     unique_fd notifier{};
+    watch_way way{};        // to the download directory
     int dir = -1;           // watch descriptor of the download directory
     bool complete = false;  // false: there is something that cannot be watched yet
 };
