@@ -38,6 +38,8 @@ constexpr uint64_t NOW_S = PLATFORM_TEST_REAL_MS / 1000;
 constexpr uint64_t LATER = NOW_S + 1000;
 constexpr char START[] = "mps_set_event: Setting event 256";
 constexpr char STOP[] = "mps_set_event: Setting event 512";
+constexpr char NO_HEADER[] = "handleIncomingSocketMsg:Count not read MsgID from incoming msg\n";
+constexpr int64_t BURST_MS = 60000;
 
 std::string cdf(uint64_t id, uint32_t module = 6, uint64_t expiry = LATER,
                 const std::string& logic = "logic") {
@@ -94,6 +96,8 @@ class CampaignManager : public ::testing::Test {
 
     static unique_fd connected() {
         unique_fd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const timeval limit{.tv_sec = EVENT_LIMIT.count() / 1000, .tv_usec = 0};
+        (void)setsockopt(client.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
         strcpy(address.sun_path, CONTROL_SOCKET);
         EXPECT_EQ(connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
@@ -235,9 +239,8 @@ TEST_F(CampaignManager, BadClientsChangeNothingAndLeakNoDescriptor) {
         std::string sent;
         std::string logged;
     } CLIENTS[] = {
-        {"", "handleIncomingSocketMsg:Count not read MsgID from incoming msg\n"},
-        {message(1, 1, "").substr(0, 7),
-         "handleIncomingSocketMsg:Count not read MsgID from incoming msg\n"},
+        {"", NO_HEADER},
+        {message(1, 1, "").substr(0, 7), NO_HEADER},
         {message(0, 99, "x"), "handleIncomingSocketMsg: MSG id 0 Size 99\n"},
         {message(1, 2, std::string(2, '\0')),
          "handleIncomingSocketMsg:Wrong msg_size 2 received for msg_id 1\n"},
@@ -251,6 +254,8 @@ TEST_F(CampaignManager, BadClientsChangeNothingAndLeakNoDescriptor) {
     const size_t before = open_descriptors();
     for (int i = 0; i < 1000; ++i) {
         const auto& client = CLIENTS[static_cast<size_t>(i) % std::size(CLIENTS)];
+        wait_parked();
+        platform_test_advance_ms(BURST_MS);  // each of them is a burst of its own
         platform_test_clear_log();
         say(client.sent);
         ASSERT_EQ(platform_test_log_count(client.logged), 1u) << client.logged << log_text();
@@ -263,23 +268,88 @@ TEST_F(CampaignManager, BadClientsChangeNothingAndLeakNoDescriptor) {
     EXPECT_EQ(phone().roaming, 0);
 }
 
-TEST_F(CampaignManager, SilentClientHoldsTheThreadForTenSecondsAndNoStopUp) {
+// Nobody waits for a silent client, not the next ones and not the campaigns; nor does it wait for
+// longer than ten seconds. The ninth is served once a place is free.
+TEST_F(CampaignManager, SilentClientsDelayNobody) {
     start();
     wait_log("campaign_mgr_main:Going into poll\n");
-    const unique_fd silent = connected();
-    (void)send(silent.get(), "half", 4, MSG_NOSIGNAL);
-    wait_log("campaign_mgr_main:Socket file pollin\n");
     wait_parked();
-    platform_test_advance_ms(9999);
-    EXPECT_EQ(
-        platform_test_log_count("handleIncomingSocketMsg:Count not read MsgID from incoming msg\n"),
-        0u);
+    const size_t before = open_descriptors();
+    std::vector<unique_fd> silent;
+    for (size_t i = 1; i < CONTROL_CLIENTS_MAX; ++i) silent.push_back(connected());
+    say(SUB_1);
+    (void)send(silent[0].get(), "half", 4, MSG_NOSIGNAL);
+    campaign_table table;
+    table[6] = campaign(5, NOW_S + 8, true);
+    updateCampaignTableAndAct(table);
+    say(SUB_1);  // which takes the time-out of the change
+    EXPECT_EQ(platform_test_log_count(START), 1u) << log_text();
+    silent.push_back(connected());
+    const unique_fd ninth = connected();
+    (void)send(ninth.get(), SUB_1.data(), SUB_1.size(), MSG_NOSIGNAL);
+    wait_parked();
+    platform_test_advance_ms(8000);
+    wait_log(STOP);
+    wait_parked();
+    EXPECT_EQ(platform_test_log_count("Default Sub changed to 1 MCC 262 MNC 7\n"), 2u);
+    platform_test_advance_ms(1999);
+    wait_parked();
+    EXPECT_EQ(platform_test_log_count(NO_HEADER), 0u);
     platform_test_advance_ms(1);
-    wait_log("handleIncomingSocketMsg:Count not read MsgID from incoming msg\n");
-    platform_test_clear_log();
+    wait_log(NO_HEADER);
+    wait_parked();
+    platform_test_advance_ms(10);  // the socket's rest after a burst
+    char byte;
+    EXPECT_EQ(recv(ninth.get(), &byte, 1, 0), 0);
+    EXPECT_EQ(platform_test_log_count("Default Sub changed to 1 MCC 262 MNC 7\n"), 3u);
+    for (const unique_fd& fd : silent) EXPECT_LE(recv(fd.get(), &byte, 1, 0), 0);
+    silent.clear();
+    wait_parked();
+    EXPECT_EQ(open_descriptors(), before + 1) << "the ninth's own end";
     const unique_fd other = connected();
-    wait_log("campaign_mgr_main:Socket file pollin\n");
+    wait_parked();
     stop();
+}
+
+TEST_F(CampaignManager, FloodOfBadMessagesCostsOneLine) {
+    constexpr size_t COUNT = 1000;
+    start();
+    wait_log("campaign_mgr_main:Going into poll\n");
+    wait_parked();
+    platform_test_clear_log();
+    for (size_t i = 0; i < COUNT; ++i) {
+        say(i % 2 == 0 ? message(9, 1, "x") : "");
+        platform_test_advance_ms(10);
+    }
+    wait_parked();
+    EXPECT_EQ(platform_test_log().size(), 5u) << "the first one's" << log_text();
+    platform_test_clear_log();
+    const unique_fd slow = connected();
+    wait_parked();
+    say(SUB_1);
+    EXPECT_EQ(platform_test_log_count("Default Sub changed to 1 MCC 262 MNC 7\n"), 1u);
+    (void)send(slow.get(), SUB_1.data(), SUB_1.size(), MSG_NOSIGNAL);
+    char byte;
+    (void)recv(slow.get(), &byte, 1, 0);
+    EXPECT_EQ(platform_test_log_count("Default Sub changed to 1 MCC 262 MNC 7\n"), 2u);
+    EXPECT_EQ(platform_test_log_count("campaign_mgr_main:Socket file pollin\n"), 2u);
+    EXPECT_EQ(platform_test_log_count("campaign_mgr_main:Coming out of poll 1\n"), 2u);
+    wait_parked();
+    platform_test_clear_log();
+    platform_test_advance_ms(BURST_MS);
+    wait_parked();
+    EXPECT_EQ(platform_test_log().size(), 1u) << log_text();
+    EXPECT_EQ(platform_test_log_count("campaign_mgr_main: 999 more messages were of no use\n"), 1u);
+    for (const size_t lines : {0u, 4u}) {  // the burst goes on for a minute, and is over
+        platform_test_clear_log();
+        say("");
+        wait_parked();
+        EXPECT_EQ(platform_test_log().size(), lines) << log_text();
+        platform_test_advance_ms(BURST_MS);
+        wait_parked();
+        platform_test_advance_ms(BURST_MS);
+        wait_parked();
+    }
 }
 
 TEST_F(CampaignManager, SignalEndsTheThreadWhereverItWaits) {
@@ -435,7 +505,8 @@ TEST_F(CampaignManager, WhatHasExpiredCostsNoWakeUps) {
             table[2]->enablementType = row.type;
         }
         updateCampaignTableAndAct(table);
-        say(message(0, 0, ""));  // a wake-up, to take the time-out
+        put_files({{std::string(DOWN_DIR) + "/other", ""}});  // a wake-up, to take the time-out
+        wait_log("Created other cdf.dat 16\n");
         wait_parked();
         platform_test_advance_ms(10000);
         wait_parked();
