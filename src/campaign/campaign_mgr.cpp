@@ -138,7 +138,7 @@ pass_end service_pass(manager* self) {
             return retry_later(*self);
         }
     }
-    if (!cdf_watch_begin(&self->cdf)) return retry_later(*self);
+    if (!cdf_watch_begin(&self->cdf, self->stop)) return retry_later(*self);
     self->watch_again_at_ms = self->cdf.complete ? NEVER : now_ms() + RETRY_MS;
     if (self->cdf.complete) schedule_check(self);  // a file that was there has changed the table
     return serve(self);

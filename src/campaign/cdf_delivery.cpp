@@ -41,15 +41,15 @@ constexpr uint32_t WATCH_ENDED = IN_IGNORED | IN_UNMOUNT | IN_Q_OVERFLOW;
 // ---- Decoding and taking away
 
 // Decodes the campaign file that is there now. Returns its mark as it was before; one that cannot
-// be read has none.
-config_file_mark decode_cdf() {
+// be read, or that a stop kept from being decoded, has none.
+config_file_mark decode_cdf(const stop_flag& stop) {
     const unique_fd fd = open_regular(CDF_FILE, CDF_MAX_BYTES);
     if (!fd) {
         ALOGE("Failed Reading CDF File %s!! Panic", CDF_FILE);
         return {};
     }
     const config_file_mark mark = config_file_look(fd.get());
-    campaign_mgr_decode_and_notify(fd.get(), CDF_FILE);
+    if (!campaign_mgr_decode_and_notify(fd.get(), CDF_FILE, stop)) return {};
     return mark;
 }
 
@@ -71,7 +71,7 @@ void finish_done_file(const config_file_mark& decoded, const stop_flag& stop) {
     const unique_fd fd = open_regular(DONE_FILE, CDF_MAX_BYTES);
     if (fd && config_file_look(fd.get()) != decoded) {
         if (!settle(fd.get(), stop)) return;
-        campaign_mgr_decode_and_notify(fd.get(), CDF_FILE);
+        if (!campaign_mgr_decode_and_notify(fd.get(), CDF_FILE, stop)) return;
     }
     (void)unlink(DONE_FILE);
 }
@@ -100,7 +100,7 @@ bool watch_cdf(int notifier) {
 }
 
 // Returns false, logged, when not all that is there can be watched.
-bool watch_directory_and_file(cdf_watch* watch) {
+bool watch_directory_and_file(cdf_watch* watch, const stop_flag& stop) {
     const int notifier = watch->notifier.get();
     watch->dir = inotify_add_watch(notifier, DOWNLOAD_DIR, FILE_CAME | WATCH_DIR_GONE | IN_ONLYDIR);
     if (watch->dir < 0) return watch_failed();
@@ -112,7 +112,7 @@ bool watch_directory_and_file(cdf_watch* watch) {
     }
     if (!watch_cdf(notifier)) return false;
     ALOGI("Reading file right away %s\n", CDF_FILE);
-    (void)decode_cdf();
+    (void)decode_cdf(stop);
     return true;
 }
 
@@ -147,7 +147,7 @@ void cdf_finish_interrupted(const stop_flag& stop) {
     finish_done_file({}, stop);
 }
 
-bool cdf_watch_begin(cdf_watch* watch) {
+bool cdf_watch_begin(cdf_watch* watch, const stop_flag& stop) {
     *watch = {};
     watch->notifier.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (!watch->notifier) {
@@ -155,7 +155,7 @@ bool cdf_watch_begin(cdf_watch* watch) {
         return false;
     }
     watch_way_to(watch->notifier.get(), DOWNLOAD_DIR, &watch->way);
-    watch->complete = watch_directory_and_file(watch);
+    watch->complete = watch_directory_and_file(watch, stop);
     return true;
 }
 
@@ -183,5 +183,5 @@ cdf_news cdf_read_events(cdf_watch* watch, const stop_flag& stop) {
 void cdf_process(const stop_flag& stop) {
     if (!vexastats_sleep_ms(SETTLE_MS, stop)) return;
     ALOGI("Full file name %s\n", CDF_FILE);
-    consume_cdf(decode_cdf(), stop);
+    consume_cdf(decode_cdf(stop), stop);
 }

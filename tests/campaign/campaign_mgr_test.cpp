@@ -476,6 +476,26 @@ TEST_F(CampaignManager, FileLeftByAKillIsTakenInAndStoredOnesComeBack) {
     EXPECT_EQ(std::string(reinterpret_cast<char*>(logic.bytes.get()), logic.length), "logic");
 }
 
+TEST_F(CampaignManager, StopInTheMidstOfALargeFileLeavesItForTheNextStart) {
+    constexpr uint64_t COUNT = 20000;
+    std::string file = cdf(1, 1);
+    for (uint64_t id = 1; id <= COUNT; ++id) file += cdf(id, 6).substr(3);
+    put_files({{DONE, file}});
+    start();
+    wait_parked();
+    platform_test_advance_ms(1000);
+    ASSERT_TRUE(wait_for_file(stored(1, 1)));
+    stop();
+    EXPECT_TRUE(fs::exists(DONE) || fs::exists(stored(6, COUNT)));
+    platform_test_clear_log();
+    start();
+    wait_parked();
+    platform_test_advance_ms(1000);
+    wait_log("campaign_mgr_main:Going into poll\n");
+    EXPECT_EQ(active_id(6), COUNT);
+    EXPECT_FALSE(fs::exists(DONE));
+}
+
 TEST_F(CampaignManager, CampaignThatExpiresAsItComesDoesNotMakeTheThreadSpin) {
     put_files({{CDF, cdf(1, 1, NOW_S)}});
     start();
