@@ -34,8 +34,8 @@ struct map_target {
 
 // Calls visit(stream of the element, field, &target) for each campaign of a map. A zero byte ends a
 // message; what is behind it is the next one.
-bool visit_elements(pb_istream_t* stream,
-                    bool (*visit)(pb_istream_t*, const pb_field_t*, void**), map_target* target) {
+bool visit_elements(pb_istream_t* stream, bool (*visit)(pb_istream_t*, const pb_field_t*, void**),
+                    map_target* target) {
     CampaignDescriptionMap message = CampaignDescriptionMap_init_zero;
     message.entry.funcs.decode = visit;
     message.entry.arg = target;
@@ -89,8 +89,8 @@ bool keep_last(void* arg, uint32_t module, const campaign_path& path, const uint
     return true;
 }
 
-// Writes the files of campaigns that nobody took the place of, since the map was refused before. One
-// that cannot be written leaves the table.
+// Writes the files of campaigns that nobody took the place of, since the map was refused before.
+// One that cannot be written leaves the table.
 void store_postponed(map_target* target) {
     for (uint32_t module = 0; module < CAMPAIGN_MODULES; ++module) {
         const postponed_file& file = target->postponed[module];
@@ -153,8 +153,7 @@ bool campaignDecode(const uint8_t* buffer, size_t length, campaign_table* table,
     if (write) find_last(buffer, length, &target);
     pb_istream_t stream = pb_istream_from_buffer(buffer, length);
     // Nothing at all would be a good message, but is not accepted.
-    if (length > 0 &&
-        visit_elements(&stream, campaign_description_map_entry_decode, &target)) {
+    if (length > 0 && visit_elements(&stream, campaign_description_map_entry_decode, &target)) {
         ALOGI("Decode Success\n");
         return true;
     }

@@ -23,7 +23,7 @@ bool campaign_file_map(const char* caller, const uint8_t* file, size_t length, c
 // it could be decoded; failures are logged. Entries up to the failed one stay in the table. Null
 // arguments are refused.
 //
-// `stop`, where there is one, is looked at before each campaign. It ends the decoding with false and
-// no message; what is in the table by then need not be on the disk. Thread: the table's owner.
+// `stop`, where there is one, is looked at before each campaign. It ends the decoding with false
+// and no message; what is in the table by then need not be on the disk. Thread: the table's owner.
 bool campaignDecode(const uint8_t* buffer, size_t length, campaign_table* table, bool write = true,
                     const stop_flag* stop = nullptr);

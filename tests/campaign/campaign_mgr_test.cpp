@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -412,18 +413,30 @@ TEST_F(CampaignManager, WriterGetsThroughBeforeTheSecondLook) {
     EXPECT_FALSE(fs::exists(DONE));
 }
 
-TEST_F(CampaignManager, DirectoryInPlaceOfTheFileIsInNobodysWay) {
+TEST_F(CampaignManager, WhatIsNoReadableFileIsInNobodysWay) {
     start();
     wait_log("campaign_mgr_main:Going into poll\n");
-    fs::create_directory(CDF);
-    wait_log("CDF File Created waiting? 0\n");
-    wait_parked();
-    platform_test_advance_ms(1000);
-    wait_log("Failed Reading CDF File /data/vendor/vexa/down/101/cdf.dat!! Panic");
-    EXPECT_TRUE(fs::is_directory(CDF));
-    fs::remove(CDF);
-    put_files({{std::string(CDF) + ".part", cdf(5)}});
-    fs::rename(std::string(CDF) + ".part", CDF);
+    const std::string aside = std::string(CDF) + ".part";
+    for (const int kind : {S_IFDIR, S_IFLNK, S_IFIFO, S_IFREG}) {
+        SCOPED_TRACE(kind);
+        wait_parked();
+        platform_test_clear_log();
+        if (kind == S_IFDIR) fs::create_directory(aside);
+        if (kind == S_IFLNK) fs::create_symlink("/nowhere", aside);
+        if (kind == S_IFIFO) (void)mkfifo(aside.c_str(), 0600);
+        if (kind == S_IFREG) put_files({{aside, std::string((1 << 20) + 1, 'x')}});  // too large
+        fs::rename(aside, CDF);
+        wait_log("CDF File Created waiting? 0\n");
+        wait_parked();
+        platform_test_advance_ms(1000);
+        wait_log("Failed Reading CDF File /data/vendor/vexa/down/101/cdf.dat!! Panic");
+        wait_parked();
+        EXPECT_EQ(fs::is_directory(CDF), kind == S_IFDIR) << "only a directory stays";
+        EXPECT_FALSE(fs::exists(fs::symlink_status(DONE)));
+        fs::remove(CDF);
+    }
+    put_files({{aside, cdf(5)}});
+    fs::rename(aside, CDF);
     pass_until_active(5);
     EXPECT_FALSE(fs::exists(DONE));
 }
