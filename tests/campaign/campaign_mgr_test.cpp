@@ -1,46 +1,19 @@
-// The campaign manager: what it takes over, its thread, its socket.
-#include "campaign/campaign_mgr.h"
-
+// The campaign manager: what it takes over, and its thread.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <pthread.h>
-#include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <string>
-#include <thread>
-
 #include "campaign.pb.h"
-#include "campaign/campaign_state.h"
-#include "campaign/control_socket.h"
-#include "framework/clock.h"
-#include "mps_events/mps_events.h"
-#include "platform_test.h"
-#include "support/events.h"
-#include "support/files.h"
-#include "support/log.h"
+#include "campaign/campaign_mgr_fixture.h"
 
-namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
 namespace {
 
-constexpr char DOWN_DIR[] = "/data/vendor/vexa/down/101";
 constexpr char CDF[] = "/data/vendor/vexa/down/101/cdf.dat";
-constexpr char DONE[] = "/data/vendor/vexastats/101/cdf.dat.done";
-constexpr uint64_t NOW_S = PLATFORM_TEST_REAL_MS / 1000;
-constexpr uint64_t LATER = NOW_S + 1000;
-constexpr char START[] = "mps_set_event: Setting event 256";
-constexpr char STOP[] = "mps_set_event: Setting event 512";
-constexpr char NO_HEADER[] = "handleIncomingSocketMsg:Count not read MsgID from incoming msg\n";
-constexpr int64_t BURST_MS = 60000;
 
 std::string cdf(uint64_t id, uint32_t module = 6, uint64_t expiry = LATER,
                 const std::string& logic = "logic") {
@@ -52,97 +25,6 @@ std::string cdf(uint64_t id, uint32_t module = 6, uint64_t expiry = LATER,
     entry->mutable_expiry()->set_expvalue(expiry);
     entry->mutable_enablementandlogic()->mutable_logic()->set_logic(logic);
     return std::string("\xCD\xF1\x01", 3) + map.SerializeAsString();
-}
-
-std::string message(uint32_t id, uint32_t size, const std::string& payload) {
-    std::string bytes;
-    for (const uint32_t word : {id, size}) {
-        for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(word >> shift);
-    }
-    return bytes + payload;
-}
-const std::string SUB_1 = message(2, 8, std::string("\0\0\0\1\1\6\0\7", 8));  // MCC 262, MNC 7
-
-class CampaignManager : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        for (const char* dir : {"/data/vendor/vexa", "/data/vendor/vexastats", "/dev/socket/vexa"})
-            fs::remove_all(dir);
-        for (const char* dir : {DOWN_DIR, CAMPAIGN_DIR, "/dev/socket/vexa"})
-            fs::create_directories(dir);
-        sigset_t set;
-        sigemptyset(&set);
-        sigaddset(&set, SIGUSR1);
-        pthread_sigmask(SIG_BLOCK, &set, nullptr);
-        platform_test_set_clock(platform_test_clock::MANUAL);
-        mps_clear_event(UINT32_MAX);
-        const vexa_lock lock(g_campaign.lock);
-        g_campaign.state = {};
-    }
-    void TearDown() override { stop(); }
-
-    void start() {
-        thread = std::thread([] { campaign_mgr_main(nullptr); });
-    }
-    void stop() {
-        if (!thread.joinable()) return;
-        pthread_kill(thread.native_handle(), SIGUSR1);
-        thread.join();
-    }
-    static void wait_log(const std::string& text) {
-        ASSERT_TRUE(platform_test_wait_log(text, EVENT_LIMIT.count())) << text << "\n"
-                                                                       << log_text();
-    }
-    static void wait_parked() { ASSERT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count())); }
-
-    static unique_fd connected() {
-        unique_fd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const timeval limit{.tv_sec = EVENT_LIMIT.count() / 1000, .tv_usec = 0};
-        (void)setsockopt(client.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
-        strcpy(address.sun_path, CONTROL_SOCKET);
-        EXPECT_EQ(connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        return client;
-    }
-    // Sends, and waits until the manager has closed the connection.
-    static void say(const std::string& bytes) {
-        const unique_fd client = connected();
-        (void)send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        (void)shutdown(client.get(), SHUT_WR);
-        char byte;
-        EXPECT_LE(recv(client.get(), &byte, 1, 0), 0);
-    }
-    static phone_state phone() {
-        phone_state state;
-        EXPECT_TRUE(campaign_mgr_get_ph_info(&state));
-        return state;
-    }
-    static uint32_t active_id(uint32_t module = 6) {
-        owned_bytes logic;
-        uint32_t id = 0;
-        campaign_mgr_get_campaign(module, &logic, &id);
-        return id;
-    }
-    // Lets time pass until module 6 has that campaign and its delivery is through.
-    static void pass_until_active(uint32_t id) {
-        const auto end = std::chrono::steady_clock::now() + EVENT_LIMIT;
-        while (active_id() != id || fs::exists(DONE)) {
-            ASSERT_LT(std::chrono::steady_clock::now(), end) << log_text();
-            platform_test_advance_ms(100);
-            std::this_thread::yield();
-        }
-    }
-    static size_t open_descriptors() { return list_dir("/.host/proc/self/fd").size(); }
-
-    std::thread thread;
-};
-
-unique_campaign campaign(uint64_t id, uint64_t expiry = LATER, bool running = false) {
-    unique_campaign entry = campaign_entry_new();
-    entry->campaignId = id;
-    entry->expiryValue = expiry;
-    entry->running = running ? 1 : 0;
-    return entry;
 }
 
 std::string stored(uint32_t module, uint64_t id, uint64_t expiry = LATER) {
@@ -225,132 +107,6 @@ TEST_F(CampaignManager, OnlyTheModemsCampaignStartsWithTheFileTheOthersAtTheNext
     EXPECT_EQ(running(6), 1);
     campaign_check();
     EXPECT_EQ(running(1), 1);
-}
-
-TEST_F(CampaignManager, BadClientsChangeNothingAndLeakNoDescriptor) {
-    start();
-    wait_log("campaign_mgr_main:Going into poll\n");
-    say(SUB_1);
-    EXPECT_EQ(phone().default_sub, 1u);
-    EXPECT_EQ(phone().mcc, 262);
-    EXPECT_EQ(phone().mnc, 7);
-    say(message(1, 1, "\x80"));
-    EXPECT_EQ(phone().roaming, 1);
-    const struct {
-        std::string sent;
-        std::string logged;
-    } CLIENTS[] = {
-        {"", NO_HEADER},
-        {message(1, 1, "").substr(0, 7), NO_HEADER},
-        {message(0, 99, "x"), "handleIncomingSocketMsg: MSG id 0 Size 99\n"},
-        {message(1, 2, std::string(2, '\0')),
-         "handleIncomingSocketMsg:Wrong msg_size 2 received for msg_id 1\n"},
-        {message(3, 0x80000008, std::string(8, '\0')),
-         "handleIncomingSocketMsg:Wrong msg_size -2147483640 received for msg_id 3\n"},
-        {message(4, 1, std::string(1, '\0')), "handleIncomingSocketMsg:Unrecongnizable Msg Id 4\n"},
-        {message(2, 8, std::string(7, '\0')),
-         "handleIncomingSocketMsg:Count not read Roaming Status from incoming msg\n"},
-    };
-    wait_parked();
-    const size_t before = open_descriptors();
-    for (int i = 0; i < 1000; ++i) {
-        const auto& client = CLIENTS[static_cast<size_t>(i) % std::size(CLIENTS)];
-        wait_parked();
-        platform_test_advance_ms(BURST_MS);  // each of them is a burst of its own
-        platform_test_clear_log();
-        say(client.sent);
-        ASSERT_EQ(platform_test_log_count(client.logged), 1u) << client.logged << log_text();
-    }
-    wait_parked();
-    EXPECT_EQ(open_descriptors(), before);
-    EXPECT_EQ(phone().default_sub, 1u);
-    EXPECT_EQ(phone().roaming, 1);
-    say(message(1, 1, std::string(1, '\0')));
-    EXPECT_EQ(phone().roaming, 0);
-}
-
-// Nobody waits for a silent client, not the next ones and not the campaigns; nor does it wait for
-// longer than ten seconds. The ninth is served once a place is free.
-TEST_F(CampaignManager, SilentClientsDelayNobody) {
-    start();
-    wait_log("campaign_mgr_main:Going into poll\n");
-    wait_parked();
-    const size_t before = open_descriptors();
-    std::vector<unique_fd> silent;
-    for (size_t i = 1; i < CONTROL_CLIENTS_MAX; ++i) silent.push_back(connected());
-    say(SUB_1);
-    (void)send(silent[0].get(), "half", 4, MSG_NOSIGNAL);
-    campaign_table table;
-    table[6] = campaign(5, NOW_S + 8, true);
-    updateCampaignTableAndAct(table);
-    say(SUB_1);  // which takes the time-out of the change
-    EXPECT_EQ(platform_test_log_count(START), 1u) << log_text();
-    silent.push_back(connected());
-    const unique_fd ninth = connected();
-    (void)send(ninth.get(), SUB_1.data(), SUB_1.size(), MSG_NOSIGNAL);
-    wait_parked();
-    platform_test_advance_ms(8000);
-    wait_log(STOP);
-    wait_parked();
-    EXPECT_EQ(platform_test_log_count("Default Sub changed to 1 MCC 262 MNC 7\n"), 2u);
-    platform_test_advance_ms(1999);
-    wait_parked();
-    EXPECT_EQ(platform_test_log_count(NO_HEADER), 0u);
-    platform_test_advance_ms(1);
-    wait_log(NO_HEADER);
-    wait_parked();
-    platform_test_advance_ms(10);  // the socket's rest after a burst
-    char byte;
-    EXPECT_EQ(recv(ninth.get(), &byte, 1, 0), 0);
-    EXPECT_EQ(platform_test_log_count("Default Sub changed to 1 MCC 262 MNC 7\n"), 3u);
-    for (const unique_fd& fd : silent) EXPECT_LE(recv(fd.get(), &byte, 1, 0), 0);
-    silent.clear();
-    wait_parked();
-    EXPECT_EQ(open_descriptors(), before + 1) << "the ninth's own end";
-    const unique_fd other = connected();
-    wait_parked();
-    stop();
-}
-
-TEST_F(CampaignManager, FloodOfBadMessagesCostsOneLine) {
-    constexpr size_t COUNT = 1000;
-    start();
-    wait_log("campaign_mgr_main:Going into poll\n");
-    wait_parked();
-    platform_test_clear_log();
-    for (size_t i = 0; i < COUNT; ++i) {
-        say(i % 2 == 0 ? message(9, 1, "x") : "");
-        platform_test_advance_ms(10);
-    }
-    wait_parked();
-    EXPECT_EQ(platform_test_log().size(), 5u) << "the first one's" << log_text();
-    platform_test_clear_log();
-    const unique_fd slow = connected();
-    wait_parked();
-    say(SUB_1);
-    EXPECT_EQ(platform_test_log_count("Default Sub changed to 1 MCC 262 MNC 7\n"), 1u);
-    (void)send(slow.get(), SUB_1.data(), SUB_1.size(), MSG_NOSIGNAL);
-    char byte;
-    (void)recv(slow.get(), &byte, 1, 0);
-    EXPECT_EQ(platform_test_log_count("Default Sub changed to 1 MCC 262 MNC 7\n"), 2u);
-    EXPECT_EQ(platform_test_log_count("campaign_mgr_main:Socket file pollin\n"), 2u);
-    EXPECT_EQ(platform_test_log_count("campaign_mgr_main:Coming out of poll 1\n"), 2u);
-    wait_parked();
-    platform_test_clear_log();
-    platform_test_advance_ms(BURST_MS);
-    wait_parked();
-    EXPECT_EQ(platform_test_log().size(), 1u) << log_text();
-    EXPECT_EQ(platform_test_log_count("campaign_mgr_main: 999 more messages were of no use\n"), 1u);
-    for (const size_t lines : {0u, 4u}) {  // the burst goes on for a minute, and is over
-        platform_test_clear_log();
-        say("");
-        wait_parked();
-        EXPECT_EQ(platform_test_log().size(), lines) << log_text();
-        platform_test_advance_ms(BURST_MS);
-        wait_parked();
-        platform_test_advance_ms(BURST_MS);
-        wait_parked();
-    }
 }
 
 TEST_F(CampaignManager, SignalEndsTheThreadWhereverItWaits) {
