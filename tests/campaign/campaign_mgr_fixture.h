@@ -36,7 +36,8 @@ inline std::string message(uint32_t id, uint32_t size, const std::string& payloa
     }
     return bytes + payload;
 }
-inline const std::string SUB_1 = message(2, 8, std::string("\0\0\0\1\1\6\0\7", 8));  // MCC 262, MNC 7
+inline const std::string SUB_1 =
+    message(2, 8, std::string("\0\0\0\1\1\6\0\7", 8));  // MCC 262, MNC 7
 
 class CampaignManager : public ::testing::Test {
   protected:
@@ -50,6 +51,7 @@ class CampaignManager : public ::testing::Test {
         sigaddset(&set, SIGUSR1);
         pthread_sigmask(SIG_BLOCK, &set, nullptr);
         platform_test_set_clock(platform_test_clock::MANUAL);
+        platform_test_set_real_ms(PLATFORM_TEST_REAL_MS);
         mps_clear_event(UINT32_MAX);
         const vexa_lock lock(g_campaign.lock);
         g_campaign.state = {};
@@ -103,8 +105,8 @@ class CampaignManager : public ::testing::Test {
         const auto end = std::chrono::steady_clock::now() + EVENT_LIMIT;
         while (active_id() != id || fs::exists(DONE)) {
             ASSERT_LT(std::chrono::steady_clock::now(), end) << log_text();
+            wait_parked();  // or the campaigns' time would be over before they are looked at
             platform_test_advance_ms(100);
-            std::this_thread::yield();
         }
     }
     static size_t open_descriptors() { return list_dir("/.host/proc/self/fd").size(); }
