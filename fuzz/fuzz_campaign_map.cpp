@@ -1,6 +1,7 @@
 // A delivered campaign file, its campaigns judged by the rules.
 #include <cstdlib>
 
+#include "campaign/campaign_map.h"
 #include "campaign/campaign_rules.h"
 
 namespace {

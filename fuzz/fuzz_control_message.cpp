@@ -10,7 +10,7 @@
 #include "base/unique_handle.h"
 #include "campaign/campaign_mgr.h"
 #include "campaign/campaign_state.h"
-#include "campaign/control_socket.h"
+#include "campaign/control_message.h"
 
 namespace {
 
@@ -43,8 +43,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     phone_state before;
     campaign_mgr_get_ph_info(&before);
-    const stop_flag never;
-    handleIncomingSocketMsg(server.get(), never);
+    control_message message;
+    control_message_receive(server.get(), true, &message);
+    handleIncomingSocketMsg(server.get(), message);
     phone_state after;
     campaign_mgr_get_ph_info(&after);
     const phone_state wanted = expected(before, data, size);

@@ -17,7 +17,6 @@
 namespace {
 
 constexpr char ENTRY_DECODE[] = "campaign_desciption_entry_decode_from_buffer";
-constexpr uint32_t EXPIRY_IS_UTC = 2;
 
 // What a file is written as before it gets its name: one name for all, so that a kill leaves at
 // most one, and not taken for a campaign's at the next start.
@@ -28,27 +27,11 @@ struct network_block {
     MccMncEnablementRecord records[CAMPAIGN_NETWORKS_MAX] = {};
 };
 
-// Where the elements of a map go.
-struct map_target {
-    campaign_table* table = nullptr;
-    bool write = false;
-};
-
 pb_callback_t decode_with(bool (*decode)(pb_istream_t*, const pb_field_t*, void**), void* arg) {
     pb_callback_t callback{};
     callback.funcs.decode = decode;
     callback.arg = arg;
     return callback;
-}
-
-// Decodes until the stream or, with a zero byte, the message ends. The library's series before 0.4
-// always do so.
-bool decode_up_to_zero(pb_istream_t* stream, const pb_msgdesc_t* fields, void* message) {
-#ifdef PB_DECODE_NULLTERMINATED
-    return pb_decode_ex(stream, fields, message, PB_DECODE_NULLTERMINATED);
-#else
-    return pb_decode(stream, fields, message);
-#endif
 }
 
 // ---- Callbacks: one element of a streamed field each
@@ -127,23 +110,6 @@ bool campaign_logic_decode(pb_istream_t* stream, const pb_field_t*, void** arg) 
     return true;
 }
 
-bool campaign_description_map_entry_decode(pb_istream_t* stream, const pb_field_t*, void** arg) {
-    const auto* target = static_cast<const map_target*>(*arg);
-    const size_t length = stream->bytes_left;
-    if (length == 0) return false;  // without a message: deliberate
-    const unique_malloc<uint8_t> buffer(static_cast<uint8_t*>(malloc(length)));
-    if (!buffer) {
-        ALOGE("%s: Could not malloc buffer to  hold campaign Descriptor\n", __func__);
-        return false;
-    }
-    if (!pb_read(stream, buffer.get(), length)) {
-        ALOGE("%s: Could not read from proto buf for campaign Descriptor\n", __func__);
-        return false;
-    }
-    return campaign_desciption_entry_decode_from_buffer(buffer.get(), length, target->table,
-                                                        target->write);
-}
-
 // ---- The steps of decoding one campaign
 
 // `networks` may be null: they are skipped then.
@@ -178,19 +144,19 @@ bool claim_slot(unique_campaign* slot, const CampaignDescriptionEntry& message) 
     return *slot != nullptr;
 }
 
-bool store_campaign(const CampaignDescriptionEntry& message, const uint8_t* buffer, size_t length) {
-    const campaign_path path = stored_path(message);
-    ALOGI("%s: Writing Campaign Descriptor File %s\n", ENTRY_DECODE, path.data());
-    if (vexastats_replace_file_by(path.data(), UNFINISHED_FILE, buffer, length) == 0) return true;
-    ALOGE("%s: Campaign Descriptor file create Failed\n", ENTRY_DECODE);
-    return false;
+bool keep_no_file(void*, uint32_t, const campaign_path&, const uint8_t*, size_t) {
+    return true;
+}
+
+bool keep_file(void*, uint32_t, const campaign_path& path, const uint8_t* bytes, size_t length) {
+    return campaign_store(path, bytes, length);
 }
 
 // An expiry of another kind leaves an entry that has nothing but its id.
 bool fill_entry(CampaignEntry* entry, const CampaignDescriptionEntry& message,
                 const network_block& networks) {
     entry->campaignId = message.campaignId;
-    if (message.expiry.ExpType != EXPIRY_IS_UTC) {
+    if (message.expiry.ExpType != CAMPAIGN_EXPIRY_IS_UTC) {
         ALOGE("%s: Only UTC is supported for Expiry Time format %d type is not supported\n",
               ENTRY_DECODE, static_cast<int>(message.expiry.ExpType));
         return false;
@@ -244,38 +210,33 @@ campaign_path campaign_file_name(uint32_t module, uint64_t campaign_id, uint64_t
     return path;
 }
 
-bool campaign_file_map(const char* caller, const uint8_t* file, size_t length, const uint8_t** map,
-                       size_t* map_length) {
-    const int first = length > 0 ? file[0] : 0;
-    const int second = length > 1 ? file[1] : 0;
-    if (first != CAMPAIGN_FILE_HEAD[0] || second != CAMPAIGN_FILE_HEAD[1]) {
-        ALOGE("%s: Campaign Descriptor file format unsupported %d %d\n", caller, first, second);
-        return false;
-    }
-    const size_t head = std::min(length, sizeof CAMPAIGN_FILE_HEAD);
-    *map = file + head;
-    *map_length = length - head;
-    return true;
+bool campaign_store(const campaign_path& path, const uint8_t* bytes, size_t length) {
+    ALOGI("%s: Writing Campaign Descriptor File %s\n", ENTRY_DECODE, path.data());
+    if (vexastats_replace_file_by(path.data(), UNFINISHED_FILE, bytes, length) == 0) return true;
+    ALOGE("%s: Campaign Descriptor file create Failed\n", ENTRY_DECODE);
+    return false;
 }
 
-bool campaignDecode(const uint8_t* buffer, size_t length, campaign_table* table, bool write) {
-    if (!buffer || !table) {
-        ALOGE("Null pointer passed in function %s\n", __func__);
+bool campaign_decode_entry(const uint8_t* buffer, size_t length, campaign_table* table,
+                           const campaign_keeper& keeper) {
+    network_block networks;
+    owned_bytes logic;
+    CampaignDescriptionEntry message;
+    if (!decode_message(buffer, length, &networks, &logic, &message)) {
+        ALOGE("%s: Submessage decode Failed\n", ENTRY_DECODE);
         return false;
     }
-    map_target target{.table = table, .write = write};
-    CampaignDescriptionMap message = CampaignDescriptionMap_init_zero;
-    message.entry = decode_with(campaign_description_map_entry_decode, &target);
-    pb_istream_t stream = pb_istream_from_buffer(buffer, length);
-    // A zero byte ends a message; what is behind it is the next one. Nothing at all would be a good
-    // message, but is not accepted.
-    do {
-        if (length == 0 || !decode_up_to_zero(&stream, CampaignDescriptionMap_fields, &message)) {
-            ALOGE("Decoding failed: %s\n", PB_GET_ERROR(&stream));
-            return false;
-        }
-    } while (stream.bytes_left > 0);
-    ALOGI("Decode Success\n");
+    const uint32_t module = message.moduleId;
+    if (module >= CAMPAIGN_MODULES) {
+        ALOGE("%s: Wrong Module Id passed %d\n", ENTRY_DECODE, static_cast<int>(module));
+        return false;
+    }
+    unique_campaign& slot = (*table)[module];
+    if (!claim_slot(&slot, message)) return false;
+    if (!keeper.keep(keeper.arg, module, stored_path(message), buffer, length)) return false;
+    // The expiry is looked at only now, with the file written and the slot taken: deliberate.
+    if (!fill_entry(slot.get(), message, networks)) return false;
+    log_campaign(message, logic.length);
     return true;
 }
 
@@ -285,24 +246,8 @@ bool campaign_desciption_entry_decode_from_buffer(const uint8_t* buffer, size_t 
         ALOGE("Null pointer passed in function %s\n", ENTRY_DECODE);
         return false;
     }
-    network_block networks;
-    owned_bytes logic;
-    CampaignDescriptionEntry message;
-    if (!decode_message(buffer, length, &networks, &logic, &message)) {
-        ALOGE("%s: Submessage decode Failed\n", ENTRY_DECODE);
-        return false;
-    }
-    if (message.moduleId >= CAMPAIGN_MODULES) {
-        ALOGE("%s: Wrong Module Id passed %d\n", ENTRY_DECODE, static_cast<int>(message.moduleId));
-        return false;
-    }
-    unique_campaign& slot = (*table)[message.moduleId];
-    if (!claim_slot(&slot, message)) return false;
-    if (write && !store_campaign(message, buffer, length)) return false;
-    // The expiry is looked at only now, with the file written and the slot taken: deliberate.
-    if (!fill_entry(slot.get(), message, networks)) return false;
-    log_campaign(message, logic.length);
-    return true;
+    return campaign_decode_entry(buffer, length, table,
+                                 {.keep = write ? keep_file : keep_no_file, .arg = nullptr});
 }
 
 bool get_campaign_logic_from_campaign_description(const uint8_t* buffer, size_t length,

@@ -1,4 +1,4 @@
-// Campaign descriptions: decoding them, and the files in which accepted ones are kept.
+// Campaign descriptions: decoding one, and the files in which accepted ones are kept.
 // docs/formats.md describes the bytes for those who write them.
 #pragma once
 
@@ -13,14 +13,12 @@ inline constexpr uint32_t CAMPAIGN_MODULES = 7;
 inline constexpr uint32_t CAMPAIGN_NETWORKS_MAX = 10;  // records of a network list
 inline constexpr uint32_t CAMPAIGN_MNCS_MAX = 100;     // network codes of one record
 inline constexpr size_t CAMPAIGN_LOGIC_MAX_BYTES = 32768;
+inline constexpr uint32_t CAMPAIGN_EXPIRY_IS_UTC = 2;  // the one kind of expiry that is accepted
 inline constexpr char CAMPAIGN_DIR[] = "/data/vendor/vexastats/101";
 
 // Bits of enablementType.
 inline constexpr uint32_t CAMPAIGN_TIME_BASED = 1u << 0;
 inline constexpr uint32_t CAMPAIGN_MCC_MNC_BASED = 1u << 1;
-
-// The first two bytes of a delivered campaign file; the third is ignored.
-inline constexpr uint8_t CAMPAIGN_FILE_HEAD[3] = {0xCD, 0xF1};
 
 struct MccMncEnablementRecord {
     uint32_t mcc = 0;
@@ -70,17 +68,23 @@ inline campaign_path campaign_file_name(uint32_t module, const CampaignEntry& en
     return campaign_file_name(module, entry.campaignId, entry.expiryValue);
 }
 
-// Finds the map of campaigns in the `length` bytes of a delivered campaign file: what follows the
-// head. Returns false, logged under the name `caller`, when the head is not the right one. Any
-// thread.
-bool campaign_file_map(const char* caller, const uint8_t* file, size_t length, const uint8_t** map,
-                       size_t* map_length);
+// What becomes of the bytes of a campaign that was decoded.
+struct campaign_keeper {
+    // Keeps them as the file `path`. Called once the campaign has its module's slot. Returns false,
+    // logged, to refuse the campaign.
+    bool (*keep)(void* arg, uint32_t module, const campaign_path& path, const uint8_t* bytes,
+                 size_t length);
+    void* arg = nullptr;
+};
 
-// Decodes a map of campaigns into *table, and
-// with `write` stores each as campaign_desciption_entry_decode_from_buffer does. Returns whether
-// all of it could be decoded; failures are logged. Entries up to the failed one stay in the table.
-// Null arguments are refused. Thread: the table's owner.
-bool campaignDecode(const uint8_t* buffer, size_t length, campaign_table* table, bool write = true);
+// Decodes one campaign as campaign_desciption_entry_decode_from_buffer does, and leaves its file to
+// the keeper. Arguments are not null. Thread: the table's owner.
+bool campaign_decode_entry(const uint8_t* buffer, size_t length, campaign_table* table,
+                           const campaign_keeper& keeper);
+
+// Writes a campaign's bytes as its file, which appears whole or not at all. Returns false on
+// failure. Logged. Thread: the manager's.
+bool campaign_store(const campaign_path& path, const uint8_t* bytes, size_t length);
 
 // Decodes one campaign into its module's slot of *table, and with `write` stores its `length` bytes
 // as its file in CAMPAIGN_DIR, which appears whole or not at all. A campaign that was in the slot

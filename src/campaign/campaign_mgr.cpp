@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,8 +25,7 @@ namespace {
 constexpr char DOWNLOAD_DIR[] = "/data/vendor/vexa/down/101";
 
 constexpr int64_t RETRY_MS = 30000;
-constexpr int64_t ACCEPT_FAILURE_PAUSE_MS = 1000;
-constexpr int64_t NO_LIMIT_MS = -1;
+constexpr int64_t NEVER = INT64_MAX;
 
 // For the one wait that looks at the signal descriptor itself.
 constinit const stop_flag NEVER_STOPPED;
@@ -35,9 +33,11 @@ constinit const stop_flag NEVER_STOPPED;
 struct manager {
     unique_fd signal_fd;
     stop_flag stop;  // the signal descriptor, for every other wait of the thread
-    unique_fd listener;
+    control_server control;
     cdf_watch cdf;
-    int64_t check_at_ms = NO_LIMIT_MS;  // monotonic clock: when the campaigns are due for a check
+    // Monotonic clock: when the campaigns are due for a check, and the file's watch for a new try.
+    int64_t check_at_ms = NEVER;
+    int64_t watch_again_at_ms = NEVER;
 };
 
 // A pass of the service loop ends to begin afresh, or with the thread.
@@ -78,77 +78,68 @@ pass_end retry_later(const manager& self) {
     return vexastats_sleep_ms(RETRY_MS, self.stop) ? pass_end::AGAIN : pass_end::STOPPED;
 }
 
-void serve_client(const manager& self) {
-    ALOGI("%s:Socket file pollin\n", "campaign_mgr_main");
-    const unique_fd client(accept4(self.listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (!client) {
-        const int error = errno;
-        ALOGE("Error while accepting connection err: %s\n", strerror(error));
-        // Out of descriptors or memory, the connection stays and would be reported again at once.
-        if (error != EAGAIN) vexastats_sleep_ms(ACCEPT_FAILURE_PAUSE_MS, self.stop);
-    }
-    handleIncomingSocketMsg(client.get(), self.stop);
-}
-
 int64_t now_ms() {
     return static_cast<int64_t>(vexastats_mono_time_ms());
 }
 
-// Every wake-up but the watch's own second try begins the wait for the next check anew.
+// A check, news of the file and a client's good message begin the wait for the next check anew.
 void schedule_check(manager* self) {
     const int64_t timeout_ms = campaign_take_timeout_ms();
-    self->check_at_ms = timeout_ms < 0 ? NO_LIMIT_MS : now_ms() + timeout_ms;
+    self->check_at_ms = timeout_ms < 0 ? NEVER : now_ms() + timeout_ms;
 }
 
-// How long the poll may take: until the next check, and while the campaign file cannot be watched
-// not longer than until that is tried again.
-int64_t poll_timeout_ms(const manager& self) {
-    const int64_t retry_ms = self.cdf.complete ? NO_LIMIT_MS : RETRY_MS;
-    if (self.check_at_ms < 0) return retry_ms;
-    const int64_t check_ms = std::max<int64_t>(self.check_at_ms - now_ms(), 0);
-    return retry_ms < 0 ? check_ms : std::min(check_ms, retry_ms);
-}
+enum poll_place { CDF, SIGNAL, CONTROL, POLL_FDS = CONTROL + CONTROL_POLL_FDS };
+static_assert(POLL_FDS <= VEXASTATS_POLL_MAX_FDS);
 
-bool check_is_due(const manager& self) {
-    return self.check_at_ms >= 0 && now_ms() >= self.check_at_ms;
+// Waits for news, at most until something is due. Returns what the poll does.
+int wait_for_news(const manager& self, pollfd (&fds)[POLL_FDS]) {
+    fds[CDF] = {.fd = self.cdf.notifier.get(), .events = POLLIN, .revents = 0};
+    fds[SIGNAL] = {.fd = self.signal_fd.get(), .events = POLLIN, .revents = 0};
+    const int64_t control_at_ms = control_socket_watch(self.control, fds + CONTROL);
+    const int64_t due_ms = std::min({self.check_at_ms, self.watch_again_at_ms, control_at_ms});
+    const int64_t timeout_ms = due_ms == NEVER ? -1 : std::max<int64_t>(due_ms - now_ms(), 0);
+    return vexastats_poll(fds, POLL_FDS, timeout_ms, NEVER_STOPPED);
 }
 
 pass_end serve(manager* self) {
+    bool is_quiet = false;  // the last wake-up was a client's, and not worth a word
     for (;;) {
-        enum { CDF, LISTENER, SIGNAL, COUNT };
-        pollfd fds[COUNT] = {{.fd = self->cdf.notifier.get(), .events = POLLIN, .revents = 0},
-                             {.fd = self->listener.get(), .events = POLLIN, .revents = 0},
-                             {.fd = self->signal_fd.get(), .events = POLLIN, .revents = 0}};
-        ALOGI("%s:Going into poll\n", "campaign_mgr_main");
-        const int ready = vexastats_poll(fds, COUNT, poll_timeout_ms(*self), NEVER_STOPPED);
-        ALOGI("%s:Coming out of poll %d\n", "campaign_mgr_main", ready);
+        pollfd fds[POLL_FDS];
+        if (!is_quiet) ALOGI("%s:Going into poll\n", "campaign_mgr_main");
+        const int ready = wait_for_news(*self, fds);
+        const bool check_is_due = now_ms() >= self->check_at_ms;
+        const bool watch_is_due = now_ms() >= self->watch_again_at_ms;
+        const bool client_came =
+            control_socket_receive(&self->control, (fds[CONTROL].revents & POLLIN) != 0);
+        is_quiet = ready >= 0 && !check_is_due && !watch_is_due && !client_came &&
+                   fds[CDF].revents == 0 && fds[SIGNAL].revents == 0;
+        if (!is_quiet) ALOGI("%s:Coming out of poll %d\n", "campaign_mgr_main", ready);
         if (ready < 0) return retry_later(*self);
-        if (ready == 0 && !check_is_due(*self)) return pass_end::AGAIN;
-        if (ready == 0) campaign_check();
+        if (check_is_due) campaign_check();
 
         cdf_news news = cdf_news::NONE;
         if (fds[CDF].revents & POLLIN) news = cdf_read_events(&self->cdf, self->stop);
         if (news == cdf_news::PROCESS) cdf_process(self->stop);
-        if (fds[LISTENER].revents & POLLIN) serve_client(*self);
+        const bool was_told = control_socket_act(&self->control);
         if (fds[SIGNAL].revents & (POLLIN | POLLERR | POLLHUP)) {
             ALOGI("Recieved Event %d \n", fds[SIGNAL].revents);
             return pass_end::STOPPED;
         }
-        schedule_check(self);
-        const bool try_watch_again = ready == 0 && !self->cdf.complete;
-        if (news == cdf_news::WATCH_OVER || try_watch_again) return pass_end::AGAIN;
+        if (check_is_due || was_told || fds[CDF].revents != 0) schedule_check(self);
+        if (news == cdf_news::WATCH_OVER || watch_is_due) return pass_end::AGAIN;
     }
 }
 
 pass_end service_pass(manager* self) {
-    if (!self->listener) {
-        const int error = control_socket_open(&self->listener);
+    if (!self->control.listener) {
+        const int error = control_socket_open(&self->control.listener);
         if (error != 0) {
             ALOGE("%s: failed create service socket. err:%d\n", "campaign_mgr_main", error);
             return retry_later(*self);
         }
     }
-    if (!cdf_watch_begin(&self->cdf)) return retry_later(*self);
+    if (!cdf_watch_begin(&self->cdf, self->stop)) return retry_later(*self);
+    self->watch_again_at_ms = self->cdf.complete ? NEVER : now_ms() + RETRY_MS;
     if (self->cdf.complete) schedule_check(self);  // a file that was there has changed the table
     return serve(self);
 }
@@ -169,6 +160,7 @@ void* campaign_mgr_main(void*) {
 
     while (service_pass(&self) == pass_end::AGAIN) {
     }
+    control_socket_end(&self.control);
     ALOGI("Waiting Thread Done\n");
     ALOGI("Campaign Manager Main Thread Exit \n");
     return nullptr;

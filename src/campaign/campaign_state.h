@@ -2,6 +2,7 @@
 #pragma once
 
 #include "campaign/campaign_rules.h"
+#include "framework/stop.h"
 #include "framework/sync.h"
 
 struct campaign_shared {
@@ -31,5 +32,6 @@ void updateCampaignTableAndAct(const campaign_table& fresh);
 void campaign_mgr_load_campaigns_from_storage();
 
 // Decodes the campaign file that `fd` has open and takes over what could be decoded, also when not
-// all of it could. `path` is for the log. Thread: the manager's.
-void campaign_mgr_decode_and_notify(int fd, const char* path);
+// all of it could. `path` is for the log. Returns false when `stop` came first: nothing is taken
+// over then, and the file must stay for the next start. Thread: the manager's.
+bool campaign_mgr_decode_and_notify(int fd, const char* path, const stop_flag& stop);

@@ -8,8 +8,10 @@
 #include <unistd.h>
 
 #include "base/unique_handle.h"
+#include "campaign/campaign_map.h"
 #include "campaign/campaign_state.h"
 #include "framework/files.h"
+#include "framework/wait.h"
 #include "platform/log.h"
 
 namespace {
@@ -47,16 +49,18 @@ void campaign_mgr_load_campaigns_from_storage() {
     updateCampaignTableAndAct(stored);
 }
 
-void campaign_mgr_decode_and_notify(int fd, const char* path) {
+bool campaign_mgr_decode_and_notify(int fd, const char* path, const stop_flag& stop) {
     owned_bytes file;
-    if (!vexastats_read_whole(fd, path, __func__, CAMPAIGN_FILE_MAX_BYTES, &file)) return;
+    if (!vexastats_read_whole(fd, path, __func__, CAMPAIGN_FILE_MAX_BYTES, &file)) return true;
     ALOGI("Successful Read %d of %d bytes from %s", static_cast<int>(file.length),
           static_cast<int>(file.length), path);
     const uint8_t* map = nullptr;
     size_t map_length = 0;
-    if (!campaign_file_map(__func__, file.bytes.get(), file.length, &map, &map_length)) return;
+    if (!campaign_file_map(__func__, file.bytes.get(), file.length, &map, &map_length)) return true;
     campaign_table decoded;
-    (void)campaignDecode(map, map_length, &decoded);
+    const bool is_whole = campaignDecode(map, map_length, &decoded, true, &stop);
+    if (!is_whole && !vexastats_sleep_ms(0, stop)) return false;
     // Also after a failure: what came before it counts.
     updateCampaignTableAndAct(decoded);
+    return true;
 }

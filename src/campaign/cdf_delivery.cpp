@@ -8,8 +8,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "base/open_file.h"
 #include "campaign/campaign_state.h"
 #include "framework/delivered_file.h"
@@ -40,31 +38,18 @@ constexpr uint32_t CDF_EVENTS = IN_MODIFY | FILE_WENT;
 // What makes the watch useless or incomplete, beside the file's end.
 constexpr uint32_t WATCH_ENDED = IN_IGNORED | IN_UNMOUNT | IN_Q_OVERFLOW;
 
-// The directories above the download directory, and what to look for in each: the directory itself
-// does not report that it went while somebody has it open.
-constexpr struct {
-    const char* dir;
-    const char* child;
-} ANCESTORS[] = {
-    {"/data/vendor/vexa/down", "101"},
-    {"/data/vendor/vexa", "down"},
-    {"/data/vendor", "vexa"},
-};
-constexpr uint32_t CHILD_CAME_OR_WENT =
-    IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | WATCH_DIR_GONE | IN_ONLYDIR;
-
 // ---- Decoding and taking away
 
 // Decodes the campaign file that is there now. Returns its mark as it was before; one that cannot
-// be read has none.
-config_file_mark decode_cdf() {
+// be read, or that a stop kept from being decoded, has none.
+config_file_mark decode_cdf(const stop_flag& stop) {
     const unique_fd fd = open_regular(CDF_FILE, CDF_MAX_BYTES);
     if (!fd) {
         ALOGE("Failed Reading CDF File %s!! Panic", CDF_FILE);
         return {};
     }
     const config_file_mark mark = config_file_look(fd.get());
-    campaign_mgr_decode_and_notify(fd.get(), CDF_FILE);
+    if (!campaign_mgr_decode_and_notify(fd.get(), CDF_FILE, stop)) return {};
     return mark;
 }
 
@@ -86,7 +71,7 @@ void finish_done_file(const config_file_mark& decoded, const stop_flag& stop) {
     const unique_fd fd = open_regular(DONE_FILE, CDF_MAX_BYTES);
     if (fd && config_file_look(fd.get()) != decoded) {
         if (!settle(fd.get(), stop)) return;
-        campaign_mgr_decode_and_notify(fd.get(), CDF_FILE);
+        if (!campaign_mgr_decode_and_notify(fd.get(), CDF_FILE, stop)) return;
     }
     (void)unlink(DONE_FILE);
 }
@@ -105,12 +90,6 @@ void consume_cdf(const config_file_mark& decoded, const stop_flag& stop) {
 
 // ---- Watching
 
-void watch_ancestor_entries(int notifier) {
-    for (const auto& ancestor : ANCESTORS) {
-        (void)inotify_add_watch(notifier, ancestor.dir, CHILD_CAME_OR_WENT);
-    }
-}
-
 bool watch_failed() {
     ALOGE("%s: failed inotify_add_watch. err:%d\n", CALLER, errno);
     return false;
@@ -121,7 +100,7 @@ bool watch_cdf(int notifier) {
 }
 
 // Returns false, logged, when not all that is there can be watched.
-bool watch_directory_and_file(cdf_watch* watch) {
+bool watch_directory_and_file(cdf_watch* watch, const stop_flag& stop) {
     const int notifier = watch->notifier.get();
     watch->dir = inotify_add_watch(notifier, DOWNLOAD_DIR, FILE_CAME | WATCH_DIR_GONE | IN_ONLYDIR);
     if (watch->dir < 0) return watch_failed();
@@ -133,14 +112,8 @@ bool watch_directory_and_file(cdf_watch* watch) {
     }
     if (!watch_cdf(notifier)) return false;
     ALOGI("Reading file right away %s\n", CDF_FILE);
-    (void)decode_cdf();
+    (void)decode_cdf(stop);
     return true;
-}
-
-bool is_on_the_path(const inotify_event& event) {
-    if (event.len == 0) return true;
-    return std::any_of(std::begin(ANCESTORS), std::end(ANCESTORS),
-                       [&](const auto& a) { return strcmp(event.name, a.child) == 0; });
 }
 
 cdf_news note_created(const cdf_watch& watch, const inotify_event& event, cdf_news so_far) {
@@ -174,15 +147,15 @@ void cdf_finish_interrupted(const stop_flag& stop) {
     finish_done_file({}, stop);
 }
 
-bool cdf_watch_begin(cdf_watch* watch) {
+bool cdf_watch_begin(cdf_watch* watch, const stop_flag& stop) {
     *watch = {};
     watch->notifier.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (!watch->notifier) {
         ALOGE("%s: failed inotify_init. err:%d\n", CALLER, errno);
         return false;
     }
-    watch_ancestor_entries(watch->notifier.get());
-    watch->complete = watch_directory_and_file(watch);
+    watch_way_to(watch->notifier.get(), DOWNLOAD_DIR, &watch->way);
+    watch->complete = watch_directory_and_file(watch, stop);
     return true;
 }
 
@@ -192,12 +165,13 @@ cdf_news cdf_read_events(cdf_watch* watch, const stop_flag& stop) {
     cdf_news news = cdf_news::NONE;
     bool of_the_file = false;
     watch_for_each(events, [&](const inotify_event& event) {
-        // Only the directory's events and the file's, which have no name, are worth a word.
-        const bool of_an_ancestor = event.len > 0 && event.wd != watch->dir && event.wd >= 0;
-        if (of_an_ancestor) {
-            if (is_on_the_path(event)) news = cdf_news::WATCH_OVER;
+        if (watch_way_lost(watch->way, event)) {
+            news = cdf_news::WATCH_OVER;
             return;
         }
+        // Only the directory's events and the file's, which have no name, are worth a word.
+        const bool of_an_ancestor = event.len > 0 && event.wd != watch->dir && event.wd >= 0;
+        if (of_an_ancestor) return;
         if (!of_the_file) ALOGI("%s:CDF file pollin\n", CALLER);
         of_the_file = true;
         const cdf_news noted = note_event(*watch, event, news);
@@ -209,5 +183,5 @@ cdf_news cdf_read_events(cdf_watch* watch, const stop_flag& stop) {
 void cdf_process(const stop_flag& stop) {
     if (!vexastats_sleep_ms(SETTLE_MS, stop)) return;
     ALOGI("Full file name %s\n", CDF_FILE);
-    consume_cdf(decode_cdf(), stop);
+    consume_cdf(decode_cdf(stop), stop);
 }

@@ -4,9 +4,11 @@
 
 #include "base/unique_handle.h"
 #include "framework/stop.h"
+#include "framework/watch.h"
 
 struct cdf_watch {
     unique_fd notifier{};
+    watch_way way{};        // to the download directory
     int dir = -1;           // watch descriptor of the download directory
     bool complete = false;  // false: there is something that cannot be watched yet
 };
@@ -26,11 +28,12 @@ void cdf_finish_interrupted(const stop_flag& stop);
 // right away and stays. Whatever of it is missing or cannot be watched is logged and leaves
 // watch->complete false; the directories above report then when it may have come. Returns false,
 // logged, when nothing can be watched at all.
-bool cdf_watch_begin(cdf_watch* watch);
+bool cdf_watch_begin(cdf_watch* watch, const stop_flag& stop);
 
 // Reads what the notifier has. Logged.
 cdf_news cdf_read_events(cdf_watch* watch, const stop_flag& stop);
 
 // Lets the writer get through, decodes the file and deletes it. One that was written or put in its
-// place meanwhile is decoded as well. Logged.
+// place meanwhile is decoded as well. After a stop in between it is left for the next start.
+// Logged.
 void cdf_process(const stop_flag& stop);

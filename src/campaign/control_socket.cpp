@@ -9,13 +9,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
+#include <algorithm>
 #include <utility>
 
-#include "campaign/campaign_state.h"
 #include "framework/clock.h"
-#include "framework/wait.h"
 #include "platform/log.h"
 
 namespace {
@@ -23,100 +20,68 @@ namespace {
 constexpr int BACKLOG = 4;
 constexpr mode_t SOCKET_MODE = 0666;
 constexpr int64_t RECEIVE_LIMIT_MS = 10000;
-constexpr size_t HEADER_SIZE = 8;
-constexpr size_t MAX_PAYLOAD = 8;
+constexpr int64_t ACCEPT_FAILURE_PAUSE_MS = 1000;
+constexpr int64_t BURST_MS = 60000;
+constexpr int64_t BURST_PAUSE_MS = 10;
 
-enum msg_id : uint32_t { MSG_NONE = 0, MSG_ROAMING = 1, MSG_DEFAULT_SUB = 2, MSG_MCC_MNC = 3 };
-
-uint32_t get_be32(const uint8_t* at) {
-    return uint32_t{at[0]} << 24 | uint32_t{at[1]} << 16 | uint32_t{at[2]} << 8 | at[3];
+int64_t now_ms() {
+    return static_cast<int64_t>(vexastats_mono_time_ms());
 }
 
-uint16_t get_be16(const uint8_t* at) {
-    return static_cast<uint16_t>(at[0] << 8 | at[1]);
+bool is_decided(const control_client& client) {
+    return client.message.verdict != control_verdict::OPEN;
 }
 
-void set_roaming(const uint8_t* payload) REQUIRES(g_campaign.lock) {
-    phone_state* phone = &g_campaign.state.phone;
-    phone->roaming = payload[0] != 0;
-    ALOGI("Roaming Status Changed to %d\n", phone->roaming);
+bool is_to_be_logged(const control_client& client) {
+    return !client.is_logged && (!client.is_quiet || is_decided(client));
 }
 
-// Both messages about a subscription make it the default one.
-void set_subscription(const uint8_t* payload, bool is_new_default) REQUIRES(g_campaign.lock) {
-    phone_state* phone = &g_campaign.state.phone;
-    phone->default_sub = get_be32(payload);
-    phone->mcc = get_be16(payload + 4);
-    phone->mnc = get_be16(payload + 6);
-    if (is_new_default) {
-        ALOGI("Default Sub changed to %d MCC %d MNC %d\n", static_cast<int>(phone->default_sub),
-              phone->mcc, phone->mnc);
-    } else {
-        ALOGI("Mcc Mnc on sub %d changed to MCC %d MNC %d\n", static_cast<int>(phone->default_sub),
-              phone->mcc, phone->mnc);
+void say_counted(control_server* server) {
+    if (server->counted == 0) return;
+    ALOGE("%s: %u more messages were of no use\n", "campaign_mgr_main", server->counted);
+    server->counted = 0;
+}
+
+// A burst goes on for as long as each of its minutes has a bad message.
+void turn_burst(control_server* server, int64_t now) {
+    if (server->counted == 0 || now < server->burst_until_ms) return;
+    say_counted(server);
+    server->burst_until_ms = now + BURST_MS;
+}
+
+void accept_client(control_server* server, int64_t now) {
+    unique_fd fd(accept4(server->listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!fd) {
+        server->accept_error = errno;
+        // Out of descriptors or memory, the connection stays and would be reported again at once.
+        if (errno != EAGAIN) server->listen_from_ms = now + ACCEPT_FAILURE_PAUSE_MS;
+        return;
     }
+    control_client* client = &server->clients[server->client_count++];
+    client->fd = std::move(fd);
+    client->deadline_ms = now + RECEIVE_LIMIT_MS;
+    client->is_quiet = now < server->burst_until_ms;
 }
 
-void set_default_sub(const uint8_t* payload) REQUIRES(g_campaign.lock) {
-    set_subscription(payload, true);
-}
-
-void set_mcc_mnc(const uint8_t* payload) REQUIRES(g_campaign.lock) {
-    set_subscription(payload, false);
-}
-
-struct control_message {
-    uint32_t id;
-    uint32_t size;  // of the payload, bytes
-    void (*apply)(const uint8_t* payload);
-};
-
-constexpr control_message MESSAGES[] = {
-    {MSG_ROAMING, 1, set_roaming},
-    {MSG_DEFAULT_SUB, 8, set_default_sub},
-    {MSG_MCC_MNC, 8, set_mcc_mnc},
-};
-
-const control_message* find_message(uint32_t id) {
-    for (const control_message& message : MESSAGES) {
-        if (message.id == id) return &message;
+void receive_from(control_server* server, control_client* client, int64_t now) {
+    control_message_receive(client->fd.get(), now >= client->deadline_ms, &client->message);
+    if (!is_decided(*client) || client->message.verdict == control_verdict::GOOD) return;
+    if (now >= server->burst_until_ms) {
+        server->burst_until_ms = now + BURST_MS;
+        return;
     }
-    return nullptr;
+    ++server->counted;
+    server->listen_from_ms = std::max(server->listen_from_ms, now + BURST_PAUSE_MS);
+    client->fd.reset();
 }
 
-// Fills `header` from a client that may take its time, or stay silent.
-bool receive_header(int client, uint8_t (&header)[HEADER_SIZE], const stop_flag& stop) {
-    const uint64_t begin_ms = vexastats_mono_time_ms();
-    size_t have = 0;
-    while (have < HEADER_SIZE) {
-        const auto waited_ms = static_cast<int64_t>(vexastats_mono_time_ms() - begin_ms);
-        if (waited_ms >= RECEIVE_LIMIT_MS) return false;
-        pollfd readable{.fd = client, .events = POLLIN, .revents = 0};
-        if (vexastats_poll(&readable, 1, RECEIVE_LIMIT_MS - waited_ms, stop) <= 0) return false;
-        const ssize_t count = recv(client, header + have, HEADER_SIZE - have, MSG_DONTWAIT);
-        if (count < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-        if (count <= 0) return false;
-        have += static_cast<size_t>(count);
-    }
-    return true;
-}
-
-// The message that a header announces; null, logged, when there is nothing to act on.
-const control_message* accept_header(uint32_t id, uint32_t size) {
-    ALOGI("%s: MSG id %d Size %d\n", "handleIncomingSocketMsg", static_cast<int>(id),
-          static_cast<int>(size));
-    if (id == MSG_NONE) return nullptr;
-    const control_message* message = find_message(id);
-    if (!message) {
-        ALOGE("%s:Unrecongnizable Msg Id %d\n", "handleIncomingSocketMsg", static_cast<int>(id));
-        return nullptr;
-    }
-    if (size != message->size) {
-        ALOGE("%s:Wrong msg_size %d received for msg_id %d\n", "handleIncomingSocketMsg",
-              static_cast<int>(size), static_cast<int>(id));
-        return nullptr;
-    }
-    return message;
+// Those that stay keep their order, in which messages that wait together are acted on.
+void drop_closed(control_server* server) {
+    const auto begin = server->clients.begin();
+    const auto end = begin + static_cast<std::ptrdiff_t>(server->client_count);
+    const auto kept = std::remove_if(begin, end, [](const auto& client) { return !client.fd; });
+    std::for_each(kept, end, [](control_client& client) { client = {}; });
+    server->client_count = static_cast<size_t>(kept - begin);
 }
 
 }  // namespace
@@ -149,28 +114,62 @@ int control_socket_open(unique_fd* out) {
     return 0;
 }
 
-void handleIncomingSocketMsg(int client, const stop_flag& stop) {
-    if (client < 0) {
-        ALOGE("%s: Null client fd is passed\n", __func__);
-        return;
+int64_t control_socket_watch(const control_server& server, pollfd* fds) {
+    const int64_t now = now_ms();
+    const bool rests = now < server.listen_from_ms;
+    const bool may_accept = !rests && server.client_count < CONTROL_CLIENTS_MAX;
+    fds[0] = {.fd = may_accept ? server.listener.get() : -1, .events = POLLIN, .revents = 0};
+    for (size_t i = 0; i < CONTROL_CLIENTS_MAX; ++i) {
+        fds[1 + i] = {.fd = server.clients[i].fd.get(), .events = POLLIN, .revents = 0};
     }
-    uint8_t header[HEADER_SIZE] = {};
-    if (!receive_header(client, header, stop)) {
-        ALOGE("%s:Count not read MsgID from incoming msg\n", __func__);
-        return;
-    }
-    const control_message* message = accept_header(get_be32(header), get_be32(header + 4));
-    if (!message) return;
 
-    // A payload that has not come by now is not waited for: deliberate.
-    uint8_t payload[MAX_PAYLOAD] = {};
-    if (recv(client, payload, message->size, MSG_DONTWAIT) != static_cast<ssize_t>(message->size)) {
-        ALOGE("%s:Count not read Roaming Status from incoming msg\n", __func__);
-        return;
+    int64_t due_ms = INT64_MAX;
+    for (size_t i = 0; i < server.client_count; ++i) {
+        due_ms = std::min(due_ms, server.clients[i].deadline_ms);
     }
-    {
-        const vexa_lock lock(g_campaign.lock);
-        message->apply(payload);
+    if (rests) due_ms = std::min(due_ms, server.listen_from_ms);
+    if (server.counted > 0) due_ms = std::min(due_ms, server.burst_until_ms);
+    return due_ms;
+}
+
+bool control_socket_receive(control_server* server, bool listener_ready) {
+    const int64_t now = now_ms();
+    turn_burst(server, now);
+    if (listener_ready) accept_client(server, now);
+    for (size_t i = 0; i < server->client_count; ++i) {
+        receive_from(server, &server->clients[i], now);
     }
-    campaign_check();
+    drop_closed(server);
+    return server->accept_error != 0 ||
+           std::any_of(server->clients.begin(), server->clients.end(),
+                       [](const auto& client) { return client.fd && is_to_be_logged(client); });
+}
+
+bool control_socket_act(control_server* server) {
+    bool was_good = false;
+    for (size_t i = 0; i < server->client_count; ++i) {
+        control_client* client = &server->clients[i];
+        if (is_to_be_logged(*client)) {
+            ALOGI("%s:Socket file pollin\n", "campaign_mgr_main");
+            client->is_logged = true;
+        }
+        if (!is_decided(*client)) continue;
+        was_good = was_good || client->message.verdict == control_verdict::GOOD;
+        handleIncomingSocketMsg(client->fd.get(), client->message);
+        client->fd.reset();
+    }
+    if (server->accept_error != 0) {
+        ALOGI("%s:Socket file pollin\n", "campaign_mgr_main");
+        ALOGE("Error while accepting connection err: %s\n", strerror(server->accept_error));
+        handleIncomingSocketMsg(-1, {});
+        server->accept_error = 0;
+    }
+    drop_closed(server);
+    return was_good;
+}
+
+void control_socket_end(control_server* server) {
+    for (control_client& client : server->clients) client = {};
+    server->client_count = 0;
+    say_counted(server);
 }

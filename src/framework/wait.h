@@ -11,7 +11,7 @@
 #include "framework/stop.h"
 
 // Most descriptors that one call can watch.
-inline constexpr size_t VEXASTATS_POLL_MAX_FDS = 7;
+inline constexpr size_t VEXASTATS_POLL_MAX_FDS = 11;
 
 // As poll(2) on `count` descriptors for at most timeout_ms (negative: no limit), on the platform's
 // clock. Returns the number of ready descriptors (their revents filled), 0 on time-out, -EINTR once

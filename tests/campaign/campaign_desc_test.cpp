@@ -4,9 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/inotify.h>
+
+#include <random>
 #include <tuple>
 
 #include "campaign.pb.h"
+#include "campaign/campaign_map.h"
 #include "campaign/mps_campaign_desc.h"
 #include "support/files.h"
 #include "support/gzip.h"
@@ -44,11 +48,30 @@ std::string written(uint32_t module, uint64_t id, uint32_t expiry_type = 2, uint
     return entry.SerializeAsString();
 }
 
+std::string map_of(const std::vector<std::string>& entries) {
+    std::string bytes;
+    for (const std::string& entry : entries) {
+        if (entry.size() > 0x7F) ADD_FAILURE() << "too long for a length of one byte";
+        bytes += std::string("\x0a") + static_cast<char>(entry.size()) + entry;
+    }
+    return bytes;
+}
+
 class CampaignDesc : public testing::Test {
   protected:
-    CampaignDesc() {
+    CampaignDesc() { empty_dir(); }
+    static void empty_dir() {
         std::filesystem::remove_all(CAMPAIGN_DIR);
         std::filesystem::create_directories(CAMPAIGN_DIR);
+    }
+    // What stands on the disk and in the table.
+    std::vector<std::string> outcome() const {
+        std::vector<std::string> all;
+        for (const std::string& name : list_dir(CAMPAIGN_DIR)) {
+            all.push_back(name + " " + stored(name));
+        }
+        for (const auto& slot : table) all.push_back(std::to_string(slot ? slot->campaignId : 0));
+        return all;
     }
     bool decode(const std::string& bytes, bool write = true) {
         return campaign_desciption_entry_decode_from_buffer(raw(bytes), bytes.size(), &table,
@@ -131,6 +154,43 @@ TEST_F(CampaignDesc, LaterCampaignOfAModuleWins) {
     }
 }
 
+TEST_F(CampaignDesc, MapLeavesWhatStoringItsCampaignsOneByOneLeaves) {
+    std::mt19937 random(5);
+    const auto upto = [&](uint32_t last) { return static_cast<uint32_t>(random() % (last + 1)); };
+    for (int round = 0; round < 500 && !HasFailure(); ++round) {
+        std::vector<std::string> entries;
+        for (uint32_t i = 0; i < 12; ++i) {
+            const uint64_t twin = uint64_t{upto(1)} << 32;
+            entries.push_back(written(upto(2), twin + 1 + upto(3), upto(15) ? 2 : 1));
+        }
+        if (upto(1)) entries[3 + upto(8)] = upto(1) ? written(7, 1) : bytes("08ff");
+        const std::string live = "/2-1-1900000000.camp";  // stored before
+        empty_dir();
+        write_text_file(CAMPAIGN_DIR + live, "live");
+        table = {};
+        bool whole = true;
+        for (size_t i = 0; whole && i < entries.size(); ++i) whole = decode(entries[i]);
+        const std::vector<std::string> one_by_one = outcome();
+        empty_dir();
+        write_text_file(CAMPAIGN_DIR + live, "live");
+        table = {};
+        const std::string map = map_of(entries);
+        EXPECT_EQ(campaignDecode(raw(map), map.size(), &table), whole);
+        EXPECT_EQ(outcome(), one_by_one) << "round " << round;
+    }
+}
+
+TEST_F(CampaignDesc, StopComesBetweenTwoCampaigns) {
+    const std::string map = map_of({written(1, 1), written(2, 2), written(3, 3)});
+    const unique_fd first_file(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    ASSERT_GE(inotify_add_watch(first_file.get(), CAMPAIGN_DIR, IN_MOVED_TO), 0);
+    stop_flag stop;
+    stop.fd = first_file.get();  // as a signal's descriptor: readable from the first file on
+    EXPECT_FALSE(campaignDecode(raw(map), map.size(), &table, true, &stop));
+    EXPECT_THAT(list_dir(CAMPAIGN_DIR), ElementsAre("1-1-1900000000.camp"));
+    EXPECT_EQ(platform_test_log_count("Decoding failed: (none)\n"), 0u);
+}
+
 TEST_F(CampaignDesc, MapsAreRefusedFromTheirFirstDamageOn) {
     const std::string good = bytes("0a0e") + written(1, 9).substr(0, 14);
     const std::tuple<std::string, const char*> rows[] = {
@@ -151,11 +211,8 @@ TEST_F(CampaignDesc, MapsAreRefusedFromTheirFirstDamageOn) {
 }
 
 TEST_F(CampaignDesc, ZeroByteBetweenEntriesEndsAMessageAndNotTheMap) {
-    const auto element = [](const std::string& entry) {
-        return bytes("0a") + static_cast<char>(entry.size()) + entry;
-    };
     const std::string map =
-        element(written(1, 9)) + std::string(3, '\0') + element(written(2, 3)) + '\0';
+        map_of({written(1, 9)}) + std::string(3, '\0') + map_of({written(2, 3)}) + '\0';
     EXPECT_TRUE(campaignDecode(raw(map), map.size(), &table)) << log_text();
     ASSERT_TRUE(table[1] && table[2]);
     EXPECT_EQ(table[1]->campaignId * 10 + table[2]->campaignId, 93u);

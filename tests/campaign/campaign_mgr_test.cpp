@@ -1,43 +1,19 @@
-// The campaign manager: what it takes over, its thread, its socket.
-#include "campaign/campaign_mgr.h"
-
+// The campaign manager: what it takes over, and its thread.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <pthread.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <string>
-#include <thread>
-
 #include "campaign.pb.h"
-#include "campaign/campaign_state.h"
-#include "campaign/control_socket.h"
-#include "framework/clock.h"
-#include "mps_events/mps_events.h"
-#include "platform_test.h"
-#include "support/events.h"
-#include "support/files.h"
-#include "support/log.h"
+#include "campaign/campaign_mgr_fixture.h"
 
-namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
 namespace {
 
-constexpr char DOWN_DIR[] = "/data/vendor/vexa/down/101";
 constexpr char CDF[] = "/data/vendor/vexa/down/101/cdf.dat";
-constexpr char DONE[] = "/data/vendor/vexastats/101/cdf.dat.done";
-constexpr uint64_t NOW_S = PLATFORM_TEST_REAL_MS / 1000;
-constexpr uint64_t LATER = NOW_S + 1000;
-constexpr char START[] = "mps_set_event: Setting event 256";
-constexpr char STOP[] = "mps_set_event: Setting event 512";
 
 std::string cdf(uint64_t id, uint32_t module = 6, uint64_t expiry = LATER,
                 const std::string& logic = "logic") {
@@ -49,95 +25,6 @@ std::string cdf(uint64_t id, uint32_t module = 6, uint64_t expiry = LATER,
     entry->mutable_expiry()->set_expvalue(expiry);
     entry->mutable_enablementandlogic()->mutable_logic()->set_logic(logic);
     return std::string("\xCD\xF1\x01", 3) + map.SerializeAsString();
-}
-
-std::string message(uint32_t id, uint32_t size, const std::string& payload) {
-    std::string bytes;
-    for (const uint32_t word : {id, size}) {
-        for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(word >> shift);
-    }
-    return bytes + payload;
-}
-const std::string SUB_1 = message(2, 8, std::string("\0\0\0\1\1\6\0\7", 8));  // MCC 262, MNC 7
-
-class CampaignManager : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        for (const char* dir : {"/data/vendor/vexa", "/data/vendor/vexastats", "/dev/socket/vexa"})
-            fs::remove_all(dir);
-        for (const char* dir : {DOWN_DIR, CAMPAIGN_DIR, "/dev/socket/vexa"})
-            fs::create_directories(dir);
-        sigset_t set;
-        sigemptyset(&set);
-        sigaddset(&set, SIGUSR1);
-        pthread_sigmask(SIG_BLOCK, &set, nullptr);
-        platform_test_set_clock(platform_test_clock::MANUAL);
-        mps_clear_event(UINT32_MAX);
-        const vexa_lock lock(g_campaign.lock);
-        g_campaign.state = {};
-    }
-    void TearDown() override { stop(); }
-
-    void start() {
-        thread = std::thread([] { campaign_mgr_main(nullptr); });
-    }
-    void stop() {
-        if (!thread.joinable()) return;
-        pthread_kill(thread.native_handle(), SIGUSR1);
-        thread.join();
-    }
-    static void wait_log(const std::string& text) {
-        ASSERT_TRUE(platform_test_wait_log(text, EVENT_LIMIT.count())) << text << "\n"
-                                                                       << log_text();
-    }
-    static void wait_parked() { ASSERT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count())); }
-
-    static unique_fd connected() {
-        unique_fd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
-        strcpy(address.sun_path, CONTROL_SOCKET);
-        EXPECT_EQ(connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        return client;
-    }
-    // Sends, and waits until the manager has closed the connection.
-    static void say(const std::string& bytes) {
-        const unique_fd client = connected();
-        (void)send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        (void)shutdown(client.get(), SHUT_WR);
-        char byte;
-        EXPECT_LE(recv(client.get(), &byte, 1, 0), 0);
-    }
-    static phone_state phone() {
-        phone_state state;
-        EXPECT_TRUE(campaign_mgr_get_ph_info(&state));
-        return state;
-    }
-    static uint32_t active_id(uint32_t module = 6) {
-        owned_bytes logic;
-        uint32_t id = 0;
-        campaign_mgr_get_campaign(module, &logic, &id);
-        return id;
-    }
-    // Lets time pass until module 6 has that campaign and its delivery is through.
-    static void pass_until_active(uint32_t id) {
-        const auto end = std::chrono::steady_clock::now() + EVENT_LIMIT;
-        while (active_id() != id || fs::exists(DONE)) {
-            ASSERT_LT(std::chrono::steady_clock::now(), end) << log_text();
-            platform_test_advance_ms(100);
-            std::this_thread::yield();
-        }
-    }
-    static size_t open_descriptors() { return list_dir("/.host/proc/self/fd").size(); }
-
-    std::thread thread;
-};
-
-unique_campaign campaign(uint64_t id, uint64_t expiry = LATER, bool running = false) {
-    unique_campaign entry = campaign_entry_new();
-    entry->campaignId = id;
-    entry->expiryValue = expiry;
-    entry->running = running ? 1 : 0;
-    return entry;
 }
 
 std::string stored(uint32_t module, uint64_t id, uint64_t expiry = LATER) {
@@ -222,66 +109,6 @@ TEST_F(CampaignManager, OnlyTheModemsCampaignStartsWithTheFileTheOthersAtTheNext
     EXPECT_EQ(running(1), 1);
 }
 
-TEST_F(CampaignManager, BadClientsChangeNothingAndLeakNoDescriptor) {
-    start();
-    wait_log("campaign_mgr_main:Going into poll\n");
-    say(SUB_1);
-    EXPECT_EQ(phone().default_sub, 1u);
-    EXPECT_EQ(phone().mcc, 262);
-    EXPECT_EQ(phone().mnc, 7);
-    say(message(1, 1, "\x80"));
-    EXPECT_EQ(phone().roaming, 1);
-    const struct {
-        std::string sent;
-        std::string logged;
-    } CLIENTS[] = {
-        {"", "handleIncomingSocketMsg:Count not read MsgID from incoming msg\n"},
-        {message(1, 1, "").substr(0, 7),
-         "handleIncomingSocketMsg:Count not read MsgID from incoming msg\n"},
-        {message(0, 99, "x"), "handleIncomingSocketMsg: MSG id 0 Size 99\n"},
-        {message(1, 2, std::string(2, '\0')),
-         "handleIncomingSocketMsg:Wrong msg_size 2 received for msg_id 1\n"},
-        {message(3, 0x80000008, std::string(8, '\0')),
-         "handleIncomingSocketMsg:Wrong msg_size -2147483640 received for msg_id 3\n"},
-        {message(4, 1, std::string(1, '\0')), "handleIncomingSocketMsg:Unrecongnizable Msg Id 4\n"},
-        {message(2, 8, std::string(7, '\0')),
-         "handleIncomingSocketMsg:Count not read Roaming Status from incoming msg\n"},
-    };
-    wait_parked();
-    const size_t before = open_descriptors();
-    for (int i = 0; i < 1000; ++i) {
-        const auto& client = CLIENTS[static_cast<size_t>(i) % std::size(CLIENTS)];
-        platform_test_clear_log();
-        say(client.sent);
-        ASSERT_EQ(platform_test_log_count(client.logged), 1u) << client.logged << log_text();
-    }
-    wait_parked();
-    EXPECT_EQ(open_descriptors(), before);
-    EXPECT_EQ(phone().default_sub, 1u);
-    EXPECT_EQ(phone().roaming, 1);
-    say(message(1, 1, std::string(1, '\0')));
-    EXPECT_EQ(phone().roaming, 0);
-}
-
-TEST_F(CampaignManager, SilentClientHoldsTheThreadForTenSecondsAndNoStopUp) {
-    start();
-    wait_log("campaign_mgr_main:Going into poll\n");
-    const unique_fd silent = connected();
-    (void)send(silent.get(), "half", 4, MSG_NOSIGNAL);
-    wait_log("campaign_mgr_main:Socket file pollin\n");
-    wait_parked();
-    platform_test_advance_ms(9999);
-    EXPECT_EQ(
-        platform_test_log_count("handleIncomingSocketMsg:Count not read MsgID from incoming msg\n"),
-        0u);
-    platform_test_advance_ms(1);
-    wait_log("handleIncomingSocketMsg:Count not read MsgID from incoming msg\n");
-    platform_test_clear_log();
-    const unique_fd other = connected();
-    wait_log("campaign_mgr_main:Socket file pollin\n");
-    stop();
-}
-
 TEST_F(CampaignManager, SignalEndsTheThreadWhereverItWaits) {
     const struct {
         const char* broken;  // removed before the start
@@ -342,18 +169,30 @@ TEST_F(CampaignManager, WriterGetsThroughBeforeTheSecondLook) {
     EXPECT_FALSE(fs::exists(DONE));
 }
 
-TEST_F(CampaignManager, DirectoryInPlaceOfTheFileIsInNobodysWay) {
+TEST_F(CampaignManager, WhatIsNoReadableFileIsInNobodysWay) {
     start();
     wait_log("campaign_mgr_main:Going into poll\n");
-    fs::create_directory(CDF);
-    wait_log("CDF File Created waiting? 0\n");
-    wait_parked();
-    platform_test_advance_ms(1000);
-    wait_log("Failed Reading CDF File /data/vendor/vexa/down/101/cdf.dat!! Panic");
-    EXPECT_TRUE(fs::is_directory(CDF));
-    fs::remove(CDF);
-    put_files({{std::string(CDF) + ".part", cdf(5)}});
-    fs::rename(std::string(CDF) + ".part", CDF);
+    const std::string aside = std::string(CDF) + ".part";
+    for (const int kind : {S_IFDIR, S_IFLNK, S_IFIFO, S_IFREG}) {
+        SCOPED_TRACE(kind);
+        wait_parked();
+        platform_test_clear_log();
+        if (kind == S_IFDIR) fs::create_directory(aside);
+        if (kind == S_IFLNK) fs::create_symlink("/nowhere", aside);
+        if (kind == S_IFIFO) (void)mkfifo(aside.c_str(), 0600);
+        if (kind == S_IFREG) put_files({{aside, std::string((1 << 20) + 1, 'x')}});  // too large
+        fs::rename(aside, CDF);
+        wait_log("CDF File Created waiting? 0\n");
+        wait_parked();
+        platform_test_advance_ms(1000);
+        wait_log("Failed Reading CDF File /data/vendor/vexa/down/101/cdf.dat!! Panic");
+        wait_parked();
+        EXPECT_EQ(fs::is_directory(CDF), kind == S_IFDIR) << "only a directory stays";
+        EXPECT_FALSE(fs::exists(fs::symlink_status(DONE)));
+        fs::remove(CDF);
+    }
+    put_files({{aside, cdf(5)}});
+    fs::rename(aside, CDF);
     pass_until_active(5);
     EXPECT_FALSE(fs::exists(DONE));
 }
@@ -406,6 +245,26 @@ TEST_F(CampaignManager, FileLeftByAKillIsTakenInAndStoredOnesComeBack) {
     EXPECT_EQ(std::string(reinterpret_cast<char*>(logic.bytes.get()), logic.length), "logic");
 }
 
+TEST_F(CampaignManager, StopInTheMidstOfALargeFileLeavesItForTheNextStart) {
+    constexpr uint64_t COUNT = 20000;
+    std::string file = cdf(1, 1);
+    for (uint64_t id = 1; id <= COUNT; ++id) file += cdf(id, 6).substr(3);
+    put_files({{DONE, file}});
+    start();
+    wait_parked();
+    platform_test_advance_ms(1000);
+    ASSERT_TRUE(wait_for_file(stored(1, 1)));
+    stop();
+    EXPECT_TRUE(fs::exists(DONE) || fs::exists(stored(6, COUNT)));
+    platform_test_clear_log();
+    start();
+    wait_parked();
+    platform_test_advance_ms(1000);
+    wait_log("campaign_mgr_main:Going into poll\n");
+    EXPECT_EQ(active_id(6), COUNT);
+    EXPECT_FALSE(fs::exists(DONE));
+}
+
 TEST_F(CampaignManager, CampaignThatExpiresAsItComesDoesNotMakeTheThreadSpin) {
     put_files({{CDF, cdf(1, 1, NOW_S)}});
     start();
@@ -435,7 +294,8 @@ TEST_F(CampaignManager, WhatHasExpiredCostsNoWakeUps) {
             table[2]->enablementType = row.type;
         }
         updateCampaignTableAndAct(table);
-        say(message(0, 0, ""));  // a wake-up, to take the time-out
+        put_files({{std::string(DOWN_DIR) + "/other", ""}});  // a wake-up, to take the time-out
+        wait_log("Created other cdf.dat 16\n");
         wait_parked();
         platform_test_advance_ms(10000);
         wait_parked();

@@ -1,11 +1,12 @@
-// Decoding and storing a campaign with every single call failing once: it is taken whole or refused
-// with its message, and no half-made file is seen.
+// Decoding and storing campaigns with every single call failing once: each is taken whole or
+// refused with its message, and no half-made file is seen. And what a large file of them costs.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
 #include "campaign/campaign_desc.h"
+#include "campaign/campaign_map.h"
 #include "fault/fault.h"
 #include "platform_test.h"
 #include "support/files.h"
@@ -50,6 +51,61 @@ TEST(CampaignFaultTest, EveryFailedCallIsAnswered) {
           "from_buffer: Malloc failed\n", "from_buffer: Malloc failed for mcc mnc list\n",
           "from_buffer: Campaign Descriptor file create Failed\n"}) {
         EXPECT_THAT(logged, testing::HasSubstr(text));
+    }
+}
+
+// A campaign of each module in turn, ids ascending.
+std::string campaigns(uint32_t count, uint32_t modules) {
+    std::string map;
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint32_t id = i + 0x4000;  // three bytes as a varint
+        map += bytes("0a10 08");
+        map += {static_cast<char>(0x80 | (id & 0x7F)), static_cast<char>(0x80 | (id >> 7 & 0x7F)),
+                static_cast<char>(id >> 14), '\x10', static_cast<char>(i % modules + 1)};
+        map += bytes("1a08 0802 1080e6fe8907");
+    }
+    return map;
+}
+
+TEST(CampaignFaultTest, LargeFileIsWrittenOnceAModule) {
+    std::filesystem::remove_all(CAMPAIGN_DIR);
+    std::filesystem::create_directories(CAMPAIGN_DIR);
+    const std::string map = campaigns(20000, 6);
+    for (const char* call : {"fsync", "rename"}) {
+        campaign_table table;
+        fault_arm(call, -1);
+        EXPECT_TRUE(
+            campaignDecode(reinterpret_cast<const uint8_t*>(map.data()), map.size(), &table));
+        EXPECT_EQ(fault_count(), 6) << call;
+        (void)fault_disarm();
+        EXPECT_EQ(list_dir(CAMPAIGN_DIR).size(), 6u);
+        platform_test_clear_log();
+    }
+}
+
+// One that was put off for a later one is stored when that one is not reached.
+TEST(CampaignFaultTest, WhatIsInTheTableIsOnTheDisk) {
+    const std::string map = campaigns(5, 2);
+    for (const char* name : fault_calls()) {
+        bool failed = true;
+        for (long n = 1; failed && !testing::Test::HasFailure(); n++) {
+            SCOPED_TRACE(testing::Message() << "call " << n << " of " << name);
+            std::filesystem::remove_all(CAMPAIGN_DIR);
+            std::filesystem::create_directories(CAMPAIGN_DIR);
+            campaign_table table;
+            fault_arm(name, n);
+            (void)campaignDecode(reinterpret_cast<const uint8_t*>(map.data()), map.size(), &table);
+            failed = fault_disarm();
+            std::vector<std::string> wanted;
+            for (uint32_t module = 0; module < table.size(); ++module) {
+                if (!table[module] || table[module]->campaignId == 0) continue;
+                wanted.push_back(
+                    std::filesystem::path(campaign_file_name(module, *table[module]).data())
+                        .filename());
+            }
+            EXPECT_EQ(list_dir(CAMPAIGN_DIR), wanted);
+            EXPECT_GE(wanted.size(), failed ? 0u : 2u);
+        }
     }
 }
 

@@ -79,6 +79,10 @@ void fault_arm_kill(long n) {
     fault_arm(nullptr, n);
 }
 
+long fault_count() {
+    return plan().count;
+}
+
 bool fault_disarm() {
     shared_plan& p = plan();
     p.armed = false;

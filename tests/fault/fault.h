@@ -14,5 +14,8 @@ void fault_arm(const char* name, long n);
 // it is made.
 void fault_arm_kill(long n);
 
+// The calls counted so far.
+long fault_count();
+
 // Stops counting. Returns whether a call was made to fail.
 bool fault_disarm();

@@ -5,6 +5,7 @@
 
 #include "bench_phone.h"
 #include "campaign/campaign_desc.h"
+#include "campaign/campaign_map.h"
 #include "host/log_silence.h"
 #include "workloads.h"
 
