@@ -193,11 +193,16 @@ full_test full_by_payload(const write_req& req, off_t pos, uint64_t estimate) {
     return measure_whole_record(req, estimate);
 }
 
+size_t wanted_len(const write_req& req) {
+    return req.head_len + req.len;
+}
+
 // Whether the new bytes would push the upload past the row's size.
 full_test test_full(const write_req& req, off_t pos) {
-    const uint64_t record_len = req.len + static_cast<uint64_t>(pos);
-    if (!exceeds_size(req.row, estimated_len(req.row, record_len))) return full_test::FITS;
-    return full_by_payload(req, pos, estimated_len(req.row, req.len));
+    const uint64_t len = wanted_len(req);
+    if (!exceeds_size(req.row, estimated_len(req.row, len + static_cast<uint64_t>(pos))))
+        return full_test::FITS;
+    return full_by_payload(req, pos, estimated_len(req.row, len));
 }
 
 // Returns false when the record could not be handed over.
@@ -269,7 +274,17 @@ void cut_back(FILE* stream, off_t pos) {
     (void)fseeko(stream, 0, SEEK_END);
 }
 
-// Returns the bytes appended, fewer than req->len on failure.
+// Adds what was appended to the payload so far, which is given up when that fails.
+void compress_appended(const write_req& req) {
+    unique_payload_stream& payload = req.handle->payload;
+    if (!payload) return;
+    const bool taken =
+        (req.head_len == 0 || payload_stream_append(payload.get(), req.head, req.head_len)) &&
+        payload_stream_append(payload.get(), req.data, req.len);
+    if (!taken) payload.reset();
+}
+
+// Returns the bytes appended, fewer than wanted on failure.
 size_t append(const write_req& req) {
     FILE* stream = req.handle->file;
     if (!stream) {  // the first line could not be rewritten
@@ -278,8 +293,9 @@ size_t append(const write_req& req) {
     }
     const off_t pos = ftello(stream);  // its end: nothing has moved it from there
     if (pos < 0) return 0;
-    const size_t written = fwrite(req.data, 1, req.len, stream);
-    if (written != req.len) {
+    size_t written = req.head_len > 0 ? fwrite(req.head, 1, req.head_len, stream) : 0;
+    if (written == req.head_len) written += fwrite(req.data, 1, req.len, stream);
+    if (written != wanted_len(req)) {
         ALOGE("%s: failed to write file\n", "vexastats_write_file");
         cut_back(stream, pos);
         return written;
@@ -289,10 +305,7 @@ size_t append(const write_req& req) {
         cut_back(stream, pos);
         return 0;
     }
-    if (req.handle->payload &&
-        !payload_stream_append(req.handle->payload.get(), req.data, req.len)) {
-        req.handle->payload.reset();
-    }
+    compress_appended(req);
     return written;
 }
 
@@ -358,10 +371,10 @@ bool vexastats_record_reopen(record_init_req req, record_handle* handle) {
 size_t vexastats_write_file(write_req* req) {
     if (!req->handle->file || !req->row) return 0;
     if (!req->data && !(req->flags & WRITE_DROP)) return 0;
-    if (!req->data) req->len = 0;
+    if (!req->data) req->len = req->head_len = 0;
 
     const vexa_lock lock(g_record_lock);
-    return write_locked(req, req->len);
+    return write_locked(req, wanted_len(*req));
 }
 
 void vexastats_record_close(record_handle* handle) {
