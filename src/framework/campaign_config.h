@@ -9,6 +9,7 @@
 #include "framework/config_update.h"
 #include "framework/record.h"
 #include "framework/timed_campaign.h"
+#include "framework/wait.h"
 
 // What one collector's campaigns are called, in the file and in the log, and where its record is.
 struct campaign_kind {
@@ -61,12 +62,24 @@ inline bool campaign_is_opted_in(const collector_info& row) {
 bool campaign_has_consent(const collector_info& row);
 
 // Begins a record for the next campaign; what the last one left behind is discarded, unless it
-// could not be handed over: then it is gone on with. Returns false, logged, when there is none.
+// could not be handed over: then that is tried again, and it is gone on with when it fails. Returns
+// false, logged, when there is none.
 bool campaign_open_record(collector_info* row, const campaign_kind& kind, record_handle* handle);
 
 // Takes the record up again after a hand-over that failed for want of consent. Returns false,
 // logged, when there is none.
 bool campaign_resume_record(collector_info* row, const campaign_kind& kind, record_handle* handle);
+
+// After a write that failed although the owner consents: goes on with the record, which no begin
+// discards from here on, also after a kill, and pauses. Returns false once the row's `stop` is
+// raised; otherwise the write is to be tried again. Failures are logged.
+bool campaign_recover_record(collector_info* row, const campaign_kind& kind, record_handle* handle,
+                             growing_pause* pause);
+
+// Hands the record over at a campaign's end. One that cannot be handed over is not discarded by the
+// next begin. Failures are logged.
+void campaign_hand_over_record(collector_info* row, const campaign_kind& kind,
+                               record_handle* handle);
 
 // Closes and deletes the record: what was captured when its owner has withdrawn the consent.
 void campaign_discard_record(collector_info* row, const campaign_kind& kind, record_handle* handle);

@@ -40,25 +40,24 @@ bool is_full(const alog_record& record) {
     return record.fill >= ALOG_FLUSH_SIZE;
 }
 
-// Writes a full buffer out, or leaves it full while the owner's consent is missing. Returns false,
-// logged, after a failure.
+// Writes a full buffer out, or leaves it full while the owner's consent is missing. A write that
+// fails is tried again until a stop: the entries to come wait in the platform's log meanwhile.
+// Returns false, logged, when it failed for good.
 bool write_out(alog_record* record, const char* caller) {
     collector_info* row = record->row;
     interruptible_leave(&row->library_calls);
-    if (!campaign_has_consent(*row)) return true;
-    const size_t written = flush(record, caller);
-    if (written == record->fill) {
-        record->fill = 0;
-        return true;
+    for (growing_pause pause; campaign_has_consent(*row);) {
+        const size_t written = flush(record, caller);
+        if (written == record->fill) {
+            record->fill = 0;
+            return true;
+        }
+        ALOGE("%s: failed to write file. cnt:%zu\n", caller, written);
+        // The dropbox may have gone in this very moment, and a full record with nowhere to go to.
+        if (!campaign_has_consent(*row)) return alog_campaign_resume_record(row, &record->handle);
+        if (!alog_campaign_recover_record(row, &record->handle, &pause)) return false;
     }
-    ALOGE("%s: failed to write file. cnt:%zu\n", caller, written);
-    // The dropbox may have gone in this very moment, and a full record with nowhere to go to.
-    return !campaign_has_consent(*row) && alog_campaign_resume_record(row, &record->handle);
-}
-
-void hand_over(alog_record* record) {
-    write_req req{.row = record->row, .handle = &record->handle, .flags = WRITE_DROP};
-    (void)vexastats_write_file(&req);
+    return true;
 }
 
 // The bytes of an entry that count, by the lengths in its first two fields, and never more than
@@ -92,7 +91,8 @@ void finish(alog_record* record, const char* caller) {
     }
     if (record->fill > 0) (void)flush(record, caller);
     // Also when the last flush left the buffer empty: the next campaign discards what stays.
-    if (record->fill > 0 || record->has_entries) hand_over(record);
+    if (record->fill > 0 || record->has_entries)
+        alog_campaign_hand_over_record(record->row, &record->handle);
 }
 
 // One entry, or a negative error number.

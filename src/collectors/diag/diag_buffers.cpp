@@ -132,27 +132,32 @@ void give_back() {
     g_pair.read_index ^= 1;
 }
 
-// A buffer that could not be written for want of consent stays full. Returns 0 or -EINVAL, logged.
+// Writes the full buffer and gives it back. One that could not be written for want of consent stays
+// full; otherwise a write that fails is tried again until a stop, while the producer waits. Returns
+// 0 or -EINVAL, logged.
 int write_full_buffer(diag_record* record) {
     const log_buffer buffer = full_buffer();
-    int result = 0;
     if (!buffer.data) {
         ALOGE(" Invalid Write Buffer in %s\n", "process_incoming_pkt");
-        result = -EINVAL;
+        give_back();
+        return -EINVAL;
     }
-    write_req req{
-        .row = record->row, .handle = &record->handle, .data = buffer.data, .len = buffer.count};
-    const size_t written = vexastats_write_file(&req);
-    if (written < buffer.count) {
+    for (growing_pause pause;;) {
+        write_req req{.row = record->row,
+                      .handle = &record->handle,
+                      .data = buffer.data,
+                      .len = buffer.count};
+        const size_t written = vexastats_write_file(&req);
+        if (written == buffer.count) break;
         ALOGE("%s: failed to write file. cnt:%zu\n", "process_incoming_pkt", written);
         // The dropbox may have gone in this very moment, and a full record with nowhere to go to.
         if (!campaign_has_consent(*record->row)) {
             return diag_campaign_resume_record(record->row, &record->handle) ? 0 : -EINVAL;
         }
-        result = -EINVAL;
+        if (!diag_campaign_recover_record(record->row, &record->handle, &pause)) return -EINVAL;
     }
     give_back();
-    return result;
+    return 0;
 }
 
 }  // namespace

@@ -275,30 +275,14 @@ TEST_F(AlogCollector, EndOfTheLogEndsTheThread) {
     EXPECT_THAT(log_text(), HasSubstr("failed to read logcat buffer: No data available\n"));
 }
 
-TEST_F(AlogCollector, RecordThatCannotBeWrittenEndsTheThreadOrTheStart) {
-    struct {
-        int size;  // a record this small is handed over at the first write, which fails
-        const char* log;
-        bool ends;
-    } const cases[] = {
-        {20000, "alog_log_read: failed to write file. cnt:0\n", true},
-        {1, "alog_log_start: failed to write file. cnt:0\n", false},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.log);
-        fs::permissions(UP_DIR, fs::perms::owner_read | fs::perms::owner_exec);
-        write_text_file(DOWNLOADED, config(7, 600, "", c.size));
-        for (uint8_t i = 0; i < 25; ++i) platform_test_script_log_entry(entry(i, 5120));
-        start();
-        wait_log(c.log);
-        if (c.ends) {
-            join();
-        } else {
-            wait_log("alog_collect_wait_for_config_update: \n");
-        }
-        EXPECT_EQ(platform_test_log_readers(), 0u);
-        restart();
-    }
+TEST_F(AlogCollector, RecordThatCannotBeWrittenEndsTheStart) {
+    fs::permissions(UP_DIR, fs::perms::owner_read | fs::perms::owner_exec);
+    // A record this small is handed over at the first write, which fails.
+    write_text_file(DOWNLOADED, config(7, 600, "", 1));
+    start();
+    wait_log("alog_log_start: failed to write file. cnt:0\n");
+    wait_log("alog_collect_wait_for_config_update: \n");
+    EXPECT_EQ(platform_test_log_readers(), 0u);
 }
 
 TEST_F(AlogCollector, WhatComesWithoutConsentReachesNoFile) {
@@ -351,6 +335,56 @@ TEST_F(AlogCollector, RollOverWithoutADropboxLosesNothingThatWasCaptured) {
     std::string uploaded;
     for (const std::string& payload : payloads()) uploaded += payload;
     EXPECT_TRUE(uploaded == expected) << uploaded.size() << " bytes of " << expected.size();
+}
+
+// The upload cannot be made beside the record, as on a full disk: the campaign goes on when it can,
+// and after a stop in between the next start hands over what the record holds.
+TEST_F(AlogCollector, RollOverThatFailsIsTriedAgainAlsoByTheNextStart) {
+    for (const bool stops_in_between : {false, true}) {
+        SCOPED_TRACE(stops_in_between);
+        row.compress_ratio = collector_info{}.compress_ratio;
+        write_text_file(DOWNLOADED, config(7, 600, "", 20000));
+        std::string expected = TITLE;
+        const auto script_buffer = [](uint8_t fill) {
+            std::string bytes;
+            for (int i = 0; i < 25; ++i) {
+                platform_test_script_log_entry(entry(fill, 5120));
+                bytes += entry(fill, 5120);
+            }
+            return bytes;
+        };
+        start();
+        wait_blocked();
+        expected += script_buffer(1);
+        wait_blocked();
+        fs::permissions(RECORD_DIR, fs::perms::owner_read | fs::perms::owner_exec);
+        const std::string second = script_buffer(2);
+        for (int i = 0; i < 3; ++i) {
+            wait_log("alog_log_read: failed to write file. cnt:0\n");
+            platform_test_clear_log();
+        }
+        if (stops_in_between) stop();
+        fs::permissions(RECORD_DIR, fs::perms::owner_all);
+        if (stops_in_between) {
+            row.stop.raised = 0;
+            write_text_file(DOWNLOADED, config(8, 600, "", 20000));
+            start();
+            expected += TITLE;
+        } else {
+            expected += second;
+            wait_log("alog_log_read: flush out buffer 128000");
+        }
+        wait_blocked();
+        platform_test_script_log_entry(entry(3, 100));
+        expected += entry(3, 100);
+        wait_blocked();
+        stop();
+        std::string uploaded;
+        for (const std::string& payload : payloads()) uploaded += payload;
+        EXPECT_TRUE(uploaded == expected) << uploaded.size() << " bytes of " << expected.size();
+        restart();
+        platform_test_reset();
+    }
 }
 
 TEST_F(AlogCollector, FileThatIsBeingWrittenAsTheStopComesStays) {

@@ -218,4 +218,55 @@ TEST_F(DiagCollector, PacketsThatComeWithoutConsentReachNoFile) {
     }
 }
 
+// The upload cannot be made beside the record, as on a full disk.
+TEST_F(DiagCollector, BufferIsHeldUntilItCanBeWrittenAndTheRecordForTheNextStart) {
+    for (const bool stops_in_between : {false, true}) {
+        SCOPED_TRACE(stops_in_between);
+        row.compress_ratio = collector_info{}.compress_ratio;
+        write_text_file(DOWNLOADED,
+                        "clientid=4;size=1000;campaign_id=7;campaign_duration_secs=600;"
+                        "num_diag_masks=1;diag_mask=0xb0c0;\n");
+        start();
+        wait_log("Starting Diag Campaign 7 : Stop Time 1700000600, CurrTime 1700000000");
+        std::string expected;
+        const auto give = [](char fill) {
+            for (int i = 0; i < 3; ++i) {
+                ASSERT_TRUE(platform_test_diag_packet(std::string(70000, fill)));
+            }
+        };
+        give('a');
+        expected = std::string(140000, 'a');
+        ASSERT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+        fs::permissions(RECORD_DIR, fs::perms::owner_read | fs::perms::owner_exec);
+        give('b');
+        for (int i = 0; i < 3; ++i) {
+            wait_log("process_incoming_pkt: failed to write file. cnt:0\n");
+            ASSERT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+            platform_test_clear_log();
+            if (i < 2) platform_test_advance_ms(60000);
+        }
+        if (stops_in_between) stop();
+        fs::permissions(RECORD_DIR, fs::perms::owner_all);
+        if (stops_in_between) {
+            row.stop.raised = 0;
+            start();
+        } else {
+            platform_test_advance_ms(60000);
+            expected += std::string(140000, 'b');
+        }
+        const auto uploaded = [] {
+            std::string all;
+            for (const std::string& name : list_dir(UP_DIR))
+                all += gunzip(file_text(UP_DIR + ("/" + name)).substr(53));
+            return all;
+        };
+        if (!stops_in_between) {
+            EXPECT_TRUE(wait_for_change({UP_DIR}, [&] { return list_dir(UP_DIR).size() == 2; }));
+            stop();
+        }
+        EXPECT_TRUE(wait_for_change({UP_DIR}, [&] { return uploaded() == expected; }));
+        restart();
+    }
+}
+
 }  // namespace
