@@ -26,7 +26,6 @@ namespace {
 vexa_mutex g_record_lock;
 
 // ---- Beginning
-// -----------------------------------------------------------------------------------
 
 // Fills row->rec_fname with "<dir>/<name>"; false when it does not fit.
 bool set_record_name(collector_info* row, const char* dir, const char* name) {
@@ -120,7 +119,6 @@ old_record take_old_record(const record_init_req& req, unique_file* stream) {
 }
 
 // ---- Appending
-// -----------------------------------------------------------------------------------
 
 // The record's end position, with the stream moved there; -1, logged, on failure.
 off_t seek_to_end(FILE* stream, const char* caller) {
@@ -193,13 +191,9 @@ full_test full_by_payload(const write_req& req, off_t pos, uint64_t estimate) {
     return measure_whole_record(req, estimate);
 }
 
-size_t wanted_len(const write_req& req) {
-    return req.head_len + req.len;
-}
-
 // Whether the new bytes would push the upload past the row's size.
 full_test test_full(const write_req& req, off_t pos) {
-    const uint64_t len = wanted_len(req);
+    const size_t len = req.head_len + req.len;
     if (!exceeds_size(req.row, estimated_len(req.row, len + static_cast<uint64_t>(pos))))
         return full_test::FITS;
     return full_by_payload(req, pos, estimated_len(req.row, len));
@@ -275,13 +269,10 @@ void cut_back(FILE* stream, off_t pos) {
 }
 
 // Adds what was appended to the payload so far, which is given up when that fails.
-void compress_appended(const write_req& req) {
-    unique_payload_stream& payload = req.handle->payload;
-    if (!payload) return;
-    const bool taken =
-        (req.head_len == 0 || payload_stream_append(payload.get(), req.head, req.head_len)) &&
-        payload_stream_append(payload.get(), req.data, req.len);
-    if (!taken) payload.reset();
+void compress_appended(const write_req& req, unique_payload_stream& payload) {
+    if ((req.head_len > 0 && !payload_stream_append(payload.get(), req.head, req.head_len)) ||
+        !payload_stream_append(payload.get(), req.data, req.len))
+        payload.reset();
 }
 
 // Returns the bytes appended, fewer than wanted on failure.
@@ -295,7 +286,7 @@ size_t append(const write_req& req) {
     if (pos < 0) return 0;
     size_t written = req.head_len > 0 ? fwrite(req.head, 1, req.head_len, stream) : 0;
     if (written == req.head_len) written += fwrite(req.data, 1, req.len, stream);
-    if (written != wanted_len(req)) {
+    if (written != req.head_len + req.len) {
         ALOGE("%s: failed to write file\n", "vexastats_write_file");
         cut_back(stream, pos);
         return written;
@@ -305,7 +296,7 @@ size_t append(const write_req& req) {
         cut_back(stream, pos);
         return 0;
     }
-    compress_appended(req);
+    if (req.handle->payload) compress_appended(req, req.handle->payload);
     return written;
 }
 
@@ -374,7 +365,7 @@ size_t vexastats_write_file(write_req* req) {
     if (!req->data) req->len = req->head_len = 0;
 
     const vexa_lock lock(g_record_lock);
-    return write_locked(req, wanted_len(*req));
+    return write_locked(req, req->head_len + req->len);
 }
 
 void vexastats_record_close(record_handle* handle) {
