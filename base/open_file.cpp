@@ -2,6 +2,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +11,7 @@ namespace {
 
 // O_NONBLOCK keeps the call from waiting for the other end of a FIFO; a regular file ignores it.
 constexpr int SAFELY = O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW;
+constexpr int DIRECTORY = O_RDONLY | O_CLOEXEC | O_DIRECTORY | O_NOFOLLOW;
 
 unique_fd refused(int error) {
     errno = error;
@@ -64,14 +67,26 @@ unique_file stream_of(unique_fd fd, const char* mode) {
 }
 
 unique_dir open_unlinked_dir(const char* path) {
-    unique_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_DIRECTORY | O_NOFOLLOW));
+    unique_fd fd(open(path, DIRECTORY));
     unique_dir dir(fd ? fdopendir(fd.get()) : nullptr);
     if (dir) (void)fd.release();
     return dir;
 }
 
+unique_fd open_parent(const char* path, const char** name) {
+    const char* slash = strrchr(path, '/');
+    *name = slash ? slash + 1 : path;
+    if (!slash) return unique_fd(open(".", DIRECTORY));
+    char directory[PATH_MAX];
+    const auto len = static_cast<size_t>(slash - path);
+    if (len >= sizeof directory) return refused(ENAMETOOLONG);
+    memcpy(directory, path, len);
+    directory[len] = '\0';
+    return unique_fd(open(len > 0 ? directory : "/", DIRECTORY));
+}
+
 unique_fd open_outsider(const char* directory, const char* name, off_t max_len) {
-    const unique_fd dir(open(directory, O_RDONLY | O_CLOEXEC | O_DIRECTORY | O_NOFOLLOW));
+    const unique_fd dir(open(directory, DIRECTORY));
     if (!dir) return refused(errno == ENOTDIR ? ELOOP : errno);
     return checked(open_text_at(dir.get(), name), max_len, true);
 }

@@ -38,6 +38,11 @@ unique_file stream_of(unique_fd fd, const char* mode);
 // with errno set (ENOTDIR for a link, too), when it cannot be opened.
 unique_dir open_unlinked_dir(const char* path);
 
+// Opens the directory that `path` lies in, for calls relative to it; the directory's last part must
+// not be a symbolic link. *name is the rest of `path`. None, with errno set, when it cannot be
+// opened.
+unique_fd open_parent(const char* path, const char** name);
+
 // Opens "<directory>/<name>" where the directory belongs to others: neither the directory's last
 // part nor the file may be a link, and the file must have no second name (EMLINK), through which it
 // could be a file of the daemon's own or one that only the daemon may read.

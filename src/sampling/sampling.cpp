@@ -62,9 +62,7 @@ void pause(const sampling_collector& c) {
 // Longer each time, so that a full disk does not keep the phone awake. Returns false when a stop
 // ended it.
 bool pause_for_storage(const sampling_collector& c, sampling_storage* storage) {
-    const int64_t pause_ms = storage->pause_ms;
-    storage->pause_ms = std::min(2 * pause_ms, sampling_storage::LONGEST_PAUSE_MS);
-    return vexastats_sleep_ms(pause_ms, c.stop());
+    return vexastats_sleep_longer(&storage->pause, c.stop());
 }
 
 void sample_periodically(collector_info* row) {
@@ -112,7 +110,7 @@ int sampling_write(collector_info* row, record_handle* record, const grow_array<
     const size_t count = vexastats_write_file(&req);
     storage->failed = count != req.len;
     if (!storage->failed) {
-        storage->pause_ms = sampling_storage::FIRST_PAUSE_MS;
+        storage->pause = {};
         return 0;
     }
     ALOGE("%s: failed to write file. cnt:%zu\n", caller, count);

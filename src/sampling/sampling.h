@@ -13,6 +13,7 @@
 #include "framework/record/record.h"
 #include "framework/row/collector_info.h"
 #include "framework/time/clock.h"
+#include "framework/time/wait.h"
 #include "framework/time/watch.h"
 
 // ---- Time stamp of a sample
@@ -41,10 +42,8 @@ bool sampling_read_charge_counter(int32_t* value_uAh);
 
 // How the collector gets on with its record.
 struct sampling_storage {
-    static constexpr int64_t FIRST_PAUSE_MS = 1000;
-    static constexpr int64_t LONGEST_PAUSE_MS = 60000;
-    bool failed = false;  // there was no record for the last sample, or it did not take it
-    int64_t pause_ms = FIRST_PAUSE_MS;  // before the next attempt; doubles until a sample is stored
+    bool failed = false;    // there was no record for the last sample, or it did not take it
+    growing_pause pause{};  // before the next attempt, until a sample is stored
 };
 
 // Appends a whole sample to the record. Returns 0, or -EINVAL, logged with the name of the calling

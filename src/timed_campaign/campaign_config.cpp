@@ -3,17 +3,20 @@
 #include <errno.h>
 #include <limits.h>
 #include <stdio.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <new>
 
+#include "base/open_file.h"
 #include "base/path.h"
 #include "base/replace_file.h"
 #include "base/text_file.h"
 #include "framework/config/config.h"
 #include "framework/config/config_line.h"
 #include "framework/config/dload.h"
+#include "framework/record/record_file.h"
 #include "framework/row/optout.h"
 #include "framework/time/clock.h"
 #include "framework/time/wait_dir.h"
@@ -100,6 +103,30 @@ bool begin(collector_info* row, const campaign_kind& kind, timed_campaign* campa
     return row->enabled;
 }
 
+struct kind_path {
+    char text[PATH_MAX];
+    explicit kind_path(const campaign_kind& kind) {
+        (void)path_join(text, kind.record_dir, kind.record_file);
+    }
+};
+
+// A record that must not be discarded may be executed by its owner. Such a mark goes with the file,
+// stays when the daemon is killed, and needs no room on a disk that is full.
+constexpr mode_t KEPT_MARK = S_IXUSR;
+
+bool is_kept(const campaign_kind& kind) {
+    struct stat status = {};
+    return lstat(kind_path(kind).text, &status) == 0 && (status.st_mode & KEPT_MARK);
+}
+
+void keep_record(const campaign_kind& kind) {
+    const unique_fd fd = open_regular(kind_path(kind).text, RECORD_FILE_MAX);
+    struct stat status = {};
+    if (!fd || fstat(fd.get(), &status) != 0) return;  // its finished file waits instead
+    if (fchmod(fd.get(), (status.st_mode & 0777) | KEPT_MARK) != 0)
+        LOGE("failed to keep record. err:%d\n", errno);
+}
+
 bool open_record(const record_init_req& wanted, const campaign_kind& kind, record_handle* handle,
                  bool goes_on) {
     if (goes_on) {
@@ -108,6 +135,7 @@ bool open_record(const record_init_req& wanted, const campaign_kind& kind, recor
         vexastats_record_close(handle);
         record_init_req req = wanted;
         handle->file = vexastats_record_init(&req);
+        handle->undelivered = false;
     }
     if (!handle->file) LOGE("failed to open record file for %s collector\n", kind.key);
     return handle->file != nullptr;
@@ -162,9 +190,26 @@ bool campaign_has_consent(const collector_info& row) {
 }
 
 bool campaign_open_record(collector_info* row, const campaign_kind& kind, record_handle* handle) {
-    const record_init_req req{
-        .row = row, .dir = kind.record_dir, .prefix = kind.record_file, .resume = 0, .discard = 1};
-    return open_record(req, kind, handle, handle->undelivered);
+    const bool keeps = is_kept(kind);
+    const record_init_req req{.row = row,
+                              .dir = kind.record_dir,
+                              .prefix = kind.record_file,
+                              .resume = 0,
+                              .discard = keeps ? uint8_t{0} : uint8_t{1}};
+    return open_record(req, kind, handle, handle->undelivered && !keeps);
+}
+
+void campaign_recover_record(collector_info* row, const campaign_kind& kind,
+                             record_handle* handle) {
+    keep_record(kind);
+    if (!handle->file) (void)campaign_resume_record(row, kind, handle);
+}
+
+void campaign_hand_over_record(collector_info* row, const campaign_kind& kind,
+                               record_handle* handle) {
+    write_req req{.row = row, .handle = handle, .flags = WRITE_DROP};
+    (void)vexastats_write_file(&req);
+    if (handle->undelivered) keep_record(kind);
 }
 
 bool campaign_resume_record(collector_info* row, const campaign_kind& kind, record_handle* handle) {
@@ -178,9 +223,7 @@ void campaign_discard_record(collector_info* row, const campaign_kind& kind,
     // A hand-over that failed may have left the row with the finished file's name.
     if (row->rec_fname[0]) (void)unlink(row->rec_fname);
     row->rec_fname[0] = '\0';
-    char path[PATH_MAX];
-    (void)path_join(path, kind.record_dir, kind.record_file);
-    (void)unlink(path);
+    (void)unlink(kind_path(kind).text);
 }
 
 void campaign_end(timed_campaign* campaign) {

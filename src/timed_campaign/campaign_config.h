@@ -61,12 +61,23 @@ inline bool campaign_is_opted_in(const collector_info& row) {
 bool campaign_has_consent(const collector_info& row);
 
 // Begins a record for the next campaign; what the last one left behind is discarded, unless it
-// could not be handed over: then it is gone on with. Returns false, logged, when there is none.
+// could not be handed over: then that is tried again, and it is gone on with when it fails. Returns
+// false, logged, when there is none.
 bool campaign_open_record(collector_info* row, const campaign_kind& kind, record_handle* handle);
 
 // Takes the record up again after a hand-over that failed for want of consent. Returns false,
 // logged, when there is none.
 bool campaign_resume_record(collector_info* row, const campaign_kind& kind, record_handle* handle);
+
+// After a write that failed although the owner consents, which ends the collector: opens the record
+// again, so that its last write and its hand-over are tried, and keeps the next begin, also after a
+// kill, from discarding it. Failures are logged.
+void campaign_recover_record(collector_info* row, const campaign_kind& kind, record_handle* handle);
+
+// Hands the record over at a campaign's end. One that cannot be handed over is not discarded by the
+// next begin. Failures are logged.
+void campaign_hand_over_record(collector_info* row, const campaign_kind& kind,
+                               record_handle* handle);
 
 // Closes and deletes the record: what was captured when its owner has withdrawn the consent.
 void campaign_discard_record(collector_info* row, const campaign_kind& kind, record_handle* handle);

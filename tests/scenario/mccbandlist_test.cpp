@@ -2,8 +2,13 @@
 // here, over turns that lie 90 days apart.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
+#include <sstream>
+#include <thread>
 
 #include "modem/pdc.h"
 #include "scenario/daemon_process.h"
@@ -19,6 +24,16 @@ namespace {
 const std::string DIR = std::string(DOWN_DIR) + "/51";
 const std::string STATUS_FILE = std::string(STATS_DIR) + "/51/.mccbandlist.info";
 constexpr uint32_t DB = 0x01020304;
+
+// Processor time that the process has used.
+double cpu_time_s(pid_t pid) {
+    std::istringstream stat(file_text("/.host/proc/" + std::to_string(pid) + "/stat"));
+    std::string word;
+    for (int i = 0; i < 13; ++i) stat >> word;
+    double user = 0, system = 0;
+    stat >> user >> system;
+    return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
 
 class MccbandlistScenario : public ::testing::Test {
   protected:
@@ -136,6 +151,36 @@ TEST_F(MccbandlistScenario, StopDoesNotWaitForTheModem) {
         EXPECT_TRUE(daemon.stop()) << command;
         EXPECT_FALSE(fs::exists(STATUS_FILE)) << "the next start makes the attempt anew";
     }
+}
+
+// Of a directory full of files, some of which others write all the time, the daemon makes a bounded
+// number of looks and log lines, and what the agent delivers is found in between.
+TEST_F(MccbandlistScenario, NeighbourWhoFillsTheDirectoryAndTouchesItCostsLittle) {
+    daemon_process daemon;
+    ASSERT_TRUE(requested("mccbandlist.bin"));
+    for (int i = 0; i < 5000; ++i) put("junk" + std::to_string(i));
+    EXPECT_TRUE(eventually_logged("mccbandlist_check_dload_result: 4968 more files"));
+    fs::remove("/dev/log/main");
+    const double cpu_before_s = cpu_time_s(daemon.pid());
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 60; ++i) {
+        put("junk" + std::to_string(i), "x");
+        std::this_thread::sleep_for(milliseconds(50));  // twenty a second
+    }
+    const double wall_s =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    const double share = (cpu_time_s(daemon.pid()) - cpu_before_s) / wall_s;
+    const std::string log = phone_log();
+    const double lines_a_second = static_cast<double>(std::ranges::count(log, '\n')) / wall_s;
+    printf("%.0f %% of a core, %.0f lines a second\n", 100 * share, lines_a_second);
+    EXPECT_LT(lines_a_second, 700);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    EXPECT_LT(share, 0.2);
+#endif
+    put("mccbandlist.bin", pdc_band_list(DB, 6, "vexa", 100));
+    put("51-1.0-mccbandlist.bin-200");
+    EXPECT_TRUE(ended());
+    EXPECT_TRUE(daemon.stop());
 }
 
 }  // namespace

@@ -66,6 +66,14 @@ bool alog_campaign_resume_record(collector_info* row, record_handle* handle) {
     return campaign_resume_record(row, KIND, handle);
 }
 
+void alog_campaign_recover_record(collector_info* row, record_handle* handle) {
+    campaign_recover_record(row, KIND, handle);
+}
+
+void alog_campaign_hand_over_record(collector_info* row, record_handle* handle) {
+    campaign_hand_over_record(row, KIND, handle);
+}
+
 void alog_campaign_discard_record(collector_info* row, record_handle* handle) {
     campaign_discard_record(row, KIND, handle);
 }

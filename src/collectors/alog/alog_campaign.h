@@ -8,10 +8,12 @@
 // The campaign that runs, or none. The masks select nothing: they are logged and written back.
 extern timed_campaign g_alog_campaign;
 
-// As campaign_run, campaign_open_record, campaign_resume_record and campaign_discard_record.
+// As the functions of timed_campaign/campaign_config.h that are called so.
 void alog_campaign_run(collector_info* row, void (*run_cycle)(void* owner), void* owner);
 bool alog_campaign_open_record(collector_info* row, record_handle* handle);
 bool alog_campaign_resume_record(collector_info* row, record_handle* handle);
+void alog_campaign_recover_record(collector_info* row, record_handle* handle);
+void alog_campaign_hand_over_record(collector_info* row, record_handle* handle);
 void alog_campaign_discard_record(collector_info* row, record_handle* handle);
 
 // Ends the campaign in memory. The local file still names it, so the next load brings its number

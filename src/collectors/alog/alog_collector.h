@@ -6,8 +6,8 @@
 #include "framework/row/collector_info.h"
 
 // The row's thread body; returns 0. It ends when the row's `stop` is raised, when the row is not
-// opted in, and after a failed read or write, for which it raises `stop` itself. All failures are
-// logged.
+// opted in, and after a failed write or at the end of the log, for which it raises `stop` itself.
+// All failures are logged.
 int alog_monitor(collector_info* row);
 
 // The row's cfg_read_handler: takes a campaign from a configuration file, local or downloaded, and

@@ -41,7 +41,7 @@ bool is_full(const alog_record& record) {
 }
 
 // Writes a full buffer out, or leaves it full while the owner's consent is missing. Returns false,
-// logged, after a failure.
+// logged, after a failure; the buffer then stays full for the attempt at the end.
 bool write_out(alog_record* record, const char* caller) {
     collector_info* row = record->row;
     interruptible_leave(&row->library_calls);
@@ -53,12 +53,9 @@ bool write_out(alog_record* record, const char* caller) {
     }
     ALOGE("%s: failed to write file. cnt:%zu\n", caller, written);
     // The dropbox may have gone in this very moment, and a full record with nowhere to go to.
-    return !campaign_has_consent(*row) && alog_campaign_resume_record(row, &record->handle);
-}
-
-void hand_over(alog_record* record) {
-    write_req req{.row = record->row, .handle = &record->handle, .flags = WRITE_DROP};
-    (void)vexastats_write_file(&req);
+    if (!campaign_has_consent(*row)) return alog_campaign_resume_record(row, &record->handle);
+    alog_campaign_recover_record(row, &record->handle);
+    return false;
 }
 
 // The bytes of an entry that count, by the lengths in its first two fields, and never more than
@@ -92,7 +89,8 @@ void finish(alog_record* record, const char* caller) {
     }
     if (record->fill > 0) (void)flush(record, caller);
     // Also when the last flush left the buffer empty: the next campaign discards what stays.
-    if (record->fill > 0 || record->has_entries) hand_over(record);
+    if (record->fill > 0 || record->has_entries)
+        alog_campaign_hand_over_record(record->row, &record->handle);
 }
 
 // One entry, or a negative error number.

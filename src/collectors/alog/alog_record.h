@@ -30,8 +30,9 @@ int alog_log_start(alog_record* record, unique_logger_list* reader);
 
 // Waits for one entry, or until the row's `stop` is raised, appends it to the buffer and writes
 // that out when it is full. An entry that comes without the owner's consent is dropped, and what is
-// in the buffer stays there meanwhile. Returns the bytes read; a positive error number when reading
-// failed; 0 at the end of the log; -EINVAL when the record could not be written.
+// in the buffer stays there meanwhile. Returns the
+// bytes read; a positive error number when reading failed; 0 at the end of the log; -EINVAL when
+// the record could not be written.
 int alog_log_read(alog_record* record, unique_logger_list* reader);
 
 // Closes the reader, writes out what is left and hands the record over; without the owner's consent

@@ -132,13 +132,14 @@ void give_back() {
     g_pair.read_index ^= 1;
 }
 
-// A buffer that could not be written for want of consent stays full. Returns 0 or -EINVAL, logged.
+// Writes the full buffer and gives it back. One that could not be written for want of consent stays
+// full. Returns 0 or -EINVAL, logged.
 int write_full_buffer(diag_record* record) {
     const log_buffer buffer = full_buffer();
-    int result = 0;
     if (!buffer.data) {
         ALOGE(" Invalid Write Buffer in %s\n", "process_incoming_pkt");
-        result = -EINVAL;
+        give_back();
+        return -EINVAL;
     }
     write_req req{
         .row = record->row, .handle = &record->handle, .data = buffer.data, .len = buffer.count};
@@ -149,10 +150,10 @@ int write_full_buffer(diag_record* record) {
         if (!campaign_has_consent(*record->row)) {
             return diag_campaign_resume_record(record->row, &record->handle) ? 0 : -EINVAL;
         }
-        result = -EINVAL;
+        diag_campaign_recover_record(record->row, &record->handle);
     }
     give_back();
-    return result;
+    return written == buffer.count ? 0 : -EINVAL;
 }
 
 }  // namespace

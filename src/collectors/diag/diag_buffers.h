@@ -40,8 +40,8 @@ void diag_dci_copy_to_buffer(int type, const uint8_t* data, int length);
 // Writes full buffers to the record until `seconds` of wall-clock time have passed or the row's
 // `stop` is raised; each buffer that is full by then is still written, once. Logs what
 // notifications came meanwhile. Without the owner's consent nothing is written: full buffers are
-// held until it is back. Returns 0, or -EINVAL after a failure, which is logged. Thread: the
-// row's.
+// held until it is back. Returns 0, or -EINVAL after a failure, which is logged; the record then
+// survives the next begin. Thread: the row's.
 int process_incoming_pkt(diag_record* record, uint64_t seconds);
 
 // Copies min(dst_size, src_size) bytes and returns that count.

@@ -47,6 +47,14 @@ bool diag_campaign_resume_record(collector_info* row, record_handle* handle) {
     return campaign_resume_record(row, KIND, handle);
 }
 
+void diag_campaign_recover_record(collector_info* row, record_handle* handle) {
+    campaign_recover_record(row, KIND, handle);
+}
+
+void diag_campaign_hand_over_record(collector_info* row, record_handle* handle) {
+    campaign_hand_over_record(row, KIND, handle);
+}
+
 void diag_campaign_discard_record(collector_info* row, record_handle* handle) {
     campaign_discard_record(row, KIND, handle);
 }

@@ -8,10 +8,12 @@
 // The campaign that runs, or none. Its masks are the log codes that the modem is asked for.
 extern timed_campaign g_diag_campaign;
 
-// As campaign_run, campaign_open_record, campaign_resume_record and campaign_discard_record.
+// As the functions of timed_campaign/campaign_config.h that are called so.
 void diag_campaign_run(collector_info* row, void (*run_cycle)(void* owner), void* owner);
 bool diag_campaign_open_record(collector_info* row, record_handle* handle);
 bool diag_campaign_resume_record(collector_info* row, record_handle* handle);
+void diag_campaign_recover_record(collector_info* row, record_handle* handle);
+void diag_campaign_hand_over_record(collector_info* row, record_handle* handle);
 void diag_campaign_discard_record(collector_info* row, record_handle* handle);
 
 // Ends the campaign in memory. The local file still names it, so the next load brings its number

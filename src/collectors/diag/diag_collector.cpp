@@ -35,9 +35,7 @@ void finish_record(diag_collector* c) {
         diag_campaign_discard_record(c->row, &c->record.handle);
         return;
     }
-    if (!c->record.handle.file) return;
-    write_req req{.row = c->row, .handle = &c->record.handle, .flags = WRITE_DROP};
-    (void)vexastats_write_file(&req);
+    diag_campaign_hand_over_record(c->row, &c->record.handle);
 }
 
 uint64_t remaining_s() {

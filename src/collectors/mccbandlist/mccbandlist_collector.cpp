@@ -29,6 +29,10 @@ constexpr uint64_t TEST_INTERVAL_MS = 300000;
 constexpr uint32_t FILE_CAME = IN_CLOSE_WRITE | IN_CLOSE_NOWRITE | IN_MOVED_TO;
 constexpr uint32_t DIR_LOST = WATCH_DIR_GONE | IN_IGNORED | IN_Q_OVERFLOW;
 
+// More looks than an attempt without disturbance takes. What comes beyond waits for the second's
+// end.
+constexpr unsigned LOOKS_PER_SECOND = 4;
+
 enum class attempt { GOES_ON, WATCH_LOST, ENDED, FAILED };
 
 struct mccbandlist_updater {
@@ -37,6 +41,8 @@ struct mccbandlist_updater {
     mccbandlist_status status{};
     unsigned long mbl_dl_req_cnt = 0;  // requests filed since the start
     uint32_t last_mask = 0;            // of the last event looked at
+    uint64_t second_ms = 0;            // when the second began in which
+    unsigned looks = 0;                // so many looks were made
 
     const stop_flag& stop() const { return row->stop; }
     bool is_stopped() const { return stop_flag_is_raised(row->stop); }
@@ -68,8 +74,22 @@ void end_attempt(mccbandlist_updater* u, int result, const mccbandlist_download&
     vexastats_dl_cleanup(u->row);
 }
 
+// Puts a look off that would be one too many in its second, but not beyond a stop.
+void keep_pace(mccbandlist_updater* u) {
+    const uint64_t elapsed_ms = vexastats_mono_time_ms() - u->second_ms;
+    if (elapsed_ms < 1000 && u->looks < LOOKS_PER_SECOND) {
+        ++u->looks;
+        return;
+    }
+    if (elapsed_ms < 1000) vexastats_sleep_ms(static_cast<int64_t>(1000 - elapsed_ms), u->stop());
+    u->second_ms = vexastats_mono_time_ms();
+    u->looks = 1;
+}
+
 // Looks into the directory, and ends the attempt when the agent is through.
 attempt look(mccbandlist_updater* u) {
+    keep_pace(u);
+    if (u->is_stopped()) return attempt::GOES_ON;
     int status = 0;
     mccbandlist_download download;
     const int result =
@@ -79,70 +99,95 @@ attempt look(mccbandlist_updater* u) {
     return attempt::ENDED;
 }
 
-// Events of directories come of every look into this one, the updater's own among them, which would
-// then never rest.
-bool is_of_interest(const inotify_event& event) {
-    return (event.mask & DIR_LOST) || !(event.mask & IN_ISDIR);
-}
-
 // The watch of an attempt, made afresh only when it or its directory is lost.
-bool begin_watch(const mccbandlist_updater& u, unique_fd* notifier) {
-    notifier->reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (!*notifier) {
+struct attempt_watch {
+    unique_fd fd{};
+    int dir = -1;
+    watch_way way{};
+};
+
+bool begin_watch(const mccbandlist_updater& u, attempt_watch* watch) {
+    watch->fd.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!watch->fd) {
         ALOGE("failed inotify_init. err:%d", errno);
         return false;
     }
-    if (inotify_add_watch(notifier->get(), u.row->down_dir, IN_ALL_EVENTS | IN_ONLYDIR) < 0) {
-        ALOGE("%s: inotify_add_watch failed. err:%d", MONITOR, errno);
-        return false;
-    }
-    watch_ancestors(notifier->get(), u.row->down_dir);
-    return true;
+    watch_way_to(watch->fd.get(), u.row->down_dir, &watch->way);
+    watch->dir = inotify_add_watch(watch->fd.get(), u.row->down_dir, IN_ALL_EVENTS | IN_ONLYDIR);
+    if (watch->dir >= 0) return true;
+    ALOGE("%s: inotify_add_watch failed. err:%d", MONITOR, errno);
+    return false;
 }
 
-// Walks a batch of events. Returns whether the pass is over with them: there was one of interest.
-bool walk_events(mccbandlist_updater* u, const watch_buffer& events, attempt* state) {
-    bool over = false;
+bool is_lost(const attempt_watch& watch, const inotify_event& event) {
+    if (event.wd == watch.dir || (event.mask & IN_Q_OVERFLOW)) return event.mask & DIR_LOST;
+    return watch_way_lost(watch.way, event);
+}
+
+// Events of directories come of every look into this one, the updater's own among them, which would
+// then never rest.
+bool is_of_interest(const attempt_watch& watch, const inotify_event& event) {
+    if (is_lost(watch, event)) return true;
+    return event.wd == watch.dir && !(event.mask & IN_ISDIR);
+}
+
+// What a batch of events comes to.
+struct batch {
+    unsigned events = 0;  // of interest
+    bool file_came = false;
+    bool is_lost = false;
+};
+
+// Others may write to the directory as often as they like. Beyond so many of a batch's events are
+// only counted.
+constexpr unsigned EVENTS_SAID_MAX = 16;
+
+batch walk_events(mccbandlist_updater* u, const attempt_watch& watch, const watch_buffer& events) {
+    batch found;
     watch_for_each(events, [&](const inotify_event& event) {
-        if (!is_of_interest(event) || *state == attempt::ENDED) return;
-        over = true;
+        if (!is_of_interest(watch, event)) return;
+        const bool lost = is_lost(watch, event);
+        const bool came = !lost && (event.mask & FILE_CAME);
+        found.is_lost = found.is_lost || lost;
+        found.file_came = found.file_came || came;
         u->last_mask = event.mask;
+        if (++found.events > EVENTS_SAID_MAX) return;
         ALOGI("%s: event.mask 0x%X ", MONITOR, event.mask);
-        if (event.mask & FILE_CAME) {
-            *state = look(u);
-            return;
-        }
-        if (event.mask & DIR_LOST) *state = attempt::WATCH_LOST;
-        ALOGI("%s: event.mask 0x%X continue.", MONITOR, event.mask);
+        if (!came) ALOGI("%s: event.mask 0x%X continue.", MONITOR, event.mask);
     });
-    return over;
+    if (found.events > EVENTS_SAID_MAX)
+        ALOGI("%s: %u more events", MONITOR, found.events - EVENTS_SAID_MAX);
+    return found;
 }
 
-// One pass: batches of events up to the first with one of interest. A file that was made but is not
-// closed yet is not looked at: the report of success may come before the list does.
-attempt run_pass(mccbandlist_updater* u, int notifier) {
-    attempt state = attempt::GOES_ON;
-    for (bool over = false; !over;) {
+// One pass: batches of events up to the first with one of interest, and one look however many files
+// came with it. A file that was made but is not closed yet is not looked at: the report of success
+// may come before the list does.
+attempt run_pass(mccbandlist_updater* u, const attempt_watch& watch) {
+    batch found;
+    while (found.events == 0) {
         watch_buffer events;
-        if (!watch_read(notifier, &events, u->stop())) {
+        if (!watch_read(watch.fd.get(), &events, u->stop())) {
             ALOGE("%s: failed to read event. err:%d", MONITOR, errno);
             return attempt::FAILED;
         }
-        over = walk_events(u, events, &state);
+        found = walk_events(u, watch, events);
     }
-    return state;
+    if (found.is_lost) return attempt::WATCH_LOST;
+    if (!found.file_came) return attempt::GOES_ON;
+    return look(u);
 }
 
 // Runs passes until the attempt is done. Returns whether there is another turn.
 bool wait_for_list(mccbandlist_updater* u) {
-    unique_fd notifier;
+    attempt_watch watch;
     for (attempt state = attempt::WATCH_LOST;;) {
         ALOGI("%s: wait for new mccbandlist and check if disabled.", MONITOR);
         if (state == attempt::WATCH_LOST) {
-            if (!begin_watch(*u, &notifier)) return false;
+            if (!begin_watch(*u, &watch)) return false;
             state = look(u);  // what came before the watch stood made no event
         }
-        if (state == attempt::GOES_ON) state = run_pass(u, notifier.get());
+        if (state == attempt::GOES_ON) state = run_pass(u, watch);
         if (state == attempt::FAILED || u->is_stopped()) return false;
         if (!vexastats_is_dl_enabled(u->row)) {
             ALOGI("%s: dropbox not exist, so exit. %X ", MONITOR, u->last_mask);

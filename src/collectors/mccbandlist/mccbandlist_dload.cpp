@@ -7,7 +7,9 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include "base/open_file.h"
 #include "base/text_cursor.h"
 #include "base/unique_handle.h"
 #include "framework/row/debug_build.h"
@@ -30,8 +32,19 @@ struct request_id {
     }
 };
 
+// Others may write to the directory, too. Of so many names of each sort a look says what they are;
+// the files of the request's course are served beyond that as well. And so many names it reads.
+constexpr unsigned NAMES_SAID_MAX = 32;
+constexpr unsigned NAMES_READ_MAX = 65536;
+
 // What a look into the directory has found.
 struct dload_look {
+    const char* directory = nullptr;
+    int dir_fd = -1;
+    const char* function = nullptr;  // in whose name it logs
+    unsigned names = 0;
+    unsigned of_course = 0;  // files of the request's course among them
+    unsigned others = 0;     // and the rest, as far as they were counted
     bool has_list = false;
     bool has_status = false;
     int status = 0;
@@ -43,39 +56,63 @@ bool is_regular_file(int dir_fd, const char* name) {
     return fstatat(dir_fd, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode);
 }
 
-void take_status_file(const char* name, const char* path, dload_look* look, const char* function) {
+struct entry_path {
+    char text[PATH_MAX];
+    entry_path(const char* directory, const char* name) {
+        snprintf(text, sizeof text, "%s/%s", directory, name);
+    }
+};
+
+void take_status_file(const char* name, const char* path, bool is_said, dload_look* look) {
     look->has_status = true;
     look->status = mccbandlist_status_number(name);
-    if (look->status == STATUS_OK) {
-        (void)mccbandlist_scan_key_ts(name, &look->download->key_ts);
-        ALOGI("key ts: %lu\n", static_cast<unsigned long>(look->download->key_ts));
-    }
+    const bool is_ok = look->status == STATUS_OK;
+    if (is_ok) (void)mccbandlist_scan_key_ts(name, &look->download->key_ts);
+    const int removed = unlinkat(look->dir_fd, name, 0);
+    if (!is_said) return;
+    if (is_ok) ALOGI("key ts: %lu\n", static_cast<unsigned long>(look->download->key_ts));
     ALOGI("found status file: %s status:%d\n", name, look->status);
-    const int removed = remove(path);
-    ALOGI("%s:%s removed %d\n", function, path, removed);
+    ALOGI("%s:%s removed %d\n", look->function, path, removed);
 }
 
-void take_file(const char* directory, const char* name, const mccbandlist_request& request,
-               dload_look* look, const char* function) {
-    char path[PATH_MAX];
-    snprintf(path, sizeof path, "%s/%s", directory, name);
-    switch (mccbandlist_classify(name, request)) {
+void take_file(const char* name, mccbandlist_file kind, bool is_said, dload_look* look) {
+    const entry_path path(look->directory, name);
+    switch (kind) {
         case mccbandlist_file::OTHER:
         case mccbandlist_file::REQUEST:
             break;
         case mccbandlist_file::CANCELLED:
-            (void)remove(path);
-            ALOGI("%s: removed %s\n", function, path);
+            (void)unlinkat(look->dir_fd, name, 0);
+            if (is_said) ALOGI("%s: removed %s\n", look->function, path.text);
             break;
         case mccbandlist_file::STATUS:
-            take_status_file(name, path, look, function);
+            take_status_file(name, path.text, is_said, look);
             break;
         case mccbandlist_file::LIST:
             look->has_list = true;
-            memcpy(look->download->path, path, sizeof path);
-            ALOGI("found downloaded file: %s\n", name);
+            memcpy(look->download->path, path.text, sizeof path.text);
+            if (is_said) ALOGI("found downloaded file: %s\n", name);
             break;
     }
+}
+
+// Beyond what is said of others, they are counted by their names alone.
+void look_at(const char* name, const mccbandlist_request& request, dload_look* look) {
+    const mccbandlist_file kind = mccbandlist_classify(name, request);
+    unsigned& count = kind == mccbandlist_file::OTHER ? look->others : look->of_course;
+    const bool is_said = count < NAMES_SAID_MAX;
+    if (!is_said && kind == mccbandlist_file::OTHER) {
+        ++count;
+        return;
+    }
+    if (!is_regular_file(look->dir_fd, name)) return;
+    ++count;
+    if (is_said) ALOGI("%s:sub dropbox has file: %s\n", look->function, name);
+    take_file(name, kind, is_said, look);
+}
+
+unsigned beyond(unsigned count) {
+    return count > NAMES_SAID_MAX ? count - NAMES_SAID_MAX : 0;
 }
 
 int result_of(const dload_look& look) {
@@ -125,18 +162,22 @@ int mccbandlist_send_dload_req(mccbandlist_request* request, uint64_t last_key_t
 
 int mccbandlist_check_dload_result(const char* directory, const mccbandlist_request& request,
                                    int* status, mccbandlist_download* result) {
-    const unique_dir dir(opendir(directory));
+    const unique_dir dir = open_unlinked_dir(directory);
     if (!dir) {
         ALOGE("%s: error, no dropbox %s", __func__, directory);
         return -ENOENT;
     }
     *result = {};
-    dload_look look{.download = result};
-    while (const dirent* entry = readdir(dir.get())) {
-        if (!is_regular_file(dirfd(dir.get()), entry->d_name)) continue;
-        ALOGI("%s:sub dropbox has file: %s\n", __func__, entry->d_name);
-        take_file(directory, entry->d_name, request, &look, __func__);
+    dload_look look{.directory = directory,
+                    .dir_fd = dirfd(dir.get()),
+                    .function = __func__,
+                    .download = result};
+    while (const dirent* entry = look.names < NAMES_READ_MAX ? readdir(dir.get()) : nullptr) {
+        ++look.names;
+        if (entry->d_type != DT_DIR) look_at(entry->d_name, request, &look);
     }
+    const unsigned unsaid = beyond(look.of_course) + beyond(look.others);
+    if (unsaid > 0) ALOGI("%s: %u more files\n", __func__, unsaid);
     *status = look.status;
     return result_of(look);
 }

@@ -30,10 +30,11 @@ struct mccbandlist_download {
     uint64_t key_ts = 0;       // from a status file that reports success
 };
 
-// Looks what the agent has put into `directory` so far. The files of the request's course are
-// deleted. Returns 0 when the list was delivered (*status 200); -ENOENT: nothing yet, or no
-// directory; -EEXIST: the list without a status file; *status: a status file without the list;
-// -EINVAL: both, with another status. Logged. Thread: the updater's.
+// Looks what the agent has put into `directory`, which must be no link, so far. The files of the
+// request's course are deleted. At most 65536 names are read; of each sort the first 32 are logged,
+// the others' number is. Returns 0 when the list was delivered (*status 200); -ENOENT: nothing yet,
+// or no directory; -EEXIST: the list without a status file; *status: a status file without the
+// list; -EINVAL: both, with another status. Logged. Thread: the updater's.
 int mccbandlist_check_dload_result(const char* directory, const mccbandlist_request& request,
                                    int* status, mccbandlist_download* result);
 

@@ -3,7 +3,6 @@
 #include "collectors/mccbandlist/mccbandlist_update.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,6 +11,7 @@
 
 #include <utility>
 
+#include "base/open_file.h"
 #include "collectors/mccbandlist/pdc_kbr.h"
 #include "platform/log.h"
 
@@ -45,6 +45,12 @@ int update_modem(const owned_bytes& file, const stop_flag& stop, const char* fun
     return result;
 }
 
+void remove_list(const char* path) {
+    const char* name = nullptr;
+    const unique_fd dir = open_parent(path, &name);
+    if (dir) (void)unlinkat(dir.get(), name, 0);
+}
+
 }  // namespace
 
 int mccbandlist_dload_handler(const char* path, const stop_flag& stop) {
@@ -56,7 +62,7 @@ int mccbandlist_dload_handler(const char* path, const stop_flag& stop) {
         return -EINVAL;
     }
     result = update_modem(file, stop, __func__);
-    (void)remove(path);
+    remove_list(path);
     ALOGI("%s: removed %s", __func__, path);
     pdc_kbr_clean();
     return result;
@@ -64,7 +70,9 @@ int mccbandlist_dload_handler(const char* path, const stop_flag& stop) {
 
 int mccbandlist_read_dl_file(const char* path, owned_bytes* file) {
     // Without waiting for the other end of a FIFO, which is no file to read.
-    const unique_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+    const char* name = nullptr;
+    const unique_fd dir = open_parent(path, &name);
+    const unique_fd fd = dir ? open_text_at(dir.get(), name) : unique_fd();
     if (!fd) {
         ALOGE("Failed to open file: %s %s", path, strerror(errno));
         return -EINVAL;

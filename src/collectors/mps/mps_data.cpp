@@ -32,7 +32,7 @@ constexpr off_t DATA_FILE_MAX = off_t{16} << 20;  // bytes
 constexpr char DATA_SUFFIX[] = ".bin";
 
 constexpr uint32_t COLLECTING = 2;
-constexpr size_t BUFFER_PER_BYTE = 2;  // bytes of output buffer for a byte of data
+constexpr size_t RECORD_PER_BYTE = 2;  // a record may have so many bytes for each of its data
 
 struct data_marker {
     const char* text = nullptr;
@@ -105,9 +105,27 @@ MetricTimeInfo time_message(const mps_time_info& time) {
     return message;
 }
 
-// Encodes the one record that `source` makes. Returns its length, 0 when it does not fit.
-size_t encode_record(const mps_collection& collection, byte_source source, bool as_metric,
-                     mps_data_kind kind, uint8_t* buffer, size_t buffer_size) {
+// A record but for its data, which are its last bytes. So that they need no copy, which would have
+// to be as large as they are, they stay where they are when the encoder comes to them.
+struct record_head {
+    uint8_t bytes[256];  // more than header, times and tags can take
+    size_t length = 0;
+    byte_source data{};
+};
+
+bool write_head(pb_ostream_t* stream, const pb_byte_t* bytes, size_t count) {
+    auto* head = static_cast<record_head*>(stream->state);
+    if (bytes == head->data.bytes) return true;
+    if (count > sizeof head->bytes - head->length) return false;
+    memcpy(head->bytes + head->length, bytes, count);
+    head->length += count;
+    return true;
+}
+
+// Encodes the one record that `source` makes, of at most max_len bytes. Returns whether it fits.
+bool encode_record(const mps_collection& collection, byte_source source, bool as_metric,
+                   mps_data_kind kind, size_t max_len, record_head* head) {
+    head->data = source;
     MpsDataRecord record = MpsDataRecord_init_zero;
     record.header = header_message(*collection.row);
     ModemMetricData metric = ModemMetricData_init_zero;
@@ -120,8 +138,11 @@ size_t encode_record(const mps_collection& collection, byte_source source, bool 
     } else {
         record.rawData = encode_with(mps_encode_bytes, &source);
     }
-    pb_ostream_t stream = pb_ostream_from_buffer(buffer, buffer_size);
-    return pb_encode(&stream, MpsDataRecord_fields, &record) ? stream.bytes_written : 0;
+    pb_ostream_t stream = PB_OSTREAM_SIZING;
+    stream.callback = write_head;
+    stream.state = head;
+    stream.max_size = max_len;
+    return pb_encode(&stream, MpsDataRecord_fields, &record);
 }
 
 // ---- Data files
@@ -275,17 +296,11 @@ void mps_drop_collected_data_to_dropbox(const uint8_t* data, size_t length,
         ALOGE("Null bufptr passed to function %s\n", __func__);
         return;
     }
-    const unique_malloc<uint8_t> buffer(
-        static_cast<uint8_t*>(reallocarray(nullptr, length, BUFFER_PER_BYTE)));
-    if (!buffer) {
-        ALOGE("Could not allocate memory for encoding in function %s\n", __func__);
-        return;
-    }
     collector_info* row = collection->row;
     ALOGI("Campaign Id = %lu", static_cast<unsigned long>(row->hdr.campaign_id));
-    const size_t encoded = encode_record(*collection, {.bytes = data, .length = length}, as_metric,
-                                         kind, buffer.get(), length * BUFFER_PER_BYTE);
-    if (encoded == 0) {
+    record_head head;
+    if (!encode_record(*collection, {.bytes = data, .length = length}, as_metric, kind,
+                       length * RECORD_PER_BYTE, &head)) {
         ALOGE("Encoding failed in  function %s Reason\n", __func__);
         return;
     }
@@ -296,9 +311,12 @@ void mps_drop_collected_data_to_dropbox(const uint8_t* data, size_t length,
     }
     write_req req{.row = row,
                   .handle = &collection->record,
-                  .data = buffer.get(),
-                  .len = encoded,
-                  .flags = WRITE_DROP | WRITE_BEGIN_NEW};
+                  .data = data,
+                  .len = length,
+                  .flags = WRITE_DROP | WRITE_BEGIN_NEW,
+                  .head = head.bytes,
+                  .head_len = head.length};
     const size_t count = vexastats_write_file(&req);
-    if (count != encoded) ALOGE("%s: failed to write file. cnt:%zu\n", __func__, count);
+    if (count != head.length + length)
+        ALOGE("%s: failed to write file. cnt:%zu\n", __func__, count);
 }

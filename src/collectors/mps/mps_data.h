@@ -60,8 +60,8 @@ int mps_rfs_data_read(mps_collection* collection);
 void mps_rfs_data_discard();
 
 // Encodes `length` bytes of data, as a metric with its times and kind or as raw data without, and
-// hands the record over. Needs twice their length in memory meanwhile; data that do not fit into
-// that with their framing are lost. Failures are logged.
+// hands the record over. Needs no copy of them. Data that do not fit into twice their length with
+// their framing are lost. Failures are logged.
 void mps_drop_collected_data_to_dropbox(const uint8_t* data, size_t length,
                                         mps_collection* collection, bool as_metric,
                                         mps_data_kind kind);

@@ -27,7 +27,6 @@ namespace {
 vexa_mutex g_record_lock;
 
 // ---- Beginning
-// -----------------------------------------------------------------------------------
 
 // Fills row->rec_fname with "<dir>/<name>"; false when it does not fit.
 bool set_record_name(collector_info* row, const char* dir, const char* name) {
@@ -119,7 +118,6 @@ old_record take_old_record(const record_init_req& req, unique_file* stream) {
 }
 
 // ---- Appending
-// -----------------------------------------------------------------------------------
 
 // The record's end position, with the stream moved there; -1, logged, on failure.
 off_t seek_to_end(FILE* stream, const char* caller) {
@@ -175,9 +173,10 @@ full_test measure_record(const write_req& req, uint64_t estimate) {
 
 // Whether the new bytes would push the upload past the row's size.
 full_test test_full(const write_req& req, off_t pos) {
-    const uint64_t record_len = req.len + static_cast<uint64_t>(pos);
-    if (!exceeds_size(req.row, estimated_len(req.row, record_len))) return full_test::FITS;
-    return measure_record(req, estimated_len(req.row, req.len));
+    const size_t len = req.head_len + req.len;
+    if (!exceeds_size(req.row, estimated_len(req.row, len + static_cast<uint64_t>(pos))))
+        return full_test::FITS;
+    return measure_record(req, estimated_len(req.row, len));
 }
 
 // Returns false when the record could not be handed over.
@@ -249,7 +248,14 @@ void cut_back(FILE* stream, off_t pos) {
     (void)fseeko(stream, 0, SEEK_END);
 }
 
-// Returns the bytes appended, fewer than req->len on failure.
+// Adds what was appended to the measure, which is given up when that fails.
+void measure_appended(const write_req& req, unique_full_measure& measure) {
+    if ((req.head_len > 0 && !full_measure_append(measure.get(), req.head, req.head_len)) ||
+        !full_measure_append(measure.get(), req.data, req.len))
+        measure.reset();
+}
+
+// Returns the bytes appended, fewer than wanted on failure.
 size_t append(const write_req& req) {
     FILE* stream = req.handle->file;
     if (!stream) {  // the first line could not be rewritten
@@ -258,8 +264,9 @@ size_t append(const write_req& req) {
     }
     const off_t pos = ftello(stream);  // its end: nothing has moved it from there
     if (pos < 0) return 0;
-    const size_t written = fwrite(req.data, 1, req.len, stream);
-    if (written != req.len) {
+    size_t written = req.head_len > 0 ? fwrite(req.head, 1, req.head_len, stream) : 0;
+    if (written == req.head_len) written += fwrite(req.data, 1, req.len, stream);
+    if (written != req.head_len + req.len) {
         ALOGE("%s: failed to write file\n", "vexastats_write_file");
         cut_back(stream, pos);
         return written;
@@ -269,9 +276,7 @@ size_t append(const write_req& req) {
         cut_back(stream, pos);
         return 0;
     }
-    if (req.handle->measure && !full_measure_append(req.handle->measure.get(), req.data, req.len)) {
-        req.handle->measure.reset();
-    }
+    if (req.handle->measure) measure_appended(req, req.handle->measure);
     return written;
 }
 
@@ -337,10 +342,10 @@ bool vexastats_record_reopen(record_init_req req, record_handle* handle) {
 size_t vexastats_write_file(write_req* req) {
     if (!req->handle->file || !req->row) return 0;
     if (!req->data && !(req->flags & WRITE_DROP)) return 0;
-    if (!req->data) req->len = 0;
+    if (!req->data) req->len = req->head_len = 0;
 
     const vexa_lock lock(g_record_lock);
-    return write_locked(req, req->len);
+    return write_locked(req, req->head_len + req->len);
 }
 
 void vexastats_record_close(record_handle* handle) {

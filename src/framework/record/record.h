@@ -43,6 +43,9 @@ struct write_req {
     size_t len = 0;
     uint32_t flags = 0;       // write_flags
     uint8_t rolled_over = 0;  // set to 1 when the record was full and handed over first
+    // Bytes that go before `data`, as one with them; only with `data`.
+    const void* head = nullptr;
+    size_t head_len = 0;
 };
 
 // Opens or creates the record and leaves the stream at its end. With neither resume nor discard,
@@ -60,12 +63,12 @@ FILE* vexastats_record_init(record_init_req* req);
 // as vexastats_record_init.
 bool vexastats_record_reopen(record_init_req req, record_handle* handle);
 
-// Appends req->len bytes to the record. A record that the bytes would make larger than the row's
-// `size` (as estimated, then as measured) is handed over first. After a failed hand-over the
-// handle's stream is null and the collector goes on with vexastats_record_reopen. After a short
-// write or a failed flush the record is cut back to where it was. Returns the bytes appended, 0 on
-// failure, or the short count of a short write; failures are logged. Thread: any; serialised over
-// all collectors by the record-file lock.
+// Appends head and data, whose lengths together are "the bytes", to the record. A record that they
+// would make larger than the row's `size` (as estimated, then as measured) is handed over first.
+// After a failed hand-over the handle's stream is null and the collector goes on with
+// vexastats_record_reopen. After a short write or a failed flush the record is cut back to where it
+// was. Returns the bytes appended, 0 on failure, or the short count of a short write; failures are
+// logged. Thread: any; serialised over all collectors by the record-file lock.
 size_t vexastats_write_file(write_req* req);
 
 // Closes the record's stream, if there is one; the file stays for the next run. Thread: the row's

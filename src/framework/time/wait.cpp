@@ -75,6 +75,12 @@ bool vexastats_sleep_ms(int64_t ms, const stop_flag& stop) {
     return vexastats_poll(nullptr, 0, std::max<int64_t>(ms, 0), stop) != -EINTR;
 }
 
+bool vexastats_sleep_longer(growing_pause* pause, const stop_flag& stop) {
+    const int64_t pause_ms = pause->next_ms;
+    pause->next_ms = std::min(2 * pause_ms, growing_pause::LONGEST_MS);
+    return vexastats_sleep_ms(pause_ms, stop);
+}
+
 ssize_t vexastats_read_fd(int fd, void* buf, size_t size, const stop_flag& stop) {
     for (;;) {
         pollfd readable{.fd = fd, .events = POLLIN, .revents = 0};

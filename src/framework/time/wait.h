@@ -25,6 +25,17 @@ int vexastats_poll_until(pollfd* fds, size_t count, int64_t real_ms, const stop_
 // Sleeps. Returns false when `stop` ended it early.
 bool vexastats_sleep_ms(int64_t ms, const stop_flag& stop);
 
+// The pauses between attempts at something that may fail for long, as storage does that is full.
+struct growing_pause {
+    static constexpr int64_t FIRST_MS = 1000;
+    static constexpr int64_t LONGEST_MS = 60000;
+    int64_t next_ms = FIRST_MS;
+};
+
+// Sleeps for the next of them; the one after that is twice as long, up to the longest. Returns
+// false when `stop` ended it early.
+bool vexastats_sleep_longer(growing_pause* pause, const stop_flag& stop);
+
 // Waits until `fd` is readable, then reads once. Returns what read(2) does, with errno EINTR and -1
 // once `stop` is raised.
 ssize_t vexastats_read_fd(int fd, void* buf, size_t size, const stop_flag& stop);

@@ -45,11 +45,6 @@ bool watch_way_lost(const watch_way& way, const inotify_event& event) {
     return false;
 }
 
-void watch_ancestors(int fd, const char* path) {
-    watch_way way;
-    watch_way_to(fd, path, &way);
-}
-
 bool watch_read(int fd, watch_buffer* buffer, const stop_flag& stop) {
     const ssize_t count = vexastats_read_fd(fd, buffer->bytes, sizeof buffer->bytes, stop);
     buffer->len = count > 0 ? static_cast<size_t>(count) : 0;

@@ -41,9 +41,6 @@ void watch_way_to(int fd, const char* path, watch_way* way);
 // the directories above it are of no interest.
 bool watch_way_lost(const watch_way& way, const inotify_event& event);
 
-// The same watches for a caller that takes every event for a reason to look again.
-void watch_ancestors(int fd, const char* path);
-
 // Waits for events on inotify descriptor `fd` and reads as many as fit. Returns true with
 // buffer->len > 0, or false with errno set (EINTR once `stop` is raised).
 bool watch_read(int fd, watch_buffer* buffer, const stop_flag& stop);

@@ -353,6 +353,39 @@ TEST_F(AlogCollector, RollOverWithoutADropboxLosesNothingThatWasCaptured) {
     EXPECT_TRUE(uploaded == expected) << uploaded.size() << " bytes of " << expected.size();
 }
 
+// The upload cannot be made beside the record, as on a full disk: that ends the thread, and the
+// next start hands over what the record holds.
+TEST_F(AlogCollector, RollOverThatFailsLeavesTheRecordToTheNextStart) {
+    const auto script = [](uint8_t fill, int count) {
+        std::string all;
+        for (int i = 0; i < count; ++i) {
+            platform_test_script_log_entry(entry(fill, 5120));
+            all += entry(fill, 5120);
+        }
+        return all;
+    };
+    write_text_file(DOWNLOADED, config(7, 600, "", 20000));
+    start();
+    wait_blocked();
+    std::string expected = TITLE + script(1, 25);
+    wait_blocked();
+    fs::permissions(RECORD_DIR, fs::perms::owner_read | fs::perms::owner_exec);
+    (void)script(2, 25);
+    wait_log("alog_log_read: failed to write file. cnt:0\n");
+    join();
+    fs::permissions(RECORD_DIR, fs::perms::owner_all);
+    row.stop.raised = 0;
+    write_text_file(DOWNLOADED, config(8, 600, "", 20000));
+    start();
+    wait_blocked();
+    expected += TITLE + script(3, 1);
+    wait_blocked();
+    stop();
+    std::string uploaded;
+    for (const std::string& payload : payloads()) uploaded += payload;
+    EXPECT_TRUE(uploaded == expected) << uploaded.size() << " bytes of " << expected.size();
+}
+
 TEST_F(AlogCollector, FileThatIsBeingWrittenAsTheStopComesStays) {
     write_text_file(DOWNLOADED, config(7, 600));
     platform_test_fail_log_open(EACCES);

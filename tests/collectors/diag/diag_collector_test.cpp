@@ -218,4 +218,36 @@ TEST_F(DiagCollector, PacketsThatComeWithoutConsentReachNoFile) {
     }
 }
 
+// The upload cannot be made beside the record, as on a full disk: that ends the thread, and the
+// next start hands over what the record holds.
+TEST_F(DiagCollector, RollOverThatFailsLeavesTheRecordToTheNextStart) {
+    write_text_file(DOWNLOADED,
+                    "clientid=4;size=1000;campaign_id=7;campaign_duration_secs=600;"
+                    "num_diag_masks=1;diag_mask=0xb0c0;\n");
+    start();
+    wait_log("Starting Diag Campaign 7 : Stop Time 1700000600, CurrTime 1700000000");
+    const auto give = [](char fill) {
+        for (int i = 0; i < 3; ++i) {
+            ASSERT_TRUE(platform_test_diag_packet(std::string(70000, fill)));
+        }
+    };
+    give('a');
+    ASSERT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+    fs::permissions(RECORD_DIR, fs::perms::owner_read | fs::perms::owner_exec);
+    give('b');
+    wait_log("process_incoming_pkt: failed to write file. cnt:0\n");
+    wait_log("DIAG monitor exit\n");
+    thread.join();
+    row.stop.raised = 0;
+    fs::permissions(RECORD_DIR, fs::perms::owner_all);
+    start();
+    const auto uploaded = [] {
+        std::string all;
+        for (const std::string& name : list_dir(UP_DIR))
+            all += gunzip(file_text(UP_DIR + ("/" + name)).substr(53));
+        return all;
+    };
+    EXPECT_TRUE(wait_for_change({UP_DIR}, [&] { return uploaded() == std::string(140000, 'a'); }));
+}
+
 }  // namespace
