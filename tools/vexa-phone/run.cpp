@@ -173,68 +173,96 @@ void take_report(phone_run* run) {
 
 // Returns when the keeper has ended, and before it everything in the phone.
 void follow(phone_run* run) {
+    enum { KEEPER, SIGNALS, REPORTS, COUNT };
     for (;;) {
-        pollfd fds[] = {
+        pollfd fds[COUNT] = {
             {.fd = run->keeper.get(), .events = POLLIN, .revents = 0},
             {.fd = run->signals.get(), .events = POLLIN, .revents = 0},
             {.fd = run->reports.get(), .events = POLLIN, .revents = 0},
         };
-        if (poll(fds, std::size(fds), -1) < 0 && errno != EINTR) fail("poll");
-        if (fds[2].revents) take_report(run);
-        if (fds[1].revents) take_signal(run);
-        if (fds[0].revents) return;
+        if (poll(fds, COUNT, -1) < 0 && errno != EINTR) fail("poll");
+        if (fds[REPORTS].revents) take_report(run);
+        if (fds[SIGNALS].revents) take_signal(run);
+        if (fds[KEEPER].revents) return;
+    }
+}
+
+// ---- The steps of a run
+
+// Opens the channel on which what runs inside reports; returns its other end.
+unique_fd open_reports(phone_run* run) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) fail("socketpair");
+    run->reports.reset(ends[0]);
+    unique_fd inside(ends[1]);
+    const int on = 1;
+    if (setsockopt(run->reports.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0)
+        fail("SO_PASSCRED");
+    return inside;
+}
+
+// bubblewrap's command line: the phone's mounts, and in it this program again, which becomes the
+// command (become_command).
+std::vector<std::string> phone_words(const phone_options& options,
+                                     const std::vector<std::string>& command, int reports_fd) {
+    constexpr char INSIDE[] = "/.host/vexa-phone";
+    std::vector<mount_step> steps = phone_mounts(options);
+    steps.push_back({mount_kind::BIND_RO, std::filesystem::read_symlink("/proc/self/exe"), INSIDE});
+    std::vector<std::string> becoming = {INSIDE,
+                                         options.host_proc ? RUN_INSIDE_ON_HOST_PROC : RUN_INSIDE,
+                                         std::to_string(reports_fd)};
+    becoming.insert(becoming.end(), command.begin(), command.end());
+    return bubblewrap_words(steps, options, becoming);
+}
+
+void hold_signals(phone_run* run) {
+    const sigset_t signals = forwarded_signals();
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    run->signals.reset(signalfd(-1, &signals, SFD_CLOEXEC));
+    if (!run->signals) fail("signalfd");
+}
+
+// Starts the process that keeps the phone. It and everything in the phone end with this one, since
+// the end of the pipe in *held_to_the_end is closed then. Returns its id.
+pid_t start_keeper(phone_run* run, std::vector<std::string> words, unique_fd inside,
+                   unique_fd* held_to_the_end) {
+    int pipe_ends[2];
+    if (pipe2(pipe_ends, O_CLOEXEC) != 0) fail("pipe2");
+    const unique_fd life(pipe_ends[0]);
+    held_to_the_end->reset(pipe_ends[1]);
+    const pid_t pid = fork();
+    if (pid < 0) fail("fork");
+    if (pid == 0) {
+        held_to_the_end->reset();
+        run->reports.reset();
+        _exit(keep(words, life, inside.release()));
+    }
+    run->keeper = open_pidfd(pid);
+    if (!run->keeper) fail("pidfd_open");
+    return pid;
+}
+
+void print_failure(const phone_run& run, const std::string& command) {
+    if (run.exec_errno != 0) {
+        fprintf(stderr, "vexa-phone: cannot run %s: %s\n", printable_text(command).c_str(),
+                strerror(run.exec_errno));
+    } else if (!run.command) {
+        fprintf(stderr, "vexa-phone: the phone could not be made; see scripts/setup\n");
     }
 }
 
 }  // namespace
 
 int run_in_phone(const phone_options& options, const std::vector<std::string>& command) {
-    constexpr char INSIDE[] = "/.host/vexa-phone";
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) fail("socketpair");
     phone_run run;
-    run.reports.reset(ends[0]);
-    unique_fd inside(ends[1]);
-    const int on = 1;
-    if (setsockopt(run.reports.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0)
-        fail("SO_PASSCRED");
-
-    std::vector<mount_step> steps = phone_mounts(options);
-    steps.push_back({mount_kind::BIND_RO, std::filesystem::read_symlink("/proc/self/exe"), INSIDE});
-    std::vector<std::string> becoming = {INSIDE,
-                                         options.host_proc ? RUN_INSIDE_ON_HOST_PROC : RUN_INSIDE,
-                                         std::to_string(inside.get())};
-    becoming.insert(becoming.end(), command.begin(), command.end());
-    std::vector<std::string> words = bubblewrap_words(steps, options, becoming);
-
-    const sigset_t signals = forwarded_signals();
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    run.signals.reset(signalfd(-1, &signals, SFD_CLOEXEC));
-    if (!run.signals) fail("signalfd");
-
-    int pipe_ends[2];
-    if (pipe2(pipe_ends, O_CLOEXEC) != 0) fail("pipe2");
-    unique_fd life(pipe_ends[0]);
-    const unique_fd held_to_the_end(pipe_ends[1]);
-    const pid_t pid = fork();
-    if (pid < 0) fail("fork");
-    if (pid == 0) {
-        close(held_to_the_end.get());
-        run.reports.reset();
-        _exit(keep(words, life, inside.release()));
-    }
-    inside.reset();
-    life.reset();
-    run.keeper = open_pidfd(pid);
-    if (!run.keeper) fail("pidfd_open");
+    unique_fd inside = open_reports(&run);
+    std::vector<std::string> words = phone_words(options, command, inside.get());
+    hold_signals(&run);
+    unique_fd held_to_the_end;
+    const pid_t pid = start_keeper(&run, std::move(words), std::move(inside), &held_to_the_end);
     follow(&run);
     const int code = exit_code(pid);
-    if (run.exec_errno != 0) {
-        fprintf(stderr, "vexa-phone: cannot run %s: %s\n", printable_text(command[0]).c_str(),
-                strerror(run.exec_errno));
-    } else if (!run.command) {
-        fprintf(stderr, "vexa-phone: the phone could not be made; see scripts/setup\n");
-    }
+    print_failure(run, command[0]);
     return code;
 }
 
