@@ -19,6 +19,7 @@
 
 #include "base/unique_handle.h"
 #include "host/clock_course.h"
+#include "host/driven.h"
 
 namespace {
 
@@ -307,6 +308,10 @@ int poll_to_deadline(pollfd* fds, nfds_t count, const deadline& end, int watch_f
 }  // namespace
 
 int platform_clock_gettime(clockid_t clock, timespec* now) {
+    if (driven_is_on()) {
+        *now = to_timespec(clock == CLOCK_REALTIME ? driven_real_ns() : driven_boot_ns());
+        return 0;
+    }
     const bool boot = clock == CLOCK_BOOTTIME || clock == CLOCK_MONOTONIC;
     const int saved_errno = errno;
     const clock_state current = present_state(false);
@@ -322,6 +327,12 @@ int platform_clock_gettime(clockid_t clock, timespec* now) {
 }
 
 int platform_poll(pollfd* fds, nfds_t count, int64_t timeout_ms) {
+    if (driven_is_on() && timeout_ms != 0) {
+        int64_t deadline_ns = timeout_ms < 0 ? INT64_MAX : to_ns_saturating(timeout_ms);
+        if (__builtin_add_overflow(deadline_ns, driven_boot_ns(), &deadline_ns))
+            deadline_ns = INT64_MAX;
+        return driven_poll(fds, count, false, deadline_ns);
+    }
     if (timeout_ms < 0) return ppoll(fds, count, nullptr, nullptr);
     if (timeout_ms == 0) return poll(fds, count, 0);
     const int watch_fd = watch.arm();
@@ -335,6 +346,7 @@ int platform_poll(pollfd* fds, nfds_t count, int64_t timeout_ms) {
 }
 
 int platform_poll_until(pollfd* fds, nfds_t count, int64_t real_ms) {
+    if (driven_is_on()) return driven_poll(fds, count, true, to_ns_saturating(real_ms));
     const int watch_fd = watch.arm();
     const clock_state current = present_state(true);
     return poll_to_deadline(fds, count, {.clock = CLOCK_REALTIME, .ns = to_ns_saturating(real_ms)},

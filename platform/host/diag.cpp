@@ -3,7 +3,7 @@
 #include "platform/diag.h"
 
 #include <errno.h>
-#include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <string.h>
@@ -17,6 +17,7 @@
 
 #include "base/unique_handle.h"
 #include "host/diag_wire.h"
+#include "platform/clock.h"
 
 namespace {
 
@@ -75,8 +76,10 @@ void take_packet(unsigned char* packet, size_t size) {
 void* read_stream(void*) {
     static unsigned char packet[DIAG_WIRE_PACKET_MAX];
     while (!g_released) {
-        const ssize_t size = recv(g_client.socket.get(), packet, sizeof packet, 0);
-        if (size < 0 && errno == EINTR) continue;
+        pollfd readable{.fd = g_client.socket.get(), .events = POLLIN, .revents = 0};
+        if (platform_poll(&readable, 1, -1) < 0) continue;
+        const ssize_t size = recv(g_client.socket.get(), packet, sizeof packet, MSG_DONTWAIT);
+        if (size < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (size <= 0) break;
         take_packet(packet, static_cast<size_t>(size));
     }
@@ -112,8 +115,6 @@ int Diag_LSM_Init(unsigned char*) {
     static_assert(sizeof DIAG_WIRE_SOCKET <= sizeof address.sun_path);
     memcpy(address.sun_path, DIAG_WIRE_SOCKET, sizeof DIAG_WIRE_SOCKET);
     if (connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return 0;
-    // Only the connecting must not block; the reader does.
-    if (fcntl(fd.get(), F_SETFL, 0) != 0) return 0;
     g_client.socket = std::move(fd);
     g_connected = true;
     return 1;

@@ -12,6 +12,7 @@
 
 #include "base/printable.h"
 #include "base/unique_handle.h"
+#include "host/driven.h"
 #include "host/log_file.h"
 #include "host/log_silence.h"
 #include "platform/clock.h"
@@ -90,6 +91,7 @@ void host_log_silence() {
 
 int __android_log_print(int priority, const char* tag, const char* format, ...) {
     if (g_silent) return 0;
+    if (driven_is_on()) driven_take_turn();
     const int saved_errno = errno;
     if (!tag) tag = "";
     log_entry entry;

@@ -13,6 +13,7 @@
 #include "base/file_io.h"
 #include "base/path.h"
 #include "base/unique_handle.h"
+#include "host/driven.h"
 
 namespace {
 
@@ -44,6 +45,7 @@ int write_new_file(const char* path, const char* value, size_t len) {
 }  // namespace
 
 int property_get(const char* key, char* value, const char* default_value) {
+    if (driven_is_on()) driven_take_turn();
     size_t len = is_property_name(key) ? read_property(key, value) : 0;
     if (len == 0 && default_value) {
         len = std::min<size_t>(strlen(default_value), PROPERTY_VALUE_MAX - 1);
@@ -54,6 +56,7 @@ int property_get(const char* key, char* value, const char* default_value) {
 }
 
 int property_set(const char* key, const char* value) {
+    if (driven_is_on()) driven_take_turn();
     if (!is_property_name(key)) return -EINVAL;
     const size_t len = value ? strlen(value) : 0;
     if (len > PROPERTY_VALUE_MAX - 1) return -EINVAL;

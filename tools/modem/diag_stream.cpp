@@ -15,12 +15,6 @@ constexpr size_t HEADER_SIZE = sizeof(diag_packet_header);
 constexpr size_t PACKET_MAX = DIAG_WIRE_PACKET_MAX - 1;  // the kind takes a byte
 constexpr int BATCH = 256;  // packets sent before the loop may look at something else
 
-uint64_t now_us() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
-                                     std::chrono::system_clock::now().time_since_epoch())
-                                     .count());
-}
-
 // A wire packet of the stream: kind, header, and bytes that count up from the sequence number.
 void compose(std::string* wire, uint32_t sequence, uint16_t code, size_t size,
              uint64_t time_stamp) {
@@ -197,26 +191,26 @@ void diag_stream::restart() {
     if (timer_) loop_.cancel(*timer_);
     timer_.reset();
     if (client_) loop_.watch(client_.get(), POLLIN, [this](short revents) { ready(revents); });
-    next_due_ = clock::now();
+    next_due_ = loop_.now();
     if (is_streaming()) send_due();
 }
 
 void diag_stream::send_due() {
     bool room = true;
     for (int i = 0; i < BATCH && room && is_streaming(); ++i) {
-        if (rate_ > 0 && next_due_ > clock::now()) break;
+        if (rate_ > 0 && next_due_ > loop_.now()) break;
         room = send_one();
         if (room && rate_ > 0) next_due_ += std::chrono::nanoseconds(1000000000 / rate_);
     }
     if (!client_) return;
     // Behind its time, or without a rate, it goes on as soon as there is room.
-    const bool waits = !is_streaming() || (rate_ > 0 && next_due_ > clock::now());
+    const bool waits = !is_streaming() || (rate_ > 0 && next_due_ > loop_.now());
     loop_.watch(client_.get(), static_cast<short>(waits ? POLLIN : POLLIN | POLLOUT),
                 [this](short revents) { ready(revents); });
     if (!waits || !is_streaming()) return;
     if (timer_) loop_.cancel(*timer_);
     timer_ =
-        loop_.after(std::chrono::ceil<std::chrono::milliseconds>(next_due_ - clock::now()), [this] {
+        loop_.after(std::chrono::ceil<std::chrono::milliseconds>(next_due_ - loop_.now()), [this] {
             timer_.reset();
             send_due();
         });
@@ -225,7 +219,7 @@ void diag_stream::send_due() {
 bool diag_stream::send_one() {
     const uint32_t sequence = sequence_ + 1;
     const size_t size = diag_stream_size(sequence, min_size_, max_size_);
-    compose(&packet_, sequence, codes_[sequence % codes_.size()], size, now_us());
+    compose(&packet_, sequence, codes_[sequence % codes_.size()], size, loop_.wall_clock_us());
     const ssize_t count = send(client_.get(), packet_.data(), packet_.size(), MSG_NOSIGNAL);
     if (count < 0) {
         if (errno != EAGAIN && errno != EINTR && errno != ENOBUFS) drop_client("disconnected");

@@ -23,6 +23,12 @@ constexpr int BACKLOG = 16;
     throw std::system_error(errno, std::generic_category(), what);
 }
 
+uint64_t machine_wall_clock_us() {
+    const auto since_1970 = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(since_1970).count());
+}
+
 unique_fd listen_at(const fs::path& path) {
     fs::create_directories(path.parent_path());
     fs::remove(path);
@@ -58,7 +64,8 @@ uint64_t modem_number(const std::string& word, uint64_t max) {
 }
 
 modem::modem(fs::path phone, std::function<void(const std::string&)> log)
-    : phone_(std::move(phone)),
+    : wall_clock_us_(machine_wall_clock_us),
+      phone_(std::move(phone)),
       log_(std::move(log)),
       wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (!wake_) fail("eventfd");
@@ -106,7 +113,7 @@ void modem::unwatch(int fd) {
 }
 
 modem::timer_id modem::after(std::chrono::milliseconds delay, std::function<void()> due) {
-    timers_.emplace(timer_key{steady_clock::now() + delay, ++last_timer_}, std::move(due));
+    timers_.emplace(timer_key{now_() + delay, ++last_timer_}, std::move(due));
     return last_timer_;
 }
 
@@ -175,7 +182,7 @@ void modem::run_posted() {
 }
 
 void modem::run_timers() {
-    const auto now = steady_clock::now();
+    const auto now = now_();
     while (!timers_.empty() && timers_.begin()->first.first <= now) {
         const auto due = timers_.extract(timers_.begin());
         due.mapped()();
@@ -184,8 +191,8 @@ void modem::run_timers() {
 
 int modem::next_timeout_ms() const {
     if (timers_.empty()) return -1;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first.first -
-                                                                   steady_clock::now());
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first.first - now_());
     return static_cast<int>(std::clamp<int64_t>(left.count(), 0, std::numeric_limits<int>::max()));
 }
 
@@ -200,17 +207,38 @@ void modem::dispatch(const std::vector<pollfd>& polled, const std::vector<uint64
     }
 }
 
+// Returns how many were ready.
+int modem::poll_watched(int timeout_ms) {
+    std::vector<pollfd> polled;
+    std::vector<uint64_t> serials;
+    for (const auto& [fd, entry] : watched_) {
+        polled.push_back({.fd = fd, .events = entry.events, .revents = 0});
+        serials.push_back(entry.serial);
+    }
+    const int count = poll(polled.data(), polled.size(), timeout_ms);
+    if (count < 0 && errno != EINTR) fail("poll");
+    if (count > 0) dispatch(polled, serials);
+    return count;
+}
+
 void modem::run() {
     while (!quit_) {
-        std::vector<pollfd> polled;
-        std::vector<uint64_t> serials;
-        for (const auto& [fd, entry] : watched_) {
-            polled.push_back({.fd = fd, .events = entry.events, .revents = 0});
-            serials.push_back(entry.serial);
-        }
-        const int count = poll(polled.data(), polled.size(), next_timeout_ms());
-        if (count < 0 && errno != EINTR) fail("poll");
-        if (count > 0) dispatch(polled, serials);
+        (void)poll_watched(next_timeout_ms());
         run_timers();
     }
+}
+
+void modem::use_clock(std::function<steady_clock::time_point()> now,
+                      std::function<uint64_t()> wall_clock_us) {
+    now_ = std::move(now);
+    wall_clock_us_ = std::move(wall_clock_us);
+}
+
+bool modem::serve() {
+    return poll_watched(0) > 0;
+}
+
+std::optional<steady_clock::time_point> modem::next_timer() const {
+    if (timers_.empty()) return {};
+    return timers_.begin()->first.first;
 }

@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -70,6 +71,17 @@ class modem {
     // Runs until quit(). Throws std::system_error.
     void run();
 
+    std::chrono::steady_clock::time_point now() const { return now_(); }
+    uint64_t wall_clock_us() const { return wall_clock_us_(); }
+
+    // ---- For who has time pass by steps instead: `now` tells the time of timers from here on.
+    // `wall_clock_us` tells the phone's microseconds since 1970.
+    void use_clock(std::function<std::chrono::steady_clock::time_point()> now,
+                   std::function<uint64_t()> wall_clock_us);
+    bool serve();       // what is ready now, without waiting; returns whether anything was
+    void run_timers();  // those that are due
+    std::optional<std::chrono::steady_clock::time_point> next_timer() const;
+
     void quit();                            // any thread, also before run()
     void post(std::function<void()> work);  // has the loop do some work; any thread
     bool execute(const std::string& line);  // one command line; false, logged: it was no good
@@ -88,10 +100,12 @@ class modem {
     using timer_key = std::pair<std::chrono::steady_clock::time_point, timer_id>;
 
     void run_posted();
-    void run_timers();
     int next_timeout_ms() const;
+    int poll_watched(int timeout_ms);
     void dispatch(const std::vector<pollfd>& polled, const std::vector<uint64_t>& serials);
 
+    std::function<std::chrono::steady_clock::time_point()> now_ = std::chrono::steady_clock::now;
+    std::function<uint64_t()> wall_clock_us_;
     std::filesystem::path phone_;
     std::function<void(const std::string&)> log_;
     std::mutex log_mutex_;

@@ -18,24 +18,41 @@ std::string big_endian(uint64_t value, int width) {
     return bytes;
 }
 
-void tell(const std::string& dir, uint32_t id, const std::string& payload) {
+[[noreturn]] void fail(const std::string& what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+unique_fd send_message(const std::string& dir, uint32_t id, const std::string& payload) {
     const std::filesystem::path path = std::filesystem::path(dir) / SOCKET;
     const socket_address address(path);
-    const unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const std::string message = big_endian(id, 4) + big_endian(payload.size(), 4) + payload;
-    char byte = 0;
     if (!fd || connect(fd.get(), address.get(), address.size()) != 0 ||
-        send(fd.get(), message.data(), message.size(), MSG_NOSIGNAL) < 0 ||
-        recv(fd.get(), &byte, 1, 0) < 0)  // it closes the connection once it has acted
-        throw std::system_error(errno, std::generic_category(), path);
+        send(fd.get(), message.data(), message.size(), MSG_NOSIGNAL) < 0)
+        fail(path);
+    return fd;
+}
+
+void await_end(const unique_fd& fd) {
+    char byte = 0;
+    if (recv(fd.get(), &byte, 1, 0) < 0) fail(SOCKET);
 }
 
 }  // namespace
 
+unique_fd phone_send_roaming(const std::string& dir, bool roaming) {
+    return send_message(dir, ROAMING, big_endian(roaming ? 1 : 0, 1));
+}
+
+unique_fd phone_send_subscription(const std::string& dir, uint32_t id, uint16_t mcc, uint16_t mnc) {
+    return send_message(dir, SUBSCRIPTION,
+                        big_endian(id, 4) + big_endian(mcc, 2) + big_endian(mnc, 2));
+}
+
 void phone_tell_roaming(const std::string& dir, bool roaming) {
-    tell(dir, ROAMING, big_endian(roaming ? 1 : 0, 1));
+    await_end(phone_send_roaming(dir, roaming));
 }
 
 void phone_tell_subscription(const std::string& dir, uint32_t id, uint16_t mcc, uint16_t mnc) {
-    tell(dir, SUBSCRIPTION, big_endian(id, 4) + big_endian(mcc, 2) + big_endian(mnc, 2));
+    await_end(phone_send_subscription(dir, id, mcc, mnc));
 }

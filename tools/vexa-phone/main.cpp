@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <filesystem>
 
+#include "driven_run.h"
 #include "host/clock_course.h"
 #include "input/command_line.h"
 #include "phone/phone_tree.h"
@@ -24,6 +25,9 @@ struct run_arguments {
     uint64_t size = 0;
     std::vector<std::string> writable;
     std::vector<std::string> command;
+    std::string script;
+    std::string transcript;
+    std::optional<uint64_t> shuffle_seed;
 };
 
 std::string check_property(const std::string& word) {
@@ -34,9 +38,38 @@ std::string check_property(const std::string& word) {
     return "";
 }
 
+constexpr std::string_view DRIVEN = "driven";
+
+bool is_driven(std::string_view spec) {
+    return spec == DRIVEN || (spec.starts_with(DRIVEN) && spec[DRIVEN.size()] == ':');
+}
+
+// What a driven clock begins with: nothing is said of its speed.
+std::optional<clock_spec> driven_start(std::string_view spec) {
+    if (spec == DRIVEN) return clock_spec{};
+    spec.remove_prefix(DRIVEN.size() + 1);
+    const std::optional<clock_spec> start = clock_spec_parse(spec.data(), spec.size());
+    return start && !start->speed ? start : std::nullopt;
+}
+
 std::string check_clock(const std::string& spec) {
-    if (clock_spec_parse(spec.data(), spec.size())) return "";
-    return "must be words like real=2016-12-31T23:59:50Z boot=30 speed=60";
+    if (is_driven(spec) ? driven_start(spec).has_value()
+                        : clock_spec_parse(spec.data(), spec.size()).has_value())
+        return "";
+    return "must be words like real=2016-12-31T23:59:50Z boot=30 speed=60, or driven, or driven: "
+           "and such "
+           "words without a speed";
+}
+
+int run_driven(const phone_options& options, const run_arguments& arguments,
+               const std::vector<std::string>& command) {
+    driven_run companion(options.dir, {.start = *driven_start(arguments.clock),
+                                       .shuffle_seed = arguments.shuffle_seed,
+                                       .script = arguments.script,
+                                       .transcript = arguments.transcript});
+    const int code = run_in_phone(options, command, &companion);
+    companion.end();
+    return code;
 }
 
 int run(const run_arguments& arguments) {
@@ -58,9 +91,12 @@ int run(const run_arguments& arguments) {
         const size_t equals = word.find('=');
         phone_set_property(options.dir, word.substr(0, equals), word.substr(equals + 1));
     }
+    const std::vector<std::string> command = arguments.command.empty()
+                                                 ? std::vector<std::string>{beside / "vexastatsd"}
+                                                 : arguments.command;
+    if (is_driven(arguments.clock)) return run_driven(options, arguments, command);
     if (!arguments.clock.empty()) phone_set_clock(options.dir, arguments.clock);
-    if (!arguments.command.empty()) return run_in_phone(options, arguments.command);
-    return run_in_phone(options, {beside / "vexastatsd"});
+    return run_in_phone(options, command);
 }
 
 // Reads the words before the command and does what they say.
@@ -82,6 +118,12 @@ int do_as_told(int argc, char** argv, run_arguments* arguments) {
     run_it->add_option("--clock", arguments->clock, "Give the phone another time")
         ->type_name("SPEC")
         ->check(check_clock);
+    run_it->add_option("--script", arguments->script, "Play this script (needs a driven clock)")
+        ->type_name("FILE");
+    run_it->add_option("--transcript", arguments->transcript, "Write snapshots, and one at the end")
+        ->type_name("FILE");
+    run_it->add_option("--shuffle", arguments->shuffle_seed, "Draw from SEED who comes first")
+        ->type_name("SEED");
     run_it->add_option("--size", arguments->size, "Put /data/vendor on a file system of this size")
         ->type_name("BYTES");
     run_it

@@ -137,6 +137,7 @@ struct phone_run {
     unique_fd keeper;   // pidfd; it ends after bubblewrap
     unique_fd reports;  // socket to the process inside; closed when there is nothing more to come
     unique_fd command;  // pidfd, once the process inside has reported
+    phone_companion* companion = nullptr;
     bool started = false;   // it has become the command
     int exec_errno = 0;     // it could not
     std::vector<int> held;  // signals that came before
@@ -159,6 +160,8 @@ void take_report(phone_run* run) {
     const ssize_t count = receive_report(run->reports.get(), &report, &sender);
     if (count == sizeof report && report == 0 && sender) {
         run->command = open_pidfd(*sender);
+        if (run->companion)
+            run->companion->begin(*sender, [run](int signo) { send_signal(run->command, signo); });
         (void)!send(run->reports.get(), "", 1,
                     MSG_NOSIGNAL);  // it may have been killed: seen below
         return;
@@ -180,7 +183,8 @@ void follow(phone_run* run) {
             {.fd = run->signals.get(), .events = POLLIN, .revents = 0},
             {.fd = run->reports.get(), .events = POLLIN, .revents = 0},
         };
-        if (poll(fds, COUNT, -1) < 0 && errno != EINTR) fail("poll");
+        const int timeout_ms = run->companion && run->started ? run->companion->work() : -1;
+        if (poll(fds, COUNT, timeout_ms) < 0 && errno != EINTR) fail("poll");
         if (fds[REPORTS].revents) take_report(run);
         if (fds[SIGNALS].revents) take_signal(run);
         if (fds[KEEPER].revents) return;
@@ -253,8 +257,10 @@ void print_failure(const phone_run& run, const std::string& command) {
 
 }  // namespace
 
-int run_in_phone(const phone_options& options, const std::vector<std::string>& command) {
+int run_in_phone(const phone_options& options, const std::vector<std::string>& command,
+                 phone_companion* companion) {
     phone_run run;
+    run.companion = companion;
     unique_fd inside = open_reports(&run);
     std::vector<std::string> words = phone_words(options, command, inside.get());
     hold_signals(&run);

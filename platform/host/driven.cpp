@@ -1,0 +1,237 @@
+#include "host/driven.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <linux/futex.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "base/path.h"
+#include "base/unique_handle.h"
+#include "host/driven_page.h"
+
+namespace {
+
+constexpr nfds_t MAX_FDS = 63;
+
+driven_page* map_page() {
+    char path[64];
+    if (!path_join(path, DRIVEN_DIR, DRIVEN_PAGE)) return nullptr;
+    const unique_fd fd(open(path, O_RDWR | O_CLOEXEC));
+    if (!fd) return nullptr;
+    void* memory =
+        mmap(nullptr, sizeof(driven_page), PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+    if (memory == MAP_FAILED) return nullptr;
+    auto* page = static_cast<driven_page*>(memory);
+    return page->magic.load() == DRIVEN_MAGIC ? page : nullptr;
+}
+
+driven_page* page() {
+    static driven_page* const mapped = map_page();
+    return mapped;
+}
+
+void futex_wait(std::atomic<uint32_t>* word, uint32_t value) {
+    (void)syscall(SYS_futex, word, FUTEX_WAIT, value, nullptr, nullptr, 0);
+}
+
+void futex_wake(std::atomic<uint32_t>* word) {
+    (void)syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
+
+// Tells the conductor that there is something to look at.
+void tell_conductor() {
+    page()->moves.fetch_add(1);
+    futex_wake(&page()->moves);
+}
+
+// ---- A thread's slot
+
+struct thread_slot {
+    driven_slot* slot = nullptr;
+    unique_fd alarm{};  // a FIFO to which the conductor writes when the deadline has come
+
+    ~thread_slot() {
+        if (!slot) return;
+        slot->state.store(DRIVEN_ENDING);
+        tell_conductor();
+    }
+};
+thread_local thread_slot self;
+
+[[noreturn]] void give_up(const char* what) {
+    fprintf(stderr, "driven time: %s\n", what);
+    abort();
+}
+
+driven_slot* reserve_slot() {
+    for (driven_slot& slot : page()->slots) {
+        uint32_t free = DRIVEN_FREE;
+        if (!slot.state.compare_exchange_strong(free, DRIVEN_STARTING)) continue;
+        slot.turn.store(0);
+        slot.tid.store(0);
+        slot.deadline_ns.store(DRIVEN_NEVER);
+        return &slot;
+    }
+    give_up("more threads than it can drive");
+}
+
+// Makes the calling thread the one of the slot.
+void settle_in(driven_slot* slot) {
+    char path[64];
+    char name[16];
+    snprintf(name, sizeof name, "alarm%zu", static_cast<size_t>(slot - page()->slots));
+    (void)path_join(path, DRIVEN_DIR, name);
+    self.slot = slot;
+    self.alarm.reset(open(path, O_RDWR | O_CLOEXEC | O_NONBLOCK));
+    if (!self.alarm) give_up("a FIFO is missing in /dev/driven");
+    slot->pid.store(getpid());
+    slot->tid.store(static_cast<int32_t>(gettid()));
+}
+
+void await_turn() {
+    while (self.slot->turn.load() == 0) futex_wait(&self.slot->turn, 0);
+    self.slot->turn.store(0);
+}
+
+void want_turn() {
+    uint32_t waiting = DRIVEN_WAITING;
+    // The conductor may have given it already, at the deadline.
+    if (self.slot->state.compare_exchange_strong(waiting, DRIVEN_READY)) tell_conductor();
+    await_turn();
+}
+
+void give_turn_up(bool is_wall_clock, int64_t deadline_ns) {
+    self.slot->is_wall_clock.store(is_wall_clock);
+    self.slot->deadline_ns.store(deadline_ns);
+    self.slot->state.store(DRIVEN_WAITING);
+    tell_conductor();
+}
+
+// ---- Threads that this program starts
+
+struct thread_start {
+    void* (*body)(void*) = nullptr;
+    void* argument = nullptr;
+    driven_slot* slot = nullptr;
+};
+
+void* run_thread(void* memory) {
+    const thread_start start = *static_cast<thread_start*>(memory);
+    delete static_cast<thread_start*>(memory);
+    settle_in(start.slot);
+    start.slot->state.store(DRIVEN_READY);
+    tell_conductor();
+    await_turn();
+    return start.body(start.argument);
+}
+
+}  // namespace
+
+bool driven_is_on() {
+    return page() != nullptr;
+}
+
+int64_t driven_boot_ns() {
+    return page()->boot_ns.load();
+}
+
+int64_t driven_real_ns() {
+    return page()->real_ns.load();
+}
+
+void driven_take_turn() {
+    if (!self.slot) {
+        driven_slot* slot = reserve_slot();
+        settle_in(slot);
+        slot->state.store(DRIVEN_READY);
+        tell_conductor();
+        await_turn();
+    }
+}
+
+int driven_poll(pollfd* fds, nfds_t count, bool is_wall_clock, int64_t deadline_ns) {
+    if (count > MAX_FDS) {
+        errno = EINVAL;
+        return -1;
+    }
+    driven_take_turn();
+    pollfd all[MAX_FDS + 1];
+    std::copy_n(fds, count, all);
+    all[count] = {.fd = self.alarm.get(), .events = POLLIN, .revents = 0};
+    give_turn_up(is_wall_clock, deadline_ns);
+    const int ready = ppoll(all, count + 1, nullptr, nullptr);
+    const int error = errno;
+    want_turn();
+    char byte = 0;
+    while (read(self.alarm.get(), &byte, 1) == 1) {
+    }
+    if (ready < 0) {
+        errno = error;
+        return ready;
+    }
+    return poll(fds, count, 0);  // as things are now: others ran meanwhile
+}
+
+driven_wait::driven_wait() {
+    driven_take_turn();
+    give_turn_up(false, DRIVEN_NEVER);
+}
+
+driven_wait::~driven_wait() {
+    const int saved_errno = errno;
+    want_turn();
+    errno = saved_errno;
+}
+
+// ---- The C library's waits, which the linker leads here (CMakeLists.txt)
+
+extern "C" {
+
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* argument);
+int __real_pthread_join(pthread_t thread, void** result);
+int __real_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex);
+int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* argument) {
+    if (!driven_is_on()) return __real_pthread_create(thread, attributes, body, argument);
+    driven_take_turn();
+    driven_slot* slot = reserve_slot();
+    auto* start = new thread_start{.body = body, .argument = argument, .slot = slot};
+    const int error = __real_pthread_create(thread, attributes, run_thread, start);
+    if (error != 0) {
+        delete start;
+        slot->state.store(DRIVEN_FREE);
+    }
+    return error;
+}
+
+int __wrap_pthread_join(pthread_t thread, void** result) {
+    if (!driven_is_on()) return __real_pthread_join(thread, result);
+    const driven_wait wait;
+    return __real_pthread_join(thread, result);
+}
+
+int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+    if (!driven_is_on()) return __real_pthread_cond_wait(condition, mutex);
+    const driven_wait wait;
+    return __real_pthread_cond_wait(condition, mutex);
+}
+
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    if (!driven_is_on()) return __real_pthread_mutex_lock(mutex);
+    driven_take_turn();
+    if (pthread_mutex_trylock(mutex) == 0) return 0;
+    const driven_wait wait;
+    return __real_pthread_mutex_lock(mutex);
+}
+}

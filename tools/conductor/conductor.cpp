@@ -1,0 +1,243 @@
+#include "conductor/conductor.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <sched.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <new>
+#include <sstream>
+#include <system_error>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Looks before it sleeps: most threads run for less.
+constexpr int SPINS = 200;
+constexpr long SLEEP_NS = 1000000;
+
+[[noreturn]] void fail(const std::string& what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+std::string alarm_name(size_t index) {
+    return "alarm" + std::to_string(index);
+}
+
+// The thread's number in the innermost namespace that it is in, which is the phone's; 0: it has
+// gone.
+int32_t inner_tid(const fs::path& task) {
+    std::ifstream status(task / "status");
+    for (std::string line; std::getline(status, line);) {
+        if (!line.starts_with("NSpid:")) continue;
+        std::istringstream words(line.substr(6));
+        int32_t tid = 0;
+        for (int32_t next = 0; words >> next;) tid = next;
+        return tid;
+    }
+    return 0;
+}
+
+}  // namespace
+
+conductor::conductor(const std::string& dir, const clock_spec& start, std::optional<uint64_t> seed)
+    : dir_(dir + DRIVEN_DIR) {
+    if (seed) random_.emplace(*seed);
+    fs::remove_all(dir_);
+    fs::create_directory(dir_);
+    for (size_t i = 0; i < DRIVEN_SLOTS; ++i) {
+        const std::string path = dir_ + "/" + alarm_name(i);
+        if (mkfifo(path.c_str(), 0666) != 0) fail(path);
+        views_[i].alarm.reset(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
+        if (!views_[i].alarm) fail(path);
+    }
+    const std::string path = dir_ + "/" + DRIVEN_PAGE;
+    const unique_fd fd(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (!fd || ftruncate(fd.get(), sizeof(driven_page)) != 0) fail(path);
+    void* memory =
+        mmap(nullptr, sizeof(driven_page), PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+    if (memory == MAP_FAILED) fail(path);
+    page_ = new (memory) driven_page{};
+    page_->boot_ns.store(start.boot_ns.value_or(NS_PER_S));
+    page_->real_ns.store(start.real_ns.value_or(1700000000 * NS_PER_S));
+    page_->magic.store(DRIVEN_MAGIC);
+}
+
+conductor::~conductor() {
+    (void)munmap(page_, sizeof(driven_page));
+    std::error_code ignored;
+    fs::remove_all(dir_, ignored);
+}
+
+// ---- Who sleeps
+
+void conductor::look_up(size_t index) {
+    views_[index].stat.reset();
+    views_[index].tid = page_->slots[index].tid.load();
+    std::error_code ignored;
+    const fs::path tasks = "/proc/" + std::to_string(process_) + "/task";
+    for (const auto& task : fs::directory_iterator(tasks, ignored)) {
+        if (inner_tid(task.path()) != views_[index].tid) continue;
+        views_[index].stat.reset(open((task.path() / "stat").c_str(), O_RDONLY | O_CLOEXEC));
+        return;
+    }
+}
+
+// A thread that has gone leaves its slot.
+bool conductor::is_asleep(size_t index) {
+    driven_slot& slot = page_->slots[index];
+    if (views_[index].tid != slot.tid.load()) look_up(index);
+    char text[512];
+    const ssize_t len = views_[index].stat
+                            ? pread(views_[index].stat.get(), text, sizeof text - 1, 0)
+                            : -1;
+    if (len <= 0) {
+        slot.state.store(DRIVEN_FREE);
+        views_[index].tid = 0;
+        views_[index].stat.reset();
+        return true;
+    }
+    text[len] = '\0';
+    const char* name_end = strrchr(text, ')');
+    if (!name_end || name_end + 2 >= text + len) return false;
+    const char state = name_end[2];
+    if (state == 'Z' || state == 'X') {
+        slot.state.store(DRIVEN_FREE);
+        views_[index].tid = 0;
+        return true;
+    }
+    return state == 'S' && slot.state.load() == DRIVEN_WAITING;
+}
+
+// Whether nobody has the turn or is about to come for it.
+bool conductor::is_turn_free() const {
+    bool known = process_ == 0;
+    for (const driven_slot& slot : page_->slots) {
+        const uint32_t state = slot.state.load();
+        if (state == DRIVEN_STARTING || state == DRIVEN_RUNNING) return false;
+        known = known || state != DRIVEN_FREE;
+    }
+    return known;
+}
+
+// Whether nobody runs, and all who wait are asleep. Only once the turn is free does a thread that
+// was seen asleep stay so.
+bool conductor::settles() {
+    if (!is_turn_free()) return false;
+    // The ones that end first: whoever joins one is woken as it goes.
+    for (const uint32_t state : {DRIVEN_ENDING, DRIVEN_WAITING}) {
+        for (size_t i = 0; i < DRIVEN_SLOTS; ++i) {
+            if (page_->slots[i].state.load() != state) continue;
+            falls_asleep_ = !is_asleep(i);
+            if (falls_asleep_) return false;
+        }
+    }
+    return true;
+}
+
+// ---- Whose turn it is
+
+int64_t conductor::deadline_ns(size_t index) const {
+    const driven_slot& slot = page_->slots[index];
+    const int64_t deadline = slot.deadline_ns.load();
+    if (deadline == DRIVEN_NEVER || !slot.is_wall_clock.load()) return deadline;
+    int64_t left = 0;
+    int64_t boot = 0;
+    if (__builtin_sub_overflow(deadline, real_ns(), &left) ||
+        __builtin_add_overflow(boot_ns(), left, &boot))
+        return DRIVEN_NEVER;
+    return boot;
+}
+
+// A slot in this state whose deadline is not later than due_ns: the first, or one by chance.
+std::optional<size_t> conductor::choose(uint32_t state, int64_t due_ns) {
+    std::vector<size_t> all;
+    for (size_t i = 0; i < DRIVEN_SLOTS; ++i) {
+        if (page_->slots[i].state.load() != state) continue;
+        if (state == DRIVEN_READY || deadline_ns(i) <= due_ns) all.push_back(i);
+    }
+    if (all.empty()) return {};
+    return all[random_ ? (*random_)() % all.size() : 0];
+}
+
+int64_t conductor::next_deadline_ns() const {
+    int64_t next = DRIVEN_NEVER;
+    for (size_t i = 0; i < DRIVEN_SLOTS; ++i) {
+        if (page_->slots[i].state.load() == DRIVEN_WAITING) next = std::min(next, deadline_ns(i));
+    }
+    return next;
+}
+
+void conductor::give_turn(size_t index, uint32_t from) {
+    driven_slot& slot = page_->slots[index];
+    // It may have become ready by itself just now, by somebody from outside the phone.
+    if (!slot.state.compare_exchange_strong(from, DRIVEN_RUNNING)) return;
+    slot.turn.store(1);
+    (void)syscall(SYS_futex, &slot.turn, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+    if (from == DRIVEN_WAITING) (void)!write(views_[index].alarm.get(), "", 1);
+}
+
+conductor::progress conductor::step(conductor_guest* guest) {
+    seen_moves_ = page_->moves.load();
+    if (!settles()) return progress::BUSY;
+    ++steps_;
+    static FILE* trace = getenv("VEXA_DRIVEN_TRACE") ? fopen(getenv("VEXA_DRIVEN_TRACE"), "w") : nullptr;
+    std::string states;
+    if (trace) for (size_t i = 0; i < DRIVEN_SLOTS; ++i) { uint32_t s = page_->slots[i].state.load(); if (s) states += " " + std::to_string(i) + "FSWRUE"[s]; }
+    if (const auto ready = choose(DRIVEN_READY, 0)) {
+        if (trace) fprintf(trace, "%ld ready %zu%s\n", boot_ns(), *ready, states.c_str());
+        give_turn(*ready, DRIVEN_READY);
+        return progress::MOVED;
+    }
+    if (guest->serve()) {
+        if (trace) fprintf(trace, "%ld guest%s\n", boot_ns(), states.c_str());
+        return progress::MOVED;
+    }
+    const int64_t now = boot_ns();
+    if (const auto due = choose(DRIVEN_WAITING, now)) {
+        if (trace) fprintf(trace, "%ld due %zu%s\n", boot_ns(), *due, states.c_str());
+        give_turn(*due, DRIVEN_WAITING);
+        return progress::MOVED;
+    }
+    const int64_t next = std::min(next_deadline_ns(), guest->next_ns());
+    if (next == DRIVEN_NEVER) return progress::STALLED;
+    page_->real_ns.store(real_ns() + (next - now));
+    page_->boot_ns.store(next);
+    return progress::MOVED;
+}
+
+void conductor::wait_for_moves() {
+    if (falls_asleep_) {  // that takes no longer than the call which it is about to make
+        falls_asleep_ = false;
+        sched_yield();
+        return;
+    }
+    for (int i = 0; i < SPINS; ++i) {
+        if (page_->moves.load() != seen_moves_) return;
+        sched_yield();
+    }
+    const timespec limit = {.tv_sec = 0, .tv_nsec = SLEEP_NS};
+    (void)syscall(SYS_futex, &page_->moves, FUTEX_WAIT, seen_moves_, &limit, nullptr, 0);
+}
+
+std::string conductor::who_runs() const {
+    static constexpr const char* NAMES[] = {"free",  "starting", "waiting",
+                                            "ready", "running",  "ending"};
+    std::string text;
+    for (size_t i = 0; i < DRIVEN_SLOTS; ++i) {
+        const uint32_t state = page_->slots[i].state.load();
+        if (state == DRIVEN_FREE) continue;
+        text += " " + std::to_string(i) + ":" + (state < 6 ? NAMES[state] : "?");
+    }
+    return text;
+}

@@ -1,0 +1,213 @@
+#include "conductor/player.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "conductor/transcript.h"
+#include "phone/phone_tree.h"
+#include "vexa-campaign/phone_control.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::nanoseconds;
+using std::chrono::steady_clock;
+
+constexpr char VEXA_DIR[] = "/data/vendor/vexa/";
+
+struct signal_name {
+    const char* name;
+    int number;
+};
+constexpr signal_name SIGNALS[] = {{"TERM", SIGTERM}, {"INT", SIGINT},   {"HUP", SIGHUP},
+                                   {"KILL", SIGKILL}, {"USR1", SIGUSR1}, {"ALRM", SIGALRM}};
+
+// Values are overwritten without truncating first, since a reader may come in between.
+// A device, which is a FIFO here, needs a reader.
+void overwrite(const fs::path& path, const std::string& text) {
+    fs::create_directories(path.parent_path());
+    const unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0644));
+    if (!fd || write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        throw std::system_error(errno, std::generic_category(), path);
+    if (fs::is_regular_file(path)) fs::resize_file(path, text.size());
+}
+
+// As the download agent does: whole, by rename.
+void deliver(const fs::path& path, const std::string& text) {
+    const fs::path beside = path.parent_path().parent_path() / ".delivered";
+    overwrite(beside, text);
+    fs::create_directories(path.parent_path());
+    fs::rename(beside, path);
+}
+
+}  // namespace
+
+script_player::script_player(const std::string& dir, script lines,
+                             std::function<void(const std::string&)> put,
+                             std::function<void(int)> send_signal)
+    : dir_(dir),
+      script_(std::move(lines)),
+      put_(std::move(put)),
+      send_signal_(std::move(send_signal)),
+      chance_(script_.seed) {}
+
+std::string script_player::path(const std::string& seen_as) const {
+    return dir_ + "/" + seen_as;
+}
+
+void script_player::follow(const conductor* clocks) {
+    clocks_ = clocks;
+    for (const script_line& line : script_.lines)
+        due_.push_back({.line = &line, .next_ns = first_ns(line)});
+}
+
+// A time of the day is the next one that the wall clock, in the caller's zone, will show.
+int64_t script_player::first_ns(const script_line& line) const {
+    constexpr int64_t DAY_NS = 86400 * NS_PER_S;
+    const int64_t start = clocks_->boot_ns();
+    if (line.kind == script_line::when::AT_ONCE) return start;
+    if (line.kind != script_line::when::AT_CLOCK) return start + line.time_ns;
+    const time_t now_s = clocks_->real_ns() / NS_PER_S;
+    tm local = {};
+    localtime_r(&now_s, &local);
+    const int64_t of_day =
+        ((local.tm_hour * 60 + local.tm_min) * 60 + local.tm_sec) * NS_PER_S;
+    return start + (line.time_ns - of_day % DAY_NS + DAY_NS) % DAY_NS;
+}
+
+int64_t script_player::next_ns() {
+    int64_t next = DRIVEN_NEVER;
+    for (const due_line& due : due_) next = std::min(next, due.next_ns);
+    if (!modem_) return next;
+    if (const auto timer = modem_->next_timer())
+        next = std::min<int64_t>(next, nanoseconds(timer->time_since_epoch()).count());
+    return next;
+}
+
+// One line a time: who waits for what it did comes first.
+bool script_player::play_due() {
+    const auto due = std::min_element(due_.begin(), due_.end(), [](const auto& a, const auto& b) {
+        return a.next_ns < b.next_ns;
+    });
+    if (due == due_.end() || due->next_ns > clocks_->boot_ns()) return false;
+    const script_line& line = *due->line;
+    due->next_ns =
+        line.kind == script_line::when::EVERY ? due->next_ns + line.time_ns : DRIVEN_NEVER;
+    if (chance_() % 100 < static_cast<uint64_t>(line.chance_percent)) play(line);
+    return true;
+}
+
+// The script is over with the last of its lines that come once.
+bool script_player::end_if_over() {
+    const bool is_over = std::none_of(due_.begin(), due_.end(), [](const due_line& due) {
+        return due.line->kind != script_line::when::EVERY && due.next_ns != DRIVEN_NEVER;
+    });
+    if (due_.empty() || !is_over) return false;
+    due_.clear();
+    send_signal_(SIGTERM);
+    return true;
+}
+
+bool script_player::serve() {
+    if (modem_ && modem_->serve()) return true;
+    if (play_due()) return true;
+    const auto timer = modem_ ? modem_->next_timer() : std::nullopt;
+    if (timer && nanoseconds(timer->time_since_epoch()).count() <= clocks_->boot_ns()) {
+        modem_->run_timers();
+        return true;
+    }
+    return end_if_over();
+}
+
+void script_player::start_modem() {
+    modem_ = std::make_unique<modem>(
+        dir_, [this](const std::string& line) { modem_lines_.push_back(line); });
+    modem_->use_clock([this] { return steady_clock::time_point(nanoseconds(clocks_->boot_ns())); },
+                      [this] { return static_cast<uint64_t>(clocks_->real_ns() / 1000); });
+    for (const modem_service_maker make : modem_services()) services_.push_back(make(*modem_));
+}
+
+void script_player::tell_modem(const std::string& command) {
+    if (command == "up") {
+        if (!modem_) start_modem();
+        return;
+    }
+    if (command == "down") {
+        services_.clear();
+        modem_.reset();
+        return;
+    }
+    if (!modem_ || !modem_->execute(command))
+        throw std::invalid_argument("the modem does not take it: " + command);
+}
+
+// "roaming 0|1", or "sub ID MCC MNC". The connection stays open for the answer, which is its end.
+void script_player::tell_phone(const std::string& what) {
+    std::istringstream words(what);
+    std::string kind;
+    words >> kind;
+    uint32_t first = 0;
+    uint16_t mcc = 0;
+    uint16_t mnc = 0;
+    if (kind == "roaming" && words >> first) {
+        told_.push_back(phone_send_roaming(dir_, first != 0));
+    } else if (kind == "sub" && words >> first >> mcc >> mnc) {
+        told_.push_back(phone_send_subscription(dir_, first, mcc, mnc));
+    } else {
+        throw std::invalid_argument("nothing to tell: " + what);
+    }
+}
+
+// The text of a line, or with "< FILE" that file's content.
+std::string script_player::text_of(const script_line& line) const {
+    if (!line.text.starts_with("< ")) return line.text;
+    const fs::path file = fs::path(script_.name).parent_path() / line.text.substr(2);
+    std::ifstream in(file, std::ios::binary);
+    if (!in) throw std::invalid_argument("cannot read " + file.string());
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+void script_player::play(const script_line& line) try {
+    const std::string& word = line.words.empty() ? line.text : line.words[0];
+    if (line.action == "write") {
+        overwrite(path(word), text_of(line));
+    } else if (line.action == "deliver") {
+        deliver(path(VEXA_DIR + word), text_of(line));
+    } else if (line.action == "remove") {
+        fs::remove_all(path(word));
+    } else if (line.action == "mkdir") {
+        fs::create_directories(path(word));
+    } else if (line.action == "optin") {
+        fs::create_directories(path(VEXA_DIR) + "up/" + word);
+    } else if (line.action == "optout") {
+        fs::remove_all(path(VEXA_DIR) + "up/" + word);
+    } else if (line.action == "modem") {
+        tell_modem(line.text);
+    } else if (line.action == "tell") {
+        tell_phone(line.text);
+    } else if (line.action == "property") {
+        phone_set_property(dir_, word, line.text);
+    } else if (line.action == "snapshot") {
+        snapshot();
+    } else if (line.action == "signal") {
+        const auto* found = std::find_if(std::begin(SIGNALS), std::end(SIGNALS),
+                                         [&](const signal_name& s) { return word == s.name; });
+        if (found == std::end(SIGNALS)) throw std::invalid_argument("no such signal: " + word);
+        send_signal_(found->number);
+    }
+} catch (const script_error&) {
+    throw;
+} catch (const std::exception& error) {
+    throw script_error(script_.name, line.number, error.what());
+}
+
+void script_player::snapshot() {
+    put_(transcript_of(dir_, &modem_lines_));
+}

@@ -1,0 +1,57 @@
+// Plays a script in a phone, together with the phone's modem.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "conductor/conductor.h"
+#include "conductor/script.h"
+#include "modem/modem.h"
+
+class script_player : public conductor_guest {
+  public:
+    // `put` gets the text of snapshots; `send_signal` sends one to the daemon.
+    script_player(const std::string& dir, script lines, std::function<void(const std::string&)> put,
+                  std::function<void(int)> send_signal);
+
+    // The clocks that it goes by. Before it serves.
+    void follow(const conductor* clocks);
+
+    bool serve() override;
+    int64_t next_ns() override;
+
+    // Everything that the phone holds now, as text (transcript.h).
+    void snapshot();
+
+  private:
+    struct due_line {
+        const script_line* line = nullptr;
+        int64_t next_ns = 0;
+    };
+
+    int64_t first_ns(const script_line& line) const;
+    bool play_due();
+    bool end_if_over();
+    void play(const script_line& line);
+    std::string path(const std::string& seen_as) const;
+    void tell_modem(const std::string& command);
+    void start_modem();
+    void tell_phone(const std::string& what);
+    std::string text_of(const script_line& line) const;
+
+    std::string dir_;
+    script script_;
+    std::function<void(const std::string&)> put_;
+    std::function<void(int)> send_signal_;
+    const conductor* clocks_ = nullptr;
+    std::vector<due_line> due_;
+    std::mt19937_64 chance_;
+    std::vector<std::string> modem_lines_;
+    std::vector<unique_fd> told_;
+    std::unique_ptr<modem> modem_;
+    std::vector<std::unique_ptr<modem_service>> services_;
+};

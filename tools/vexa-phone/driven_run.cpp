@@ -1,0 +1,79 @@
+#include "driven_run.h"
+
+#include <errno.h>
+#include <stdio.h>
+
+#include <chrono>
+#include <fstream>
+#include <iostream>
+#include <system_error>
+
+namespace {
+
+constexpr int STEPS_AT_ONCE = 64;
+constexpr int IDLE_MS = 10;
+
+script read_script(const std::string& name) {
+    if (name.empty()) return {};
+    if (name == "-") return script_parse(std::cin, "standard input");
+    std::ifstream in(name);
+    if (!in) throw std::system_error(errno, std::generic_category(), name);
+    return script_parse(in, name);
+}
+
+FILE* open_transcript(const std::string& name) {
+    if (name.empty()) return nullptr;
+    if (name == "-") return stdout;
+    FILE* file = fopen(name.c_str(), "we");
+    if (!file) throw std::system_error(errno, std::generic_category(), name);
+    return file;
+}
+
+}  // namespace
+
+driven_run::driven_run(const std::string& dir, const driven_options& options)
+    : transcript_(open_transcript(options.transcript)),
+      conductor_(dir, options.start, options.shuffle_seed),
+      player_(
+          dir, read_script(options.script),
+          [this](const std::string& text) {
+              if (transcript_) (void)fwrite(text.data(), 1, text.size(), transcript_);
+          },
+          [this](int signo) {
+              if (send_signal_) send_signal_(signo);
+          }) {
+    player_.follow(&conductor_);
+    // What stands at the script's beginning is there before the daemon is.
+    while (player_.serve()) {
+    }
+}
+
+driven_run::~driven_run() {
+    if (transcript_ && transcript_ != stdout) (void)fclose(transcript_);
+}
+
+void driven_run::begin(pid_t pid, std::function<void(int)> send_signal) {
+    send_signal_ = std::move(send_signal);
+    conductor_.add_process(pid);
+}
+
+int driven_run::work() {
+    for (int i = 0; i < STEPS_AT_ONCE; ++i) {
+        switch (conductor_.step(&player_)) {
+            case conductor::progress::MOVED:
+                break;
+            case conductor::progress::BUSY:
+                conductor_.wait_for_moves();
+                break;
+            case conductor::progress::STALLED:
+                return IDLE_MS;
+        }
+    }
+    return 0;
+}
+
+void driven_run::end() {
+    if (getenv("VEXA_DRIVEN_STEPS")) fprintf(stderr, "%llu steps\n", (unsigned long long)conductor_.steps());
+    player_.snapshot();
+    if (transcript_) (void)fflush(transcript_);
+}

@@ -1,0 +1,34 @@
+// A run in driven time: the conductor, the script and the modem beside the daemon.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "conductor/player.h"
+#include "run.h"
+
+struct driven_options {
+    clock_spec start{};
+    std::optional<uint64_t> shuffle_seed{};
+    std::string script;      // file; "-": standard input; empty: none
+    std::string transcript;  // file that snapshots go to; "-": standard output; empty: none
+};
+
+class driven_run : public phone_companion {
+  public:
+    // Throws std::exception.
+    driven_run(const std::string& dir, const driven_options& options);
+    ~driven_run() override;
+
+    void begin(pid_t pid, std::function<void(int)> send_signal) override;
+    int work() override;
+
+    // The last snapshot. Throws std::exception.
+    void end();
+
+  private:
+    std::function<void(int)> send_signal_;
+    FILE* transcript_ = nullptr;
+    conductor conductor_;
+    script_player player_;
+};
