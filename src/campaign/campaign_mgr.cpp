@@ -4,25 +4,24 @@
 
 #include <errno.h>
 #include <signal.h>
-#include <string.h>
 #include <sys/signalfd.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 
 #include "base/unique_handle.h"
-#include "campaign/campaign_state.h"
+#include "campaign/campaign_activity.h"
+#include "campaign/campaign_storage.h"
+#include "campaign/campaign_switch.h"
+#include "campaign/campaign_table.h"
 #include "campaign/cdf_delivery.h"
 #include "campaign/control_socket.h"
 #include "framework/time/clock.h"
 #include "framework/time/wait.h"
 #include "framework/time/wait_dir.h"
+#include "mps_events/mps_campaign_board.h"
 #include "platform/log.h"
 
 namespace {
-
-constexpr char DOWNLOAD_DIR[] = "/data/vendor/vexa/down/101";
 
 constexpr int64_t RETRY_MS = 30000;
 constexpr int64_t NEVER = INT64_MAX;
@@ -40,8 +39,8 @@ struct manager {
     int64_t watch_again_at_ms = NEVER;
 };
 
-// A pass of the service loop ends to begin afresh, or with the thread.
-enum class pass_end { AGAIN, STOPPED };
+// What follows a pass: another one, or the thread's end.
+enum class next_pass { AGAIN, END };
 
 // SIGUSR1 stays pending until the end: its descriptor, once readable, ends every wait. Returns
 // false, logged, when it cannot be had.
@@ -63,19 +62,15 @@ bool open_signal(manager* self) {
     return true;
 }
 
-void make_storage_dir() {
-    if (mkdir(CAMPAIGN_DIR, 0700) == 0 || errno == EEXIST) return;
-    ALOGE("failed to create %s. err:%d\n", CAMPAIGN_DIR, errno);
-}
-
-void clear_state() {
-    const vexa_lock lock(g_campaign.lock);
-    g_campaign.state = {};
+// For the modem statistics collector, in its thread.
+void write_mps_board(mps_campaign_board* board) {
+    campaign_mgr_get_campaign(CAMPAIGN_MPS_MODULE, &board->logic, &board->campaign_id);
+    (void)campaign_mgr_get_ph_info(&board->phone);
 }
 
 // Sleeps before the next pass, so that what fails at once does not fail without end.
-pass_end retry_later(const manager& self) {
-    return vexastats_sleep_ms(RETRY_MS, self.stop) ? pass_end::AGAIN : pass_end::STOPPED;
+next_pass retry_later(const manager& self) {
+    return vexastats_sleep_ms(RETRY_MS, self.stop) ? next_pass::AGAIN : next_pass::END;
 }
 
 int64_t now_ms() {
@@ -101,7 +96,7 @@ int wait_for_news(const manager& self, pollfd (&fds)[POLL_FDS]) {
     return vexastats_poll(fds, POLL_FDS, timeout_ms, NEVER_STOPPED);
 }
 
-pass_end serve(manager* self) {
+next_pass serve(manager* self) {
     bool is_quiet = false;  // the last wake-up was a client's, and not worth a word
     for (;;) {
         pollfd fds[POLL_FDS];
@@ -123,14 +118,14 @@ pass_end serve(manager* self) {
         const bool was_told = control_socket_act(&self->control);
         if (fds[SIGNAL].revents & (POLLIN | POLLERR | POLLHUP)) {
             ALOGI("Recieved Event %d \n", fds[SIGNAL].revents);
-            return pass_end::STOPPED;
+            return next_pass::END;
         }
         if (check_is_due || was_told || fds[CDF].revents != 0) schedule_check(self);
-        if (news == cdf_news::WATCH_OVER || watch_is_due) return pass_end::AGAIN;
+        if (news == cdf_news::WATCH_OVER || watch_is_due) return next_pass::AGAIN;
     }
 }
 
-pass_end service_pass(manager* self) {
+next_pass service_pass(manager* self) {
     if (!self->control.listener) {
         const int error = control_socket_open(&self->control.listener);
         if (error != 0) {
@@ -150,15 +145,16 @@ void* campaign_mgr_main(void*) {
     ALOGI("Campaign Manager Main Thread\n");
     manager self;
     if (!open_signal(&self)) return nullptr;
-    vexastats_wait_dir_ready(DOWNLOAD_DIR, &self.stop);
-    make_storage_dir();
-    clear_state();
+    vexastats_wait_dir_ready(CDF_DIR, &self.stop);
+    campaign_storage_make_dir();
+    campaign_table_clear();
+    mps_board_written_by(write_mps_board);
     campaign_mgr_load_campaigns_from_storage();
     cdf_finish_interrupted(self.stop);
     ALOGI("Waiting Thread\n");
     schedule_check(&self);
 
-    while (service_pass(&self) == pass_end::AGAIN) {
+    while (service_pass(&self) == next_pass::AGAIN) {
     }
     control_socket_end(&self.control);
     ALOGI("Waiting Thread Done\n");

@@ -7,6 +7,8 @@
 
 #include <tuple>
 
+#include "campaign/campaign_activity.h"
+#include "campaign/campaign_switch.h"
 #include "mps_events/mps_events.h"
 #include "support/log.h"
 

@@ -9,7 +9,6 @@
 #include <atomic>
 
 #include "base/text_file.h"
-#include "campaign/campaign_mgr.h"
 #include "collectors/mps/mps_campaign_desc.h"
 #include "collectors/mps/mps_data.h"
 #include "collectors/mps/mps_kbr.h"
@@ -18,6 +17,7 @@
 #include "framework/row/optout.h"
 #include "framework/time/clock.h"
 #include "framework/time/wait_dir.h"
+#include "mps_events/mps_campaign_board.h"
 #include "mps_events/mps_events.h"
 #include "platform/log.h"
 
@@ -172,21 +172,18 @@ void serve_send_complete(mps_collector* c) {
 }
 
 void begin_campaign(mps_collector* c) {
-    MpsCampaign campaign;
-    phone_state phone;
     c->restart_due = false;
-    owned_bytes logic;
-    uint32_t campaign_id = 0;
-    campaign_mgr_get_campaign(CAMPAIGN_MPS_MODULE, &logic, &campaign_id);
-    (void)campaign_mgr_get_ph_info(&phone);
-    if (!logic.bytes || phone.default_sub == CAMPAIGN_INVALID_SUB) {
+    const mps_campaign_board board = mps_board_read();
+    const uint32_t subscription_id = board.phone.default_sub;
+    if (!board.logic.bytes || subscription_id == CAMPAIGN_INVALID_SUB) {
         ALOGE("CL data not injected 0x%x KBR Init State %s Default Sub id = %d",
-              static_cast<unsigned>(logic.length), c->service_ready ? "TRUE" : "FALSE",
-              static_cast<int>(phone.default_sub));
+              static_cast<unsigned>(board.logic.length), c->service_ready ? "TRUE" : "FALSE",
+              static_cast<int>(subscription_id));
         return;
     }
-    if (start_collection(*c, logic, phone.default_sub, &campaign)) {
-        note_collection(c, campaign, campaign_id);
+    MpsCampaign campaign;
+    if (start_collection(*c, board.logic, subscription_id, &campaign)) {
+        note_collection(c, campaign, board.campaign_id);
     }
 }
 

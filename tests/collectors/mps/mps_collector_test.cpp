@@ -8,9 +8,9 @@
 
 #include <algorithm>
 
-#include "campaign/campaign_mgr.h"
 #include "collectors/mps/mps_data.h"
 #include "collectors/mps/mps_timers.h"
+#include "mps_events/mps_campaign_board.h"
 #include "mps_events/mps_events.h"
 #include "support/files.h"
 #include "support/gzip.h"
@@ -23,25 +23,20 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 
 namespace {
-std::string g_logic;  // of the campaign that there is
-}
-
-// In place of the campaign manager's.
-void campaign_mgr_get_campaign(uint32_t, owned_bytes* logic, uint32_t* campaign_id) {
-    *campaign_id = 333;
-    *logic = spec_of(g_logic.size());
-    std::copy(g_logic.begin(), g_logic.end(), logic->bytes.get());
-}
-bool campaign_mgr_get_ph_info(phone_state* out) {
-    *out = {.default_sub = 1};
-    return true;
-}
-
-namespace {
 
 constexpr char UP_DIR[] = "/data/vendor/vexa/up/6";
 constexpr char DOWN_DIR[] = "/data/vendor/vexa/down/6";
 const std::string DATA_DIR = "/mnt/vendor/persist/hlos_rfs/shared/vexa/";
+
+std::string g_logic;  // of the campaign that there is
+
+// In place of the campaign manager.
+void write_board(mps_campaign_board* board) {
+    board->campaign_id = 333;
+    board->phone.default_sub = 1;
+    board->logic = spec_of(g_logic.size());
+    std::copy(g_logic.begin(), g_logic.end(), board->logic.bytes.get());
+}
 
 // Fetch interval as a varint, LL delay 20 s, an LLL spec of one byte.
 std::string logic(const char* fetch_s) {
@@ -61,6 +56,7 @@ class MpsCollector : public ::testing::Test {
         ASSERT_EQ(stop_flag_open(&row.stop), 0);
         row.enabled = 1;
         g_logic = logic("d804");
+        mps_board_written_by(write_board);
     }
     void TearDown() override {
         stop_flag_raise(&row.stop);
