@@ -52,7 +52,6 @@ class MpsCollector : public ::testing::Test {
         }
         platform_test_set_clock(platform_test_clock::MANUAL);
         mps_clear_event(UINT32_MAX);
-        mps_clear_timer_expired(UINT32_MAX);
         ASSERT_EQ(stop_flag_open(&row.stop), 0);
         row.enabled = 1;
         g_logic = logic("d804");
@@ -69,6 +68,7 @@ class MpsCollector : public ::testing::Test {
     }
     void answer() {
         modem.answer([this](const std::string& request) {
+            if (request[3] == refused) return response_to(request, hex_bytes("02 0400 0100 0300"));
             if (request[3] != silent_to) return response_to(request);
             asked = true;
             asked.notify_all();
@@ -122,7 +122,7 @@ class MpsCollector : public ::testing::Test {
 
     collector_info row{.name = "mps", .up_dir = UP_DIR, .down_dir = DOWN_DIR};
     kbr_service modem{"vexa"};
-    std::atomic<char> silent_to{0};
+    std::atomic<char> silent_to{0}, refused{0};
     std::atomic<bool> asked{false};  // what it is silent to
     std::thread thread;
 };
@@ -145,9 +145,15 @@ TEST_F(MpsCollector, TimersAskForDataAndResumeLllUntilAStopInACall) {
     answer();
     g_logic = logic("ab02");  // 299 s: under the floor
     raise(MPS_EVENT_CAMPAIGN_START);
-    raise(MPS_EVENT_SEND_COMPLETE);
+    refused = 9;
+    EXPECT_EQ(raise(MPS_EVENT_SEND_COMPLETE), "9");
+    platform_test_advance_ms(20000);
+    settle();
+    EXPECT_EQ(requests(), "") << "a refused LLL stop is no pause";
+    refused = 0;
+    EXPECT_EQ(raise(MPS_EVENT_SEND_COMPLETE), "9");
     EXPECT_EQ(pass_s(20), ":");
-    EXPECT_EQ(pass_s(280), "7");
+    EXPECT_EQ(pass_s(260), "7");
     g_logic = logic("d804");
     raise(MPS_EVENT_CAMPAIGN_START);
     platform_test_advance_ms(599999);
