@@ -86,42 +86,58 @@ void schedule_check(manager* self) {
 enum poll_place { CDF, SIGNAL, CONTROL, POLL_FDS = CONTROL + CONTROL_POLL_FDS };
 static_assert(POLL_FDS <= VEXASTATS_POLL_MAX_FDS);
 
-// Waits for news, at most until something is due. Returns what the poll does.
-int wait_for_news(const manager& self, pollfd (&fds)[POLL_FDS]) {
-    fds[CDF] = {.fd = self.cdf.notifier.get(), .events = POLLIN, .revents = 0};
-    fds[SIGNAL] = {.fd = self.signal_fd.get(), .events = POLLIN, .revents = 0};
-    const int64_t control_at_ms = control_socket_watch(self.control, fds + CONTROL);
-    const int64_t due_ms = std::min({self.check_at_ms, self.watch_again_at_ms, control_at_ms});
+// What ended a wait.
+struct wake_up {
+    pollfd fds[POLL_FDS] = {};
+    int ready = 0;  // what the poll returned
+    bool check_is_due = false;
+    bool watch_is_due = false;
+    bool client_came = false;  // one that is worth a word
+
+    bool came(poll_place place) const { return fds[place].revents != 0; }
+    bool is_quiet() const {
+        return ready >= 0 && !check_is_due && !watch_is_due && !client_came && !came(CDF) &&
+               !came(SIGNAL);
+    }
+};
+
+// Waits until there are news or something is due, and takes what the clients have sent.
+wake_up wait_for_news(manager* self) {
+    wake_up news;
+    pollfd* fds = news.fds;
+    fds[CDF] = {.fd = self->cdf.notifier.get(), .events = POLLIN, .revents = 0};
+    fds[SIGNAL] = {.fd = self->signal_fd.get(), .events = POLLIN, .revents = 0};
+    const int64_t control_at_ms = control_socket_watch(self->control, fds + CONTROL);
+    const int64_t due_ms = std::min({self->check_at_ms, self->watch_again_at_ms, control_at_ms});
     const int64_t timeout_ms = due_ms == NEVER ? -1 : std::max<int64_t>(due_ms - now_ms(), 0);
-    return vexastats_poll(fds, POLL_FDS, timeout_ms, NEVER_STOPPED);
+    news.ready = vexastats_poll(fds, POLL_FDS, timeout_ms, NEVER_STOPPED);
+    news.check_is_due = now_ms() >= self->check_at_ms;
+    news.watch_is_due = now_ms() >= self->watch_again_at_ms;
+    const bool listener_ready = (fds[CONTROL + CONTROL_LISTENER].revents & POLLIN) != 0;
+    news.client_came = control_socket_receive(&self->control, listener_ready);
+    return news;
 }
 
 next_pass serve(manager* self) {
     bool is_quiet = false;  // the last wake-up was a client's, and not worth a word
     for (;;) {
-        pollfd fds[POLL_FDS];
         if (!is_quiet) ALOGI("%s:Going into poll\n", "campaign_mgr_main");
-        const int ready = wait_for_news(*self, fds);
-        const bool check_is_due = now_ms() >= self->check_at_ms;
-        const bool watch_is_due = now_ms() >= self->watch_again_at_ms;
-        const bool client_came =
-            control_socket_receive(&self->control, (fds[CONTROL].revents & POLLIN) != 0);
-        is_quiet = ready >= 0 && !check_is_due && !watch_is_due && !client_came &&
-                   fds[CDF].revents == 0 && fds[SIGNAL].revents == 0;
-        if (!is_quiet) ALOGI("%s:Coming out of poll %d\n", "campaign_mgr_main", ready);
-        if (ready < 0) return retry_later(*self);
-        if (check_is_due) campaign_check();
+        const wake_up news = wait_for_news(self);
+        is_quiet = news.is_quiet();
+        if (!is_quiet) ALOGI("%s:Coming out of poll %d\n", "campaign_mgr_main", news.ready);
+        if (news.ready < 0) return retry_later(*self);
+        if (news.check_is_due) campaign_check();  // hours and days end here, and expiries
 
-        cdf_news news = cdf_news::NONE;
-        if (fds[CDF].revents & POLLIN) news = cdf_read_events(&self->cdf, self->stop);
-        if (news == cdf_news::PROCESS) cdf_process(self->stop);
+        cdf_news file = cdf_news::NONE;
+        if (news.fds[CDF].revents & POLLIN) file = cdf_read_events(&self->cdf, self->stop);
+        if (file == cdf_news::PROCESS) cdf_process(self->stop);
         const bool was_told = control_socket_act(&self->control);
-        if (fds[SIGNAL].revents & (POLLIN | POLLERR | POLLHUP)) {
-            ALOGI("Recieved Event %d \n", fds[SIGNAL].revents);
+        if (news.fds[SIGNAL].revents & (POLLIN | POLLERR | POLLHUP)) {
+            ALOGI("Recieved Event %d \n", news.fds[SIGNAL].revents);
             return next_pass::END;
         }
-        if (check_is_due || was_told || fds[CDF].revents != 0) schedule_check(self);
-        if (news == cdf_news::WATCH_OVER || watch_is_due) return next_pass::AGAIN;
+        if (news.check_is_due || was_told || news.came(CDF)) schedule_check(self);
+        if (file == cdf_news::WATCH_OVER || news.watch_is_due) return next_pass::AGAIN;
     }
 }
 

@@ -21,7 +21,8 @@ void switch_off(CampaignEntry* entry, uint32_t module) {
     if (module == CAMPAIGN_MPS_MODULE) mps_campaign_event(MPS_EVENT_CAMPAIGN_STOP);
 }
 
-// A campaign stops here when its hour or day ends, its network or roaming change, or it expires.
+// A campaign stops here when its hour or day ends, its network changes, roaming begins or it
+// expires.
 void check_module(campaign_state* state, uint32_t module, time_t now) {
     unique_campaign& slot = state->table[module];
     if (!campaign_is_there(slot)) return;
