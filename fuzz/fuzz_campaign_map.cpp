@@ -1,8 +1,9 @@
 // A delivered campaign file, its campaigns judged by the rules.
 #include <cstdlib>
 
+#include "campaign/campaign_activity.h"
 #include "campaign/campaign_map.h"
-#include "campaign/campaign_rules.h"
+#include "campaign/campaign_switch.h"
 
 namespace {
 

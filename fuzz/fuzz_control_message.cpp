@@ -8,8 +8,7 @@
 #include <cstring>
 
 #include "base/unique_handle.h"
-#include "campaign/campaign_mgr.h"
-#include "campaign/campaign_state.h"
+#include "campaign/campaign_table.h"
 #include "campaign/control_message.h"
 
 namespace {

@@ -1,9 +1,11 @@
 #define LOG_TAG "vexastatsd"
 
+#include "campaign/campaign_activity.h"
+
 #include <algorithm>
 
-#include "campaign/campaign_rules.h"
-#include "campaign/local_time.h"
+#include "campaign/campaign_table.h"
+#include "campaign/campaign_time.h"
 #include "platform/log.h"
 
 namespace {
@@ -16,6 +18,7 @@ constexpr uint32_t FIRST_DAY_BIT = 24;
 constexpr uint32_t LAST_DAY_BIT = 30;
 constexpr uint32_t FIRST_SCHEDULED_MODULE = 1;  // module 0 is never scheduled
 constexpr int32_t PAST_TIMEOUT_S = 10;
+constexpr int64_t MS_PER_S = 1000;
 
 bool has_any(uint32_t mask, uint32_t first_bit, uint32_t last_bit) {
     return (mask & ((2u << last_bit) - (1u << first_bit))) != 0;
@@ -104,6 +107,28 @@ int32_t timeout_s(const nearest_activity& nearest) {
     return static_cast<int32_t>(nearest.at_s - nearest.now_s);
 }
 
+// Seconds until a check can come to another result than one at `now` by the clock alone: the
+// nearest expiry (0: it was met) or, where a campaign goes by the hour, the next full hour. -1
+// without a campaign.
+int64_t campaign_next_change_s(const campaign_table& table, time_t now) {
+    const tm local = local_time(now);
+    const int64_t into_hour_s = local.tm_min * 60 + local.tm_sec;
+    int64_t nearest_s = -1;
+    const auto consider_s = [&](int64_t in_s) {
+        nearest_s = nearest_s < 0 ? in_s : std::min(nearest_s, in_s);
+    };
+    for (uint32_t module = FIRST_SCHEDULED_MODULE; module < CAMPAIGN_MODULES; ++module) {
+        if (!campaign_is_there(table[module])) continue;
+        const CampaignEntry& entry = *table[module];
+        const auto now_s = static_cast<uint64_t>(now);
+        constexpr uint64_t FAR_S = uint64_t{1} << 32;
+        const uint64_t left_s = entry.expiryValue > now_s ? entry.expiryValue - now_s : 0;
+        consider_s(static_cast<int64_t>(std::min(left_s, FAR_S)));
+        if (entry.enablementType & CAMPAIGN_TIME_BASED) consider_s(SECONDS_AN_HOUR - into_hour_s);
+    }
+    return nearest_s;
+}
+
 }  // namespace
 
 uint32_t getHrsForNextDisablement(uint32_t time_slices, const tm& local) {
@@ -129,21 +154,17 @@ campaign_activity campaign_mgr_calc_activity_timer(const campaign_table& table, 
     return nearest.what;
 }
 
-int64_t campaign_next_change_s(const campaign_table& table, time_t now) {
-    const tm local = local_time(now);
-    const int64_t into_hour_s = local.tm_min * 60 + local.tm_sec;
-    int64_t nearest_s = -1;
-    const auto consider_s = [&](int64_t in_s) {
-        nearest_s = nearest_s < 0 ? in_s : std::min(nearest_s, in_s);
-    };
-    for (uint32_t module = FIRST_SCHEDULED_MODULE; module < CAMPAIGN_MODULES; ++module) {
-        if (!campaign_is_there(table[module])) continue;
-        const CampaignEntry& entry = *table[module];
-        const auto now_s = static_cast<uint64_t>(now);
-        constexpr uint64_t FAR_S = uint64_t{1} << 32;
-        const uint64_t left_s = entry.expiryValue > now_s ? entry.expiryValue - now_s : 0;
-        consider_s(static_cast<int64_t>(std::min(left_s, FAR_S)));
-        if (entry.enablementType & CAMPAIGN_TIME_BASED) consider_s(SECONDS_AN_HOUR - into_hour_s);
-    }
-    return nearest_s;
+int64_t campaign_take_timeout_ms() {
+    const time_t now = wall_clock_s();
+    const vexa_lock lock(g_campaign.lock);
+    int32_t* next_s = &g_campaign.state.next_activity_s;
+    const int32_t timeout_s = *next_s;
+    // A campaign that expires in the very second in which it came makes it 0. The check that
+    // follows does not compute it anew: from then on it is as for an expiry in the past.
+    if (timeout_s == 0) *next_s = PAST_TIMEOUT_S;
+    if (timeout_s != PAST_TIMEOUT_S) return int64_t{timeout_s} * MS_PER_S;
+    const int64_t change_s = campaign_next_change_s(g_campaign.state.table, now);
+    if (change_s < 0) return -1;
+    const int64_t rounds = (change_s + PAST_TIMEOUT_S - 1) / PAST_TIMEOUT_S;
+    return std::max<int64_t>(rounds, 1) * PAST_TIMEOUT_S * MS_PER_S;
 }

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 #include "base/replace_file.h"
 #include "campaign.pb.h"
@@ -22,9 +23,18 @@ constexpr char ENTRY_DECODE[] = "campaign_desciption_entry_decode_from_buffer";
 // most one, and not taken for a campaign's at the next start.
 constexpr char UNFINISHED_FILE[] = "/data/vendor/vexastats/101/unfinished";
 
-struct network_block {
-    uint32_t count = 0;
-    MccMncEnablementRecord records[CAMPAIGN_NETWORKS_MAX] = {};
+// A campaign that is being decoded.
+struct decoding {
+    uint32_t network_count = 0;
+    MccMncEnablementRecord networks[CAMPAIGN_NETWORKS_MAX] = {};
+    owned_bytes logic{};
+    campaign_refusal refusal = campaign_refusal::NONE;
+
+    // The first thing that is wrong counts. Returns false.
+    bool refuse(campaign_refusal why) {
+        if (refusal == campaign_refusal::NONE) refusal = why;
+        return false;
+    }
 };
 
 pb_callback_t decode_with(bool (*decode)(pb_istream_t*, const pb_field_t*, void**), void* arg) {
@@ -37,15 +47,16 @@ pb_callback_t decode_with(bool (*decode)(pb_istream_t*, const pb_field_t*, void*
 // ---- Callbacks: one element of a streamed field each
 
 bool campaign_mnc_list_decode(pb_istream_t* stream, const pb_field_t*, void** arg) {
-    auto* record = static_cast<MccMncEnablementRecord*>(*arg);
+    auto* campaign = static_cast<decoding*>(*arg);
+    MccMncEnablementRecord* record = &campaign->networks[campaign->network_count - 1];
     const uint32_t index = record->mncCount++;
     if (index >= CAMPAIGN_MNCS_MAX) {
         ALOGE("%s: Exceeded Max number of MNC PER MCC Enablements\n", __func__);
-        return false;
+        return campaign->refuse(campaign_refusal::TOO_MANY_MNCS);
     }
     if (!pb_decode_varint32(stream, &record->mnc[index])) {
         ALOGE("%s: failed ", __func__);
-        return false;
+        return campaign->refuse(campaign_refusal::DAMAGED);
     }
     return true;
 }
@@ -59,23 +70,19 @@ void log_networks(uint32_t index, const MccMncEnablementRecord& record) {
 }
 
 bool campaign_mcc_mnc_enablement_logic_decode(pb_istream_t* stream, const pb_field_t*, void** arg) {
-    auto* block = static_cast<network_block*>(*arg);
-    if (!block) {
-        ALOGE("%s: Submessage decode Failed Null pointer passed\n", __func__);
-        return false;
-    }
-    const uint32_t index = block->count++;
-    if (index >= CAMPAIGN_NETWORKS_MAX) {
+    auto* campaign = static_cast<decoding*>(*arg);
+    if (campaign->network_count >= CAMPAIGN_NETWORKS_MAX) {
         ALOGE("%s: Exceeded Max number of MCC MNC Enablements\n", __func__);
-        return false;
+        return campaign->refuse(campaign_refusal::TOO_MANY_NETWORKS);
     }
-    MccMncEnablementRecord* record = &block->records[index];
+    const uint32_t index = campaign->network_count++;
+    MccMncEnablementRecord* record = &campaign->networks[index];
     record->mncCount = 0;
     MccMncEnablement message = MccMncEnablement_init_zero;
-    message.mnc = decode_with(campaign_mnc_list_decode, record);
+    message.mnc = decode_with(campaign_mnc_list_decode, campaign);
     if (!pb_decode(stream, MccMncEnablement_fields, &message)) {
         ALOGE("%s: Submessage decode Failed\n", __func__);
-        return false;
+        return campaign->refuse(campaign_refusal::DAMAGED);
     }
     record->mcc = message.mcc;
     log_networks(index, *record);
@@ -84,27 +91,24 @@ bool campaign_mcc_mnc_enablement_logic_decode(pb_istream_t* stream, const pb_fie
 
 // Of a field that comes again the last one counts.
 bool campaign_logic_decode(pb_istream_t* stream, const pb_field_t*, void** arg) {
-    auto* logic = static_cast<owned_bytes*>(*arg);
-    if (!logic) {
-        ALOGE("%s: Null passed\n", __func__);
-        return false;
-    }
+    auto* campaign = static_cast<decoding*>(*arg);
+    owned_bytes* logic = &campaign->logic;
     const size_t length = stream->bytes_left;
     ALOGE("%s: campaign logic length %d\n", __func__, static_cast<int>(length));
     *logic = {};
     if (length > CAMPAIGN_LOGIC_MAX_BYTES) {
         ALOGE("%s: Too big campaign size\n", __func__);
-        return false;
+        return campaign->refuse(campaign_refusal::LOGIC_TOO_BIG);
     }
     if (length == 0) return true;
     logic->bytes.reset(static_cast<uint8_t*>(malloc(length)));
     if (!logic->bytes) {
         ALOGE("%s: Could not malloc buffer to  hold campaign\n", __func__);
-        return false;
+        return campaign->refuse(campaign_refusal::NO_MEMORY);
     }
     if (!pb_read(stream, logic->bytes.get(), length)) {
         ALOGE("%s: Could not read from proto buf for logic\n", __func__);
-        return false;
+        return campaign->refuse(campaign_refusal::DAMAGED);
     }
     logic->length = length;
     return true;
@@ -112,18 +116,21 @@ bool campaign_logic_decode(pb_istream_t* stream, const pb_field_t*, void** arg) 
 
 // ---- The steps of decoding one campaign
 
-// `networks` may be null: they are skipped then.
-bool decode_message(const uint8_t* buffer, size_t length, network_block* networks,
-                    owned_bytes* logic, CampaignDescriptionEntry* message) {
+enum class network_fields { DECODED, SKIPPED };
+
+// A failure is not logged here, what is wrong with a field is.
+bool decode_message(const uint8_t* buffer, size_t length, network_fields networks,
+                    decoding* campaign, CampaignDescriptionEntry* message) {
     *message = CampaignDescriptionEntry_init_zero;
     CampaignEnablementAndLogic* inner = &message->enablementAndLogic;
-    if (networks) {
+    if (networks == network_fields::DECODED) {
         inner->enablement.mccMncEnablement =
-            decode_with(campaign_mcc_mnc_enablement_logic_decode, networks);
+            decode_with(campaign_mcc_mnc_enablement_logic_decode, campaign);
     }
-    inner->logic.logic = decode_with(campaign_logic_decode, logic);
+    inner->logic.logic = decode_with(campaign_logic_decode, campaign);
     pb_istream_t stream = pb_istream_from_buffer(buffer, length);
-    return pb_decode(&stream, CampaignDescriptionEntry_fields, message);
+    return pb_decode(&stream, CampaignDescriptionEntry_fields, message) ||
+           campaign->refuse(campaign_refusal::DAMAGED);
 }
 
 campaign_path stored_path(const CampaignDescriptionEntry& message) {
@@ -144,36 +151,32 @@ bool claim_slot(unique_campaign* slot, const CampaignDescriptionEntry& message) 
     return *slot != nullptr;
 }
 
-bool keep_no_file(void*, uint32_t, const campaign_path&, const uint8_t*, size_t) {
-    return true;
-}
-
 bool keep_file(void*, uint32_t, const campaign_path& path, const uint8_t* bytes, size_t length) {
     return campaign_store(path, bytes, length);
 }
 
 // An expiry of another kind leaves an entry that has nothing but its id.
-bool fill_entry(CampaignEntry* entry, const CampaignDescriptionEntry& message,
-                const network_block& networks) {
+campaign_refusal fill_entry(CampaignEntry* entry, const CampaignDescriptionEntry& message,
+                            const decoding& campaign) {
     entry->campaignId = message.campaignId;
     if (message.expiry.ExpType != CAMPAIGN_EXPIRY_IS_UTC) {
         ALOGE("%s: Only UTC is supported for Expiry Time format %d type is not supported\n",
               ENTRY_DECODE, static_cast<int>(message.expiry.ExpType));
-        return false;
+        return campaign_refusal::EXPIRY_NOT_UTC;
     }
     const CampaignEnablementLogic& enablement = message.enablementAndLogic.enablement;
     entry->expiryValue = message.expiry.ExpValue;
     entry->enablementType = enablement.enablementType;
     entry->timeSlices = enablement.timeBasedEnablement.timeSlices;
-    entry->mccMncCount = networks.count;
-    if (networks.count == 0) return true;
+    entry->mccMncCount = campaign.network_count;
+    if (campaign.network_count == 0) return campaign_refusal::NONE;
     entry->mccMncList = campaign_network_list_new();
     if (!entry->mccMncList) {
         ALOGE("%s: Malloc failed for mcc mnc list\n", ENTRY_DECODE);
-        return false;
+        return campaign_refusal::NO_MEMORY;
     }
-    std::copy_n(networks.records, CAMPAIGN_NETWORKS_MAX, entry->mccMncList.get());
-    return true;
+    std::copy_n(campaign.networks, CAMPAIGN_NETWORKS_MAX, entry->mccMncList.get());
+    return campaign_refusal::NONE;
 }
 
 void log_campaign(const CampaignDescriptionEntry& message, size_t logic_length) {
@@ -217,27 +220,28 @@ bool campaign_store(const campaign_path& path, const uint8_t* bytes, size_t leng
     return false;
 }
 
-bool campaign_decode_entry(const uint8_t* buffer, size_t length, campaign_table* table,
-                           const campaign_keeper& keeper) {
-    network_block networks;
-    owned_bytes logic;
+campaign_refusal campaign_decode_entry(const uint8_t* buffer, size_t length, campaign_table* table,
+                                       const campaign_keeper& keeper) {
+    decoding campaign;
     CampaignDescriptionEntry message;
-    if (!decode_message(buffer, length, &networks, &logic, &message)) {
+    if (!decode_message(buffer, length, network_fields::DECODED, &campaign, &message)) {
         ALOGE("%s: Submessage decode Failed\n", ENTRY_DECODE);
-        return false;
+        return campaign.refusal;
     }
     const uint32_t module = message.moduleId;
     if (module >= CAMPAIGN_MODULES) {
         ALOGE("%s: Wrong Module Id passed %d\n", ENTRY_DECODE, static_cast<int>(module));
-        return false;
+        return campaign_refusal::WRONG_MODULE;
     }
     unique_campaign& slot = (*table)[module];
-    if (!claim_slot(&slot, message)) return false;
-    if (!keeper.keep(keeper.arg, module, stored_path(message), buffer, length)) return false;
+    if (!claim_slot(&slot, message)) return campaign_refusal::NO_MEMORY;
+    if (keeper.keep && !keeper.keep(keeper.arg, module, stored_path(message), buffer, length)) {
+        return campaign_refusal::NOT_KEPT;
+    }
     // The expiry is looked at only now, with the file written and the slot taken: deliberate.
-    if (!fill_entry(slot.get(), message, networks)) return false;
-    log_campaign(message, logic.length);
-    return true;
+    const campaign_refusal refusal = fill_entry(slot.get(), message, campaign);
+    if (refusal == campaign_refusal::NONE) log_campaign(message, campaign.logic.length);
+    return refusal;
 }
 
 bool campaign_desciption_entry_decode_from_buffer(const uint8_t* buffer, size_t length,
@@ -246,8 +250,8 @@ bool campaign_desciption_entry_decode_from_buffer(const uint8_t* buffer, size_t 
         ALOGE("Null pointer passed in function %s\n", ENTRY_DECODE);
         return false;
     }
-    return campaign_decode_entry(buffer, length, table,
-                                 {.keep = write ? keep_file : keep_no_file, .arg = nullptr});
+    const campaign_keeper keeper{.keep = write ? keep_file : nullptr, .arg = nullptr};
+    return campaign_decode_entry(buffer, length, table, keeper) == campaign_refusal::NONE;
 }
 
 bool get_campaign_logic_from_campaign_description(const uint8_t* buffer, size_t length,
@@ -257,11 +261,12 @@ bool get_campaign_logic_from_campaign_description(const uint8_t* buffer, size_t 
         return false;
     }
     *out = {};
+    decoding campaign;
     CampaignDescriptionEntry message;
-    if (!decode_message(buffer, length, nullptr, out, &message)) {
+    if (!decode_message(buffer, length, network_fields::SKIPPED, &campaign, &message)) {
         ALOGE("%s: Submessage decode Failed\n", __func__);
-        *out = {};
         return false;
     }
+    *out = std::move(campaign.logic);
     return true;
 }

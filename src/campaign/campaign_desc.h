@@ -71,16 +71,29 @@ inline campaign_path campaign_file_name(uint32_t module, const CampaignEntry& en
 // What becomes of the bytes of a campaign that was decoded.
 struct campaign_keeper {
     // Keeps them as the file `path`. Called once the campaign has its module's slot. Returns false,
-    // logged, to refuse the campaign.
+    // logged, to refuse the campaign. Null: no file is kept.
     bool (*keep)(void* arg, uint32_t module, const campaign_path& path, const uint8_t* bytes,
-                 size_t length);
+                 size_t length) = nullptr;
     void* arg = nullptr;
 };
 
-// Decodes one campaign as campaign_desciption_entry_decode_from_buffer does, and leaves its file to
-// the keeper. Arguments are not null. Thread: the table's owner.
-bool campaign_decode_entry(const uint8_t* buffer, size_t length, campaign_table* table,
-                           const campaign_keeper& keeper);
+// What is wrong with a campaign that is not accepted.
+enum class campaign_refusal : uint8_t {
+    NONE,
+    DAMAGED,  // no such message
+    TOO_MANY_NETWORKS,
+    TOO_MANY_MNCS,
+    LOGIC_TOO_BIG,
+    WRONG_MODULE,
+    EXPIRY_NOT_UTC,
+    NO_MEMORY,
+    NOT_KEPT,  // by the keeper
+};
+
+// Decodes one campaign as campaign_desciption_entry_decode_from_buffer does, leaves its file to the
+// keeper and says why it is refused. Arguments are not null. Thread: the table's owner.
+campaign_refusal campaign_decode_entry(const uint8_t* buffer, size_t length, campaign_table* table,
+                                       const campaign_keeper& keeper);
 
 // Writes a campaign's bytes as its file, which appears whole or not at all. Returns false on
 // failure. Logged. Thread: the manager's.

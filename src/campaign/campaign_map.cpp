@@ -121,10 +121,10 @@ bool campaign_description_map_entry_decode(pb_istream_t* stream, const pb_field_
         ALOGE("%s: Could not read from proto buf for campaign Descriptor\n", __func__);
         return false;
     }
-    const bool decoded = campaign_decode_entry(buffer.get(), length, target->table,
-                                               {.keep = keep_last, .arg = target});
+    const campaign_refusal refusal = campaign_decode_entry(buffer.get(), length, target->table,
+                                                           {.keep = keep_last, .arg = target});
     ++target->index;
-    return decoded;
+    return refusal == campaign_refusal::NONE;
 }
 
 }  // namespace

@@ -4,25 +4,24 @@
 
 #include <errno.h>
 #include <signal.h>
-#include <string.h>
 #include <sys/signalfd.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 
 #include "base/unique_handle.h"
-#include "campaign/campaign_state.h"
+#include "campaign/campaign_activity.h"
+#include "campaign/campaign_storage.h"
+#include "campaign/campaign_switch.h"
+#include "campaign/campaign_table.h"
 #include "campaign/cdf_delivery.h"
 #include "campaign/control_socket.h"
 #include "framework/time/clock.h"
 #include "framework/time/wait.h"
 #include "framework/time/wait_dir.h"
+#include "mps_events/mps_campaign_board.h"
 #include "platform/log.h"
 
 namespace {
-
-constexpr char DOWNLOAD_DIR[] = "/data/vendor/vexa/down/101";
 
 constexpr int64_t RETRY_MS = 30000;
 constexpr int64_t NEVER = INT64_MAX;
@@ -40,8 +39,8 @@ struct manager {
     int64_t watch_again_at_ms = NEVER;
 };
 
-// A pass of the service loop ends to begin afresh, or with the thread.
-enum class pass_end { AGAIN, STOPPED };
+// What follows a pass: another one, or the thread's end.
+enum class next_pass { AGAIN, END };
 
 // SIGUSR1 stays pending until the end: its descriptor, once readable, ends every wait. Returns
 // false, logged, when it cannot be had.
@@ -63,19 +62,15 @@ bool open_signal(manager* self) {
     return true;
 }
 
-void make_storage_dir() {
-    if (mkdir(CAMPAIGN_DIR, 0700) == 0 || errno == EEXIST) return;
-    ALOGE("failed to create %s. err:%d\n", CAMPAIGN_DIR, errno);
-}
-
-void clear_state() {
-    const vexa_lock lock(g_campaign.lock);
-    g_campaign.state = {};
+// For the modem statistics collector, in its thread.
+void write_mps_board(mps_campaign_board* board) {
+    campaign_mgr_get_campaign(CAMPAIGN_MPS_MODULE, &board->logic, &board->campaign_id);
+    (void)campaign_mgr_get_ph_info(&board->phone);
 }
 
 // Sleeps before the next pass, so that what fails at once does not fail without end.
-pass_end retry_later(const manager& self) {
-    return vexastats_sleep_ms(RETRY_MS, self.stop) ? pass_end::AGAIN : pass_end::STOPPED;
+next_pass retry_later(const manager& self) {
+    return vexastats_sleep_ms(RETRY_MS, self.stop) ? next_pass::AGAIN : next_pass::END;
 }
 
 int64_t now_ms() {
@@ -91,46 +86,62 @@ void schedule_check(manager* self) {
 enum poll_place { CDF, SIGNAL, CONTROL, POLL_FDS = CONTROL + CONTROL_POLL_FDS };
 static_assert(POLL_FDS <= VEXASTATS_POLL_MAX_FDS);
 
-// Waits for news, at most until something is due. Returns what the poll does.
-int wait_for_news(const manager& self, pollfd (&fds)[POLL_FDS]) {
-    fds[CDF] = {.fd = self.cdf.notifier.get(), .events = POLLIN, .revents = 0};
-    fds[SIGNAL] = {.fd = self.signal_fd.get(), .events = POLLIN, .revents = 0};
-    const int64_t control_at_ms = control_socket_watch(self.control, fds + CONTROL);
-    const int64_t due_ms = std::min({self.check_at_ms, self.watch_again_at_ms, control_at_ms});
+// What ended a wait.
+struct wake_up {
+    pollfd fds[POLL_FDS] = {};
+    int ready = 0;  // what the poll returned
+    bool check_is_due = false;
+    bool watch_is_due = false;
+    bool client_came = false;  // one that is worth a word
+
+    bool came(poll_place place) const { return fds[place].revents != 0; }
+    bool is_quiet() const {
+        return ready >= 0 && !check_is_due && !watch_is_due && !client_came && !came(CDF) &&
+               !came(SIGNAL);
+    }
+};
+
+// Waits until there are news or something is due, and takes what the clients have sent.
+wake_up wait_for_news(manager* self) {
+    wake_up news;
+    pollfd* fds = news.fds;
+    fds[CDF] = {.fd = self->cdf.notifier.get(), .events = POLLIN, .revents = 0};
+    fds[SIGNAL] = {.fd = self->signal_fd.get(), .events = POLLIN, .revents = 0};
+    const int64_t control_at_ms = control_socket_watch(self->control, fds + CONTROL);
+    const int64_t due_ms = std::min({self->check_at_ms, self->watch_again_at_ms, control_at_ms});
     const int64_t timeout_ms = due_ms == NEVER ? -1 : std::max<int64_t>(due_ms - now_ms(), 0);
-    return vexastats_poll(fds, POLL_FDS, timeout_ms, NEVER_STOPPED);
+    news.ready = vexastats_poll(fds, POLL_FDS, timeout_ms, NEVER_STOPPED);
+    news.check_is_due = now_ms() >= self->check_at_ms;
+    news.watch_is_due = now_ms() >= self->watch_again_at_ms;
+    const bool listener_ready = (fds[CONTROL + CONTROL_LISTENER].revents & POLLIN) != 0;
+    news.client_came = control_socket_receive(&self->control, listener_ready);
+    return news;
 }
 
-pass_end serve(manager* self) {
+next_pass serve(manager* self) {
     bool is_quiet = false;  // the last wake-up was a client's, and not worth a word
     for (;;) {
-        pollfd fds[POLL_FDS];
         if (!is_quiet) ALOGI("%s:Going into poll\n", "campaign_mgr_main");
-        const int ready = wait_for_news(*self, fds);
-        const bool check_is_due = now_ms() >= self->check_at_ms;
-        const bool watch_is_due = now_ms() >= self->watch_again_at_ms;
-        const bool client_came =
-            control_socket_receive(&self->control, (fds[CONTROL].revents & POLLIN) != 0);
-        is_quiet = ready >= 0 && !check_is_due && !watch_is_due && !client_came &&
-                   fds[CDF].revents == 0 && fds[SIGNAL].revents == 0;
-        if (!is_quiet) ALOGI("%s:Coming out of poll %d\n", "campaign_mgr_main", ready);
-        if (ready < 0) return retry_later(*self);
-        if (check_is_due) campaign_check();
+        const wake_up news = wait_for_news(self);
+        is_quiet = news.is_quiet();
+        if (!is_quiet) ALOGI("%s:Coming out of poll %d\n", "campaign_mgr_main", news.ready);
+        if (news.ready < 0) return retry_later(*self);
+        if (news.check_is_due) campaign_check();  // hours and days end here, and expiries
 
-        cdf_news news = cdf_news::NONE;
-        if (fds[CDF].revents & POLLIN) news = cdf_read_events(&self->cdf, self->stop);
-        if (news == cdf_news::PROCESS) cdf_process(self->stop);
+        cdf_news file = cdf_news::NONE;
+        if (news.fds[CDF].revents & POLLIN) file = cdf_read_events(&self->cdf, self->stop);
+        if (file == cdf_news::PROCESS) cdf_process(self->stop);
         const bool was_told = control_socket_act(&self->control);
-        if (fds[SIGNAL].revents & (POLLIN | POLLERR | POLLHUP)) {
-            ALOGI("Recieved Event %d \n", fds[SIGNAL].revents);
-            return pass_end::STOPPED;
+        if (news.fds[SIGNAL].revents & (POLLIN | POLLERR | POLLHUP)) {
+            ALOGI("Recieved Event %d \n", news.fds[SIGNAL].revents);
+            return next_pass::END;
         }
-        if (check_is_due || was_told || fds[CDF].revents != 0) schedule_check(self);
-        if (news == cdf_news::WATCH_OVER || watch_is_due) return pass_end::AGAIN;
+        if (news.check_is_due || was_told || news.came(CDF)) schedule_check(self);
+        if (file == cdf_news::WATCH_OVER || news.watch_is_due) return next_pass::AGAIN;
     }
 }
 
-pass_end service_pass(manager* self) {
+next_pass service_pass(manager* self) {
     if (!self->control.listener) {
         const int error = control_socket_open(&self->control.listener);
         if (error != 0) {
@@ -150,15 +161,16 @@ void* campaign_mgr_main(void*) {
     ALOGI("Campaign Manager Main Thread\n");
     manager self;
     if (!open_signal(&self)) return nullptr;
-    vexastats_wait_dir_ready(DOWNLOAD_DIR, &self.stop);
-    make_storage_dir();
-    clear_state();
+    vexastats_wait_dir_ready(CDF_DIR, &self.stop);
+    campaign_storage_make_dir();
+    campaign_table_clear();
+    mps_board_written_by(write_mps_board);
     campaign_mgr_load_campaigns_from_storage();
     cdf_finish_interrupted(self.stop);
     ALOGI("Waiting Thread\n");
     schedule_check(&self);
 
-    while (service_pass(&self) == pass_end::AGAIN) {
+    while (service_pass(&self) == next_pass::AGAIN) {
     }
     control_socket_end(&self.control);
     ALOGI("Waiting Thread Done\n");

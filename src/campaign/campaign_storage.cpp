@@ -1,23 +1,20 @@
 #define LOG_TAG "vexastatsd"
 
+#include "campaign/campaign_storage.h"
+
 #include <dirent.h>
 #include <errno.h>
 #include <limits.h>
 #include <stdio.h>
 #include <string.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include "base/unique_handle.h"
-#include "campaign/campaign_map.h"
-#include "campaign/campaign_state.h"
+#include "campaign/campaign_table.h"
 #include "framework/files/whole_file.h"
-#include "framework/time/wait.h"
 #include "platform/log.h"
 
 namespace {
-
-// Far more than seven modules' campaigns can fill.
-constexpr size_t CAMPAIGN_FILE_MAX_BYTES = 16 << 20;
 
 void load_stored_campaign(const char* name, campaign_table* table) {
     char path[PATH_MAX];
@@ -31,6 +28,11 @@ void load_stored_campaign(const char* name, campaign_table* table) {
 }
 
 }  // namespace
+
+void campaign_storage_make_dir() {
+    if (mkdir(CAMPAIGN_DIR, 0700) == 0 || errno == EEXIST) return;
+    ALOGE("failed to create %s. err:%d\n", CAMPAIGN_DIR, errno);
+}
 
 void campaign_mgr_load_campaigns_from_storage() {
     const unique_dir dir(opendir(CAMPAIGN_DIR));
@@ -47,20 +49,4 @@ void campaign_mgr_load_campaigns_from_storage() {
         }
     }
     updateCampaignTableAndAct(stored);
-}
-
-bool campaign_mgr_decode_and_notify(int fd, const char* path, const stop_flag& stop) {
-    owned_bytes file;
-    if (!vexastats_read_whole(fd, path, __func__, CAMPAIGN_FILE_MAX_BYTES, &file)) return true;
-    ALOGI("Successful Read %d of %d bytes from %s", static_cast<int>(file.length),
-          static_cast<int>(file.length), path);
-    const uint8_t* map = nullptr;
-    size_t map_length = 0;
-    if (!campaign_file_map(__func__, file.bytes.get(), file.length, &map, &map_length)) return true;
-    campaign_table decoded;
-    const bool is_whole = campaignDecode(map, map_length, &decoded, true, &stop);
-    if (!is_whole && !vexastats_sleep_ms(0, stop)) return false;
-    // Also after a failure: what came before it counts.
-    updateCampaignTableAndAct(decoded);
-    return true;
 }

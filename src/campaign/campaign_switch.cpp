@@ -1,4 +1,7 @@
-#include "campaign/campaign_rules.h"
+#include "campaign/campaign_switch.h"
+
+#include "campaign/campaign_table.h"
+#include "campaign/campaign_time.h"
 #include "mps_events/mps_events.h"
 
 namespace {
@@ -8,6 +11,7 @@ constexpr uint32_t FIRST_SWITCHED_MODULE = 1;  // module 0 is never switched
 void switch_on(CampaignEntry* entry, uint32_t module) {
     entry->running = 1;
     if (module != CAMPAIGN_MPS_MODULE) return;
+    // The modem may still collect for a daemon that was killed: that is flushed first.
     mps_campaign_event(MPS_EVENT_CAMPAIGN_STOP);
     mps_campaign_event(MPS_EVENT_CAMPAIGN_START);
 }
@@ -17,6 +21,8 @@ void switch_off(CampaignEntry* entry, uint32_t module) {
     if (module == CAMPAIGN_MPS_MODULE) mps_campaign_event(MPS_EVENT_CAMPAIGN_STOP);
 }
 
+// A campaign stops here when its hour or day ends, its network changes, roaming begins or it
+// expires.
 void check_module(campaign_state* state, uint32_t module, time_t now) {
     unique_campaign& slot = state->table[module];
     if (!campaign_is_there(slot)) return;
@@ -28,6 +34,12 @@ void check_module(campaign_state* state, uint32_t module, time_t now) {
 }
 
 }  // namespace
+
+void campaign_check() {
+    const time_t now = wall_clock_s();
+    const vexa_lock lock(g_campaign.lock);
+    campaign_mgr_check_for_camp_management(&g_campaign.state, now);
+}
 
 void campaign_mgr_check_for_camp_management(campaign_state* state, time_t now) {
     for (uint32_t module = FIRST_SWITCHED_MODULE; module < CAMPAIGN_MODULES; ++module) {

@@ -9,8 +9,10 @@
 #include <unistd.h>
 
 #include "base/open_file.h"
-#include "campaign/campaign_state.h"
+#include "campaign/campaign_map.h"
+#include "campaign/campaign_table.h"
 #include "framework/files/delivered_file.h"
+#include "framework/files/whole_file.h"
 #include "framework/time/wait.h"
 #include "framework/time/watch.h"
 #include "platform/log.h"
@@ -18,7 +20,6 @@
 namespace {
 
 constexpr char CALLER[] = "campaign_mgr_main";
-constexpr char DOWNLOAD_DIR[] = "/data/vendor/vexa/down/101";
 constexpr char CDF_NAME[] = "cdf.dat";
 constexpr char CDF_FILE[] = "/data/vendor/vexa/down/101/cdf.dat";
 
@@ -27,6 +28,7 @@ constexpr char CDF_FILE[] = "/data/vendor/vexa/down/101/cdf.dat";
 constexpr char DONE_FILE[] = "/data/vendor/vexastats/101/cdf.dat.done";
 
 constexpr off_t CDF_MAX_BYTES = off_t{1} << 20;
+constexpr size_t CAMPAIGN_FILE_MAX_BYTES = 16 << 20;  // of one that grows while it is read
 constexpr int64_t SETTLE_MS = 1000;  // in which a writer gets through with its file
 constexpr int SETTLE_ROUNDS_MAX = 10;
 
@@ -39,6 +41,25 @@ constexpr uint32_t CDF_EVENTS = IN_MODIFY | FILE_WENT;
 constexpr uint32_t WATCH_ENDED = IN_IGNORED | IN_UNMOUNT | IN_Q_OVERFLOW;
 
 // ---- Decoding and taking away
+
+// Decodes the campaign file that `fd` has open and takes over what could be decoded, also when not
+// all of it could. `path` is for the log. Returns false when `stop` came first: nothing is taken
+// over then, and the file must stay for the next start.
+bool campaign_mgr_decode_and_notify(int fd, const char* path, const stop_flag& stop) {
+    owned_bytes file;
+    if (!vexastats_read_whole(fd, path, __func__, CAMPAIGN_FILE_MAX_BYTES, &file)) return true;
+    ALOGI("Successful Read %d of %d bytes from %s", static_cast<int>(file.length),
+          static_cast<int>(file.length), path);
+    const uint8_t* map = nullptr;
+    size_t map_length = 0;
+    if (!campaign_file_map(__func__, file.bytes.get(), file.length, &map, &map_length)) return true;
+    campaign_table decoded;
+    const bool is_whole = campaignDecode(map, map_length, &decoded, true, &stop);
+    if (!is_whole && !vexastats_sleep_ms(0, stop)) return false;
+    // Also after a failure: what came before it counts.
+    updateCampaignTableAndAct(decoded);
+    return true;
+}
 
 // Decodes the campaign file that is there now. Returns its mark as it was before; one that cannot
 // be read, or that a stop kept from being decoded, has none.
@@ -102,7 +123,7 @@ bool watch_cdf(int notifier) {
 // Returns false, logged, when not all that is there can be watched.
 bool watch_directory_and_file(cdf_watch* watch, const stop_flag& stop) {
     const int notifier = watch->notifier.get();
-    watch->dir = inotify_add_watch(notifier, DOWNLOAD_DIR, FILE_CAME | WATCH_DIR_GONE | IN_ONLYDIR);
+    watch->dir = inotify_add_watch(notifier, CDF_DIR, FILE_CAME | WATCH_DIR_GONE | IN_ONLYDIR);
     if (watch->dir < 0) return watch_failed();
     struct stat file = {};
     if (lstat(CDF_FILE, &file) != 0) return true;
@@ -154,7 +175,7 @@ bool cdf_watch_begin(cdf_watch* watch, const stop_flag& stop) {
         ALOGE("%s: failed inotify_init. err:%d\n", CALLER, errno);
         return false;
     }
-    watch_way_to(watch->notifier.get(), DOWNLOAD_DIR, &watch->way);
+    watch_way_to(watch->notifier.get(), CDF_DIR, &watch->way);
     watch->complete = watch_directory_and_file(watch, stop);
     return true;
 }

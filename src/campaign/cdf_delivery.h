@@ -6,6 +6,9 @@
 #include "framework/time/stop.h"
 #include "framework/time/watch.h"
 
+// Where the download agent delivers it.
+inline constexpr char CDF_DIR[] = "/data/vendor/vexa/down/101";
+
 struct cdf_watch {
     unique_fd notifier{};
     watch_way way{};        // to the download directory

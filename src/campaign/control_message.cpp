@@ -5,7 +5,8 @@
 #include <errno.h>
 #include <sys/socket.h>
 
-#include "campaign/campaign_state.h"
+#include "campaign/campaign_switch.h"
+#include "campaign/campaign_table.h"
 #include "platform/log.h"
 
 namespace {

@@ -118,9 +118,11 @@ int64_t control_socket_watch(const control_server& server, pollfd* fds) {
     const int64_t now = now_ms();
     const bool rests = now < server.listen_from_ms;
     const bool may_accept = !rests && server.client_count < CONTROL_CLIENTS_MAX;
-    fds[0] = {.fd = may_accept ? server.listener.get() : -1, .events = POLLIN, .revents = 0};
+    const int listener = may_accept ? server.listener.get() : -1;
+    fds[CONTROL_LISTENER] = {.fd = listener, .events = POLLIN, .revents = 0};
     for (size_t i = 0; i < CONTROL_CLIENTS_MAX; ++i) {
-        fds[1 + i] = {.fd = server.clients[i].fd.get(), .events = POLLIN, .revents = 0};
+        const int client = server.clients[i].fd.get();
+        fds[CONTROL_FIRST_CLIENT + i] = {.fd = client, .events = POLLIN, .revents = 0};
     }
 
     int64_t due_ms = INT64_MAX;

@@ -42,7 +42,9 @@ struct control_server {
 };
 
 // The places of a server in a poll: its listener and its clients.
-inline constexpr size_t CONTROL_POLL_FDS = 1 + CONTROL_CLIENTS_MAX;
+inline constexpr size_t CONTROL_LISTENER = 0;
+inline constexpr size_t CONTROL_FIRST_CLIENT = 1;
+inline constexpr size_t CONTROL_POLL_FDS = CONTROL_FIRST_CLIENT + CONTROL_CLIENTS_MAX;
 
 // Binds and listens, in the place of an older socket, and gives the caller the descriptor in *out.
 // Returns 0, or a positive errno, logged.

@@ -12,7 +12,8 @@
 #include <thread>
 
 #include "campaign/campaign_mgr.h"
-#include "campaign/campaign_state.h"
+#include "campaign/campaign_switch.h"
+#include "campaign/campaign_table.h"
 #include "campaign/control_socket.h"
 #include "mps_events/mps_events.h"
 #include "platform_test.h"

@@ -7,6 +7,8 @@
 
 #include <tuple>
 
+#include "campaign/campaign_activity.h"
+#include "campaign/campaign_switch.h"
 #include "mps_events/mps_events.h"
 #include "support/log.h"
 
@@ -96,18 +98,23 @@ TEST_F(CampaignRules, EveryConditionHasToHold) {
     const time_t now = SUNDAY + at(9);
     const auto later_s = static_cast<uint64_t>(now) + 1;
     const phone_state home{.default_sub = 1};
-    const std::tuple<uint32_t, uint32_t, uint32_t, uint64_t, phone_state, bool> rows[] = {
-        {6, 0, 0, later_s, home, true},
-        {6, 0, 0, later_s - 1, home, false},
-        {6, 0, 0, later_s, {.default_sub = 1, .roaming = 2}, false},
-        {6, 0, 0, later_s, {}, false},
-        {1, 0, 0, later_s, {}, true},
-        {1, 2, 0, later_s, home, true},
-        {1, 3, SUN | hour(9), later_s, home, true}};
-    for (const auto& [module, type, slices, expiry_s, phone, may_run] : rows) {
+    using enum campaign_reason;
+    const std::tuple<uint32_t, uint32_t, uint32_t, uint64_t, phone_state, campaign_reason> rows[] =
+        {{6, 0, 0, later_s, home, MAY_RUN},
+         {6, 0, 0, later_s - 1, home, EXPIRED},
+         {6, 0, 0, later_s, {.default_sub = 1, .roaming = 2}, ROAMING},
+         {6, 0, 0, later_s, {}, NO_SUBSCRIPTION},
+         {1, 0, 0, later_s, {}, MAY_RUN},
+         {1, 2, 0, later_s, home, MAY_RUN},
+         {1, 2, 0, later_s, {}, UNKNOWN_NETWORK},
+         {1, 3, SUN | hour(9), later_s, home, MAY_RUN},
+         {1, 3, SUN | hour(8), later_s, {}, WRONG_HOUR},
+         {1, 3, MON | hour(9), later_s, {}, WRONG_DAY}};
+    for (const auto& [module, type, slices, expiry_s, phone, reason] : rows) {
         put(module, type, slices, expiry_s);
         state.phone = phone;
-        EXPECT_EQ(canCampaignBeEnabled(state, module, now), may_run) << log_text();
+        EXPECT_EQ(canCampaignBeEnabled(state, module, now), reason == MAY_RUN) << log_text();
+        EXPECT_EQ(campaign_judge(state, module, now).reason, reason) << log_text();
     }
     EXPECT_FALSE(canCampaignBeEnabled(state, 2, now));
     EXPECT_FALSE(canCampaignBeEnabled(state, 7, now));

@@ -82,6 +82,8 @@ TEST_F(CampaignTool, ExplainFollowsTheRules) {
         {inner + "enablement { enablementType: 1 timeBasedEnablement { timeSlices: 255 } } }",
          "it needs an hour and a week day"},
         {inner + "logic { logic: \"" + std::string(32769, 'x') + "\" } }", "Too big campaign size"},
+        {"campaignId: 1 moduleId: 7", "Wrong Module Id"},
+        {"campaignId: 1 moduleId: 1 expiry { ExpType: 1 }", "Only UTC is supported"},
         {EXPIRY + std::string("} entry { ") + EXPIRY, "campaign 2 is for the same module"},
     };
     for (const auto& [entry, warning] : rows) {

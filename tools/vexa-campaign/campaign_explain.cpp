@@ -8,7 +8,6 @@
 
 #include "campaign/campaign_rules.h"
 #include "campaign_words.h"
-#include "daemon_log.h"
 
 namespace {
 
@@ -20,7 +19,7 @@ constexpr time_t LAST_SHOWN_S = 253402300799;  // the end of the year 9999
 struct candidate {
     uint32_t module = 0;
     campaign_state phone;  // in one of the campaign's networks, if there is such a phone
-    std::string refusal;   // why the phone does not take it; empty: it does
+    campaign_refusal refusal = campaign_refusal::NONE;
 
     const CampaignEntry& entry() const { return *phone.table[module]; }
 };
@@ -32,14 +31,16 @@ struct period {
 
 candidate decode(const std::string& bytes) {
     candidate found;
-    daemon_log_clear();
-    const bool accepted = campaign_desciption_entry_decode_from_buffer(
-        reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), &found.phone.table, false);
-    if (!accepted) found.refusal = daemon_log_first_error();
+    found.refusal = campaign_decode_entry(reinterpret_cast<const uint8_t*>(bytes.data()),
+                                          bytes.size(), &found.phone.table, {});
     for (uint32_t module = 0; module < CAMPAIGN_MODULES; module++) {
         if (found.phone.table[module]) found.module = module;
     }
     return found;
+}
+
+bool is_in_network(const candidate& c) {
+    return campaign_judge_networks(c.entry(), c.phone.phone) == campaign_reason::MAY_RUN;
 }
 
 // Puts the phone into the first of the campaign's networks that the rules accept.
@@ -51,10 +52,10 @@ bool enter_a_network(candidate* c) {
         for (uint32_t j = 0; j < std::max(record.mncCount, 1u); j++) {
             c->phone.phone.mcc = static_cast<uint16_t>(record.mcc);
             c->phone.phone.mnc = static_cast<uint16_t>(record.mnc[j]);
-            if (isMccMncBasedEnabMetForCampaign(c->phone, c->module)) return true;
+            if (is_in_network(*c)) return true;
         }
     }
-    return isMccMncBasedEnabMetForCampaign(c->phone, c->module);
+    return is_in_network(*c);
 }
 
 std::vector<period> periods_of(const candidate& c, const explain_options& options) {
@@ -62,7 +63,7 @@ std::vector<period> periods_of(const candidate& c, const explain_options& option
     const time_t end = options.from + options.days * DAY_S;
     for (time_t at = options.from; at < end;) {
         time_t next = std::min(end, (at / STEP_S + 1) * STEP_S);
-        if (canCampaignBeEnabled(c.phone, c.module, at)) {
+        if (campaign_judge(c.phone, c.module, at).may_run()) {
             const uint64_t expiry_s = c.entry().expiryValue;
             if (static_cast<uint64_t>(next) > expiry_s) next = static_cast<time_t>(expiry_s);
             if (periods.empty() || periods.back().end != at) periods.push_back({at, at});
@@ -131,13 +132,13 @@ std::string campaign_explain(const std::vector<std::string>& entries,
         const candidate& c = candidates.back();
         // One that is refused can have taken its module's place before.
         if (c.phone.table[c.module]) last_of_module[c.module] = candidates.size();
-        if (!c.refusal.empty()) break;
+        if (c.refusal != campaign_refusal::NONE) break;
     }
     for (size_t i = 0; i < candidates.size(); i++) {
         candidate& c = candidates[i];
-        if (!c.refusal.empty()) {
+        if (c.refusal != campaign_refusal::NONE) {
             fmt::format_to(out, "\nCampaign {} of the file\n  warning: never runs, refused: {}\n",
-                           i + 1, c.refusal);
+                           i + 1, refusal_in_words(c.refusal));
             const size_t lost = entries.size() - candidates.size();
             if (lost > 0) fmt::format_to(out, "  warning: and with it the {} behind it\n", lost);
             continue;

@@ -12,6 +12,20 @@ constexpr int DAYS = 7;
 constexpr const char* DAY_NAMES[] = {"Sunday",   "Monday", "Tuesday", "Wednesday",
                                      "Thursday", "Friday", "Saturday"};
 
+// As the phone's log says it; in the order of campaign_refusal.
+constexpr const char* REFUSALS[] = {
+    "accepted",
+    "Submessage decode Failed",
+    "Exceeded Max number of MCC MNC Enablements",
+    "Exceeded Max number of MNC PER MCC Enablements",
+    "Too big campaign size",
+    "Wrong Module Id passed",
+    "Only UTC is supported for Expiry Time format",
+    "Malloc failed",
+    "Campaign Descriptor file create Failed",
+};
+static_assert(std::size(REFUSALS) == static_cast<size_t>(campaign_refusal::NOT_KEPT) + 1);
+
 struct run {
     int first = 0;
     int last = 0;
@@ -80,4 +94,8 @@ std::string local_time_in_words(time_t time) {
     char text[64] = "";
     strftime(text, sizeof text, "%a %Y-%m-%d %H:%M", &local);
     return text;
+}
+
+std::string refusal_in_words(campaign_refusal refusal) {
+    return REFUSALS[static_cast<size_t>(refusal)];
 }

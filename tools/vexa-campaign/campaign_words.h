@@ -14,3 +14,6 @@ std::string networks_in_words(const CampaignEntry& entry);
 
 // "Mon 2026-11-23 08:00" in the local time zone
 std::string local_time_in_words(time_t time);
+
+// "Too big campaign size"
+std::string refusal_in_words(campaign_refusal refusal);

@@ -14,6 +14,7 @@
 
 #include "campaign_explain.h"
 #include "campaign_text.h"
+#include "host/log_silence.h"
 #include "input/command_line.h"
 #include "input/printable_text.h"
 #include "phone_control.h"
@@ -59,6 +60,7 @@ time_t parse_time(const std::string& text) {
 void explain(const arguments& args) {
     if (!args.zone.empty()) setenv("TZ", args.zone.c_str(), 1);
     tzset();
+    host_log_silence();  // the daemon's decoder says in the phone's log what it finds
     const explain_options options{.from = parse_time(args.from), .days = args.days};
     fmt::print("{}", campaign_explain(campaign_file_split(args.file), options));
 }

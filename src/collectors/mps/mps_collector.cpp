@@ -9,7 +9,6 @@
 #include <atomic>
 
 #include "base/text_file.h"
-#include "campaign/campaign_mgr.h"
 #include "collectors/mps/mps_campaign_desc.h"
 #include "collectors/mps/mps_data.h"
 #include "collectors/mps/mps_kbr.h"
@@ -18,10 +17,14 @@
 #include "framework/row/optout.h"
 #include "framework/time/clock.h"
 #include "framework/time/wait_dir.h"
+#include "mps_events/mps_campaign_board.h"
 #include "mps_events/mps_events.h"
 #include "platform/log.h"
 
 namespace {
+
+// What follows a turn of the thread: another one, or its end.
+enum class next_turn { AGAIN, END };
 
 constexpr char MAIN[] = "mps_main";
 constexpr char STATS_DIR[] = "/data/vendor/vexastats/6";
@@ -72,7 +75,6 @@ bool start(mps_collector* c) {
     if (!c->row->enabled) return false;
     vexastats_wait_dir_ready(c->row->down_dir, &c->row->stop);
     if (c->stopped() || !open_record(c)) return false;
-    mps_kbr_register_ll_delay_timer(mps_start_ll_delay_timer);
     if (!start_service_thread(c)) return false;
     mps_timer_create(MPS_TIMER_LL_DELAY, c->row->stop);
     mps_timer_create(MPS_TIMER_FETCH, c->row->stop);
@@ -157,6 +159,18 @@ void serve_service_ready(mps_collector* c) {
     c->service_ready = true;
 }
 
+// The data of a flush, if there was one, have come.
+void end_flush(mps_collector* c) {
+    if (c->flush_pending) c->row->hdr.campaign_id = 0;  // the campaign is over
+    c->flush_pending = false;
+}
+
+// Interrupts the LLL collection until the LL delay timer resumes it.
+void pause_lll() {
+    if (!mps_kbr_is_lll_collected()) return;
+    if (mps_kbr_send_lll_stop_req()) (void)mps_start_ll_delay_timer();  // which logs its failure
+}
+
 void serve_send_complete(mps_collector* c) {
     ALOGI("%s: MPS_EVENT_SEND_COMPLETE\n", MAIN);
     mps_clear_event(MPS_EVENT_SEND_COMPLETE);
@@ -166,27 +180,23 @@ void serve_send_complete(mps_collector* c) {
         (void)mps_rfs_data_read(&c->collection);
     }
     if (c->stopped()) return;
-    (void)mps_kbr_send_lll_stop_req();
-    if (c->flush_pending) c->row->hdr.campaign_id = 0;  // the campaign is over
-    c->flush_pending = false;
+    pause_lll();
+    end_flush(c);
 }
 
 void begin_campaign(mps_collector* c) {
-    MpsCampaign campaign;
-    phone_state phone;
     c->restart_due = false;
-    owned_bytes logic;
-    uint32_t campaign_id = 0;
-    campaign_mgr_get_campaign(CAMPAIGN_MPS_MODULE, &logic, &campaign_id);
-    (void)campaign_mgr_get_ph_info(&phone);
-    if (!logic.bytes || phone.default_sub == CAMPAIGN_INVALID_SUB) {
+    const mps_campaign_board board = mps_board_read();
+    const uint32_t subscription_id = board.phone.default_sub;
+    if (!board.logic.bytes || subscription_id == CAMPAIGN_INVALID_SUB) {
         ALOGE("CL data not injected 0x%x KBR Init State %s Default Sub id = %d",
-              static_cast<unsigned>(logic.length), c->service_ready ? "TRUE" : "FALSE",
-              static_cast<int>(phone.default_sub));
+              static_cast<unsigned>(board.logic.length), c->service_ready ? "TRUE" : "FALSE",
+              static_cast<int>(subscription_id));
         return;
     }
-    if (start_collection(*c, logic, phone.default_sub, &campaign)) {
-        note_collection(c, campaign, campaign_id);
+    MpsCampaign campaign;
+    if (start_collection(*c, board.logic, subscription_id, &campaign)) {
+        note_collection(c, campaign, board.campaign_id);
     }
 }
 
@@ -285,36 +295,33 @@ void forget_requests(uint32_t events) {
 }
 
 // Serves stops, and removes what still comes of one. What else is raised stays until there is
-// consent. Returns false when the wait for that is to end without it.
-bool wait_opted_out(mps_collector* c) {
-    if (c->row->terminate) return false;
+// consent, which is waited for until the row is terminated.
+next_turn wait_opted_out(mps_collector* c) {
+    if (c->row->terminate) return next_turn::END;
     const uint32_t events = mps_events();
     if (events & MPS_EVENT_CAMPAIGN_STOP) serve_campaign_stop(c);
     if (events & MPS_EVENT_SEND_COMPLETE) {
         mps_clear_event(MPS_EVENT_SEND_COMPLETE);
         mps_rfs_data_discard();
-        if (c->flush_pending) c->row->hdr.campaign_id = 0;  // the campaign is over
-        c->flush_pending = false;
+        end_flush(c);
     }
     forget_requests(events);
     mps_wait_for_signal(c->row->stop);
-    return true;
+    return next_turn::AGAIN;
 }
 
-// One turn of the thread. Returns false when it has to end.
-bool run_turn(mps_collector* c) {
+next_turn run_turn(mps_collector* c) {
     if (consent_went.exchange(false) || (!c->row->enabled && !c->opted_out)) lose_consent(c);
-    if (c->stopped()) return false;
+    if (c->stopped()) return next_turn::END;
     if (!c->row->enabled) return wait_opted_out(c);
     if (c->opted_out) regain_consent(c);
     run_pass(c);
-    return true;
+    return next_turn::AGAIN;
 }
 
 // ---- End
 
-// The release makes what the service thread may be in fail, and the client's last call may start a
-// timer.
+// The release makes what the service thread may be in fail.
 void end(mps_collector* c) {
     stop_flag_raise(&c->row->stop);
     if (c->has_service_thread) {
@@ -330,7 +337,7 @@ void end(mps_collector* c) {
 int mps_main(collector_info* collector) {
     mps_collector c{.row = collector, .collection = {.row = collector}};
     if (start(&c)) {
-        while (!c.stopped() && run_turn(&c)) {
+        while (!c.stopped() && run_turn(&c) == next_turn::AGAIN) {
         }
     }
     end(&c);

@@ -33,7 +33,6 @@ struct mps_client {
     uint32_t ll_delay_s GUARDED_BY(mutex) = 0;
     uint32_t data_sequence GUARDED_BY(mutex) = 1;  // never reset
     mps_kbr_callback callback GUARDED_BY(mutex) = nullptr;
-    mps_ll_delay_start start_ll_delay_timer GUARDED_BY(mutex) = nullptr;
     mps_service_revision revision GUARDED_BY(mutex){};
 };
 
@@ -199,13 +198,6 @@ int mps_kbr_send_start_req() {
     return 0;
 }
 
-// ---- LLL
-
-bool is_lll_collected() {
-    const vexa_lock held(the_client.mutex);
-    return the_client.collection_started && the_client.lll_present;
-}
-
 // ---- Indications
 
 template <class Indication>
@@ -245,11 +237,6 @@ int mps_kbr_init(const stop_flag& stop) {
 void mps_kbr_register_cb(mps_kbr_callback callback) {
     const vexa_lock held(the_client.mutex);
     the_client.callback = callback;
-}
-
-void mps_kbr_register_ll_delay_timer(mps_ll_delay_start start) {
-    const vexa_lock held(the_client.mutex);
-    the_client.start_ll_delay_timer = start;
 }
 
 int mps_kbr_get_service_rev(uint32_t* major, uint32_t* minor) {
@@ -346,27 +333,23 @@ int mps_kbr_fetch_results() {
     return result;
 }
 
+bool mps_kbr_is_lll_collected() {
+    const vexa_lock held(the_client.mutex);
+    return the_client.collection_started && the_client.lll_present;
+}
+
 bool mps_kbr_send_lll_start_req() {
-    if (!is_lll_collected()) return true;
+    if (!mps_kbr_is_lll_collected()) return true;
     const int result = send_empty_request(MPS_LLL_START);
     if (result != 0) ALOGE("%s: Failed to send LLL Start Msg. err = %d", __func__, result);
     return result == 0;
 }
 
 bool mps_kbr_send_lll_stop_req() {
-    if (!is_lll_collected()) return true;
+    if (!mps_kbr_is_lll_collected()) return true;
     const int result = send_empty_request(MPS_LLL_STOP);
-    if (result != 0) {
-        ALOGE("%s: Failed to send LLL Stop Msg. err = %d", __func__, result);
-        return false;
-    }
-    mps_ll_delay_start start_ll_delay_timer = nullptr;
-    {
-        const vexa_lock held(the_client.mutex);
-        start_ll_delay_timer = the_client.start_ll_delay_timer;
-    }
-    if (start_ll_delay_timer) (void)start_ll_delay_timer();  // which logs its own failure
-    return true;
+    if (result != 0) ALOGE("%s: Failed to send LLL Stop Msg. err = %d", __func__, result);
+    return result == 0;
 }
 
 uint32_t mps_kbr_get_lll_delayt_timer_secs() {

@@ -19,9 +19,6 @@
 // Gets an event of mps_events/mps_events.h. Thread: the messaging library's.
 using mps_kbr_callback = void (*)(uint32_t event);
 
-// Arms the LL delay timer; false when it could not.
-using mps_ll_delay_start = bool (*)();
-
 struct mps_service_revision {
     uint32_t major = 0;
     uint32_t minor = 0;
@@ -33,9 +30,6 @@ int mps_kbr_init(const stop_flag& stop);
 
 // Who gets the events of the service's indications; null: nobody. Any thread.
 void mps_kbr_register_cb(mps_kbr_callback callback);
-
-// What a successful LLL stop calls; null: nothing. Any thread.
-void mps_kbr_register_ll_delay_timer(mps_ll_delay_start start);
 
 // Asks for the service's revision; a number that the modem leaves out is 0. Any thread.
 int mps_kbr_get_service_rev(uint32_t* major, uint32_t* minor);
@@ -59,6 +53,9 @@ int mps_kbr_stop_flush_bsi();
 
 // Has the modem hand over its results.
 int mps_kbr_fetch_results();
+
+// Whether a collection that has an LLL spec runs.
+bool mps_kbr_is_lll_collected();
 
 // Resume and interrupt the LLL collection. Without a collection that has an LLL spec they
 // send nothing and give true. Return whether nothing failed.

@@ -27,11 +27,13 @@ struct timer_state {
     uint64_t deadline_ms = 0;  // monotonic
 };
 
+// The timers of one run of the collector: nothing of it outlives mps_timers_end.
 struct timer_service {
     vexa_mutex mutex{};
     timer_state timers[2] GUARDED_BY(mutex) = {{.number = MPS_TIMER_FETCH},
                                                {.number = MPS_TIMER_LL_DELAY}};
-    unique_fd changed GUARDED_BY(mutex){};  // eventfd: a timer was started or stopped
+    uint32_t expired GUARDED_BY(mutex) = 0;  // timers that nobody has served yet
+    unique_fd changed GUARDED_BY(mutex){};   // eventfd: a timer was started or stopped
     pthread_t thread GUARDED_BY(mutex){};
     bool has_thread GUARDED_BY(mutex) = false;
 
@@ -43,13 +45,10 @@ struct timer_service {
 
 timer_service the_timers;
 
-vexa_mutex g_timer_lock;
-uint32_t g_timer_expired GUARDED_BY(g_timer_lock) = 0;
-
 void mps_set_timer_expired(uint32_t timer) {
     ALOGI("%s: Setting Timer expired %d", __func__, static_cast<int>(timer));
-    const vexa_lock held(g_timer_lock);
-    g_timer_expired |= timer;
+    const vexa_lock held(the_timers.mutex);
+    the_timers.expired |= timer;
 }
 
 // ---- The thread
@@ -151,6 +150,7 @@ void mps_timers_end() {
     (void)pthread_join(thread, nullptr);
     const vexa_lock held(the_timers.mutex);
     the_timers.changed.reset();
+    the_timers.expired = 0;
 }
 
 bool mps_start_ll_delay_timer() {
@@ -173,12 +173,12 @@ void mps_timer_cb(uint32_t value) {
 }
 
 uint32_t mps_timers_expired() {
-    const vexa_lock held(g_timer_lock);
-    return g_timer_expired;
+    const vexa_lock held(the_timers.mutex);
+    return the_timers.expired;
 }
 
 void mps_clear_timer_expired(uint32_t timers) {
     ALOGI("%s: Clearing Timer expired %d", __func__, static_cast<int>(timers));
-    const vexa_lock held(g_timer_lock);
-    g_timer_expired &= ~timers;
+    const vexa_lock held(the_timers.mutex);
+    the_timers.expired &= ~timers;
 }

@@ -23,7 +23,8 @@ bool mps_timer_exists(mps_timer timer);
 // taken back. Returns 0, or an errno for one that does not exist. Any thread.
 int mps_timer_set(mps_timer timer, uint32_t seconds);
 
-// Unmakes the timers and joins their thread, once `stop` is raised. Thread: the collector's.
+// Unmakes the timers, forgets their expiries and joins their thread, once `stop` is raised. Thread:
+// the collector's.
 void mps_timers_end();
 
 // Starts the LL delay timer for the campaign's LL delay, logged; a delay of 0 starts nothing, as

@@ -8,9 +8,9 @@
 
 #include <algorithm>
 
-#include "campaign/campaign_mgr.h"
 #include "collectors/mps/mps_data.h"
 #include "collectors/mps/mps_timers.h"
+#include "mps_events/mps_campaign_board.h"
 #include "mps_events/mps_events.h"
 #include "support/files.h"
 #include "support/gzip.h"
@@ -23,25 +23,20 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 
 namespace {
-std::string g_logic;  // of the campaign that there is
-}
-
-// In place of the campaign manager's.
-void campaign_mgr_get_campaign(uint32_t, owned_bytes* logic, uint32_t* campaign_id) {
-    *campaign_id = 333;
-    *logic = spec_of(g_logic.size());
-    std::copy(g_logic.begin(), g_logic.end(), logic->bytes.get());
-}
-bool campaign_mgr_get_ph_info(phone_state* out) {
-    *out = {.default_sub = 1};
-    return true;
-}
-
-namespace {
 
 constexpr char UP_DIR[] = "/data/vendor/vexa/up/6";
 constexpr char DOWN_DIR[] = "/data/vendor/vexa/down/6";
 const std::string DATA_DIR = "/mnt/vendor/persist/hlos_rfs/shared/vexa/";
+
+std::string g_logic;  // of the campaign that there is
+
+// In place of the campaign manager.
+void write_board(mps_campaign_board* board) {
+    board->campaign_id = 333;
+    board->phone.default_sub = 1;
+    board->logic = spec_of(g_logic.size());
+    std::copy(g_logic.begin(), g_logic.end(), board->logic.bytes.get());
+}
 
 // Fetch interval as a varint, LL delay 20 s, an LLL spec of one byte.
 std::string logic(const char* fetch_s) {
@@ -57,10 +52,10 @@ class MpsCollector : public ::testing::Test {
         }
         platform_test_set_clock(platform_test_clock::MANUAL);
         mps_clear_event(UINT32_MAX);
-        mps_clear_timer_expired(UINT32_MAX);
         ASSERT_EQ(stop_flag_open(&row.stop), 0);
         row.enabled = 1;
         g_logic = logic("d804");
+        mps_board_written_by(write_board);
     }
     void TearDown() override {
         stop_flag_raise(&row.stop);
@@ -73,6 +68,7 @@ class MpsCollector : public ::testing::Test {
     }
     void answer() {
         modem.answer([this](const std::string& request) {
+            if (request[3] == refused) return response_to(request, hex_bytes("02 0400 0100 0300"));
             if (request[3] != silent_to) return response_to(request);
             asked = true;
             asked.notify_all();
@@ -126,7 +122,7 @@ class MpsCollector : public ::testing::Test {
 
     collector_info row{.name = "mps", .up_dir = UP_DIR, .down_dir = DOWN_DIR};
     kbr_service modem{"vexa"};
-    std::atomic<char> silent_to{0};
+    std::atomic<char> silent_to{0}, refused{0};
     std::atomic<bool> asked{false};  // what it is silent to
     std::thread thread;
 };
@@ -149,9 +145,15 @@ TEST_F(MpsCollector, TimersAskForDataAndResumeLllUntilAStopInACall) {
     answer();
     g_logic = logic("ab02");  // 299 s: under the floor
     raise(MPS_EVENT_CAMPAIGN_START);
-    raise(MPS_EVENT_SEND_COMPLETE);
+    refused = 9;
+    EXPECT_EQ(raise(MPS_EVENT_SEND_COMPLETE), "9");
+    platform_test_advance_ms(20000);
+    settle();
+    EXPECT_EQ(requests(), "") << "a refused LLL stop is no pause";
+    refused = 0;
+    EXPECT_EQ(raise(MPS_EVENT_SEND_COMPLETE), "9");
     EXPECT_EQ(pass_s(20), ":");
-    EXPECT_EQ(pass_s(280), "7");
+    EXPECT_EQ(pass_s(260), "7");
     g_logic = logic("d804");
     raise(MPS_EVENT_CAMPAIGN_START);
     platform_test_advance_ms(599999);

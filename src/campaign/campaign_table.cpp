@@ -1,28 +1,19 @@
 #define LOG_TAG "vexastatsd"
 
-#include "campaign/campaign_state.h"
+#include "campaign/campaign_table.h"
 
 #include <string.h>
 #include <unistd.h>
 
-#include <algorithm>
-
-#include "campaign/campaign_mgr.h"
+#include "campaign/campaign_activity.h"
+#include "campaign/campaign_time.h"
 #include "framework/files/whole_file.h"
-#include "framework/time/clock.h"
 #include "mps_events/mps_events.h"
 #include "platform/log.h"
 
 campaign_shared g_campaign;
 
 namespace {
-
-constexpr uint64_t MS_PER_S = 1000;
-constexpr int32_t EXPIRY_MET_S = 10;
-
-time_t wall_clock_s() {
-    return static_cast<time_t>(vexastats_real_time_ms() / MS_PER_S);
-}
 
 // Stored files that a take-over leaves without a campaign.
 struct replaced_files {
@@ -118,25 +109,9 @@ void take_over(campaign_state* state, uint32_t module, const CampaignEntry& fres
 
 }  // namespace
 
-void campaign_check() {
-    const time_t now = wall_clock_s();
+void campaign_table_clear() {
     const vexa_lock lock(g_campaign.lock);
-    campaign_mgr_check_for_camp_management(&g_campaign.state, now);
-}
-
-int64_t campaign_take_timeout_ms() {
-    const time_t now = wall_clock_s();
-    const vexa_lock lock(g_campaign.lock);
-    int32_t* next_s = &g_campaign.state.next_activity_s;
-    const int32_t timeout_s = *next_s;
-    // A campaign that expires in the very second in which it came makes it 0. The check that
-    // follows does not compute it anew: from then on it is as for an expiry in the past.
-    if (timeout_s == 0) *next_s = EXPIRY_MET_S;
-    if (timeout_s != EXPIRY_MET_S) return int64_t{timeout_s} * static_cast<int64_t>(MS_PER_S);
-    const int64_t change_s = campaign_next_change_s(g_campaign.state.table, now);
-    if (change_s < 0) return -1;
-    const int64_t rounds = (change_s + EXPIRY_MET_S - 1) / EXPIRY_MET_S;
-    return std::max<int64_t>(rounds, 1) * EXPIRY_MET_S * static_cast<int64_t>(MS_PER_S);
+    g_campaign.state = {};
 }
 
 void updateCampaignTableAndAct(const campaign_table& fresh) {

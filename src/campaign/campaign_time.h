@@ -1,9 +1,14 @@
-// A moment in the local time zone, re-entrant.
+// Moments, as the rules use and log them.
 #pragma once
 
 #include <ctime>
 
+#include "framework/time/clock.h"
 #include "framework/time/local_time.h"
+
+inline time_t wall_clock_s() {
+    return static_cast<time_t>(vexastats_real_time_ms() / 1000);
+}
 
 inline tm local_time(time_t now) {
     tm local = {};
