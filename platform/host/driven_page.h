@@ -1,6 +1,6 @@
-// What a phone in driven time shares: its clocks, and of every thread whether it has the turn, waits
-// for it, or waits for something else. The page lies in the phone at /dev/driven/page. vexa-phone,
-// which conducts, maps it too; docs/platform.md tells how the two get on.
+// What a phone in driven time shares: its clocks, and of every thread whether it has the turn,
+// waits for it, or waits for something else. The page lies in the phone at /dev/driven/page.
+// vexa-phone, which conducts, maps it too; docs/platform.md tells how the two get on.
 #pragma once
 
 #include <atomic>

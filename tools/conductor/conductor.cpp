@@ -23,7 +23,8 @@ namespace {
 namespace fs = std::filesystem;
 
 // Looks before it sleeps: most threads run for less.
-constexpr int SPINS = 200;
+constexpr unsigned SPINS = 8;
+constexpr unsigned FALL_ASLEEP_US = 20;
 constexpr long SLEEP_NS = 1000000;
 
 [[noreturn]] void fail(const std::string& what) {
@@ -98,9 +99,8 @@ bool conductor::is_asleep(size_t index) {
     driven_slot& slot = page_->slots[index];
     if (views_[index].tid != slot.tid.load()) look_up(index);
     char text[512];
-    const ssize_t len = views_[index].stat
-                            ? pread(views_[index].stat.get(), text, sizeof text - 1, 0)
-                            : -1;
+    const ssize_t len =
+        views_[index].stat ? pread(views_[index].stat.get(), text, sizeof text - 1, 0) : -1;
     if (len <= 0) {
         slot.state.store(DRIVEN_FREE);
         views_[index].tid = 0;
@@ -134,14 +134,16 @@ bool conductor::is_turn_free() const {
 // was seen asleep stay so.
 bool conductor::settles() {
     if (!is_turn_free()) return false;
-    // The ones that end first: whoever joins one is woken as it goes.
-    for (const uint32_t state : {DRIVEN_ENDING, DRIVEN_WAITING}) {
-        for (size_t i = 0; i < DRIVEN_SLOTS; ++i) {
-            if (page_->slots[i].state.load() != state) continue;
-            falls_asleep_ = !is_asleep(i);
-            if (falls_asleep_) return false;
-        }
+    // The ones that end first: whoever joins one is woken as it goes. Who was found asleep stays so
+    // until somebody gets the turn.
+    for (; looked_at_ < 2 * DRIVEN_SLOTS; ++looked_at_) {
+        const size_t index = looked_at_ % DRIVEN_SLOTS;
+        const uint32_t wanted = looked_at_ < DRIVEN_SLOTS ? DRIVEN_ENDING : DRIVEN_WAITING;
+        if (page_->slots[index].state.load() != wanted) continue;
+        falls_asleep_ = !is_asleep(index);
+        if (falls_asleep_) return false;
     }
+    looked_at_ = 0;
     return true;
 }
 
@@ -191,9 +193,14 @@ conductor::progress conductor::step(conductor_guest* guest) {
     seen_moves_ = page_->moves.load();
     if (!settles()) return progress::BUSY;
     ++steps_;
-    static FILE* trace = getenv("VEXA_DRIVEN_TRACE") ? fopen(getenv("VEXA_DRIVEN_TRACE"), "w") : nullptr;
+    static FILE* trace =
+        getenv("VEXA_DRIVEN_TRACE") ? fopen(getenv("VEXA_DRIVEN_TRACE"), "w") : nullptr;
     std::string states;
-    if (trace) for (size_t i = 0; i < DRIVEN_SLOTS; ++i) { uint32_t s = page_->slots[i].state.load(); if (s) states += " " + std::to_string(i) + "FSWRUE"[s]; }
+    if (trace)
+        for (size_t i = 0; i < DRIVEN_SLOTS; ++i) {
+            uint32_t s = page_->slots[i].state.load();
+            if (s) states += " " + std::to_string(i) + "FSWRUE"[s];
+        }
     if (const auto ready = choose(DRIVEN_READY, 0)) {
         if (trace) fprintf(trace, "%ld ready %zu%s\n", boot_ns(), *ready, states.c_str());
         give_turn(*ready, DRIVEN_READY);
@@ -219,12 +226,11 @@ conductor::progress conductor::step(conductor_guest* guest) {
 void conductor::wait_for_moves() {
     if (falls_asleep_) {  // that takes no longer than the call which it is about to make
         falls_asleep_ = false;
-        sched_yield();
+        if (++impatience_ % SPINS == 0) usleep(FALL_ASLEEP_US);
         return;
     }
-    for (int i = 0; i < SPINS; ++i) {
+    for (unsigned i = 0; i < 100 * SPINS; ++i) {
         if (page_->moves.load() != seen_moves_) return;
-        sched_yield();
     }
     const timespec limit = {.tv_sec = 0, .tv_nsec = SLEEP_NS};
     (void)syscall(SYS_futex, &page_->moves, FUTEX_WAIT, seen_moves_, &limit, nullptr, 0);

@@ -65,7 +65,7 @@ class conductor {
     struct thread_view {
         unique_fd stat{};  // of the machine's /proc
         unique_fd alarm{};
-        int32_t tid = 0;   // as the phone counts it; 0: nobody is in the slot
+        int32_t tid = 0;  // as the phone counts it; 0: nobody is in the slot
     };
 
     bool is_turn_free() const;
@@ -83,6 +83,8 @@ class conductor {
     std::array<thread_view, DRIVEN_SLOTS> views_{};
     std::optional<std::mt19937_64> random_;
     uint32_t seen_moves_ = 0;
+    size_t looked_at_ = 0;       // slots, first those that end, then those that wait
+    unsigned impatience_ = 0;    // looks at somebody who was not asleep yet
     bool falls_asleep_ = false;  // somebody waits and was not asleep yet at the last look
     uint64_t steps_ = 0;
 };

@@ -77,8 +77,7 @@ int64_t script_player::first_ns(const script_line& line) const {
     const time_t now_s = clocks_->real_ns() / NS_PER_S;
     tm local = {};
     localtime_r(&now_s, &local);
-    const int64_t of_day =
-        ((local.tm_hour * 60 + local.tm_min) * 60 + local.tm_sec) * NS_PER_S;
+    const int64_t of_day = ((local.tm_hour * 60 + local.tm_min) * 60 + local.tm_sec) * NS_PER_S;
     return start + (line.time_ns - of_day % DAY_NS + DAY_NS) % DAY_NS;
 }
 

@@ -16,9 +16,9 @@ struct action_form {
 };
 
 constexpr action_form ACTIONS[] = {
-    {"write", 1, true},     {"deliver", 1, true},  {"remove", 1, false},   {"mkdir", 1, false},
-    {"optin", 1, false},    {"optout", 1, false},  {"modem", 0, true},     {"signal", 1, false},
-    {"property", 1, true}, {"tell", 0, true},  {"snapshot", 0, false},
+    {"write", 1, true},    {"deliver", 1, true}, {"remove", 1, false},   {"mkdir", 1, false},
+    {"optin", 1, false},   {"optout", 1, false}, {"modem", 0, true},     {"signal", 1, false},
+    {"property", 1, true}, {"tell", 0, true},    {"snapshot", 0, false},
 };
 
 std::optional<int64_t> parse_number(const char** at, const char* end) {
@@ -44,11 +44,16 @@ std::optional<int64_t> parse_clock(int64_t hours, const char** at, const char* e
 
 std::optional<int64_t> unit_ns(char unit) {
     switch (unit) {
-        case 's': return NS_PER_S;
-        case 'm': return 60 * NS_PER_S;
-        case 'h': return 3600 * NS_PER_S;
-        case 'd': return 86400 * NS_PER_S;
-        default: return {};
+        case 's':
+            return NS_PER_S;
+        case 'm':
+            return 60 * NS_PER_S;
+        case 'h':
+            return 3600 * NS_PER_S;
+        case 'd':
+            return 86400 * NS_PER_S;
+        default:
+            return {};
     }
 }
 

@@ -53,10 +53,11 @@ std::string log_text(const fs::path& path) {
         const char* payload = bytes.data() + at + sizeof header;
         const std::string tag = payload + 1;
         const char* message = payload + 2 + tag.size();
-        std::string text(message, strnlen(message, static_cast<size_t>(bytes.data() + end - message)));
+        std::string text(message,
+                         strnlen(message, static_cast<size_t>(bytes.data() + end - message)));
         if (text.ends_with('\n')) text.pop_back();
-        const auto [thread, is_new] =
-            threads.try_emplace(std::pair(int32_t{header.pid}, uint32_t{header.tid}), threads.size());
+        const auto [thread, is_new] = threads.try_emplace(
+            std::pair(int32_t{header.pid}, uint32_t{header.tid}), threads.size());
         if (is_new) texts.emplace_back();
         constexpr char LETTERS[] = "??VDIWEF";
         texts[thread->second] += time_text(header.sec, header.nsec) + " " +
