@@ -152,7 +152,6 @@ void sampling_apply_kernel_support(sampling_collector* c) {
 
 void sampling_end(sampling_collector* c) {
     stop_flag_raise(&c->row->stop);
-    vexastats_record_close(&c->record);
 }
 
 change_wait sampling_wait_change(const sampling_collector& c, bool bounded, watch_buffer* events) {

@@ -39,7 +39,6 @@ class log_capture {
         record_.handle.file = file_.stream();
         if (alog_log_start(&record_, &reader_) != 0) throw std::runtime_error("no reader");
     }
-    ~log_capture() { vexastats_record_close(&record_.handle); }
     log_capture(const log_capture&) = delete;
     log_capture& operator=(const log_capture&) = delete;
 

@@ -84,7 +84,6 @@ int bench_diag(long n) {
     diag_record record{.row = &row};
     record.handle.file = file.stream();
     run(&record, &packets, n, false);
-    vexastats_record_close(&record.handle);
     return 0;
 }
 

@@ -175,7 +175,7 @@ void store_dump(microdump_collector* c) {
     const size_t count = vexastats_write_file(&req);
     if (req.rolled_over) restart_upload_clock(c);
     if (count == req.len) {
-        (void)fsync(fileno(c->record.file));
+        (void)fsync(fileno(c->record.file.get()));
     } else {
         ALOGE("failed to write into microdump record file\n");
     }
@@ -287,6 +287,5 @@ int microdump_monitor(collector_info* row) {
 
     end_dump(&collector);
     stop_flag_raise(&row->stop);
-    vexastats_record_close(&collector.record);
     return 0;
 }

@@ -39,10 +39,6 @@ int compress_run(z_stream* stream, int flush, Take take) {
 // deflateInit2 with the upload format's settings. Returns Z_OK or the zlib error.
 int compress_begin(z_stream* stream);
 
-// Reads past a record's first line: at most 255 characters, as far as its newline.
-// Returns false when there is nothing to read.
-bool skip_first_line(FILE* record);
-
 // Deflates `in` from its position to its end into `out` (null: only counts) and adds the number of
 // compressed bytes to *count. Returns 0, -EINVAL, or the zlib error of the set-up; failures are
 // logged. Any thread.
