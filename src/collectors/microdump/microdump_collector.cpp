@@ -70,11 +70,7 @@ void load_params(microdump_collector* c) {
     vexastats_wait_dir_ready(c->row->down_dir, &c->row->stop);
     const dload_req request{.client_id = static_cast<int32_t>(c->row->hdr.client_id),
                             .version = "1.0",
-                            .key = "microdumpstats.cfg",
-                            .request_type = 1,
-                            .request_timer = 31536000,
-                            .conn_type = 1,
-                            .conn_timer = 360};
+                            .key = "microdumpstats.cfg"};
     if (vexastats_dload_req(&request) != 0) ALOGE("%s: dload request failed\n", MONITOR);
     if (vexastats_init_params(c->row) != 0) {
         ALOGE("microdump init_params failed. use default value\n");

@@ -10,6 +10,8 @@
 
 namespace {
 
+constexpr char WRITER[] = "vexastats_write_file";
+
 // What a file of that many record bytes is estimated to need in the upload.
 uint64_t estimated_len(const collector_info* row, uint64_t record_len) {
     return record_len * static_cast<uint64_t>(row->compress_ratio) / 1000;
@@ -27,10 +29,10 @@ full_test measure_whole_record(const write_req& req, uint64_t estimate) {
     size_t compressed = 0;
     if (vexastats_compress(stream, nullptr, &compressed) != 0) {
         ALOGE("failed to get compressed size\n");
-        (void)record_seek_to_end(stream, "vexastats_write_file");
+        (void)record_seek_to_end(stream, WRITER);
         return full_test::FAILED;
     }
-    if (record_seek_to_end(stream, "vexastats_write_file") < 0) return full_test::FAILED;
+    if (record_seek_to_end(stream, WRITER) < 0) return full_test::FAILED;
     return exceeds_size(req.row, compressed + estimate) ? full_test::FULL : full_test::FITS;
 }
 

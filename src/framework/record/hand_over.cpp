@@ -17,6 +17,8 @@
 
 namespace {
 
+constexpr char HAND_OVER[] = "move_to_dropbox";
+
 // The row's header with sequence number `number`.
 record_header numbered_header(collector_info* row, uint32_t number) {
     if (row->hdr.header_attr1 == 0) row->hdr.header_attr1 = 1;
@@ -93,13 +95,13 @@ bool name_finished(collector_info* row, record_names* names) {
 int hand_over(collector_info* row, size_t record_len) {
     const unique_file record = fopen_regular(row->rec_fname, RECORD_FILE_MAX);
     if (!record) {
-        ALOGE("%s: failed to open %s\n", "move_to_dropbox", row->rec_fname);
+        ALOGE("%s: failed to open %s\n", HAND_OVER, row->rec_fname);
         return -EINVAL;
     }
     char line[RECORD_LINE_SIZE];
     const auto data_at = static_cast<off_t>(record_read_line(record.get(), line));
     if (fseeko(record.get(), data_at, SEEK_SET) != 0) {
-        ALOGE("%s fseek failed. err:%d\n", "move_to_dropbox", errno);
+        ALOGE("%s fseek failed. err:%d\n", HAND_OVER, errno);
         return -EINVAL;
     }
 
@@ -107,7 +109,7 @@ int hand_over(collector_info* row, size_t record_len) {
     if (!name_finished(row, &names)) return -EINVAL;
     finished_file finished(names.finished);
     if (!finished.stream()) {
-        ALOGE("%s: failed to open %s\n", "move_to_dropbox", names.finished);
+        ALOGE("%s: failed to open %s\n", HAND_OVER, names.finished);
         return -EINVAL;
     }
     if (!write_upload(row, record.get(), record_len, finished.stream())) return -EINVAL;

@@ -20,6 +20,8 @@
 
 namespace {
 
+constexpr char WRITER[] = "vexastats_write_file";
+
 // Serialises every append and hand-over of all collectors.
 vexa_mutex g_record_lock;
 
@@ -121,7 +123,7 @@ void measure_appended(const write_req& req, unique_full_measure& measure) {
 size_t append(const write_req& req) {
     FILE* stream = req.handle->file.get();
     if (!stream) {  // the first line could not be rewritten
-        ALOGE("%s: failed to write file\n", "vexastats_write_file");
+        ALOGE("%s: failed to write file\n", WRITER);
         return 0;
     }
     const off_t pos = ftello(stream);  // its end: nothing has moved it from there
@@ -129,12 +131,12 @@ size_t append(const write_req& req) {
     size_t written = req.head_len > 0 ? fwrite(req.head, 1, req.head_len, stream) : 0;
     if (written == req.head_len) written += fwrite(req.data, 1, req.len, stream);
     if (written != req.head_len + req.len) {
-        ALOGE("%s: failed to write file\n", "vexastats_write_file");
+        ALOGE("%s: failed to write file\n", WRITER);
         cut_back(stream, pos);
         return written;
     }
     if (fflush(stream) != 0) {
-        ALOGE("%s: failed to flush. err:%d\n", "vexastats_write_file", errno);
+        ALOGE("%s: failed to flush. err:%d\n", WRITER, errno);
         cut_back(stream, pos);
         return 0;
     }
@@ -143,7 +145,7 @@ size_t append(const write_req& req) {
 }
 
 size_t write_locked(write_req* req, size_t len) {
-    const off_t pos = record_seek_to_end(req->handle->file.get(), "vexastats_write_file");
+    const off_t pos = record_seek_to_end(req->handle->file.get(), WRITER);
     if (pos < 0) return 0;
     if (len > 0 && !roll_over_if_full(req, pos)) return 0;
     const clock_reading now{vexastats_real_time_ms(), vexastats_uptime_ms()};

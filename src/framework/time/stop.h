@@ -7,7 +7,8 @@
 
 struct stop_flag {
     std::atomic<uint8_t> raised{0};
-    std::atomic<int> fd{-1};  // eventfd, readable for ever once raised; lives as long as the process
+    std::atomic<int> fd{
+        -1};  // eventfd, readable for ever once raised; lives as long as the process
 };
 
 // Makes the descriptor, once; a flag without one is still honoured by waits that begin later.
