@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "timed_campaign/timed_campaign.h"
+#include "timed_campaign/campaign_file.h"
 
 namespace {
 
@@ -15,7 +15,7 @@ void check(bool holds) {
 
 // What the daemon writes it must read again.
 void check_written_file(const char* kind, const campaign_line& line,
-                        const timed_campaign& campaign) {
+                        const campaign_state& campaign) {
     char text[CAMPAIGN_FILE_SIZE];
     const size_t len =
         campaign_file_format(text, "a_collector", kind, line.client_id, line.size_bytes, campaign);
@@ -40,7 +40,7 @@ void check_written_file(const char* kind, const campaign_line& line,
 
 void check_as(const char* kind, std::string_view text) {
     const std::string_view first = text.substr(0, text.find('\n'));
-    timed_campaign campaign;
+    campaign_state campaign;
     if (first.size() < text.size()) {
         (void)campaign_state_parse(text.substr(first.size() + 1), &campaign.id,
                                    &campaign.stop_time_s);

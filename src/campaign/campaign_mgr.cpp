@@ -58,7 +58,7 @@ bool open_signal(manager* self) {
         ALOGE("%s: failed to open signalfd. err:%d\n", "campaign_mgr_main", errno);
         return false;
     }
-    self->stop.fd.store(self->signal_fd.get());
+    stop_flag_by_signal(&self->stop, self->signal_fd.get());
     return true;
 }
 

@@ -32,11 +32,7 @@ void load_params(sampling_collector* c) {
     vexastats_wait_dir_ready(c->row->down_dir, &c->row->stop);
     const dload_req request{.client_id = static_cast<int32_t>(c->row->hdr.client_id),
                             .version = "1.1",
-                            .key = c->kind->cfg_key,
-                            .request_type = 1,
-                            .request_timer = 31536000,
-                            .conn_type = 1,
-                            .conn_timer = 360};
+                            .key = c->kind->cfg_key};
     if (vexastats_dload_req(&request) != 0) ALOGE("%s: dload request failed\n", c->kind->monitor);
     if (vexastats_init_params(c->row) != 0) {
         ALOGE("%s init_params failed. use default value\n", c->kind->name);
@@ -152,7 +148,6 @@ void sampling_apply_kernel_support(sampling_collector* c) {
 
 void sampling_end(sampling_collector* c) {
     stop_flag_raise(&c->row->stop);
-    vexastats_record_close(&c->record);
 }
 
 change_wait sampling_wait_change(const sampling_collector& c, bool bounded, watch_buffer* events) {

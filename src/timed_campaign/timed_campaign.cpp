@@ -1,100 +1,177 @@
 #include "timed_campaign/timed_campaign.h"
 
+#include <errno.h>
 #include <stdio.h>
 
 #include <algorithm>
+#include <new>
 
-#include "base/text_cursor.h"
-#include "framework/row/version.h"
+#include "base/replace_file.h"
+#include "framework/config/config.h"
+#include "framework/config/config_line.h"
+#include "framework/config/dload.h"
+#include "framework/row/optout.h"
 #include "framework/time/clock.h"
+#include "framework/time/wait_dir.h"
+#include "platform/log.h"
+
+// Logged under the tag of the collector.
+#define LOGI(...) ((void)__android_log_print(ANDROID_LOG_INFO, texts.tag, __VA_ARGS__))
+#define LOGE(...) ((void)__android_log_print(ANDROID_LOG_ERROR, texts.tag, __VA_ARGS__))
 
 namespace {
 
-bool scan_number_key(text_cursor* text, const char* kind) {
-    return scan_literal(text, ";num_") && scan_literal(text, kind) && scan_literal(text, "_masks=");
+// The next line as fgets cuts it, or nothing at the end of the file.
+bool read_line(FILE* stream, char (&line)[CAMPAIGN_LINE_SIZE]) {
+    return fgets(line, sizeof line, stream) != nullptr;
 }
 
-// The length of the values in front of the masks as the file's own writer puts them.
-int values_len(const char* kind, const campaign_line& line) {
-    return snprintf(nullptr, 0,
-                    "clientid=%d;size=%d;campaign_id=%d;campaign_duration_secs=%d;num_%s_masks=%d",
-                    static_cast<int>(line.client_id), line.size_bytes, line.campaign_id,
-                    line.duration_s, kind, line.mask_count);
-}
-
-uint32_t mask_at(std::string_view text, const char* kind) {
-    text_cursor cursor(text);
-    uint32_t mask = 0;
-    if (scan_literal(&cursor, kind) && scan_literal(&cursor, "_mask=0x")) {
-        (void)scan_hex(&cursor, &mask);
+// Takes the masks, or none when there is no memory for them. Returns false then.
+bool take_masks(const char* text, const campaign_line& line, timed_campaign* campaign) {
+    const campaign_texts& texts = campaign->kind->texts;
+    campaign_state* state = &campaign->state;
+    state->mask_count = line.mask_count;
+    state->masks.reset(new (std::nothrow) uint32_t[static_cast<size_t>(line.mask_count)]());
+    if (!state->masks) return false;
+    const int moved_on = campaign_masks_parse(text, campaign->kind->key, line, state->masks.get());
+    LOGI("Ret %d Client Id %d Size %d Campaign ID %d Duration %d Seconds Num%sMasks %d\n", moved_on,
+         static_cast<int>(line.client_id), line.size_bytes, line.campaign_id, line.duration_s,
+         texts.title, line.mask_count);
+    for (int32_t i = 0; i < line.mask_count; ++i) {
+        LOGI("%s Mask[%d]=0x%x\n", texts.title, i, state->masks[i]);
     }
-    return mask;
+    return true;
+}
+
+// Whether the line behind the values, or the campaign in memory where there is none, says that a
+// campaign runs already. A line that says anything else ends it.
+bool goes_on_with_active(FILE* stream, campaign_state* state) {
+    char line[CAMPAIGN_LINE_SIZE];
+    if (read_line(stream, line) && !campaign_state_parse(line, &state->id, &state->stop_time_s)) {
+        campaign_end(state);
+    }
+    return state->id != NO_CAMPAIGN;
+}
+
+void start_campaign(const campaign_line& line, campaign_state* state) {
+    state->stop_time_s = static_cast<uint64_t>(line.duration_s) + campaign_now_s();
+    state->id = line.campaign_id;
+    state->duration_s = line.duration_s;
+}
+
+// Loads the parameters and remembers which downloaded file was there to be loaded.
+int load_params(timed_campaign* campaign) {
+    campaign->seen = file_mark_look(campaign->row->dl_cfg_file);
+    return vexastats_init_params(campaign->row);
+}
+
+// Waits for the downloaded configuration file to come or change since it was last loaded, until the
+// row's `stop` is raised or a failure, which is logged.
+void wait_update(const timed_campaign& campaign) {
+    const campaign_texts& texts = campaign.kind->texts;
+    if (texts.logs_update_wait) LOGI("%s: \n", texts.update.caller);
+    vexastats_wait_config_update(campaign.row, campaign.seen, texts.update);
+}
+
+// Returns 0 or the failure, logged.
+int request_config(const timed_campaign& campaign) {
+    const dload_req request{.client_id = static_cast<int32_t>(campaign.row->hdr.client_id),
+                            .version = "1.0",
+                            .key = campaign.kind->config_file};
+    const int result = vexastats_dload_req(&request);
+    const campaign_texts& texts = campaign.kind->texts;
+    if (result != 0) LOGE("%s: dload request failed\n", texts.request_caller);
+    return result;
+}
+
+bool is_over(const campaign_state& state) {
+    return campaign_now_s() > state.stop_time_s;
+}
+
+// Returns whether the row has something to do.
+bool begin(timed_campaign* campaign) {
+    collector_info* row = campaign->row;
+    vexastats_wait_dir_ready(row->down_dir, &row->stop);
+    if (request_config(*campaign) != 0) {
+        if (campaign->stopped()) return false;
+        wait_update(*campaign);
+    }
+    // Also after a failed request: nothing is collected without consent.
+    vexastats_wait_optin(row);
+    return row->enabled;
 }
 
 }  // namespace
 
-uint64_t campaign_now_s() {
-    return (vexastats_real_time_ms() + 500) / 1000;
-}
-
-bool campaign_line_parse(std::string_view text, const char* kind, campaign_line* line) {
-    text_cursor cursor(text);
-    return scan_literal(&cursor, "clientid=") && scan_narrow(&cursor, &line->client_id) &&
-           scan_literal(&cursor, ";size=") && scan_int(&cursor, &line->size_bytes) &&
-           scan_literal(&cursor, ";campaign_id=") && scan_int(&cursor, &line->campaign_id) &&
-           scan_literal(&cursor, ";campaign_duration_secs=") &&
-           scan_int(&cursor, &line->duration_s) && scan_number_key(&cursor, kind) &&
-           scan_int(&cursor, &line->mask_count);
-}
-
-void campaign_line_clamp(campaign_line* line) {
-    line->duration_s = std::clamp(line->duration_s, 0, CAMPAIGN_DURATION_MAX_S);
-    line->mask_count = std::clamp(line->mask_count, 0, CAMPAIGN_MASKS_MAX);
-}
-
-int campaign_masks_parse(std::string_view text, const char* kind, const campaign_line& line,
-                         uint32_t* masks) {
-    int moved_on = values_len(kind, line) + 1;
-    for (int32_t i = 0; i < line.mask_count; ++i) {
-        text.remove_prefix(std::min(static_cast<size_t>(moved_on), text.size()));
-        masks[i] = mask_at(text, kind);
-        moved_on = snprintf(nullptr, 0, "%s_mask=0x%x", kind, masks[i]) + 1;
+campaign_change campaign_read_config(FILE* stream, timed_campaign* campaign) {
+    if (!stream) return campaign_change::REFUSED;
+    const campaign_kind& kind = *campaign->kind;
+    const campaign_texts& texts = kind.texts;
+    collector_info* row = campaign->row;
+    char text[CAMPAIGN_LINE_SIZE];
+    campaign_line line;
+    if (!config_read_value_line(stream, text) || !campaign_line_parse(text, kind.key, &line) ||
+        line.client_id != row->hdr.client_id) {
+        LOGE("invalid %d config file. re-create. err:%d\n", static_cast<int>(row->hdr.client_id),
+             errno);
+        return campaign_change::REFUSED;
     }
-    return moved_on;
+    if (line.campaign_id == campaign->state.id) return campaign_change::ALREADY_ACTIVE;
+    row->size = std::clamp(line.size_bytes, 0, CAMPAIGN_SIZE_MAX_BYTES);
+    campaign_line_clamp(&line);
+    if (!take_masks(text, line, campaign)) return campaign_change::NO_MEMORY;
+    if (goes_on_with_active(stream, &campaign->state)) return campaign_change::GOES_ON;
+    start_campaign(line, &campaign->state);
+    return campaign_change::STARTED;
 }
 
-bool campaign_state_parse(std::string_view text, int32_t* id, uint64_t* stop_time_s) {
-    text_cursor cursor(text);
-    int32_t found_id = 0;
-    uint64_t found_time_s = 0;
-    if (!scan_literal(&cursor, "Active")) return false;
-    skip_blanks(&cursor);
-    if (!scan_literal(&cursor, "Campaign=") || !scan_int(&cursor, &found_id)) return false;
-    if (!scan_literal(&cursor, ";Stop")) return false;
-    skip_blanks(&cursor);
-    if (!scan_literal(&cursor, "Time=") || !scan_unsigned(&cursor, &found_time_s)) return false;
-    *id = found_id;
-    *stop_time_s = found_time_s;
-    return true;
+int campaign_write_config(const timed_campaign& campaign) {
+    const collector_info& row = *campaign.row;
+    const campaign_texts& texts = campaign.kind->texts;
+    char text[CAMPAIGN_FILE_SIZE];
+    const size_t len = campaign_file_format(text, row.name, campaign.kind->key, row.hdr.client_id,
+                                            row.size, campaign.state);
+    const int result = vexastats_replace_file(row.cfg_file, text, len);
+    if (result == 0) return 0;
+    LOGE("failed to open %s cfg. err:%d\n", row.cfg_file, -result);
+    return -EINVAL;
 }
 
-size_t campaign_file_format(char* out, const char* collector, const char* kind, uint32_t client_id,
-                            int32_t size_bytes, const timed_campaign& campaign) {
-    size_t len = 0;
-    const auto room = [&] { return CAMPAIGN_FILE_SIZE - len; };
-    const auto advance = [&](int wanted) {
-        len += std::min(static_cast<size_t>(std::max(wanted, 0)), room() - 1);
-    };
-    advance(snprintf(out, room(), "#%s config file. Version: %s\n", collector, VEXASTATSD_VERSION));
-    advance(snprintf(out + len, room(),
-                     "clientid=%d;size=%d;campaign_id=%d;campaign_duration_secs=%d;"
-                     "num_%s_masks=%d;",
-                     static_cast<int>(client_id), size_bytes, campaign.id, campaign.duration_s,
-                     kind, campaign.mask_count));
-    for (int32_t i = 0; campaign.masks && i < campaign.mask_count; ++i) {
-        advance(snprintf(out + len, room(), "%s_mask=0x%x;", kind, campaign.masks[i]));
+void campaign_run(timed_campaign* campaign, void (*run_cycle)(void* owner), void* owner) {
+    campaign->row->state = campaign;
+    const bool has_work = begin(campaign);
+    while (has_work && !campaign->stopped()) {
+        run_cycle(owner);
+        if (campaign->stopped()) break;
+        wait_update(*campaign);
     }
-    advance(snprintf(out + len, room(), "\nActive Campaign=%d;Stop Time=%lu;", campaign.id,
-                     static_cast<unsigned long>(campaign.stop_time_s)));
-    return len;
+    stop_flag_raise(&campaign->row->stop);
+    campaign->row->state = nullptr;
+}
+
+int campaign_wait_active(timed_campaign* campaign) {
+    const collector_info& row = *campaign->row;
+    const campaign_state& state = campaign->state;
+    const campaign_texts& texts = campaign->kind->texts;
+    const int result = load_params(campaign);
+    if (result != 0) {
+        LOGE("%s init_params failed. use default value\n", campaign->kind->key);
+        return result;
+    }
+    LOGI("%sChecking for an active campaign", texts.state_prefix);
+    while (is_over(state)) {
+        LOGI("%sWaiting on %s", texts.wait_prefix, row.dl_cfg_file);
+        wait_update(*campaign);
+        if (campaign->stopped()) return -EINTR;
+        if (load_params(campaign) != 0) break;
+    }
+    LOGI("%sactive campaign: curr_time: %lu Stop Time %lu Campaign ID %d", texts.state_prefix,
+         static_cast<unsigned long>(vexastats_real_time_ms() / 1000),
+         static_cast<unsigned long>(state.stop_time_s), state.id);
+    return 0;
+}
+
+void campaign_end(campaign_state* state) {
+    state->id = NO_CAMPAIGN;
+    state->stop_time_s = 0;
 }

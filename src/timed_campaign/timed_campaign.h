@@ -1,70 +1,80 @@
-// Campaigns that run for a set time and are described by a configuration file of their own:
-//
-//   clientid=501;size=65536;campaign_id=7;campaign_duration_secs=600;num_alog_masks=1;alog_mask=0x3;
-//   Active Campaign=7;Stop Time=1700000600;
-//
-// The mask list is found by its position: it begins where it would if the numbers in front of it
-// were written in their shortest form and within their limits. Text that is written otherwise is
-// therefore read from another place: deliberate. `kind` is the collector's word in the keys.
-//
-// No function logs. Any thread.
+// A collector's campaign for a set time (timed_campaign/campaign_file.h): taking it from its
+// configuration files, writing it back, waiting until there is one, and the collector's outer loop.
+// Its record's business is in timed_campaign/campaign_record.h. All functions: the row's own
+// thread.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
-#include <memory>
-#include <string_view>
+#include <cstdio>
 
-#include "framework/files/delivered_file.h"
+#include "framework/config/config_update.h"
+#include "framework/record/record.h"
+#include "framework/row/collector_info.h"
+#include "timed_campaign/campaign_file.h"
 
-inline constexpr int32_t NO_CAMPAIGN = -1;
-inline constexpr int32_t CAMPAIGN_SIZE_MAX_BYTES = 0x100000;
-inline constexpr int32_t CAMPAIGN_DURATION_MAX_S = 10800;
-inline constexpr int32_t CAMPAIGN_MASKS_MAX = 64;
+// How one collector's campaigns are called in the log.
+struct campaign_texts {
+    const char* tag = nullptr;             // of all messages
+    const char* request_caller = nullptr;  // function named when the request for a file fails
+    const char* title = nullptr;           // "<title> Mask"
+    const char* state_prefix = "";         // in front of "active campaign" and the search for one
+    const char* wait_prefix = "";          // in front of "Waiting on"
+    bool logs_update_wait = false;         // the name of the function that waits for an update
+    config_update_texts update{};
+};
 
-// Size of a buffer for one line of the file; longer lines are read in pieces.
-inline constexpr int CAMPAIGN_LINE_SIZE = 2048;
+struct campaign_kind {
+    const char* key = nullptr;          // in the file's keys, "num_<key>_masks", and in messages
+    const char* config_file = nullptr;  // name of the downloaded file
+    const char* record_dir = nullptr;
+    const char* record_file = nullptr;
+    campaign_texts texts{};
+};
 
-// Size of a buffer that the whole file of any campaign fits.
-inline constexpr size_t CAMPAIGN_FILE_SIZE = 2048;
-
+// Lives in its collector. The row's `state` points to it while the row's hooks may be called.
 struct timed_campaign {
-    int32_t id = NO_CAMPAIGN;  // the running one
-    uint64_t stop_time_s = 0;  // wall clock, seconds since 1970; 0: none
-    int32_t duration_s = 0;
-    int32_t mask_count = 0;
-    std::unique_ptr<uint32_t[]> masks{};  // mask_count of them, or null
-    file_mark seen{};                     // the downloaded file when it was last loaded
+    const campaign_kind* kind = nullptr;
+    collector_info* row = nullptr;
+    campaign_state state{};  // the running campaign, or none
+    record_handle record{};
+    file_mark seen{};  // the downloaded file when it was last loaded
+
+    bool runs() const { return state.id != NO_CAMPAIGN; }
+    bool stopped() const { return stop_flag_is_raised(row->stop); }
 };
 
-// The values of a file's first line.
-struct campaign_line {
-    uint32_t client_id = 0;
-    int32_t size_bytes = 0;
-    int32_t campaign_id = 0;
-    int32_t duration_s = 0;
-    int32_t mask_count = 0;
+// The campaign that a hook of the row is about.
+inline timed_campaign* campaign_of(const collector_info& row) {
+    return static_cast<timed_campaign*>(row.state);
+}
+
+enum class campaign_change {
+    REFUSED,         // no valid file for this row, logged; nothing has changed
+    ALREADY_ACTIVE,  // the file's campaign runs already; nothing has changed
+    NO_MEMORY,       // for the masks; there are none then
+    GOES_ON,         // the masks and the record's size are the file's, the campaign another
+    STARTED,
 };
 
-// The wall clock in seconds, rounded to the nearest.
-uint64_t campaign_now_s();
+// Takes size and masks from a configuration file, and its campaign when the file says that it is to
+// start. A null stream is REFUSED without a message.
+campaign_change campaign_read_config(FILE* stream, timed_campaign* campaign);
 
-// Reads the values up to the mask list. Returns false when one of the five is missing.
-bool campaign_line_parse(std::string_view text, const char* kind, campaign_line* line);
+// Replaces the row's local file by one with the campaign as it stands. Returns 0, or -EINVAL,
+// logged.
+int campaign_write_config(const timed_campaign& campaign);
 
-// Brings duration and number of masks within their limits.
-void campaign_line_clamp(campaign_line* line);
+// The body of the collector's thread. Asks the download agent for a configuration file, once there
+// is a directory for it, and waits for the owner's consent; without the request's success it waits
+// for a file first: deliberate. Then runs cycles, with a wait for the next file behind each, until
+// the row's `stop` is raised, which it is at the end in any case. Nothing is read after a stop. The
+// row's `state` is the campaign meanwhile.
+void campaign_run(timed_campaign* campaign, void (*run_cycle)(void* owner), void* owner);
 
-// Reads line.mask_count masks from the place in the line's text where they have to be, never past
-// the text's end. A mask that is not there is 0. Returns the length that was moved on by last.
-int campaign_masks_parse(std::string_view text, const char* kind, const campaign_line& line,
-                         uint32_t* masks);
+// Loads the parameters until there is a campaign whose stop time has not passed, waiting for
+// configuration updates in between. Returns 0, the loader's error, or -EINTR once the row's `stop`
+// is raised.
+int campaign_wait_active(timed_campaign* campaign);
 
-// Reads "Active Campaign=%d;Stop Time=%lu;". Returns false, with both left alone, unless both are
-// there.
-bool campaign_state_parse(std::string_view text, int32_t* id, uint64_t* stop_time_s);
-
-// Writes the file of a campaign: comment, values, masks and state. Returns its length; `out` holds
-// CAMPAIGN_FILE_SIZE bytes.
-size_t campaign_file_format(char* out, const char* collector, const char* kind, uint32_t client_id,
-                            int32_t size_bytes, const timed_campaign& campaign);
+// Ends the campaign in memory. The local file still names it, so the next load brings its number
+// back, with a stop time that has passed.
+void campaign_end(campaign_state* state);

@@ -201,16 +201,22 @@ TEST_F(RecordTest, LateClockRewritesTheFirstLineOverTheFirstDataBytes) {
 }
 
 TEST_F(RecordTest, FailedRenameLeavesTheFinishedFileForTheNextBegin) {
-    ASSERT_TRUE(begin());
-    fs::remove_all(UP_DIR);
-    EXPECT_EQ(append("data", WRITE_DROP | WRITE_BEGIN_NEW), 0u);
-    EXPECT_EQ(handle.file, nullptr);
-    EXPECT_THAT(log_text(), HasSubstr("failed to move file. err:2\n"));
-    EXPECT_THAT(log_text(), HasSubstr("to drbox\n"));
-    EXPECT_FALSE(fs::exists(record_path()));
-    fs::create_directories(UP_DIR);
-    EXPECT_TRUE(begin()) << "the collector goes on at its next pass";
-    EXPECT_EQ(payload(file_text(std::string(UP_DIR) + "/teststats.1700000000000")), "data");
+    // The last ones fill the pieces in which the payload is decompressed to the last byte.
+    for (const size_t size : {4, 2 * 16384 - 1, 16384, 3 * 16384}) {
+        SCOPED_TRACE(size);
+        SetUp();
+        const std::string data(size, 'd');
+        ASSERT_TRUE(begin());
+        fs::remove_all(UP_DIR);
+        EXPECT_EQ(append(data, WRITE_DROP | WRITE_BEGIN_NEW), 0u);
+        EXPECT_EQ(handle.file, nullptr);
+        EXPECT_THAT(log_text(), HasSubstr("failed to move file. err:2\n"));
+        EXPECT_THAT(log_text(), HasSubstr("to drbox\n"));
+        EXPECT_FALSE(fs::exists(record_path()));
+        fs::create_directories(UP_DIR);
+        EXPECT_TRUE(begin()) << "the collector goes on at its next pass";
+        EXPECT_EQ(payload(file_text(std::string(UP_DIR) + "/teststats.1700000000000")), data);
+    }
 }
 
 TEST_F(RecordTest, RecordNameWithoutADotFailsBeforeAnyHeader) {

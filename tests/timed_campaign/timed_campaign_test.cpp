@@ -1,5 +1,5 @@
 // The configuration file of a timed campaign: what is read from where.
-#include "timed_campaign/timed_campaign.h"
+#include "timed_campaign/campaign_file.h"
 
 #include <gtest/gtest.h>
 
@@ -99,7 +99,7 @@ TEST(CampaignFile, StateLineNeedsBothValues) {
 }
 
 TEST(CampaignFile, LargestFileFitsItsBufferAndIsReadAgain) {
-    timed_campaign campaign{.id = INT32_MIN,
+    campaign_state campaign{.id = INT32_MIN,
                             .stop_time_s = UINT64_MAX,
                             .duration_s = CAMPAIGN_DURATION_MAX_S,
                             .mask_count = CAMPAIGN_MASKS_MAX,

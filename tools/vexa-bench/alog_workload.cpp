@@ -35,11 +35,9 @@ class log_capture {
   public:
     explicit log_capture(const std::string& dir) : file_(dir + "/alogstats.tmp") {
         if (stop_flag_open(&row_.stop) != 0) throw std::runtime_error("no stop flag");
-        record_.row = &row_;
-        record_.handle.file = file_.stream();
+        campaign_.record.file = file_.stream();
         if (alog_log_start(&record_, &reader_) != 0) throw std::runtime_error("no reader");
     }
-    ~log_capture() { vexastats_record_close(&record_.handle); }
     log_capture(const log_capture&) = delete;
     log_capture& operator=(const log_capture&) = delete;
 
@@ -57,7 +55,8 @@ class log_capture {
                         .size = INT32_MAX,
                         .compress_ratio = 0,
                         .hdr = {.client_id = 501, .realtime_ms = PLAUSIBLE_REAL_TIME_MS + 1}};
-    alog_record record_;
+    timed_campaign campaign_{.row = &row_};
+    alog_record record_{.campaign = &campaign_};
     unique_logger_list reader_;
 };
 

@@ -57,14 +57,14 @@ std::chrono::duration<double, std::milli> produce(std::string* packets, bool tim
 }
 
 // N passes of the packets into the record, which a thread writes as the collector's does.
-void run(diag_record* record, std::string* packets, long n, bool timed) {
-    if (stop_flag_open(&record->row->stop) != 0 || diag_dci_init_buffers() != 0)
+void run(timed_campaign* campaign, std::string* packets, long n, bool timed) {
+    if (stop_flag_open(&campaign->row->stop) != 0 || diag_dci_init_buffers() != 0)
         throw std::runtime_error("no buffers");
     int result = 0;
-    std::thread consumer([&] { result = process_incoming_pkt(record, AN_HOUR_S); });
+    std::thread consumer([&] { result = process_incoming_pkt(campaign, AN_HOUR_S); });
     std::chrono::duration<double, std::milli> longest{};
     for (long i = 0; i < n; ++i) longest = std::max(longest, produce(packets, timed));
-    stop_flag_raise(&record->row->stop);
+    stop_flag_raise(&campaign->row->stop);
     consumer.join();
     diag_dci_release_buffers();
     if (result != 0) throw std::runtime_error("the record could not be written");
@@ -81,10 +81,9 @@ int bench_diag(long n) {
                        .size = INT32_MAX,
                        .compress_ratio = 0,
                        .hdr = {.client_id = 4, .realtime_ms = PLAUSIBLE_REAL_TIME_MS + 1}};
-    diag_record record{.row = &row};
-    record.handle.file = file.stream();
-    run(&record, &packets, n, false);
-    vexastats_record_close(&record.handle);
+    timed_campaign campaign{.row = &row};
+    campaign.record.file = file.stream();
+    run(&campaign, &packets, n, false);
     return 0;
 }
 
@@ -94,13 +93,13 @@ int bench_diagz(long n) {
     const std::string up_dir = dir + "/up";
     (void)mkdir(up_dir.c_str(), 0700);
     collector_info row{.name = "diag_collector", .up_dir = up_dir.c_str(), .hdr = {.client_id = 4}};
-    diag_record record{.row = &row};
+    timed_campaign campaign{.row = &row};
     record_init_req req{
         .row = &row, .dir = dir.c_str(), .prefix = "diagstats.tmp", .resume = 0, .discard = 1};
-    record.handle.file = vexastats_record_init(&req);
-    if (!record.handle.file) throw std::runtime_error("no record in " + dir);
-    run(&record, &packets, n, true);
-    write_req last{.row = &row, .handle = &record.handle, .flags = WRITE_DROP};
+    campaign.record.file = vexastats_record_init(&req);
+    if (!campaign.record.file) throw std::runtime_error("no record in " + dir);
+    run(&campaign, &packets, n, true);
+    write_req last{.row = &row, .handle = &campaign.record, .flags = WRITE_DROP};
     (void)vexastats_write_file(&last);
     return 0;
 }

@@ -20,12 +20,12 @@ class endless_file {
         if (!fd_) throw std::system_error(errno, std::generic_category(), path);
     }
 
-    // Unbuffered, as records are. The caller closes it.
-    FILE* stream() {
-        FILE* opened = fopencookie(
-            this, "w", {.read = nullptr, .write = write, .seek = seek, .close = nullptr});
+    // Unbuffered, as records are.
+    unique_file stream() {
+        unique_file opened(fopencookie(
+            this, "w", {.read = nullptr, .write = write, .seek = seek, .close = nullptr}));
         if (!opened) throw std::runtime_error("no stream");
-        setvbuf(opened, nullptr, _IONBF, 0);
+        setvbuf(opened.get(), nullptr, _IONBF, 0);
         return opened;
     }
 

@@ -30,9 +30,6 @@ class bench_record {
         row_.up_dir = up_dir_.c_str();
         snprintf(row_.rec_fname, sizeof row_.rec_fname, "%s/cpustats.tmp", dir_.c_str());
     }
-    ~bench_record() { vexastats_record_close(&handle_); }
-    bench_record(const bench_record&) = delete;
-    bench_record& operator=(const bench_record&) = delete;
 
     void begin() {
         record_init_req req{
@@ -57,9 +54,9 @@ class bench_record {
             throw std::runtime_error("no link to " + path);
         snprintf(row_.rec_fname, sizeof row_.rec_fname, "%s", record_path().c_str());
         row_.hdr.realtime_ms++;
-        handle_.file = record_open(record_path().c_str()).release();
+        handle_.file = record_open(record_path().c_str());
         if (!handle_.file) throw std::runtime_error("no record");
-        (void)fseek(handle_.file, 0, SEEK_END);
+        (void)fseek(handle_.file.get(), 0, SEEK_END);
         if (move_to_dropbox(&row_, &handle_, false) != 0) throw std::runtime_error("drop failed");
     }
 

@@ -4,34 +4,27 @@
 
 #include "collectors/alog/alog_collector.h"
 #include "platform/log.h"
-#include "timed_campaign/campaign_config.h"
 
-constinit timed_campaign g_alog_campaign;
-
-namespace {
-
-constexpr campaign_kind KIND = {
-    .tag = LOG_TAG,
-    .request_caller = "alog_monitor_set_cfg_dload_req",
+const campaign_kind ALOG_CAMPAIGN = {
+    .key = "alog",
     .config_file = "alogstats.cfg",
     .record_dir = "/data/vendor/vexastats/501",
     .record_file = "alogstats.tmp",
-    .key = "alog",
-    .title = "Alog",
-    .loader = "alog",
-    .state_prefix = "",
-    .wait_prefix = "",
-    .update = {.tag = LOG_TAG, .caller = "alog_collect_wait_for_config_update", .prefix = " "},
-    .logs_update_wait = true,
+    .texts = {.tag = LOG_TAG,
+              .request_caller = "alog_monitor_set_cfg_dload_req",
+              .title = "Alog",
+              .logs_update_wait = true,
+              .update = {.tag = LOG_TAG,
+                         .caller = "alog_collect_wait_for_config_update",
+                         .prefix = " "}},
 };
-
-}  // namespace
 
 void alog_cfg_handler(FILE* stream, collector_info* row) {
     if (!stream) return;
     ALOGI("%s: \n", __func__);
-    const int32_t active_id = g_alog_campaign.id;
-    switch (campaign_read_config(stream, row, KIND, &g_alog_campaign)) {
+    timed_campaign* campaign = campaign_of(*row);
+    const int32_t active_id = campaign->state.id;
+    switch (campaign_read_config(stream, campaign)) {
         case campaign_change::REFUSED:
             return;
         case campaign_change::ALREADY_ACTIVE:
@@ -46,42 +39,14 @@ void alog_cfg_handler(FILE* stream, collector_info* row) {
         case campaign_change::GOES_ON:
             break;
     }
-    ALOGI("alog_collect_stop_time %lu", static_cast<unsigned long>(g_alog_campaign.stop_time_s));
+    ALOGI("alog_collect_stop_time %lu", static_cast<unsigned long>(campaign->state.stop_time_s));
 }
 
 int alog_cfg_update_handler(collector_info* row) {
     ALOGI("%s: cfg_fname %s\n", __func__, row->cfg_file);
-    return campaign_write_config(*row, KIND, g_alog_campaign);
-}
-
-void alog_campaign_run(collector_info* row, void (*run_cycle)(void* owner), void* owner) {
-    campaign_run(row, KIND, &g_alog_campaign, run_cycle, owner);
-}
-
-bool alog_campaign_open_record(collector_info* row, record_handle* handle) {
-    return campaign_open_record(row, KIND, handle);
-}
-
-bool alog_campaign_resume_record(collector_info* row, record_handle* handle) {
-    return campaign_resume_record(row, KIND, handle);
-}
-
-void alog_campaign_recover_record(collector_info* row, record_handle* handle) {
-    campaign_recover_record(row, KIND, handle);
-}
-
-void alog_campaign_hand_over_record(collector_info* row, record_handle* handle) {
-    campaign_hand_over_record(row, KIND, handle);
-}
-
-void alog_campaign_discard_record(collector_info* row, record_handle* handle) {
-    campaign_discard_record(row, KIND, handle);
-}
-
-void alog_campaign_end() {
-    campaign_end(&g_alog_campaign);
+    return campaign_write_config(*campaign_of(*row));
 }
 
 int alog_monitor_get_campaign_config(collector_info* row) {
-    return campaign_wait_active(row, KIND, &g_alog_campaign);
+    return campaign_wait_active(campaign_of(*row));
 }

@@ -10,11 +10,10 @@
 #include <algorithm>
 #include <string_view>
 
-#include "collectors/alog/alog_campaign.h"
 #include "framework/time/interruptible.h"
 #include "framework/time/wait.h"
 #include "platform/log.h"
-#include "timed_campaign/campaign_config.h"
+#include "timed_campaign/campaign_record.h"
 
 namespace {
 
@@ -24,14 +23,9 @@ constexpr char SECTION_TITLE[] = "\nlogcat:\n";
 // keep the processor busy and the log full.
 constexpr int64_t READ_FAILURE_PAUSE_MS = 1000;
 
-size_t append(alog_record* record, const void* data, size_t len) {
-    write_req req{.row = record->row, .handle = &record->handle, .data = data, .len = len};
-    return vexastats_write_file(&req);
-}
-
 size_t flush(alog_record* record, const char* caller) {
     ALOGI("%s: flush out buffer %d", caller, static_cast<int>(record->fill));
-    const size_t written = append(record, record->buffer.get(), record->fill);
+    const size_t written = campaign_append(record->campaign, record->buffer.get(), record->fill);
     if (written > 0) record->has_entries = true;
     return written;
 }
@@ -43,9 +37,9 @@ bool is_full(const alog_record& record) {
 // Writes a full buffer out, or leaves it full while the owner's consent is missing. Returns false,
 // logged, after a failure; the buffer then stays full for the attempt at the end.
 bool write_out(alog_record* record, const char* caller) {
-    collector_info* row = record->row;
-    interruptible_leave(&row->library_calls);
-    if (!campaign_has_consent(*row)) return true;
+    timed_campaign* campaign = record->campaign;
+    interruptible_leave(&campaign->row->library_calls);
+    if (!campaign_has_consent(*campaign)) return true;
     const size_t written = flush(record, caller);
     if (written == record->fill) {
         record->fill = 0;
@@ -53,8 +47,8 @@ bool write_out(alog_record* record, const char* caller) {
     }
     ALOGE("%s: failed to write file. cnt:%zu\n", caller, written);
     // The dropbox may have gone in this very moment, and a full record with nowhere to go to.
-    if (!campaign_has_consent(*row)) return alog_campaign_resume_record(row, &record->handle);
-    alog_campaign_recover_record(row, &record->handle);
+    if (!campaign_has_consent(*campaign)) return campaign_resume_record(campaign);
+    campaign_recover_record(campaign);
     return false;
 }
 
@@ -83,14 +77,13 @@ bool is_wake_up(const log_msg& msg, size_t read_size) {
 
 // Writes out what is left and hands the record over, or deletes both without the owner's consent.
 void finish(alog_record* record, const char* caller) {
-    if (!campaign_has_consent(*record->row)) {
-        alog_campaign_discard_record(record->row, &record->handle);
+    if (!campaign_has_consent(*record->campaign)) {
+        campaign_discard_record(record->campaign);
         return;
     }
     if (record->fill > 0) (void)flush(record, caller);
     // Also when the last flush left the buffer empty: the next campaign discards what stays.
-    if (record->fill > 0 || record->has_entries)
-        alog_campaign_hand_over_record(record->row, &record->handle);
+    if (record->fill > 0 || record->has_entries) campaign_hand_over_record(record->campaign);
 }
 
 // One entry, or a negative error number.
@@ -107,7 +100,7 @@ int read_entry(collector_info* row, logger_list* reader, log_msg* msg) {
 
 int alog_log_start(alog_record* record, unique_logger_list* reader) {
     ALOGI("%s: start", __func__);
-    if (!record || !reader || !record->row) return -EINVAL;
+    if (!record || !reader || !record->campaign) return -EINVAL;
 
     unique_malloc<uint8_t> buffer(static_cast<uint8_t*>(malloc(ALOG_BUFFER_SIZE)));
     if (!buffer) {
@@ -119,7 +112,7 @@ int alog_log_start(alog_record* record, unique_logger_list* reader) {
         ALOGE("failed to open logcat buffer, err:%d\n", errno);
         return -EINVAL;
     }
-    const size_t written = append(record, SECTION_TITLE, strlen(SECTION_TITLE));
+    const size_t written = campaign_append(record->campaign, SECTION_TITLE, strlen(SECTION_TITLE));
     if (written < strlen(SECTION_TITLE)) {
         ALOGE("%s: failed to write file. cnt:%zu\n", __func__, written);
         return -EINVAL;
@@ -132,17 +125,18 @@ int alog_log_start(alog_record* record, unique_logger_list* reader) {
 }
 
 int alog_log_read(alog_record* record, unique_logger_list* reader) {
-    if (!record || !record->row || !reader || !*reader || !record->buffer) return -EINVAL;
+    if (!record || !record->campaign || !reader || !*reader || !record->buffer) return -EINVAL;
 
     log_msg msg;
-    const int result = read_entry(record->row, reader->get(), &msg);
+    collector_info* row = record->campaign->row;
+    const int result = read_entry(row, reader->get(), &msg);
     if (result <= 0) {
         ALOGE("failed to read logcat buffer: %s\n", strerror(result < 0 ? -result : errno));
-        if (result < 0) vexastats_sleep_ms(READ_FAILURE_PAUSE_MS, record->row->stop);
+        if (result < 0) vexastats_sleep_ms(READ_FAILURE_PAUSE_MS, row->stop);
         return -result;
     }
     if (is_wake_up(msg, static_cast<size_t>(result))) return result;
-    if (!campaign_is_opted_in(*record->row)) return result;
+    if (!campaign_is_opted_in(*row)) return result;
     if (is_full(*record) && !write_out(record, __func__)) return -EINVAL;
     if (is_full(*record)) return result;
     take_entry(record, msg, static_cast<size_t>(result));
@@ -151,8 +145,8 @@ int alog_log_read(alog_record* record, unique_logger_list* reader) {
 }
 
 void alog_log_end(alog_record* record, unique_logger_list* reader) {
-    if (!record || !record->row || !reader || !*reader) return;
-    interruptible_leave(&record->row->library_calls);
+    if (!record || !record->campaign || !reader || !*reader) return;
+    interruptible_leave(&record->campaign->row->library_calls);
     reader->reset();
     finish(record, __func__);
     record->buffer.reset();

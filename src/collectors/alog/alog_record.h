@@ -5,8 +5,8 @@
 #include <cstdint>
 
 #include "base/unique_handle.h"
-#include "framework/record/record.h"
 #include "platform/log_reader.h"
+#include "timed_campaign/timed_campaign.h"
 
 inline constexpr size_t ALOG_BUFFER_SIZE = 0x20000;
 inline constexpr size_t ALOG_ENTRY_MAX_SIZE = 5120;  // the rest of a longer entry is cut off
@@ -15,11 +15,10 @@ inline constexpr size_t ALOG_ENTRY_MAX_SIZE = 5120;  // the rest of a longer ent
 inline constexpr size_t ALOG_FLUSH_SIZE = ALOG_BUFFER_SIZE - ALOG_ENTRY_MAX_SIZE + 1;
 
 struct alog_record {
-    collector_info* row = nullptr;
-    record_handle handle{};
-    unique_malloc<uint8_t> buffer{};  // ALOG_BUFFER_SIZE bytes while a campaign runs
-    size_t fill = 0;                  // bytes in it
-    bool has_entries = false;         // some were written to the record
+    timed_campaign* campaign = nullptr;  // owns the record
+    unique_malloc<uint8_t> buffer{};     // ALOG_BUFFER_SIZE bytes while a campaign runs
+    size_t fill = 0;                     // bytes in it
+    bool has_entries = false;            // some were written to the record
 };
 
 // All functions: the row's own thread. Failures are logged.

@@ -11,16 +11,16 @@
 
 #include "base/sync.h"
 #include "base/unique_handle.h"
-#include "collectors/diag/diag_campaign.h"
 #include "collectors/diag/diag_notify.h"
 #include "framework/time/clock.h"
 #include "framework/time/wait.h"
 #include "platform/log.h"
-#include "timed_campaign/campaign_config.h"
+#include "timed_campaign/campaign_record.h"
 
 namespace {
 
 constexpr unsigned BUFFERS = 2;
+constexpr char CONSUMER[] = "process_incoming_pkt";
 
 // How often the owner's consent is looked for while a full buffer is held for want of it.
 constexpr int64_t CONSENT_LOOK_MS = 1000;
@@ -91,28 +91,37 @@ int64_t next_look(bool is_held, int64_t deadline_ms) {
     return std::min(deadline_ms, static_cast<int64_t>(vexastats_real_time_ms()) + CONSENT_LOOK_MS);
 }
 
-// Returns 1 when the consumer's buffer is full and may be written, 0 when it is or may not and the
-// time has come or the row has to stop, or a negative errno, logged.
-int wait_until_full(int64_t deadline_ms, const collector_info& row) {
-    const stop_flag& stop = row.stop;
-    pollfd fds[2] = {{.fd = -1, .events = POLLIN, .revents = 0},
-                     {.fd = diag_notify_fd(), .events = POLLIN, .revents = 0}};
+enum class full_wait {
+    FULL,    // the consumer's buffer is full and may be written
+    ENDED,   // it is not, or may not, and the time has come or the row has to stop
+    FAILED,  // logged
+};
+
+// What the consumer waits for.
+enum poll_place { FILLED, NOTIFICATION, POLL_FDS };
+
+full_wait wait_until_full(int64_t deadline_ms, const timed_campaign& campaign) {
+    const stop_flag& stop = campaign.row->stop;
+    pollfd fds[POLL_FDS] = {};
+    fds[FILLED] = {.fd = -1, .events = POLLIN, .revents = 0};
+    fds[NOTIFICATION] = {.fd = diag_notify_fd(), .events = POLLIN, .revents = 0};
     // The end is looked for before the buffer: what is full by then is still written.
     for (bool ended = false;;) {
         ended = ended || is_over(deadline_ms, stop);
-        const bool is_full = next_is_full(&fds[0].fd);
-        if (is_full && campaign_has_consent(row)) return 1;
-        if (ended) return 0;
-        const int ready = vexastats_poll_until(fds, 2, next_look(is_full, deadline_ms), stop);
+        const bool is_full = next_is_full(&fds[FILLED].fd);
+        if (is_full && campaign_has_consent(campaign)) return full_wait::FULL;
+        if (ended) return full_wait::ENDED;
+        const int ready =
+            vexastats_poll_until(fds, POLL_FDS, next_look(is_full, deadline_ms), stop);
         ended = ready == -EINTR || (ready == 0 && !is_full);
         if (ready < 0 && !ended) {
-            ALOGE("%s: failed to wait. err:%d\n", "process_incoming_pkt", -ready);
-            return ready;
+            ALOGE("%s: failed to wait. err:%d\n", CONSUMER, -ready);
+            return full_wait::FAILED;
         }
         if (ready <= 0) continue;
-        if (fds[1].revents) diag_notify_log();
+        if (fds[NOTIFICATION].revents) diag_notify_log();
         eventfd_t ignored = 0;
-        if (fds[0].revents) (void)eventfd_read(fds[0].fd, &ignored);
+        if (fds[FILLED].revents) (void)eventfd_read(fds[FILLED].fd, &ignored);
     }
 }
 
@@ -134,23 +143,19 @@ void give_back() {
 
 // Writes the full buffer and gives it back. One that could not be written for want of consent stays
 // full. Returns 0 or -EINVAL, logged.
-int write_full_buffer(diag_record* record) {
+int write_full_buffer(timed_campaign* campaign) {
     const log_buffer buffer = full_buffer();
     if (!buffer.data) {
-        ALOGE(" Invalid Write Buffer in %s\n", "process_incoming_pkt");
+        ALOGE(" Invalid Write Buffer in %s\n", CONSUMER);
         give_back();
         return -EINVAL;
     }
-    write_req req{
-        .row = record->row, .handle = &record->handle, .data = buffer.data, .len = buffer.count};
-    const size_t written = vexastats_write_file(&req);
+    const size_t written = campaign_append(campaign, buffer.data, buffer.count);
     if (written < buffer.count) {
-        ALOGE("%s: failed to write file. cnt:%zu\n", "process_incoming_pkt", written);
+        ALOGE("%s: failed to write file. cnt:%zu\n", CONSUMER, written);
         // The dropbox may have gone in this very moment, and a full record with nowhere to go to.
-        if (!campaign_has_consent(*record->row)) {
-            return diag_campaign_resume_record(record->row, &record->handle) ? 0 : -EINVAL;
-        }
-        diag_campaign_recover_record(record->row, &record->handle);
+        if (!campaign_has_consent(*campaign)) return campaign_resume_record(campaign) ? 0 : -EINVAL;
+        campaign_recover_record(campaign);
     }
     give_back();
     return written == buffer.count ? 0 : -EINVAL;
@@ -206,15 +211,15 @@ void diag_dci_copy_to_buffer(int type, const uint8_t* data, int length) {
     append(buffer, prefixed, data, static_cast<size_t>(length));
 }
 
-int process_incoming_pkt(diag_record* record, uint64_t seconds) {
-    const stop_flag& stop = record->row->stop;
+int process_incoming_pkt(timed_campaign* campaign, uint64_t seconds) {
+    const stop_flag& stop = campaign->row->stop;
     const int64_t deadline_ms = deadline_after_s(seconds);
     // A producer that has always filled the next buffer by now must not keep this going for ever.
     for (unsigned late_buffers = 0; late_buffers < BUFFERS;) {
-        const int full = wait_until_full(deadline_ms, *record->row);
-        if (full <= 0) return full < 0 ? -EINVAL : 0;
+        const full_wait result = wait_until_full(deadline_ms, *campaign);
+        if (result != full_wait::FULL) return result == full_wait::FAILED ? -EINVAL : 0;
         if (is_over(deadline_ms, stop)) ++late_buffers;
-        if (write_full_buffer(record) != 0) return -EINVAL;
+        if (write_full_buffer(campaign) != 0) return -EINVAL;
     }
     return 0;
 }

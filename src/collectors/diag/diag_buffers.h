@@ -9,18 +9,13 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "framework/record/record.h"
+#include "timed_campaign/timed_campaign.h"
 
 inline constexpr size_t DIAG_BUFFER_SIZE = 0x23000;
 
 inline constexpr int DIAG_TYPE_LOG = 16;
 inline constexpr int DIAG_TYPE_PREFIXED = 96;  // stored with DIAG_PREFIX in front
 inline constexpr uint8_t DIAG_PREFIX = 0x60;
-
-struct diag_record {
-    collector_info* row = nullptr;
-    record_handle handle{};
-};
 
 // Creates the pair, empty, and opens it to the producer. Returns 0 or -ENOMEM. Thread: the row's.
 int diag_dci_init_buffers();
@@ -37,12 +32,12 @@ void diag_dci_release_buffers();
 // Thread: the library's.
 void diag_dci_copy_to_buffer(int type, const uint8_t* data, int length);
 
-// Writes full buffers to the record until `seconds` of wall-clock time have passed or the row's
-// `stop` is raised; each buffer that is full by then is still written, once. Logs what
+// Writes full buffers to the campaign's record until `seconds` of wall-clock time have passed or
+// the row's `stop` is raised; each buffer that is full by then is still written, once. Logs what
 // notifications came meanwhile. Without the owner's consent nothing is written: full buffers are
 // held until it is back. Returns 0, or -EINVAL after a failure, which is logged; the record then
 // survives the next begin. Thread: the row's.
-int process_incoming_pkt(diag_record* record, uint64_t seconds);
+int process_incoming_pkt(timed_campaign* campaign, uint64_t seconds);
 
 // Copies min(dst_size, src_size) bytes and returns that count.
 size_t memscpy(void* dst, size_t dst_size, const void* src, size_t src_size);

@@ -10,24 +10,17 @@
 #include <new>
 
 #include "collectors/diag/diag_buffers.h"
-#include "collectors/diag/diag_campaign.h"
 #include "collectors/diag/diag_notify.h"
 #include "platform/diag.h"
 #include "platform/log.h"
-#include "timed_campaign/campaign_config.h"
+#include "timed_campaign/campaign_record.h"
 
 namespace {
 
-constexpr int NO_CLIENT = -1;
 constexpr int LOCAL_PROCESSOR = 0;
 constexpr uint32_t PACKETS_PER_REPORT = 1000;
 
-struct diag_session {
-    int client_id = NO_CLIENT;
-    bool library_is_up = false;
-};
-constinit diag_session g_session;
-
+// For the library's callback, which is given nothing of ours.
 std::atomic<uint32_t> g_packet_count{0};  // since the process began
 std::atomic<const collector_info*> g_row{nullptr};
 
@@ -38,8 +31,7 @@ struct log_codes {
 
 // The campaign's codes as the library takes them: their low 16 bits. The list may be gone while its
 // count stays; there are none then. Returns false when there is no memory.
-bool campaign_codes(log_codes* out) {
-    const timed_campaign& campaign = g_diag_campaign;
+bool campaign_codes(const campaign_state& campaign, log_codes* out) {
     out->count = campaign.masks ? campaign.mask_count : 0;
     out->codes.reset(new (std::nothrow) uint16_t[static_cast<size_t>(out->count)]);
     if (!out->codes) return false;
@@ -49,84 +41,83 @@ bool campaign_codes(log_codes* out) {
     return true;
 }
 
-void log_refused_codes(const log_codes& codes) {
+void log_refused_codes(int client_id, const log_codes& codes) {
     char text[128] = "";
     size_t len = 0;
     for (int i = 0; i < codes.count && len < sizeof text; ++i) {
         len +=
             static_cast<size_t>(snprintf(text + len, sizeof text - len, "0x%x , ", codes.codes[i]));
     }
-    ALOGE("Client %d #Masks %d Mask: %s", g_session.client_id, codes.count, text);
+    ALOGE("Client %d #Masks %d Mask: %s", client_id, codes.count, text);
 }
 
-bool start_library() {
-    g_session.library_is_up = Diag_LSM_Init(nullptr) != 0;
-    if (g_session.library_is_up) return true;
+bool start_library(diag_session* session) {
+    session->library_is_up = Diag_LSM_Init(nullptr) != 0;
+    if (session->library_is_up) return true;
     ALOGE(" Diag_LSM_Init() Failed\n");
     Diag_LSM_DeInit();
     return false;
 }
 
-bool register_client() {
+bool register_client(diag_session* session) {
     diag_dci_peripherals peripherals = DIAG_CON_MPSS;
     int signo = DIAG_NOTIFY_SIGNAL;
     const int result =
-        diag_register_dci_client(&g_session.client_id, &peripherals, LOCAL_PROCESSOR, &signo);
+        diag_register_dci_client(&session->client_id, &peripherals, LOCAL_PROCESSOR, &signo);
     if (result == DIAG_DCI_NO_ERROR) return true;
-    ALOGE(" Couldn't register DCI Client ID %d, Err %d\n", g_session.client_id, result);
-    g_session.client_id = NO_CLIENT;
+    ALOGE(" Couldn't register DCI Client ID %d, Err %d\n", session->client_id, result);
+    session->client_id = diag_session::NO_CLIENT;
     return false;
 }
 
-bool request_codes(const log_codes& codes) {
-    const int result =
-        diag_log_stream_config(g_session.client_id, 1, codes.codes.get(), codes.count);
+bool request_codes(const diag_session& session, const log_codes& codes) {
+    const int result = diag_log_stream_config(session.client_id, 1, codes.codes.get(), codes.count);
     if (result == DIAG_DCI_NO_ERROR) return true;
     ALOGE(" Error sending SET_LOG_MASK to peripheral, err: %d\n", result);
-    log_refused_codes(codes);
+    log_refused_codes(session.client_id, codes);
     return false;
 }
 
-bool start_stream() {
+bool start_stream(const diag_session& session) {
     const int result =
-        diag_register_dci_stream_proc(g_session.client_id, process_dci_log_stream, nullptr);
+        diag_register_dci_stream_proc(session.client_id, process_dci_log_stream, nullptr);
     if (result == DIAG_DCI_NO_ERROR) return true;
     ALOGE(" Unable to initialize stream, err: %d\n", result);
     return false;
 }
 
-void release_client() {
+void release_client(diag_session* session, const campaign_state& campaign) {
     log_codes codes;
-    if (campaign_codes(&codes)) {
-        (void)diag_log_stream_config(g_session.client_id, 0, codes.codes.get(), codes.count);
+    if (campaign_codes(campaign, &codes)) {
+        (void)diag_log_stream_config(session->client_id, 0, codes.codes.get(), codes.count);
     }
-    const int result = diag_release_dci_client(&g_session.client_id);
-    g_session.client_id = NO_CLIENT;
+    const int result = diag_release_dci_client(&session->client_id);
+    session->client_id = diag_session::NO_CLIENT;
     if (result != DIAG_DCI_NO_ERROR) ALOGE(" Error releasing DCI connection, %d\n", result);
 }
 
 }  // namespace
 
-int diag_monitor_diag_init(const collector_info* row) {
-    g_row = row;
+int diag_monitor_diag_init(diag_session* session, const timed_campaign& campaign) {
+    g_row = campaign.row;
     log_codes codes;
-    if (!campaign_codes(&codes)) return -1;
-    g_session.client_id = NO_CLIENT;
+    if (!campaign_codes(campaign.state, &codes)) return -1;
+    session->client_id = diag_session::NO_CLIENT;
     if (diag_dci_init_buffers() != 0) return -1;
-    const bool started =
-        start_library() && register_client() && request_codes(codes) && start_stream();
+    const bool started = start_library(session) && register_client(session) &&
+                         request_codes(*session, codes) && start_stream(*session);
     return started ? 0 : -1;
 }
 
-void diag_monitor_diag_deinit() {
+void diag_monitor_diag_deinit(diag_session* session, timed_campaign* campaign) {
     // The library ends only when its thread is back from the callback, where it may wait for room.
     diag_dci_shut_buffers();
-    if (g_session.client_id != NO_CLIENT) release_client();
+    if (session->client_id != diag_session::NO_CLIENT) release_client(session, campaign->state);
     // Also when the registration had failed: the library was up all the same.
-    if (g_session.library_is_up) Diag_LSM_DeInit();
-    g_session.library_is_up = false;
+    if (session->library_is_up) Diag_LSM_DeInit();
+    session->library_is_up = false;
     diag_dci_release_buffers();
-    g_diag_campaign.masks.reset();
+    campaign->state.masks.reset();
 }
 
 void process_dci_log_stream(unsigned char* data, int length) {

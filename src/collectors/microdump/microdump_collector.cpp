@@ -70,11 +70,7 @@ void load_params(microdump_collector* c) {
     vexastats_wait_dir_ready(c->row->down_dir, &c->row->stop);
     const dload_req request{.client_id = static_cast<int32_t>(c->row->hdr.client_id),
                             .version = "1.0",
-                            .key = "microdumpstats.cfg",
-                            .request_type = 1,
-                            .request_timer = 31536000,
-                            .conn_type = 1,
-                            .conn_timer = 360};
+                            .key = "microdumpstats.cfg"};
     if (vexastats_dload_req(&request) != 0) ALOGE("%s: dload request failed\n", MONITOR);
     if (vexastats_init_params(c->row) != 0) {
         ALOGE("microdump init_params failed. use default value\n");
@@ -175,7 +171,7 @@ void store_dump(microdump_collector* c) {
     const size_t count = vexastats_write_file(&req);
     if (req.rolled_over) restart_upload_clock(c);
     if (count == req.len) {
-        (void)fsync(fileno(c->record.file));
+        (void)fsync(fileno(c->record.file.get()));
     } else {
         ALOGE("failed to write into microdump record file\n");
     }
@@ -287,6 +283,5 @@ int microdump_monitor(collector_info* row) {
 
     end_dump(&collector);
     stop_flag_raise(&row->stop);
-    vexastats_record_close(&collector.record);
     return 0;
 }

@@ -329,7 +329,6 @@ void end(mps_collector* c) {
         (void)pthread_join(c->service_thread, nullptr);
     }
     mps_timers_end();
-    vexastats_record_close(&c->collection.record);
 }
 
 }  // namespace

@@ -131,11 +131,7 @@ int aost_imsa_init_client_handle(const stop_flag& stop) {
 void request_config(const collector_info& row) {
     const dload_req request{.client_id = static_cast<int32_t>(row.hdr.client_id),
                             .version = "1.1",
-                            .key = "aoststats.cfg",
-                            .request_type = 1,
-                            .request_timer = 31536000,
-                            .conn_type = 1,
-                            .conn_timer = 360};
+                            .key = "aoststats.cfg"};
     if (vexastats_dload_req(&request) != 0) ALOGE("%s: dload request failed\n", "aost_imsa_init");
 }
 

@@ -123,9 +123,7 @@ int static_monitor(collector_info* row) {
         report(collector);
     }
     stop_flag_raise(&row->stop);
-    aost_imsa_deinit();
-    // Only now: until then an indication may still be written.
-    vexastats_record_close(&collector.record);
+    aost_imsa_deinit();  // before the record ends: until then an indication may still be written
     ALOGI("static monitor exit\n");
     return 0;
 }

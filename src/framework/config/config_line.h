@@ -10,7 +10,7 @@
 inline constexpr int CONFIG_LINE_SIZE = 512;
 
 // Reads the first line that is neither empty nor a comment into `line`, as much of it as fits.
-// Returns false at the end of the file, and after SMALL_FILE_MAX bytes (framework/sysfs/files.h)
+// Returns false at the end of the file, and after SMALL_FILE_MAX bytes (base/text_file.h)
 // without such a line: a file can grow as fast as it is read.
 bool config_read_value_line(FILE* stream, char* line, size_t size);
 

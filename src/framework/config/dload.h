@@ -9,10 +9,10 @@ struct dload_req {
     int32_t client_id = 0;
     const char* version = nullptr;
     const char* key = nullptr;  // name of the wanted file
-    int32_t request_type = 0;
-    int32_t request_timer = 0;
-    int32_t conn_type = 0;
-    int32_t conn_timer = 0;
+    int32_t request_type = 1;
+    int32_t request_timer = 31536000;  // s: a year
+    int32_t conn_type = 1;
+    int32_t conn_timer = 360;
 };
 
 // Writes the request file "/data/vendor/vexa/down/<id>/<id>-<version>-<key>.req", over an older one

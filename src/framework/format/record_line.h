@@ -13,8 +13,9 @@ struct record_times {
     int16_t timezone_min = 0;
 };
 
-// Size of a buffer that a first line is put into.
-inline constexpr size_t RECORD_LINE_SIZE = 512;
+// Size of a buffer that a first line is put into: what is longer than 256 characters, which no
+// valid line is, counts as data.
+inline constexpr size_t RECORD_LINE_SIZE = 257;
 
 // Reads a first line. Returns false when it does not hold all four values.
 bool record_line_parse(const char* line, record_times* times);

@@ -13,11 +13,6 @@ int compress_begin(z_stream* stream) {
                         Z_DEFAULT_STRATEGY);
 }
 
-bool skip_first_line(FILE* record) {
-    char line[256];
-    return fgets(line, sizeof line, record) != nullptr;
-}
-
 namespace {
 
 struct deflate_guard {

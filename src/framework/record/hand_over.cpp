@@ -17,27 +17,14 @@
 
 namespace {
 
-// Writes the row's header with sequence number `number` at offset 0; failures are logged.
-int write_header(FILE* stream, collector_info* row, uint32_t number) {
+constexpr char HAND_OVER[] = "move_to_dropbox";
+
+// The row's header with sequence number `number`.
+record_header numbered_header(collector_info* row, uint32_t number) {
     if (row->hdr.header_attr1 == 0) row->hdr.header_attr1 = 1;
     record_header header = row->hdr;
     header.seq = number;
-    if (fseeko(stream, 0, SEEK_SET) != 0) {
-        ALOGE("%s fseek failed. err:%d\n", "prepend_header", errno);
-        return -EINVAL;
-    }
-    uint8_t bytes[UPLOAD_HEADER_LEN];
-    upload_header_encode(header, bytes);
-    const size_t written = fwrite(bytes, 1, sizeof bytes, stream);
-    if (written != sizeof bytes) {
-        ALOGE("failed to write header %s. cnt:%zu\n", row->name, written);
-        return -EINVAL;
-    }
-    if (fflush(stream) != 0) {
-        ALOGE("failed to flush. err:%d\n", errno);
-        return -EINVAL;
-    }
-    return 0;
+    return header;
 }
 
 // A finished file in the making; it removes itself unless it is kept.
@@ -67,7 +54,7 @@ class finished_file {
 // known. Each time takes a number: deliberate, an upload carries the second one.
 bool write_upload(collector_info* row, FILE* record, size_t record_len, FILE* out) {
     sequence_turn turn(*row);
-    if (write_header(out, row, turn.take()) != 0) {
+    if (write_header(out, numbered_header(row, turn.take()), row->name) != 0) {
         ALOGE("failed to prepend header %s\n", row->rec_fname);
         return false;
     }
@@ -83,7 +70,7 @@ bool write_upload(collector_info* row, FILE* record, size_t record_len, FILE* ou
     row->hdr.payload_len = static_cast<uint32_t>(len - static_cast<off_t>(row->hdr.header_len));
     const uint32_t number = turn.take();
     turn.commit();
-    if (len < 0 || write_header(out, row, number) != 0) {
+    if (len < 0 || write_header(out, numbered_header(row, number), row->name) != 0) {
         ALOGE("failed to prepend header %s\n", row->rec_fname);
         return false;
     }
@@ -108,16 +95,21 @@ bool name_finished(collector_info* row, record_names* names) {
 int hand_over(collector_info* row, size_t record_len) {
     const unique_file record = fopen_regular(row->rec_fname, RECORD_FILE_MAX);
     if (!record) {
-        ALOGE("%s: failed to open %s\n", "move_to_dropbox", row->rec_fname);
+        ALOGE("%s: failed to open %s\n", HAND_OVER, row->rec_fname);
         return -EINVAL;
     }
-    (void)skip_first_line(record.get());
+    char line[RECORD_LINE_SIZE];
+    const auto data_at = static_cast<off_t>(record_read_line(record.get(), line));
+    if (fseeko(record.get(), data_at, SEEK_SET) != 0) {
+        ALOGE("%s fseek failed. err:%d\n", HAND_OVER, errno);
+        return -EINVAL;
+    }
 
     record_names names;
     if (!name_finished(row, &names)) return -EINVAL;
     finished_file finished(names.finished);
     if (!finished.stream()) {
-        ALOGE("%s: failed to open %s\n", "move_to_dropbox", names.finished);
+        ALOGE("%s: failed to open %s\n", HAND_OVER, names.finished);
         return -EINVAL;
     }
     if (!write_upload(row, record.get(), record_len, finished.stream())) return -EINVAL;
@@ -127,12 +119,12 @@ int hand_over(collector_info* row, size_t record_len) {
 }
 
 // Begins the record that follows a dropped one; row->rec_fname still names the latter.
-FILE* create_new_record(collector_info* row) {
+unique_file create_new_record(collector_info* row) {
     if (!record_path_end_in(row->rec_fname, ".tmp")) {
         ALOGE("invalid rec_fname. err:%d\n", errno);
         return nullptr;
     }
-    return record_begin(row, __func__, true).release();
+    return record_begin(row, __func__, true);
 }
 
 // Sees to it that nothing of a delivered record is sent a second time: one that cannot be deleted
@@ -162,7 +154,7 @@ delivery deliver(int fd, const record_names& names) {
 int move_to_dropbox(collector_info* row, record_handle* handle, bool begin_new) {
     if (!row || !handle->file) return -EINVAL;
 
-    const off_t record_len = ftello(handle->file);
+    const off_t record_len = ftello(handle->file.get());
     vexastats_record_close(handle);
     if (hand_over(row, record_len > 0 ? static_cast<size_t>(record_len) : 0) != 0) {
         handle->undelivered = true;
@@ -182,5 +174,24 @@ int prepend_header(FILE* stream, collector_info* row) {
     sequence_turn turn(*row);
     const uint32_t number = turn.take();
     turn.commit();
-    return write_header(stream, row, number);
+    return write_header(stream, numbered_header(row, number), row->name);
+}
+
+int write_header(FILE* stream, const record_header& header, const char* row_name) {
+    if (fseeko(stream, 0, SEEK_SET) != 0) {
+        ALOGE("%s fseek failed. err:%d\n", "prepend_header", errno);
+        return -EINVAL;
+    }
+    uint8_t bytes[UPLOAD_HEADER_LEN];
+    upload_header_encode(header, bytes);
+    const size_t written = fwrite(bytes, 1, sizeof bytes, stream);
+    if (written != sizeof bytes) {
+        ALOGE("failed to write header %s. cnt:%zu\n", row_name, written);
+        return -EINVAL;
+    }
+    if (fflush(stream) != 0) {
+        ALOGE("failed to flush. err:%d\n", errno);
+        return -EINVAL;
+    }
+    return 0;
 }

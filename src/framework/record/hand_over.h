@@ -22,6 +22,10 @@ int move_to_dropbox(collector_info* row, record_handle* handle, bool begin_new);
 // Returns 0 or -EINVAL; failures are logged. Thread: as move_to_dropbox.
 int prepend_header(FILE* stream, collector_info* row);
 
+// Writes `header` at offset 0 of `stream`. Returns 0 or -EINVAL, logged, with the row's name. The
+// one way in which a header gets into a file.
+int write_header(FILE* stream, const record_header& header, const char* row_name);
+
 enum class delivery {
     DROPPED,      // in the dropbox; the record is gone
     RECORD_GONE,  // the finished file is where it was and all there is

@@ -12,8 +12,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 
+#include "base/unique_handle.h"
 #include "framework/record/full_measure.h"
 #include "framework/row/collector_info.h"
 
@@ -25,8 +25,9 @@ struct record_init_req {
     uint8_t discard = 0;           // delete an existing record
 };
 
+// Owns the record's stream: closes it at its end, and the file stays for the next run.
 struct record_handle {
-    FILE* file = nullptr;         // the open record; null when there is none
+    unique_file file;             // the open record; null when there is none
     unique_full_measure measure;  // its compressed size, once it is nearly full
     bool undelivered = false;     // a hand-over failed and the record was not opened again yet
 };
@@ -51,11 +52,11 @@ struct write_req {
 // Opens or creates the record and leaves the stream at its end. With neither resume nor discard,
 // what an earlier run left is handed over and a new record begun; what cannot be handed over is
 // resumed. A finished file that an interrupted hand-over left is delivered when it is whole and
-// removed when it is not. Returns the stream, which the caller owns through its record_handle, or
-// null; failures are logged. Nothing that holds data is overwritten unless its first line is not
+// removed when it is not. Returns the stream, for the caller's record_handle, or null; failures are
+// logged. Nothing that holds data is overwritten unless its first line is not
 // one of this record version. For the start of a collector. Thread: the row's own, while no write
 // is under way; does not take the record-file lock.
-FILE* vexastats_record_init(record_init_req* req);
+unique_file vexastats_record_init(record_init_req* req);
 
 // Opens the record again after a failure: closes the handle's stream, if there is one, and goes on
 // with what could not be handed over, whatever req says of resume and discard. A new record is
@@ -71,10 +72,10 @@ bool vexastats_record_reopen(record_init_req req, record_handle* handle);
 // logged. Thread: any; serialised over all collectors by the record-file lock.
 size_t vexastats_write_file(write_req* req);
 
-// Closes the record's stream, if there is one; the file stays for the next run. Thread: the row's
-// own.
+// Closes the record's stream before its handle does; the file stays for the next run. Thread: the
+// row's own.
 void vexastats_record_close(record_handle* handle);
 
-// Bytes in the record after its first line (of which at most 256 are counted), 0 on any failure.
+// Bytes in the record after its first line (of which 256 are counted at most), 0 on any failure.
 // Failures are logged. Thread: the row's own.
 size_t vexastats_record_size(collector_info* row);

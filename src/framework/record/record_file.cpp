@@ -56,12 +56,23 @@ unique_file record_begin(collector_info* row, const char* caller, bool over_old)
     return stream;
 }
 
-bool record_read_line(FILE* stream, char (&line)[RECORD_LINE_SIZE]) {
+size_t record_read_line(FILE* stream, char (&line)[RECORD_LINE_SIZE]) {
     const ssize_t count = pread(fileno(stream), line, sizeof line - 1, 0);
-    if (count <= 0) return false;
-    line[count] = '\0';
-    if (char* newline = strchr(line, '\n')) newline[1] = '\0';
-    return true;
+    if (count <= 0) return 0;
+    auto len = static_cast<size_t>(count);
+    if (const void* newline = memchr(line, '\n', len)) {
+        len = static_cast<size_t>(static_cast<const char*>(newline) - line) + 1;
+    }
+    line[len] = '\0';
+    return len;
+}
+
+off_t record_seek_to_end(FILE* stream, const char* caller) {
+    if (fseeko(stream, 0, SEEK_END) != 0) {
+        ALOGE("%s fseek failed. err:%d\n", caller, errno);
+        return -1;
+    }
+    return ftello(stream);
 }
 
 void record_set_times_now(collector_info* row) {

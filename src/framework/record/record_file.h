@@ -23,9 +23,12 @@ unique_file record_open(const char* path);
 // names the function in a flush failure's message. Returns the stream or null; failures are logged.
 unique_file record_begin(collector_info* row, const char* caller, bool over_old);
 
-// Copies the record's first line, its newline included, without moving the stream.
-// Returns false when the record is empty or cannot be read.
-bool record_read_line(FILE* stream, char (&line)[RECORD_LINE_SIZE]);
+// Copies the record's first line, its newline included, without moving the stream. The one way in
+// which it is read. Returns its length, 0 when the record is empty or cannot be read.
+size_t record_read_line(FILE* stream, char (&line)[RECORD_LINE_SIZE]);
+
+// The record's end position, with the stream moved there; -1, logged with `caller`, on failure.
+off_t record_seek_to_end(FILE* stream, const char* caller);
 
 // Sets the times of the row's header to now.
 void record_set_times_now(collector_info* row);

@@ -47,37 +47,29 @@ origin origin_of(const char* record, const record_header& finished, uint32_t dat
     const unique_file stream = fopen_regular(record, RECORD_FILE_MAX);
     char line[RECORD_LINE_SIZE];
     record_times times;
-    if (!stream || !record_read_line(stream.get(), line) || !record_line_parse(line, &times) ||
+    const size_t line_len = stream ? record_read_line(stream.get(), line) : 0;
+    if (line_len == 0 || !record_line_parse(line, &times) ||
         times.uptime_ms != finished.uptime_ms ||
         finished.realtime_ms - times.realtime_ms >= SAME_START_MS) {
         return origin::OTHER;
     }
     struct stat status = {};
     if (fstat(fileno(stream.get()), &status) != 0) return origin::OTHER;
-    const uint64_t record_len = static_cast<uint64_t>(status.st_size) - strlen(line);
+    const uint64_t record_len = static_cast<uint64_t>(status.st_size) - line_len;
     if (record_len <= data_len) return origin::SAME;
     (void)fsync(fileno(stream.get()));  // it takes the place of a file that is on the disk
     return origin::GROWN;
 }
 
-// Gives the finished file the number of its name, which had to be another one than its header's.
-bool set_start(int fd, record_header* header, uint64_t ms) {
-    if (ms == header->realtime_ms) return true;
-    header->realtime_ms = ms;
-    uint8_t bytes[UPLOAD_HEADER_LEN];
-    upload_header_encode(*header, bytes);
-    return pwrite(fd, bytes, sizeof bytes, 0) == sizeof bytes;
-}
-
 void deliver_finished_file(const collector_info* row, const char* path, const char* record) {
     record_header header;
     uint32_t data_len = 0;
-    const unique_fd fd = open_update(path, RECORD_FILE_MAX);
-    if (!fd && errno != EINVAL && errno != ELOOP && errno != EFBIG) {
+    const unique_file file = stream_of(open_update(path, RECORD_FILE_MAX), "r+b");
+    if (!file && errno != EINVAL && errno != ELOOP && errno != EFBIG) {
         ALOGE("failed to open %s. err:%d\n", path, errno);
         return;  // it may be whole
     }
-    if (!fd || !upload_file_is_whole(fd.get(), &header, &data_len) ||
+    if (!file || !upload_file_is_whole(fileno(file.get()), &header, &data_len) ||
         header.client_id != row->hdr.client_id) {
         remove_unfinished(path);
         return;
@@ -93,11 +85,12 @@ void deliver_finished_file(const collector_info* row, const char* path, const ch
     memcpy(names.finished, path, strlen(path) + 1);  // it stays where it is until it is dropped
     if (from == origin::SAME) memcpy(names.record, record, strlen(record) + 1);
     sequence_keep_ahead_of(names.finished, header.seq);
-    if (!set_start(fd.get(), &header, ms)) {
-        ALOGE("failed to write header %s. cnt:%zu\n", row->name, size_t{0});
-        return;
+    // Its name may have to carry another number than its header does.
+    if (ms != header.realtime_ms) {
+        header.realtime_ms = ms;
+        if (write_header(file.get(), header, row->name) != 0) return;
     }
-    (void)deliver(fd.get(), names);
+    (void)deliver(fileno(file.get()), names);
 }
 
 }  // namespace

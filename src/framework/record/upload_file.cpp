@@ -29,15 +29,17 @@ bool is_one_gzip_stream(int fd, uint32_t* data_len) {
         if (count < 0) return false;
         *data_len = static_cast<uint32_t>(stream.total_out);
         if (count == 0) return state == Z_STREAM_END;
+        if (state == Z_STREAM_END) return false;  // bytes behind the end
         stream.next_in = in;
         stream.avail_in = static_cast<uInt>(count);
         do {
-            if (state == Z_STREAM_END) return false;  // bytes behind the end
             stream.next_out = out;
             stream.avail_out = sizeof out;
             state = inflate(&stream, Z_NO_FLUSH);
-            if (state != Z_OK && state != Z_STREAM_END && state != Z_BUF_ERROR) return false;
-        } while (stream.avail_in > 0 || stream.avail_out == 0);
+            if (zlib_has_failed(state)) return false;
+            // The end may fill the last piece: what is full is no sign that there is more.
+        } while (state != Z_STREAM_END && (stream.avail_in > 0 || stream.avail_out == 0));
+        if (stream.avail_in > 0) return false;
     }
 }
 

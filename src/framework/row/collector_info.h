@@ -56,6 +56,7 @@ struct collector_info {
     collector_cfg_read_handler cfg_read_handler = nullptr;
     collector_cfg_update_handler cfg_update_handler = nullptr;
     collector_sig_handler sig_handler = nullptr;
+    void* state = nullptr;  // the thread's own, for the hooks that it calls through the row
     // For a thread that waits elsewhere than for consent: called after each change of `enabled` and
     // `terminate`, with `mutex` held. Thread: the opt-out monitor's.
     collector_consent_handler consent_handler = nullptr;

@@ -11,6 +11,10 @@ int stop_flag_open(stop_flag* stop) {
     return 0;
 }
 
+void stop_flag_by_signal(stop_flag* stop, int signal_fd) {
+    stop->fd.store(signal_fd);
+}
+
 bool stop_flag_raise(stop_flag* stop) {
     const int saved_errno = errno;
     const bool first = stop->raised.exchange(1) == 0;

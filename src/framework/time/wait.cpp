@@ -9,24 +9,6 @@
 #include "framework/time/test_window.h"
 #include "platform/clock.h"
 
-#ifdef VEXA_TEST_WINDOWS
-#include <stdlib.h>
-
-void vexa_test_window() {
-    static const long window_us = [] {
-        const char* text = getenv("VEXA_TEST_WINDOW_US");
-        return text ? strtol(text, nullptr, 10) : 0;
-    }();
-    if (window_us <= 0) return;
-    timespec start, now;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    do {
-        clock_gettime(CLOCK_MONOTONIC, &now);
-    } while ((now.tv_sec - start.tv_sec) * 1000000 + (now.tv_nsec - start.tv_nsec) / 1000 <
-             window_us);
-}
-#endif
-
 namespace {
 
 // Polls the caller's descriptors and the stop flag's with poll_all(fds, count) until it has an

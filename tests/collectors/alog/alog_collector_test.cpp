@@ -20,7 +20,6 @@
 #include "support/files.h"
 #include "support/gzip.h"
 #include "support/log.h"
-#include "timed_campaign/campaign_config.h"
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
@@ -59,7 +58,6 @@ class AlogCollector : public ::testing::Test {
         for (const char* dir : {UP_DIR, DOWN_DIR, RECORD_DIR}) fs::create_directories(dir);
         ASSERT_EQ(stop_flag_open(&row.stop), 0);
         row.enabled = 1;
-        campaign_reset(&g_alog_campaign);
     }
     void TearDown() override {
         stop();
@@ -102,8 +100,9 @@ class AlogCollector : public ::testing::Test {
                                                                        << log_text();
     }
 
-    // Has the collector read the downloaded file.
+    // Has the collector read the downloaded file, as it does in its thread.
     void load() {
+        row.state = &campaign;
         const unique_file file(fopen(DOWNLOADED, "re"));
         alog_cfg_handler(file.get(), &row);
     }
@@ -125,6 +124,7 @@ class AlogCollector : public ::testing::Test {
                        .hdr = {.client_id = 501},
                        .cfg_read_handler = alog_cfg_handler,
                        .cfg_update_handler = alog_cfg_update_handler};
+    timed_campaign campaign{.kind = &ALOG_CAMPAIGN, .row = &row};  // of a test without the thread
     std::thread thread;
 };
 
@@ -448,12 +448,12 @@ TEST_F(AlogCollector, ThirdLineDecidesWhetherACampaignStarts) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        g_alog_campaign.id = c.active_before;
-        g_alog_campaign.stop_time_s = c.active_before < 0 ? 0 : 1;
+        campaign.state.id = c.active_before;
+        campaign.state.stop_time_s = c.active_before < 0 ? 0 : 1;
         write_text_file(DOWNLOADED, config(7, 600, c.third_line));
         load();
-        EXPECT_EQ(g_alog_campaign.id, c.active_after);
-        EXPECT_EQ(static_cast<int64_t>(g_alog_campaign.stop_time_s), c.stop_time_s);
+        EXPECT_EQ(campaign.state.id, c.active_after);
+        EXPECT_EQ(static_cast<int64_t>(campaign.state.stop_time_s), c.stop_time_s);
     }
 }
 
@@ -465,7 +465,7 @@ TEST_F(AlogCollector, RunningCampaignsFileChangesNothing) {
     load();
     EXPECT_EQ(log_text(), "alog_cfg_handler: \nalready active campaign id 7 \n");
     EXPECT_EQ(row.size, 65536);
-    EXPECT_EQ(g_alog_campaign.duration_s, 600);
+    EXPECT_EQ(campaign.state.duration_s, 600);
 }
 
 TEST_F(AlogCollector, FilesThatAreNotForItAreRefusedWithAMessage) {
@@ -479,7 +479,7 @@ TEST_F(AlogCollector, FilesThatAreNotForItAreRefusedWithAMessage) {
         errno = 0;
         load();
         EXPECT_EQ(log_text(), "alog_cfg_handler: \ninvalid 501 config file. re-create. err:0\n");
-        EXPECT_EQ(g_alog_campaign.id, NO_CAMPAIGN);
+        EXPECT_EQ(campaign.state.id, NO_CAMPAIGN);
     }
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "collectors/diag/diag_campaign.h"
 #include "support/events.h"
 #include "support/files.h"
 #include "support/log.h"
@@ -30,15 +31,14 @@ class DiagBuffers : public ::testing::Test {
         fs::create_directories(UP_DIR);
         row.enabled = 1;
         ASSERT_EQ(stop_flag_open(&row.stop), 0);
-        record.row = &row;
         record_init_req req{.row = &row, .dir = DIR, .prefix = "diagstats.tmp"};
-        record.handle.file = vexastats_record_init(&req);
-        ASSERT_TRUE(record.handle.file);
+        campaign.record.file = vexastats_record_init(&req);
+        ASSERT_TRUE(campaign.record.file);
         ASSERT_EQ(diag_dci_init_buffers(), 0);
     }
     void TearDown() override {
         diag_dci_release_buffers();
-        vexastats_record_close(&record.handle);
+        vexastats_record_close(&campaign.record);
         close(row.stop.fd);
     }
 
@@ -54,7 +54,7 @@ class DiagBuffers : public ::testing::Test {
 
     collector_info row{
         .name = "diag_collector", .up_dir = UP_DIR, .size = INT32_MAX, .hdr = {.client_id = 4}};
-    diag_record record;
+    timed_campaign campaign{.kind = &DIAG_CAMPAIGN, .row = &row};
 };
 
 TEST_F(DiagBuffers, OnlyFullBuffersAreWrittenAndThePacketThatDidNotFitIsDropped) {
@@ -86,7 +86,7 @@ TEST_F(DiagBuffers, OnlyFullBuffersAreWrittenAndThePacketThatDidNotFitIsDropped)
                                 c.packets[0]);
         put(c.packets[1], '1', c.type);
         if (c.packets[2] > 0) put(c.packets[2], '2', c.type);
-        EXPECT_EQ(process_incoming_pkt(&record, 0), 0);
+        EXPECT_EQ(process_incoming_pkt(&campaign, 0), 0);
         EXPECT_TRUE(written() == c.written) << written().size();
     }
 }
@@ -120,7 +120,7 @@ TEST_F(DiagBuffers, ShutLetsAWaitingProducerGoAndFreesNothingUnderIt) {
         // 144 packets a buffer, the last of them dropped; then it waits for room.
         while (producing.packets < 288) std::this_thread::yield();
         if (i % 2) {
-            EXPECT_EQ(process_incoming_pkt(&record, 0), 0);
+            EXPECT_EQ(process_incoming_pkt(&campaign, 0), 0);
         }
         diag_dci_release_buffers();
         producing.join();
@@ -147,7 +147,7 @@ TEST_F(DiagBuffers, ProducerThatIsAlwaysAheadDoesNotHideTheDeadlineOrTheStop) {
         producer producing;
         std::atomic<bool> over{false};
         std::thread consumer([&] {
-            EXPECT_EQ(process_incoming_pkt(&record, 10), 0);
+            EXPECT_EQ(process_incoming_pkt(&campaign, 10), 0);
             over = true;
         });
         while (producing.packets < 2000) std::this_thread::yield();
@@ -181,7 +181,7 @@ TEST_F(DiagBuffers, FullBufferIsHeldUntilConsentIsBack) {
         put(100000, 'b');  // hands the buffer over
         expected += std::string(100000, 'a');
         c.set(&row, false);
-        std::thread consumer([&] { EXPECT_EQ(process_incoming_pkt(&record, 10), 0); });
+        std::thread consumer([&] { EXPECT_EQ(process_incoming_pkt(&campaign, 10), 0); });
         ASSERT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
         EXPECT_NE(written(), expected);
         c.set(&row, true);

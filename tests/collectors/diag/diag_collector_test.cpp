@@ -21,7 +21,6 @@
 #include "support/files.h"
 #include "support/gzip.h"
 #include "support/log.h"
-#include "timed_campaign/campaign_config.h"
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
@@ -47,7 +46,6 @@ class DiagCollector : public ::testing::Test {
         for (const char* dir : {UP_DIR, DOWN_DIR, RECORD_DIR}) fs::create_directories(dir);
         ASSERT_EQ(stop_flag_open(&row.stop), 0);
         row.enabled = 1;
-        campaign_reset(&g_diag_campaign);
         platform_test_set_clock(platform_test_clock::MANUAL);
     }
     void TearDown() override {
@@ -106,15 +104,26 @@ TEST_F(DiagCollector, FailureOfTheLibraryIsLoggedAndEverythingGivenBack) {
         ASSERT_TRUE(wait_for_change({UP_DIR}, [] { return list_dir(UP_DIR).size() == 1; }));
         stop();
         EXPECT_EQ(platform_test_diag_calls().back(), "deinit");
-        EXPECT_FALSE(g_diag_campaign.masks);
-        // The list is gone, its count has stayed.
-        EXPECT_EQ(diag_cfg_update_handler(&row), 0);
-        EXPECT_THAT(file_text(LOCAL), HasSubstr("num_diag_masks=2;\nActive Campaign=7;"));
-        EXPECT_EQ(diag_monitor_diag_init(&row), 0);
-        EXPECT_THAT(platform_test_diag_calls(), ::testing::Contains("config 5 1"));
-        diag_monitor_diag_deinit();
         restart();
     }
+}
+
+// The list goes with the session, its count stays.
+TEST_F(DiagCollector, CampaignWithoutItsListStillCountsItAndIsAskedForWithout) {
+    timed_campaign campaign{.kind = &DIAG_CAMPAIGN, .row = &row};
+    row.state = &campaign;
+    write_text_file(DOWNLOADED, config(7, 600));
+    diag_cfg_handler(unique_file(fopen(DOWNLOADED, "re")).get(), &row);
+    ASSERT_TRUE(campaign.state.masks);
+    diag_session session;
+    for (const char* config_call : {"config 5 1 45248 45249", "config 5 1"}) {
+        EXPECT_EQ(diag_monitor_diag_init(&session, campaign), 0);
+        EXPECT_THAT(platform_test_diag_calls(), ::testing::Contains(config_call));
+        diag_monitor_diag_deinit(&session, &campaign);
+        EXPECT_FALSE(campaign.state.masks);
+    }
+    EXPECT_EQ(diag_cfg_update_handler(&row), 0);
+    EXPECT_THAT(file_text(LOCAL), HasSubstr("num_diag_masks=2;\nActive Campaign=7;"));
 }
 
 TEST_F(DiagCollector, NotificationsAreDecodedInAHandlerThatOnlyNotesThem) {
