@@ -15,8 +15,8 @@ bool driven_is_on();
 int64_t driven_boot_ns();
 int64_t driven_real_ns();
 
-// Waits for the turn unless the calling thread has it. Also makes the thread known. Not for signal
-// handlers.
+// Waits for the turn unless the calling thread has it. Also makes the thread known. In a phone that
+// shuffles, a thread that has the turn may lose it here for a while. Not for signal handlers.
 void driven_take_turn();
 
 // As ppoll on fds until the deadline (DRIVEN_NEVER: none) on the boot-time or the wall clock; gives

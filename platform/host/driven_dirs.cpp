@@ -1,5 +1,5 @@
-// In driven time directories are listed by name, so that a run is the same on every file system. The
-// linker leads the C library's calls here (CMakeLists.txt).
+// In driven time directories are listed by name, so that a run is the same on every file system.
+// The linker leads the C library's calls here (CMakeLists.txt).
 #include <dirent.h>
 #include <errno.h>
 #include <string.h>
@@ -35,7 +35,8 @@ dirent* __wrap_readdir(DIR* dir) {
     if (is_new) {
         while (const dirent* entry = __real_readdir(dir)) {
             // Only so much of it is there.
-            memcpy(&listing.entries.emplace_back(), entry, std::min<size_t>(entry->d_reclen, sizeof *entry));
+            memcpy(&listing.entries.emplace_back(), entry,
+                   std::min<size_t>(entry->d_reclen, sizeof *entry));
         }
         std::sort(listing.entries.begin(), listing.entries.end(),
                   [](const dirent& a, const dirent& b) { return strcmp(a.d_name, b.d_name) < 0; });

@@ -38,6 +38,7 @@ struct driven_page {
     std::atomic<uint32_t> moves;  // futex: counts changes that the conductor waits for
     std::atomic<int64_t> boot_ns;
     std::atomic<int64_t> real_ns;
+    std::atomic<uint64_t> shuffle_seed;  // 0: threads keep the turn until they wait
     driven_slot slots[DRIVEN_SLOTS];
 };
 static_assert(std::atomic<int64_t>::is_always_lock_free);

@@ -71,6 +71,7 @@ conductor::conductor(const std::string& dir, const clock_spec& start, std::optio
     page_ = new (memory) driven_page{};
     page_->boot_ns.store(start.boot_ns.value_or(NS_PER_S));
     page_->real_ns.store(start.real_ns.value_or(1700000000 * NS_PER_S));
+    page_->shuffle_seed.store(seed.value_or(0));
     page_->magic.store(DRIVEN_MAGIC);
 }
 
@@ -184,6 +185,7 @@ void conductor::give_turn(size_t index, uint32_t from) {
     driven_slot& slot = page_->slots[index];
     // It may have become ready by itself just now, by somebody from outside the phone.
     if (!slot.state.compare_exchange_strong(from, DRIVEN_RUNNING)) return;
+    ++wakes_;
     slot.turn.store(1);
     (void)syscall(SYS_futex, &slot.turn, FUTEX_WAKE, 1, nullptr, nullptr, 0);
     if (from == DRIVEN_WAITING) (void)!write(views_[index].alarm.get(), "", 1);
@@ -193,26 +195,13 @@ conductor::progress conductor::step(conductor_guest* guest) {
     seen_moves_ = page_->moves.load();
     if (!settles()) return progress::BUSY;
     ++steps_;
-    static FILE* trace =
-        getenv("VEXA_DRIVEN_TRACE") ? fopen(getenv("VEXA_DRIVEN_TRACE"), "w") : nullptr;
-    std::string states;
-    if (trace)
-        for (size_t i = 0; i < DRIVEN_SLOTS; ++i) {
-            uint32_t s = page_->slots[i].state.load();
-            if (s) states += " " + std::to_string(i) + "FSWRUE"[s];
-        }
     if (const auto ready = choose(DRIVEN_READY, 0)) {
-        if (trace) fprintf(trace, "%ld ready %zu%s\n", boot_ns(), *ready, states.c_str());
         give_turn(*ready, DRIVEN_READY);
         return progress::MOVED;
     }
-    if (guest->serve()) {
-        if (trace) fprintf(trace, "%ld guest%s\n", boot_ns(), states.c_str());
-        return progress::MOVED;
-    }
+    if (guest->serve()) return progress::MOVED;
     const int64_t now = boot_ns();
     if (const auto due = choose(DRIVEN_WAITING, now)) {
-        if (trace) fprintf(trace, "%ld due %zu%s\n", boot_ns(), *due, states.c_str());
         give_turn(*due, DRIVEN_WAITING);
         return progress::MOVED;
     }

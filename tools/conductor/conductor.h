@@ -56,7 +56,8 @@ class conductor {
 
     int64_t boot_ns() const { return page_->boot_ns.load(); }
     int64_t real_ns() const { return page_->real_ns.load(); }
-    uint64_t steps() const { return steps_; }
+    uint64_t steps() const { return steps_; }  // looks at a phone in which nobody ran
+    uint64_t wakes() const { return wakes_; }  // times that somebody got the turn
 
     // Who runs, as text for a message about a phone that does not get on.
     std::string who_runs() const;
@@ -87,4 +88,5 @@ class conductor {
     unsigned impatience_ = 0;    // looks at somebody who was not asleep yet
     bool falls_asleep_ = false;  // somebody waits and was not asleep yet at the last look
     uint64_t steps_ = 0;
+    uint64_t wakes_ = 0;
 };

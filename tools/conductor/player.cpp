@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <utility>
 
 #include "conductor/transcript.h"
 #include "phone/phone_tree.h"
@@ -90,6 +91,15 @@ int64_t script_player::next_ns() {
     return next;
 }
 
+// Nobody may have been given the turn since a line that expects so.
+void script_player::check_quiet() {
+    const quiet_since quiet = std::exchange(quiet_, {});
+    if (!quiet.line || clocks_->wakes() == quiet.wakes) return;
+    throw script_error(script_.name, quiet.line->number,
+                       std::to_string(clocks_->wakes() - quiet.wakes) +
+                           " times somebody woke where nobody was to");
+}
+
 // One line a time: who waits for what it did comes first.
 bool script_player::play_due() {
     const auto due = std::min_element(due_.begin(), due_.end(), [](const auto& a, const auto& b) {
@@ -97,6 +107,7 @@ bool script_player::play_due() {
     });
     if (due == due_.end() || due->next_ns > clocks_->boot_ns()) return false;
     const script_line& line = *due->line;
+    check_quiet();
     due->next_ns =
         line.kind == script_line::when::EVERY ? due->next_ns + line.time_ns : DRIVEN_NEVER;
     if (chance_() % 100 < static_cast<uint64_t>(line.chance_percent)) play(line);
@@ -189,6 +200,8 @@ void script_player::play(const script_line& line) try {
         fs::remove_all(path(VEXA_DIR) + "up/" + word);
     } else if (line.action == "modem") {
         tell_modem(line.text);
+    } else if (line.action == "expect-quiet") {
+        quiet_ = {.line = &line, .wakes = clocks_->wakes()};
     } else if (line.action == "tell") {
         tell_phone(line.text);
     } else if (line.action == "property") {

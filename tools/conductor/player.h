@@ -33,7 +33,13 @@ class script_player : public conductor_guest {
         int64_t next_ns = 0;
     };
 
+    struct quiet_since {
+        const script_line* line = nullptr;  // none: nothing is expected
+        uint64_t wakes = 0;
+    };
+
     int64_t first_ns(const script_line& line) const;
+    void check_quiet();
     bool play_due();
     bool end_if_over();
     void play(const script_line& line);
@@ -52,6 +58,7 @@ class script_player : public conductor_guest {
     std::mt19937_64 chance_;
     std::vector<std::string> modem_lines_;
     std::vector<unique_fd> told_;
+    quiet_since quiet_{};
     std::unique_ptr<modem> modem_;
     std::vector<std::unique_ptr<modem_service>> services_;
 };

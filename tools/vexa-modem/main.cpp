@@ -81,6 +81,8 @@ int main(int argc, char** argv) {
         app.failure_message(printable_failure);
         CLI11_PARSE(app, argc, argv);
         phone_refuse_links(dir);
+        if (fs::exists(fs::path(dir) / "dev/driven"))
+            throw std::runtime_error("in driven time the modem is the script's: \"modem up\"");
         // The end of whoever reads the events is not the modem's.
         signal(SIGPIPE, SIG_IGN);
         play(fs::canonical(dir));

@@ -73,8 +73,6 @@ int driven_run::work() {
 }
 
 void driven_run::end() {
-    if (getenv("VEXA_DRIVEN_STEPS"))
-        fprintf(stderr, "%llu steps\n", (unsigned long long)conductor_.steps());
     player_.snapshot();
     if (transcript_) (void)fflush(transcript_);
 }
