@@ -205,6 +205,7 @@ conductor::progress conductor::step(conductor_guest* guest) {
         give_turn(*due, DRIVEN_WAITING);
         return progress::MOVED;
     }
+    if (!is_turn_free()) return progress::BUSY;  // the last thread went as it was looked at
     const int64_t next = std::min(next_deadline_ns(), guest->next_ns());
     if (next == DRIVEN_NEVER) return progress::STALLED;
     page_->real_ns.store(real_ns() + (next - now));

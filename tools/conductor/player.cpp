@@ -114,6 +114,20 @@ bool script_player::play_due() {
     return true;
 }
 
+void script_player::signal_daemon(int signo) {
+    const bool is_stop = signo == SIGTERM || signo == SIGINT || signo == SIGHUP || signo == SIGKILL;
+    if (is_stop) told_to_stop_ns_ = std::min(told_to_stop_ns_, clocks_->boot_ns());
+    send_signal_(signo);
+}
+
+void script_player::check_stop(bool is_stalled) const {
+    constexpr int64_t STOP_LIMIT_NS = 60 * NS_PER_S;
+    if (told_to_stop_ns_ == DRIVEN_NEVER) return;
+    if (is_stalled) throw std::runtime_error("the daemon hangs in its stop:" + clocks_->who_runs());
+    if (clocks_->boot_ns() - told_to_stop_ns_ > STOP_LIMIT_NS)
+        throw std::runtime_error("the daemon does not stop:" + clocks_->who_runs());
+}
+
 // The script is over with the last of its lines that come once.
 bool script_player::end_if_over() {
     const bool is_over = std::none_of(due_.begin(), due_.end(), [](const due_line& due) {
@@ -121,7 +135,7 @@ bool script_player::end_if_over() {
     });
     if (due_.empty() || !is_over) return false;
     due_.clear();
-    send_signal_(SIGTERM);
+    if (told_to_stop_ns_ == DRIVEN_NEVER) signal_daemon(SIGTERM);
     return true;
 }
 
@@ -212,7 +226,7 @@ void script_player::play(const script_line& line) try {
         const auto* found = std::find_if(std::begin(SIGNALS), std::end(SIGNALS),
                                          [&](const signal_name& s) { return word == s.name; });
         if (found == std::end(SIGNALS)) throw std::invalid_argument("no such signal: " + word);
-        send_signal_(found->number);
+        signal_daemon(found->number);
     }
 } catch (const script_error&) {
     throw;

@@ -24,6 +24,10 @@ class script_player : public conductor_guest {
     bool serve() override;
     int64_t next_ns() override;
 
+    // Throws std::runtime_error when the daemon was told to stop and a minute of the phone's time
+    // has passed since, or nothing can ever happen any more.
+    void check_stop(bool is_stalled) const;
+
     // Everything that the phone holds now, as text (transcript.h).
     void snapshot();
 
@@ -42,6 +46,7 @@ class script_player : public conductor_guest {
     void check_quiet();
     bool play_due();
     bool end_if_over();
+    void signal_daemon(int signo);
     void play(const script_line& line);
     std::string path(const std::string& seen_as) const;
     void tell_modem(const std::string& command);
@@ -59,6 +64,7 @@ class script_player : public conductor_guest {
     std::vector<std::string> modem_lines_;
     std::vector<unique_fd> told_;
     quiet_since quiet_{};
+    int64_t told_to_stop_ns_ = DRIVEN_NEVER;
     std::unique_ptr<modem> modem_;
     std::vector<std::unique_ptr<modem_service>> services_;
 };

@@ -66,9 +66,11 @@ int driven_run::work() {
                 conductor_.wait_for_moves();
                 break;
             case conductor::progress::STALLED:
+                player_.check_stop(true);
                 return IDLE_MS;
         }
     }
+    player_.check_stop(false);
     return 0;
 }
 
