@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "collectors/mccbandlist/pdc_indications.h"
 #include "support/kbr_service.h"
 #include "support/log.h"
 
