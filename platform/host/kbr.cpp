@@ -9,7 +9,6 @@
 
 #include <errno.h>
 #include <pthread.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -20,6 +19,7 @@
 #include <utility>
 
 #include "base/path.h"
+#include "base/quiet_thread.h"
 #include "host/kbr_client.h"
 
 namespace {
@@ -103,17 +103,6 @@ void* dispatch(void* arg) {
 
 // ---- Threads
 
-// Signals are for the daemon's own threads.
-bool start_thread(pthread_t* thread, void* (*body)(void*), kbr_client* c) {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    const int error = pthread_create(thread, nullptr, body, c);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return error == 0;
-}
-
 void stop_dispatcher(kbr_client* c) {
     pthread_t dispatcher = {};
     {
@@ -134,11 +123,11 @@ int start_threads(kbr_client* c) {
     {
         const vexa_lock held(c->mutex);
         c->users.store(2);
-        if (!start_thread(&c->dispatcher, dispatch, c)) {
+        if (!quiet_thread_start(&c->dispatcher, dispatch, c)) {
             c->users.store(1);
             return KBR_ERR_INTERNAL;
         }
-        if (start_thread(&c->reader, kbr_read_packets, c)) return KBR_OK;
+        if (quiet_thread_start(&c->reader, kbr_read_packets, c)) return KBR_OK;
     }
     stop_dispatcher(c);
     return KBR_ERR_INTERNAL;

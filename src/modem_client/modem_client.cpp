@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <pthread.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/eventfd.h>
 
@@ -10,6 +9,7 @@
 #include <new>
 #include <utility>
 
+#include "base/quiet_thread.h"
 #include "base/unique_handle.h"
 #include "framework/time/test_window.h"
 #include "framework/time/wait.h"
@@ -36,17 +36,6 @@ namespace {
 constexpr uint32_t CONNECT_TIMEOUT_S = 4;
 
 using state = modem_connection::state;
-
-// Signals are for the daemon's other threads.
-bool start_thread(pthread_t* thread, void* (*body)(void*), void* arg) {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    const int error = pthread_create(thread, nullptr, body, arg);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return error == 0;
-}
 
 // ---- Connecting
 
@@ -166,7 +155,7 @@ modem_result modem_client_connect(modem_client* client, const kbr_service_object
     made->callback = indication_cb;
     made->done.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     pthread_t thread = {};
-    if (!made->done || !start_thread(&thread, connect_to_service, made.get()))
+    if (!made->done || !quiet_thread_start(&thread, connect_to_service, made.get()))
         return modem_result::FAILED;
 
     modem_connection* connection = made.release();
@@ -219,7 +208,7 @@ modem_result modem_client_send(modem_client* client, uint16_t msg_id, const void
     }
     message.done.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     pthread_t thread = {};
-    if (!message.done || !start_thread(&thread, send_message, &message))
+    if (!message.done || !quiet_thread_start(&thread, send_message, &message))
         return modem_result::FAILED;
     if (!wait_through(message.done, stop)) modem_client_release(client);
     pthread_join(thread, nullptr);

@@ -133,7 +133,7 @@ void sampling_give_up_notify(sampling_collector* c);
 // grows, but does not count.
 void sampling_count_result(sampling_collector* c, sample_result result);
 
-// After a failed watch or wait: waits a second. AGAIN for the first three in a row.
+// After a failed watch or wait: waits a second. END after the third failure in a row.
 pass_result sampling_try_again(sampling_collector* c);
 
 // Ends a pass of the main loop: waits for consent where it was withdrawn, and loads the row's

@@ -112,6 +112,19 @@ void scan_processes(cpu_stats* stats, DIR* proc_dir, uint64_t now_ms, uint64_t* 
     *scan_ms = now_ms;
 }
 
+// *sample_ms is when the last one was taken. A failure is logged.
+sample_result sample_when_due(cpu_stats* stats, sampling_collector* c, uint64_t now_ms,
+                              uint64_t* sample_ms) {
+    if (now_ms - *sample_ms <= static_cast<uint64_t>(c->row->interval)) return sample_result::TAKEN;
+    const sample_result result = prepare_cpu_stats(stats, c);
+    if (result == sample_result::TAKEN) {
+        *sample_ms = now_ms;
+    } else {
+        ALOGE("failed to prepare cpu stats. err:%d\n", sample_result_number(result));
+    }
+    return result;
+}
+
 void sleep_between_looks(const cpu_stats& stats, const collector_info& row) {
     const int64_t longest_ms = stats.tracks_processes ? SCAN_PERIOD_MS : INT64_MAX;
     vexastats_sleep_ms(std::min<int64_t>(row.interval, longest_ms), row.stop);
@@ -157,14 +170,8 @@ sample_result poll_cpu_stats(cpu_stats* stats, sampling_collector* c, DIR* proc_
         if (!row.enabled || stop_flag_is_raised(row.stop)) return sample_result::TAKEN;
         const uint64_t now_ms = vexastats_mono_time_ms();
         scan_processes(stats, proc_dir, now_ms, &scan_ms);
-        if (now_ms - sample_ms > static_cast<uint64_t>(row.interval)) {
-            const sample_result result = prepare_cpu_stats(stats, c);
-            if (result != sample_result::TAKEN) {
-                ALOGE("failed to prepare cpu stats. err:%d\n", sample_result_number(result));
-                return result;
-            }
-            sample_ms = now_ms;
-        }
+        const sample_result result = sample_when_due(stats, c, now_ms, &sample_ms);
+        if (result != sample_result::TAKEN) return result;
         sleep_between_looks(*stats, row);
         if (stats->low_frequency_count >= 1) return sample_result::TAKEN;
     }

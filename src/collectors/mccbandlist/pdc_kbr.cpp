@@ -90,6 +90,32 @@ int wait_error(int ready) {
     return ready == 0 ? ETIMEDOUT : std::max(-ready, 0);
 }
 
+// Each waits for the indication and returns its result.
+
+int32_t wait_for_info(pdc_call* call, const char* function, const stop_flag& stop) {
+    pollfd wake{.fd = -1, .events = POLLIN, .revents = 0};
+    int ready = 1;
+    if (call->begin_wait(&wake.fd)) {
+        ALOGI("%s : waiting pdc_get_info_cond ", function);
+        const auto until_ms = static_cast<int64_t>(vexastats_real_time_ms() + INFO_LIMIT_MS);
+        ready = vexastats_poll_until(&wake, 1, until_ms, stop);
+    }
+    bool missing = false;
+    const int32_t result = call->end_wait(&missing);
+    if (missing) ALOGE("%s : pdc_get_info_cond exit with %d", function, wait_error(ready));
+    return result;
+}
+
+int32_t wait_for_load(pdc_call* call, const char* function, const stop_flag& stop) {
+    pollfd wake{.fd = -1, .events = POLLIN, .revents = 0};
+    int ready = 1;
+    if (call->begin_wait(&wake.fd)) ready = vexastats_poll(&wake, 1, PDC_LOAD_LIMIT_MS, stop);
+    bool missing = false;
+    const int32_t result = call->end_wait(&missing);
+    if (missing) ALOGE("%s : pdc_load_config_cond exit with %d", function, wait_error(ready));
+    return result;
+}
+
 template <class Request>
 modem_result send(uint16_t msg_id, const Request& request, modem_answer* answer,
                   const stop_flag& stop) {
@@ -177,16 +203,7 @@ int pdc_get_config_info(const pdc_config_id& id, pdc_config_info* info, uint32_t
     }
     ALOGI("kbr send mssage succ get_config_info, errno: %d ", modem_result_number(sent));
 
-    pollfd wake{.fd = -1, .events = POLLIN, .revents = 0};
-    int ready = 1;
-    if (call.begin_wait(&wake.fd)) {
-        ALOGI("%s : waiting pdc_get_info_cond ", __func__);
-        const auto until_ms = static_cast<int64_t>(vexastats_real_time_ms() + INFO_LIMIT_MS);
-        ready = vexastats_poll_until(&wake, 1, until_ms, stop);
-    }
-    bool missing = false;
-    const int32_t result = call.end_wait(&missing);
-    if (missing) ALOGE("%s : pdc_get_info_cond exit with %d", __func__, wait_error(ready));
+    const int32_t result = wait_for_info(&call, __func__, stop);
     ALOGI("result %d ", result);
     return result;
 }
@@ -217,12 +234,7 @@ int pdc_load_config_segment(const uint8_t* frame, size_t frame_len, size_t total
         return PDC_FAILED;
     }
 
-    pollfd wake{.fd = -1, .events = POLLIN, .revents = 0};
-    int ready = 1;
-    if (call.begin_wait(&wake.fd)) ready = vexastats_poll(&wake, 1, PDC_LOAD_LIMIT_MS, stop);
-    bool missing = false;
-    const int32_t result = call.end_wait(&missing);
-    if (missing) ALOGE("%s : pdc_load_config_cond exit with %d", __func__, wait_error(ready));
+    const int32_t result = wait_for_load(&call, __func__, stop);
     const vexa_lock held(g_pdc.mutex);
     *remaining = g_pdc.remaining_size;
     return result;
