@@ -82,6 +82,8 @@ struct kbr_client {
     uint8_t packet[KBR_PACKET_MAX + 1];  // the reader's; a byte more shows that one is too long
 };
 
+// ---- kbr_call.cpp
+
 // Makes a call, of a client that stays alive meanwhile: as kbr_client_send_msg_sync. Any thread.
 int kbr_call(kbr_client* c, uint32_t msg_id, const void* request, uint32_t request_len,
              void* response, uint32_t response_len, uint32_t timeout_ms);
@@ -89,12 +91,14 @@ int kbr_call(kbr_client* c, uint32_t msg_id, const void* request, uint32_t reque
 // Whether `structure` is one of that message. Any thread.
 bool kbr_fits(const kbr_message& message, const void* structure, uint32_t len);
 
-// The body of the reader: takes packets off the socket until the modem or the client has gone, and
-// then ends all calls in progress. The argument is the client; returns null.
-void* kbr_read_packets(void* client);
-
 // Hands a response to the call that waits for it. Thread: the reader.
 void kbr_take_response(kbr_client* c, const kbr_header& header, const uint8_t* fields);
 
 // Ends every call in progress, and all that are to come. Thread: the reader.
 void kbr_lose_connection(kbr_client* c);
+
+// ---- kbr_reader.cpp
+
+// The body of the reader: takes packets off the socket until the modem or the client has gone, and
+// then ends all calls in progress. The argument is the client; returns null.
+void* kbr_read_packets(void* client);

@@ -43,7 +43,7 @@ struct pdc_client {
     pdc_unasked unasked GUARDED_BY(mutex){};
 };
 
-extern pdc_client g_pdc;
+extern pdc_client g_pdc;  // pdc_kbr.cpp
 
 // The service's description, of the version that the daemon is made for; null: there is none.
 inline const kbr_service_object* pdc_service() {

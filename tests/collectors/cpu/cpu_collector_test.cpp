@@ -129,7 +129,9 @@ std::string sample_hex(const std::string& stamp) {
 
 TEST_F(CpuCollector, SamplesStandInTheRecordByteForByte) {
     open_record();
+    sampler.storage_pause.next_ms = growing_pause::LONGEST_MS;
     ASSERT_EQ(prepare_cpu_stats(&stats, &sampler), sample_result::TAKEN);
+    EXPECT_EQ(sampler.storage_pause.next_ms, growing_pause::FIRST_MS) << "all is well again";
     // Kathmandu is 345 minutes ahead: the first sample there says so, the next one no more.
     setenv("TZ", "NPT-5:45", 1);
     tzset();
