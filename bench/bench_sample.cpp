@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <climits>
+#include <utility>
 
 #include "base/unique_handle.h"
 #include "bench_data.h"
@@ -16,14 +17,17 @@ void sample_ours(benchmark::State& state) {
     bench_record record("sample");
     record.row.size = INT_MAX;  // never full: dropping has its own row
     record.begin();
+    sampling_collector sampler{.row = &record.row};
+    std::swap(sampler.record, record.handle);
     cpu_stats stats;
     stats.cpu_count = BENCH_PHONE_CPUS;
     for (auto _ : state) {
-        if (prepare_cpu_stats(&stats, &record.row, &record.handle) != 0) {
+        if (prepare_cpu_stats(&stats, &sampler) != sample_result::TAKEN) {
             state.SkipWithError("the sample failed");
-            return;
+            break;
         }
     }
+    vexastats_record_close(&sampler.record);
 }
 
 void sample_floor(benchmark::State& state) {

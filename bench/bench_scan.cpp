@@ -16,25 +16,25 @@ constexpr uint32_t EVERY_CLASS = 0xF;
 
 enum class table { WARM, COLD };
 
-void scan_once(DIR* proc) {
+void scan_once(proc_scanner* scanner, DIR* proc) {
     rewinddir(proc);
-    vexa_inc_proc_tbl_tick();
-    vexa_ps_readproc(proc, EVERY_CLASS);
+    vexa_inc_proc_tbl_tick(&scanner->table);
+    vexa_ps_readproc(scanner, proc, EVERY_CLASS);
 }
 
 void scan_ours(benchmark::State& state, table kind) {
     bench_have_processes(PROCESSES);
     const unique_dir proc(opendir("/proc"));
-    vexa_init_proc_tbl();
-    scan_once(proc.get());
+    proc_scanner scanner;
+    vexa_init_proc_tbl(&scanner.table);
+    scan_once(&scanner, proc.get());
     for (auto _ : state) {
         if (kind == table::COLD) {
-            vexa_release_proc_tbl();
-            vexa_init_proc_tbl();
+            vexa_release_proc_tbl(&scanner.table);
+            vexa_init_proc_tbl(&scanner.table);
         }
-        scan_once(proc.get());
+        scan_once(&scanner, proc.get());
     }
-    vexa_release_proc_tbl();
 }
 
 void scan_floor(benchmark::State& state, table kind) {

@@ -28,21 +28,21 @@ void parse(uint8_t file, std::string_view text, vexa_proc_entry* entry) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
-    vexa_release_proc_tbl();
+    proc_table table;
     for (int scan = 0; scan < 3; ++scan) {
-        vexa_inc_proc_tbl_tick();
-        unique_proc_entry entry = vexa_make_proc_entry();
+        vexa_inc_proc_tbl_tick(&table);
+        unique_proc_entry entry = vexa_make_proc_entry(&table);
         // A copy of the exact size, so that a read past its end is found.
         const std::vector<char> text(data + 1, data + size);
         if (scan != 1) parse(data[0], {text.data(), text.size()}, entry.get());
         entry->pid = 1;
-        vexa_insert_proc_tbl_entry(std::move(entry));
+        vexa_insert_proc_tbl_entry(&table, std::move(entry));
     }
     uint16_t count = 0;
     uint64_t len = 0;
-    vexaps_store_ps_info(nullptr, nullptr, &count, &len, UINT64_MAX);
+    vexaps_store_ps_info(table, nullptr, nullptr, &count, &len, UINT64_MAX);
     std::vector<uint8_t> block(len);
-    vexaps_store_ps_info(block.data(), nullptr, &count, &len, block.size());
+    vexaps_store_ps_info(table, block.data(), nullptr, &count, &len, block.size());
     if (count != 1 || len > block.size()) abort();
     return 0;
 }

@@ -201,24 +201,36 @@ bool get_field(reader* from, uint8_t* type, reader* value) {
     return true;
 }
 
+// Takes the value of a field of that type; of a field that comes twice the first counts. One of
+// unknown type is skipped. `seen` has a bit for each field of the message that came.
+bool take_field(const kbr_message& message, uint8_t type, reader value, uint8_t* out,
+                uint64_t* seen) {
+    for (size_t i = 0; i < message.fields.size(); ++i) {
+        const kbr_field& field = message.fields[i];
+        if (field.type != type || (*seen >> i & 1)) continue;
+        if (!get_value(field, &value, out) || value.at != value.end) return false;
+        if (is_optional(field)) out[field.flag_offset] = 1;
+        *seen |= uint64_t{1} << i;
+    }
+    return true;
+}
+
+bool has_mandatory_fields(const kbr_message& message, uint64_t seen) {
+    for (size_t i = 0; i < message.fields.size(); ++i) {
+        if (!is_optional(message.fields[i]) && !(seen >> i & 1)) return false;
+    }
+    return true;
+}
+
 bool decode_fields(const kbr_message& message, reader from, uint8_t* out) {
     uint64_t seen = 0;
     while (from.at < from.end) {
         uint8_t type = 0;
         reader value;
         if (!get_field(&from, &type, &value)) return false;
-        for (size_t i = 0; i < message.fields.size(); ++i) {
-            const kbr_field& field = message.fields[i];
-            if (field.type != type || (seen >> i & 1)) continue;
-            if (!get_value(field, &value, out) || value.at != value.end) return false;
-            if (is_optional(field)) out[field.flag_offset] = 1;
-            seen |= uint64_t{1} << i;
-        }
+        if (!take_field(message, type, value, out, &seen)) return false;
     }
-    for (size_t i = 0; i < message.fields.size(); ++i) {
-        if (!is_optional(message.fields[i]) && !(seen >> i & 1)) return false;
-    }
-    return true;
+    return has_mandatory_fields(message, seen);
 }
 
 }  // namespace

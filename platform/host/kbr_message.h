@@ -37,6 +37,6 @@ size_t kbr_message_max_len(const kbr_message& message);
 int kbr_encode(const kbr_message& message, const void* in, uint8_t* out, size_t* len);
 
 // Fills the structure `out` from `len` bytes of fields. It is zeroed first, also on failure. A
-// field that comes twice counts as it comes last. Returns KBR_OK, or KBR_ERR_FORMAT when a
+// field that comes twice counts as it comes first. Returns KBR_OK, or KBR_ERR_FORMAT when a
 // mandatory field is missing or a length does not fit.
 int kbr_decode(const kbr_message& message, const uint8_t* buf, size_t len, void* out);

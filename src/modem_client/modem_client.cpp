@@ -1,13 +1,15 @@
 #include "modem_client/modem_client.h"
 
+#include <errno.h>
 #include <pthread.h>
-#include <signal.h>
+#include <stdlib.h>
 #include <sys/eventfd.h>
 
 #include <memory>
 #include <new>
 #include <utility>
 
+#include "base/quiet_thread.h"
 #include "base/unique_handle.h"
 #include "framework/time/test_window.h"
 #include "framework/time/wait.h"
@@ -17,7 +19,6 @@ struct modem_connection {
 
     const kbr_service_object* service = nullptr;
     kbr_indication_cb callback = nullptr;
-    uint32_t timeout_s = 0;
 
     // Of the thread that connects; the others look at them once it is through.
     kbr_client* handle = nullptr;
@@ -32,18 +33,9 @@ struct modem_connection {
 
 namespace {
 
-using state = modem_connection::state;
+constexpr uint32_t CONNECT_TIMEOUT_S = 4;
 
-// Signals are for the daemon's other threads.
-bool start_thread(pthread_t* thread, void* (*body)(void*), void* arg) {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    const int error = pthread_create(thread, nullptr, body, arg);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return error == 0;
-}
+using state = modem_connection::state;
 
 // ---- Connecting
 
@@ -83,7 +75,7 @@ void* connect_to_service(void* arg) {
     auto* connection = static_cast<modem_connection*>(arg);
     connection->result =
         kbr_client_init_instance(connection->service, KBR_ANY_INSTANCE, deliver, connection,
-                                 connection->timeout_s, &connection->handle);
+                                 CONNECT_TIMEOUT_S, &connection->handle);
     if (!report_through(connection)) end_connection(connection);
     return nullptr;
 }
@@ -137,31 +129,62 @@ bool hand_over(modem_client* client, modem_connection* connection, const stop_fl
 
 }  // namespace
 
-int modem_client_connect(modem_client* client, const kbr_service_object* service,
-                         kbr_indication_cb indication_cb, uint32_t timeout_s,
-                         const stop_flag& stop) {
-    if (stop_flag_is_raised(stop)) return KBR_ERR_GONE;
+int modem_result_number(modem_result result) {
+    switch (result) {
+        case modem_result::STOPPED:
+            return -EINTR;
+        case modem_result::NO_SERVICE:
+            return -2;
+        case modem_result::TOO_LARGE:
+            return -EINVAL;
+        case modem_result::UNKNOWN_MESSAGE:
+            return KBR_ERR_ARGUMENT;
+        case modem_result::NO_MEMORY:
+            return KBR_ERR_INTERNAL;
+        default:
+            return static_cast<int>(result);
+    }
+}
+
+modem_result modem_client_connect(modem_client* client, const kbr_service_object* service,
+                                  kbr_indication_cb indication_cb, const stop_flag& stop) {
+    if (stop_flag_is_raised(stop)) return modem_result::GONE;
     std::unique_ptr<modem_connection> made(new (std::nothrow) modem_connection);
-    if (!made) return KBR_ERR_INTERNAL;
+    if (!made) return modem_result::FAILED;
     made->service = service;
     made->callback = indication_cb;
-    made->timeout_s = timeout_s;
     made->done.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     pthread_t thread = {};
-    if (!made->done || !start_thread(&thread, connect_to_service, made.get()))
-        return KBR_ERR_INTERNAL;
+    if (!made->done || !quiet_thread_start(&thread, connect_to_service, made.get()))
+        return modem_result::FAILED;
 
     modem_connection* connection = made.release();
     if (!wait_through(connection->done, stop) && abandon(connection)) {
         pthread_detach(thread);
-        return KBR_ERR_GONE;
+        return modem_result::GONE;
     }
     pthread_join(thread, nullptr);
-    const int result = connection->result;
+    const modem_result result{connection->result};
     VEXA_TEST_WINDOW();
-    if (result == KBR_OK && hand_over(client, connection, stop)) return KBR_OK;
+    if (result == modem_result::OK && hand_over(client, connection, stop)) return result;
     end_connection(connection);
-    return result == KBR_OK ? KBR_ERR_GONE : result;
+    return result == modem_result::OK ? modem_result::GONE : result;
+}
+
+modem_result modem_client_connect_patiently(modem_client* client, const kbr_service_object* service,
+                                            kbr_indication_cb indication_cb,
+                                            const modem_patience& patience, const stop_flag& stop) {
+    modem_result result = modem_result::GONE;
+    for (int attempt = 0; attempt < patience.attempts; ++attempt) {
+        if (stop_flag_is_raised(stop)) return result;
+        if (attempt > 0 && patience.note_retry) patience.note_retry(attempt);
+        result = modem_client_connect(client, service, indication_cb, stop);
+        if (result == modem_result::OK) return result;
+        patience.note_failure(result, attempt);
+        const bool is_last = attempt == patience.attempts - 1;
+        if (!is_last || patience.pauses_after_last) vexastats_sleep_ms(patience.pause_ms, stop);
+    }
+    return result;
 }
 
 bool modem_client_is_connected(modem_client* client) {
@@ -169,9 +192,9 @@ bool modem_client_is_connected(modem_client* client) {
     return client->connection != nullptr;
 }
 
-int modem_client_send(modem_client* client, uint16_t msg_id, const void* request,
-                      size_t request_len, void* response, size_t response_len, uint32_t timeout_ms,
-                      const stop_flag& stop) {
+modem_result modem_client_send(modem_client* client, uint16_t msg_id, const void* request,
+                               size_t request_len, void* response, size_t response_len,
+                               uint32_t timeout_ms, const stop_flag& stop) {
     pending_message message{.msg_id = msg_id,
                             .request = request,
                             .request_len = static_cast<uint32_t>(request_len),
@@ -180,15 +203,36 @@ int modem_client_send(modem_client* client, uint16_t msg_id, const void* request
                             .timeout_ms = timeout_ms};
     {
         const vexa_lock held(client->mutex);
-        if (!client->connection || stop_flag_is_raised(stop)) return KBR_ERR_GONE;
+        if (!client->connection || stop_flag_is_raised(stop)) return modem_result::GONE;
         message.handle = client->connection->handle;
     }
     message.done.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     pthread_t thread = {};
-    if (!message.done || !start_thread(&thread, send_message, &message)) return KBR_ERR_INTERNAL;
+    if (!message.done || !quiet_thread_start(&thread, send_message, &message))
+        return modem_result::FAILED;
     if (!wait_through(message.done, stop)) modem_client_release(client);
     pthread_join(thread, nullptr);
-    return message.result;
+    return modem_result{message.result};
+}
+
+modem_result modem_callback_send(kbr_client* client, uint16_t msg_id, const void* request,
+                                 size_t request_len, void* response, size_t response_len,
+                                 uint32_t timeout_ms) {
+    return modem_result{kbr_client_send_msg_sync(client, msg_id, request,
+                                                 static_cast<uint32_t>(request_len), response,
+                                                 static_cast<uint32_t>(response_len), timeout_ms)};
+}
+
+modem_result modem_client_decode(kbr_client* client, const kbr_service_object* service,
+                                 uint32_t msg_id, const void* buf, uint32_t len,
+                                 unique_malloc<void>* structure) {
+    uint32_t size = 0;
+    if (kbr_idl_get_message_c_struct_len(service, KBR_INDICATION, msg_id, &size) != KBR_OK)
+        return modem_result::UNKNOWN_MESSAGE;
+    structure->reset(calloc(1, size));
+    if (!*structure) return modem_result::NO_MEMORY;
+    return modem_result{kbr_client_message_decode(client, KBR_INDICATION, msg_id, buf, len,
+                                                  structure->get(), size)};
 }
 
 void modem_client_release(modem_client* client) {

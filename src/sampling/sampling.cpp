@@ -28,18 +28,6 @@ void save_config(collector_info* row) {
     if (row->cfg_update_handler(row) != 0) ALOGE("failed to update cfg file.\n");
 }
 
-void load_params(sampling_collector* c) {
-    vexastats_wait_dir_ready(c->row->down_dir, &c->row->stop);
-    const dload_req request{.client_id = static_cast<int32_t>(c->row->hdr.client_id),
-                            .version = "1.1",
-                            .key = c->kind->cfg_key};
-    if (vexastats_dload_req(&request) != 0) ALOGE("%s: dload request failed\n", c->kind->monitor);
-    if (vexastats_init_params(c->row) != 0) {
-        ALOGE("%s init_params failed. use default value\n", c->kind->name);
-    }
-    c->params_loaded_ms = vexastats_uptime_ms();
-}
-
 record_init_req record_of(const sampling_collector& c) {
     return {.row = c.row, .dir = c.kind->record_dir, .prefix = c.kind->record_file};
 }
@@ -57,8 +45,8 @@ void pause(const sampling_collector& c) {
 
 // Longer each time, so that a full disk does not keep the phone awake. Returns false when a stop
 // ended it.
-bool pause_for_storage(const sampling_collector& c, sampling_storage* storage) {
-    return vexastats_sleep_longer(&storage->pause, c.stop());
+bool pause_for_storage(sampling_collector* c) {
+    return vexastats_sleep_longer(&c->storage_pause, c->stop());
 }
 
 void sample_periodically(collector_info* row) {
@@ -96,40 +84,62 @@ bool sampling_read_charge_counter(int32_t* value_uAh) {
     return vexastats_read_sysfs_number(CHARGE_COUNTER_FILE, value_uAh) == 0;
 }
 
-int sampling_write(collector_info* row, record_handle* record, const grow_array<uint8_t>& sample,
-                   const char* caller, sampling_storage* storage) {
-    write_req req{.row = row,
-                  .handle = record,
+int sample_result_number(sample_result result) {
+    switch (result) {
+        case sample_result::TAKEN:
+            return 0;
+        case sample_result::NO_MEMORY:
+            return -ENOMEM;
+        case sample_result::SOURCE_FAILED:
+        case sample_result::STORAGE_FAILED:
+            break;
+    }
+    return -EINVAL;
+}
+
+bool sampling_begin_record(sampling_collector* c) {
+    c->started_early = vexastats_uptime_ms() < EARLY_START_MS;
+    vexastats_wait_optin(c->row);
+    while (c->row->enabled && !begin_record(c)) {
+        if (!pause_for_storage(c)) return false;
+        vexastats_wait_optin(c->row);
+    }
+    return c->row->enabled;
+}
+
+void sampling_load_params(sampling_collector* c) {
+    vexastats_wait_dir_ready(c->row->down_dir, &c->row->stop);
+    const dload_req request{.client_id = static_cast<int32_t>(c->row->hdr.client_id),
+                            .version = "1.1",
+                            .key = c->kind->cfg_key};
+    if (vexastats_dload_req(&request) != 0) ALOGE("%s: dload request failed\n", c->kind->monitor);
+    if (vexastats_init_params(c->row) != 0) {
+        ALOGE("%s init_params failed. use default value\n", c->kind->name);
+    }
+    c->params_loaded_ms = vexastats_uptime_ms();
+}
+
+bool sampling_has_record(sampling_collector* c) {
+    if (c->record.file || vexastats_record_reopen(record_of(*c), &c->record)) return true;
+    ALOGE("failed to open record file for %s\n", c->kind->name);
+    (void)pause_for_storage(c);
+    return false;
+}
+
+sample_result sampling_write(sampling_collector* c, const grow_array<uint8_t>& sample,
+                             const char* caller) {
+    write_req req{.row = c->row,
+                  .handle = &c->record,
                   .data = sample.data(),
                   .len = sample.size(),
                   .flags = WRITE_BEGIN_NEW};
     const size_t count = vexastats_write_file(&req);
-    storage->failed = count != req.len;
-    if (!storage->failed) {
-        storage->pause = {};
-        return 0;
+    if (count == req.len) {
+        c->storage_pause = {};
+        return sample_result::TAKEN;
     }
     ALOGE("%s: failed to write file. cnt:%zu\n", caller, count);
-    return -EINVAL;
-}
-
-bool sampling_start(sampling_collector* c, sampling_storage* storage) {
-    c->started_early = vexastats_uptime_ms() < EARLY_START_MS;
-    vexastats_wait_optin(c->row);
-    while (c->row->enabled && !begin_record(c)) {
-        if (!pause_for_storage(*c, storage)) return false;
-        vexastats_wait_optin(c->row);
-    }
-    if (!c->row->enabled) return false;
-    load_params(c);
-    return true;
-}
-
-bool sampling_has_record(sampling_collector* c, sampling_storage* storage) {
-    if (c->record.file || vexastats_record_reopen(record_of(*c), &c->record)) return true;
-    ALOGE("failed to open record file for %s\n", c->kind->name);
-    (void)pause_for_storage(*c, storage);
-    return false;
+    return sample_result::STORAGE_FAILED;
 }
 
 bool sampling_open_notifier(sampling_collector* c) {
@@ -176,27 +186,32 @@ void sampling_give_up_notify(sampling_collector* c) {
     sample_periodically(c->row);
 }
 
-void sampling_count_result(sampling_collector* c, int result, sampling_storage* storage) {
-    if (result == 0) {
-        c->failures = 0;
-    } else if (storage->failed) {
-        (void)pause_for_storage(*c, storage);
-    } else {
-        pause(*c);
-        ++c->failures;
+void sampling_count_result(sampling_collector* c, sample_result result) {
+    switch (result) {
+        case sample_result::TAKEN:
+            c->failures = 0;
+            return;
+        case sample_result::STORAGE_FAILED:
+            (void)pause_for_storage(c);
+            return;
+        case sample_result::SOURCE_FAILED:
+        case sample_result::NO_MEMORY:
+            pause(*c);
+            ++c->failures;
+            return;
     }
 }
 
-bool sampling_try_again(sampling_collector* c) {
+pass_result sampling_try_again(sampling_collector* c) {
     pause(*c);
-    if (c->failures >= MAX_FAILURES) return false;
+    if (c->failures >= MAX_FAILURES) return pass_result::END;
     ++c->failures;
-    return true;
+    return pass_result::AGAIN;
 }
 
-bool sampling_end_pass(sampling_collector* c) {
+pass_result sampling_end_pass(sampling_collector* c) {
     vexastats_wait_optin(c->row);
     vexastats_reload_params(c->row, &c->params_loaded_ms, PARAMS_LIFE_MS);
     keep_kernel_support(c);
-    return c->failures <= MAX_FAILURES;
+    return c->failures <= MAX_FAILURES ? pass_result::AGAIN : pass_result::END;
 }

@@ -40,16 +40,20 @@ uint32_t sampling_time_stamp(bool timezone_changed);
 // as it is otherwise, and a missing file is logged.
 bool sampling_read_charge_counter(int32_t* value_uAh);
 
-// How the collector gets on with its record.
-struct sampling_storage {
-    bool failed = false;    // there was no record for the last sample, or it did not take it
-    growing_pause pause{};  // before the next attempt, until a sample is stored
+// What became of a sample; of a loop that takes samples, its last. One that ended before its first
+// sample took it.
+enum class sample_result {
+    TAKEN,
+    SOURCE_FAILED,
+    NO_MEMORY,
+    STORAGE_FAILED,  // there was no record, or it did not take the sample
 };
 
-// Appends a whole sample to the record. Returns 0, or -EINVAL, logged with the name of the calling
-// function; *storage says the same.
-int sampling_write(collector_info* row, record_handle* record, const grow_array<uint8_t>& sample,
-                   const char* caller, sampling_storage* storage);
+// The number that the log has for it: 0 or a negative errno. Any thread.
+int sample_result_number(sample_result result);
+
+// What becomes of the main loop after a pass, or a step of one.
+enum class pass_result { AGAIN, END };
 
 // ---- One such collector
 
@@ -69,6 +73,7 @@ struct sampling_collector {
     bool started_early = false;
     uint64_t params_loaded_ms = 0;
     record_handle record{};
+    growing_pause storage_pause{};  // before the next attempt to store, until one succeeds
     unique_fd notifier{};
     int failures = 0;               // in a row
     bool kernel_is_silent = false;  // found out in this run; no file that is loaded changes it
@@ -76,17 +81,16 @@ struct sampling_collector {
     const stop_flag& stop() const { return row->stop; }
 };
 
-// ---- Start
+// ---- Start: its steps, in their order
 
 // Notes an early start (the phone was booted less than two minutes ago), waits for the owner's
-// consent, opens the record, asks for a configuration and loads the parameters. Data that an
-// earlier run left is handed over before the record is begun; one that cannot be opened is tried
-// again. Returns whether the collector goes on; failures are logged.
-bool sampling_start(sampling_collector* c, sampling_storage* storage);
+// consent and opens the record. Data that an earlier run left is handed over before the record is
+// begun; one that cannot be opened is tried again. Returns whether the collector goes on; failures
+// are logged.
+bool sampling_begin_record(sampling_collector* c);
 
-// Opens the record again when a failure has taken it (vexastats_record_reopen). Returns whether
-// there is one; after a failure, which is logged, the pause is over.
-bool sampling_has_record(sampling_collector* c, sampling_storage* storage);
+// Asks for a configuration and loads the parameters. Failures are logged.
+void sampling_load_params(sampling_collector* c);
 
 // Opens the notifier for the frequency files. Returns false, logged, on failure.
 bool sampling_open_notifier(sampling_collector* c);
@@ -94,6 +98,17 @@ bool sampling_open_notifier(sampling_collector* c);
 // Gives a kernel that reported no changes another chance after an early start. A row whose kernel
 // is known not to report any is set to periodic sampling. A failure to save is logged.
 void sampling_apply_kernel_support(sampling_collector* c);
+
+// ---- Samples and their record
+
+// Opens the record again when a failure has taken it (vexastats_record_reopen). Returns whether
+// there is one; after a failure, which is logged, the pause is over.
+bool sampling_has_record(sampling_collector* c);
+
+// Appends a whole sample to the record. Returns TAKEN, or STORAGE_FAILED, logged with the name of
+// the calling function.
+sample_result sampling_write(sampling_collector* c, const grow_array<uint8_t>& sample,
+                             const char* caller);
 
 // Raises the row's stop flag and closes the record.
 void sampling_end(sampling_collector* c);
@@ -116,13 +131,12 @@ void sampling_give_up_notify(sampling_collector* c);
 // Counts the result of a sampling loop: one that failed costs a second, one that did not starts the
 // count afresh. Storage that is full or was taken away comes back one day: it costs a pause that
 // grows, but does not count.
-void sampling_count_result(sampling_collector* c, int result, sampling_storage* storage);
+void sampling_count_result(sampling_collector* c, sample_result result);
 
-// After a failed watch or wait: waits a second. Returns whether there is another attempt, of three.
-bool sampling_try_again(sampling_collector* c);
+// After a failed watch or wait: waits a second. END after the third failure in a row.
+pass_result sampling_try_again(sampling_collector* c);
 
 // Ends a pass of the main loop: waits for consent where it was withdrawn, and loads the row's
 // parameters again once more than five days of uptime have passed since the last time. A kernel
-// that was found to report no changes stays one. Returns
-// whether there is another pass: not after three failures in a row.
-bool sampling_end_pass(sampling_collector* c);
+// that was found to report no changes stays one. END after three failures in a row.
+pass_result sampling_end_pass(sampling_collector* c);

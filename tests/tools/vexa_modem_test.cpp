@@ -44,13 +44,13 @@ TEST(VexaModem, CollectionRunsFromItsPartsToItsDataFiles) {
     record.ctxt_spec = spec_of(800);
     record.lll_spec = spec_of(801);
     const stop_flag stop;
-    ASSERT_EQ(mps_kbr_init(stop), 0);
+    ASSERT_EQ(mps_kbr_init(stop), modem_result::OK);
     mps_kbr_register_cb([](uint32_t event) {
         raised_events |= event;
         raised_events.notify_all();
     });
-    EXPECT_NE(mps_kbr_stop_flush_bsi(), 0) << "nothing is collected yet";
-    ASSERT_EQ(mps_kbr_init_mpss_bsi(&record, 1, stop), 0) << file_text(EVENTS);
+    EXPECT_NE(mps_kbr_stop_flush_bsi(), modem_result::OK) << "nothing is collected yet";
+    ASSERT_EQ(mps_kbr_init_mpss_bsi(&record, 1, stop), modem_result::OK) << file_text(EVENTS);
     EXPECT_TRUE(printed("vexa: collection started: static 10 collection 1700 context 800 lll 801"));
 
     dprintf(commands.get(),
@@ -58,10 +58,11 @@ TEST(VexaModem, CollectionRunsFromItsPartsToItsDataFiles) {
     EXPECT_TRUE(printed("error: vexa nonsense: no such command; try help\n"));
     const uint8_t* spec = record.collection_spec.bytes.get();
     EXPECT_EQ(file_text("/data/specs/collection"), std::string(spec, spec + 1700));
-    for (const int result : {KBR_ERR_REFUSED, KBR_ERR_REFUSED, KBR_OK})
+    for (const modem_result result :
+         {modem_result::REFUSED, modem_result::REFUSED, modem_result::OK})
         EXPECT_EQ(mps_kbr_fetch_results(), result);
     EXPECT_TRUE(mps_kbr_send_lll_stop_req());
-    EXPECT_EQ(mps_kbr_stop_flush_bsi(), 0);
+    EXPECT_EQ(mps_kbr_stop_flush_bsi(), modem_result::OK);
     EXPECT_THAT(list_dir(DATA_DIR), ElementsAre("hda_data_1.bin", "hda_data_3.bin", "hda_lll_2.bin",
                                                 "hda_static_data_4.bin"));
     constexpr uint32_t BOTH = MPS_EVENT_BUFFER_FULL | MPS_EVENT_SEND_COMPLETE;

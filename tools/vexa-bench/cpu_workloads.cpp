@@ -10,7 +10,6 @@
 #include "bench_phone.h"
 #include "collectors/cpu/cpu_stats.h"
 #include "collectors/cpu/readproc.h"
-#include "collectors/cpu/vexapslist.h"
 #include "framework/record/record.h"
 #include "framework/time/stop.h"
 #include "framework/time/wait.h"
@@ -38,18 +37,20 @@ class process_scan {
   public:
     process_scan() : proc_(opendir("/proc")) {
         if (!proc_) throw std::system_error(errno, std::generic_category(), "/proc");
-        vexa_init_proc_tbl();
+        vexa_init_proc_tbl(&scanner_.table);
     }
-    ~process_scan() { vexa_release_proc_tbl(); }
 
-    void run() const {
+    void forget() { vexa_release_proc_tbl(&scanner_.table); }
+
+    void run() {
         rewinddir(proc_.get());
-        vexa_inc_proc_tbl_tick();
-        vexa_ps_readproc(proc_.get(), ALL_CPUSET_CLASSES);
+        vexa_inc_proc_tbl_tick(&scanner_.table);
+        vexa_ps_readproc(&scanner_, proc_.get(), ALL_CPUSET_CLASSES);
     }
 
   private:
     unique_dir proc_;
+    proc_scanner scanner_{};
 };
 
 class cpu_sampler {
@@ -59,36 +60,37 @@ class cpu_sampler {
         const std::string out = bench_env("BENCH_OUT");
         record_init_req req{
             .row = &row_, .dir = out.c_str(), .prefix = "cpustats.tmp", .discard = 1};
-        record_.file = vexastats_record_init(&req);
-        if (!record_.file) throw std::runtime_error("no record in " + out);
+        sampler_.record.file = vexastats_record_init(&req);
+        if (!sampler_.record.file) throw std::runtime_error("no record in " + out);
         stats_.cpu_count = read_cpu_count();
         if (stats_.cpu_count < 0) throw std::runtime_error("no cores in BENCH_TREE");
     }
-    ~cpu_sampler() { vexastats_record_close(&record_); }
+    ~cpu_sampler() { vexastats_record_close(&sampler_.record); }
 
     void run() {
-        if (prepare_cpu_stats(&stats_, &row_, &record_) != 0) throw std::runtime_error("no sample");
+        if (prepare_cpu_stats(&stats_, &sampler_) != sample_result::TAKEN)
+            throw std::runtime_error("no sample");
     }
 
   private:
     // A record that is never full: compressing it is another workload.
     collector_info row_{.name = "cpu_collector", .size = INT32_MAX, .hdr = {.client_id = 2}};
-    record_handle record_;
+    sampling_collector sampler_{.row = &row_};
     cpu_stats stats_;
 };
 
 }  // namespace
 
 int bench_scan(long n) {
-    const process_scan scan;
+    process_scan scan;
     for (long i = 0; i < n; ++i) scan.run();
     return 0;
 }
 
 int bench_scan_cold(long n) {
-    const process_scan scan;
+    process_scan scan;
     for (long i = 0; i < n; ++i) {
-        vexa_release_proc_tbl();
+        scan.forget();
         scan.run();
     }
     return 0;
@@ -101,7 +103,7 @@ int bench_sample(long n) {
 }
 
 int bench_pace_scan(long seconds) {
-    const process_scan scan;
+    process_scan scan;
     return pace(seconds, [&] { scan.run(); });
 }
 

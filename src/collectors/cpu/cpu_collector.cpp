@@ -8,7 +8,6 @@
 
 #include "collectors/cpu/cpu_stats.h"
 #include "collectors/cpu/cpu_times.h"
-#include "collectors/cpu/vexapslist.h"
 #include "framework/time/watch.h"
 #include "platform/log.h"
 #include "sampling/sampling.h"
@@ -45,12 +44,13 @@ void open_processes(cpu_collector* c) {
         ALOGE("Could not open /proc Error %d", errno);
         return;
     }
-    vexa_init_proc_tbl();
+    vexa_init_proc_tbl(&c->stats.processes.table);
     c->stats.tracks_processes = true;
 }
 
 bool start(cpu_collector* c) {
-    if (!sampling_start(c, &c->stats.storage)) return false;
+    if (!sampling_begin_record(c)) return false;
+    sampling_load_params(c);
     c->stats.cpu_count = read_cpu_count();
     if (c->stats.cpu_count < 0) return false;
     if (!sampling_open_notifier(c) || !reserve_watches(c)) return false;
@@ -83,8 +83,8 @@ bool add_watches(cpu_collector* c) {
 }
 
 void run_sampling_loop(cpu_collector* c) {
-    const int result = poll_cpu_stats(&c->stats, c->row, &c->record, c->proc_dir.get());
-    sampling_count_result(c, result, &c->stats.storage);
+    const sample_result result = poll_cpu_stats(&c->stats, c, c->proc_dir.get());
+    sampling_count_result(c, result);
 }
 
 void sample_on_changes(cpu_collector* c, const watch_buffer& events) {
@@ -95,9 +95,9 @@ void sample_on_changes(cpu_collector* c, const watch_buffer& events) {
     });
 }
 
-// ---- The main loop. Its steps return whether the loop goes on.
+// ---- The main loop
 
-bool wait_and_sample(cpu_collector* c) {
+pass_result wait_and_sample(cpu_collector* c) {
     if (!add_watches(c)) return sampling_try_again(c);
 
     watch_buffer events;
@@ -107,10 +107,11 @@ bool wait_and_sample(cpu_collector* c) {
         case change_wait::TIMED_OUT:
             sampling_give_up_notify(c);
             remove_watches(c);
-            return true;
+            return pass_result::AGAIN;
         case change_wait::FAILED:
             remove_watches(c);
-            return sampling_try_again(c) && sampling_end_pass(c);
+            if (sampling_try_again(c) == pass_result::END) return pass_result::END;
+            break;
         case change_wait::EVENTS:
             sample_on_changes(c, events);
             break;
@@ -118,9 +119,9 @@ bool wait_and_sample(cpu_collector* c) {
     return sampling_end_pass(c);
 }
 
-bool run_pass(cpu_collector* c) {
+pass_result run_pass(cpu_collector* c) {
     // A failure to store is no fault of the sources.
-    if (!sampling_has_record(c, &c->stats.storage)) return sampling_end_pass(c);
+    if (!sampling_has_record(c)) return sampling_end_pass(c);
     if (c->row->notify) return wait_and_sample(c);
     run_sampling_loop(c);
     return sampling_end_pass(c);
@@ -130,10 +131,10 @@ bool run_pass(cpu_collector* c) {
 
 int cpu_monitor(collector_info* row) {
     cpu_collector collector{{.kind = &KIND, .row = row}};
-    bool goes_on = start(&collector);
-    while (goes_on && !stop_flag_is_raised(row->stop)) goes_on = run_pass(&collector);
+    pass_result next = start(&collector) ? pass_result::AGAIN : pass_result::END;
+    while (next == pass_result::AGAIN && !stop_flag_is_raised(row->stop))
+        next = run_pass(&collector);
 
     sampling_end(&collector);
-    vexa_release_proc_tbl();
     return 0;
 }

@@ -10,8 +10,8 @@
 #include "collectors/cpu/cpu_times.h"
 #include "collectors/cpu/network_stats.h"
 #include "collectors/cpu/power_stats.h"
+#include "collectors/cpu/readproc.h"
 #include "collectors/cpu/thermal_stats.h"
-#include "framework/record/record.h"
 #include "framework/row/collector_info.h"
 #include "sampling/sampling.h"
 
@@ -21,8 +21,8 @@ struct cpu_stats {
     bool tracks_processes = false;
     timezone_memory timezone{};
     power_trigger power{};
+    proc_scanner processes{};
     int low_frequency_count = 0;  // samples in a row with core 0 at or below the threshold
-    sampling_storage storage{};
 
     // Work space, used again for every sample.
     thermal_list thermal{};
@@ -33,11 +33,11 @@ struct cpu_stats {
     grow_array<uint8_t> bytes{};
 };
 
-// Samples every row->interval ms, and scans the processes every 10 s when `proc_dir` (may be null)
-// and stats->tracks_processes allow it, until the row is disabled or stopped or core 0 is found at
-// or below row->threshold. Returns 0, or -EINVAL once a sample failed, which is logged.
-int poll_cpu_stats(cpu_stats* stats, collector_info* row, record_handle* record, DIR* proc_dir);
+// Samples every `interval` ms of the row, and scans the processes every 10 s when `proc_dir` (may
+// be null) and stats->tracks_processes allow it, until the row is disabled or stopped, core 0 is
+// found at or below its `threshold`, or a sample failed, which is logged.
+sample_result poll_cpu_stats(cpu_stats* stats, sampling_collector* c, DIR* proc_dir);
 
-// Takes one sample and appends it to the record. Returns 0, or -EINVAL or -ENOMEM, logged. A source
-// other than the cores' times and frequencies never fails a sample.
-int prepare_cpu_stats(cpu_stats* stats, collector_info* row, record_handle* record);
+// Takes one sample and appends it to the record. A failure is logged. A source other than the
+// cores' times and frequencies never fails a sample.
+sample_result prepare_cpu_stats(cpu_stats* stats, sampling_collector* c);

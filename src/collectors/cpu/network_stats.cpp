@@ -96,7 +96,13 @@ bool append_node(network_table* table, network_table::group* group, const networ
     return true;
 }
 
-// The nodes in the list's order: the first one, then by UID, each UID's in the order they came.
+// A UID's nodes, in the order they came. There is room for them.
+void list_group(network_table* table, const network_table::group& group) {
+    for (uint32_t at = group.first; at != 0; at = table->nodes[at].next)
+        (void)table->ranking.push_back({.total = group.total, .index = at});
+}
+
+// The nodes in the list's order: the first one, then by UID.
 bool list_nodes(network_table* table) {
     table->ranking.clear();
     if (table->nodes.size() == 0) return true;
@@ -104,13 +110,8 @@ bool list_nodes(network_table* table) {
     (void)table->ranking.push_back({.total = table->first_total, .index = 0});
     for (const uint32_t page : table->page_of) {
         if (page == 0) continue;
-        for (const uint32_t number : table->pages[page - 1].groups) {
-            if (number == 0) continue;
-            const network_table::group& group = table->groups[number - 1];
-            for (uint32_t at = group.first; at != 0; at = table->nodes[at].next) {
-                (void)table->ranking.push_back({.total = group.total, .index = at});
-            }
-        }
+        for (const uint32_t number : table->pages[page - 1].groups)
+            if (number != 0) list_group(table, table->groups[number - 1]);
     }
     return true;
 }

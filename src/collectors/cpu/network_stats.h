@@ -36,6 +36,11 @@ struct network_list {
 // The traffic table while it is read. It yields what a linked list would into which each node is
 // inserted behind the last one of no larger UID, only that the first node never moves; but the
 // place of a node is found through its UID at once.
+//
+// Traffic that comes for the UIDs 10131, 10010, 10131 (the other set) and 10020 gives nodes 0 to 3.
+// Node 0 is the first one and in no group; the groups are 1: {10010: node 1}, 2: {10131: node 2}
+// and 3: {10020: node 3}. UID 10010 is 0x271A: pages[page_of[0x27] - 1].groups[0x1A] is 1. Walking
+// the pages upwards lists the nodes as the linked list has them: 0, 1, 3, 2.
 struct network_table {
     // Nodes of one UID, in the order they came, but for the table's first node.
     struct group {

@@ -20,34 +20,24 @@ constexpr size_t CMDLINE_READ_LEN = 256;
 constexpr size_t STAT_READ_LEN = 255;
 constexpr size_t STATUS_READ_LEN = 4096;
 
-// PIDs whose cpuset was found to be the root, so that it is not read at every scan. A slice is
-// forgotten after each scan, all of it every 32 scans.
-constexpr size_t BITMAP_BYTES = 1024;
 constexpr size_t BITMAP_SLICE_BYTES = 32;
-constexpr int32_t BITMAP_PIDS = BITMAP_BYTES * 8;
-
-struct root_cpusets {
-    uint8_t bits[BITMAP_BYTES] = {};
-    size_t slice = 0;
-};
-root_cpusets g_root_cpusets;
-readproc_counters g_counters;
+constexpr int32_t BITMAP_PIDS = proc_scanner::BITMAP_BYTES * 8;
 
 bool in_bitmap(int32_t pid) {
     return pid >= 0 && pid < BITMAP_PIDS;
 }
 
-bool is_known_root(int32_t pid) {
-    return in_bitmap(pid) && (g_root_cpusets.bits[pid / 8] >> (pid % 8) & 1);
+bool is_known_root(const proc_scanner& scanner, int32_t pid) {
+    return in_bitmap(pid) && (scanner.root_cpusets[pid / 8] >> (pid % 8) & 1);
 }
 
-void remember_root(int32_t pid) {
-    if (in_bitmap(pid)) g_root_cpusets.bits[pid / 8] |= static_cast<uint8_t>(1 << pid % 8);
+void remember_root(proc_scanner* scanner, int32_t pid) {
+    if (in_bitmap(pid)) scanner->root_cpusets[pid / 8] |= static_cast<uint8_t>(1 << pid % 8);
 }
 
-void forget_slice() {
-    memset(g_root_cpusets.bits + g_root_cpusets.slice, 0, BITMAP_SLICE_BYTES);
-    g_root_cpusets.slice = (g_root_cpusets.slice + BITMAP_SLICE_BYTES) % BITMAP_BYTES;
+void forget_slice(proc_scanner* scanner) {
+    memset(scanner->root_cpusets + scanner->slice, 0, BITMAP_SLICE_BYTES);
+    scanner->slice = (scanner->slice + BITMAP_SLICE_BYTES) % proc_scanner::BITMAP_BYTES;
 }
 
 // A process's directory as listed.
@@ -75,14 +65,14 @@ std::string_view read_file(int proc_fd, std::string_view dir_name, std::string_v
     return {buf, got > 0 ? static_cast<size_t>(got) : 0};
 }
 
-cpuset_class class_of_process(const proc_dir& dir, int32_t pid) {
-    if (is_known_root(pid)) {
-        ++g_counters.bitmap_hits;
+cpuset_class class_of_process(proc_scanner* scanner, const proc_dir& dir, int32_t pid) {
+    if (is_known_root(*scanner, pid)) {
+        ++scanner->bitmap_hits;
         return CPUSET_OTHER;
     }
     char buf[CPUSET_READ_LEN];
     const std::string_view text = read_file(dir.proc_fd, dir.pid, "/cpuset", buf, sizeof buf);
-    if (text.starts_with("/\n")) remember_root(pid);
+    if (text.starts_with("/\n")) remember_root(scanner, pid);
     return parse_proc_cpuset(text);
 }
 
@@ -100,8 +90,8 @@ void read_identity(const proc_dir& dir, vexa_proc_entry* entry) {
     parse_proc_status(read_file(dir.proc_fd, dir.name, "/status", status, sizeof status), entry);
 }
 
-void read_process(const proc_dir& dir, vexa_proc_entry* entry) {
-    if (vexa_process_in_table(entry->pid)) {
+void read_process(const proc_table& table, const proc_dir& dir, vexa_proc_entry* entry) {
+    if (vexa_process_in_table(table, entry->pid)) {
         set_name(entry, "*");
     } else {
         read_identity(dir, entry);
@@ -110,22 +100,22 @@ void read_process(const proc_dir& dir, vexa_proc_entry* entry) {
     parse_proc_stat(read_file(dir.proc_fd, dir.name, "/stat", stat, sizeof stat), entry);
 }
 
-void walk(DIR* proc, uint32_t class_mask) {
+void walk(proc_scanner* scanner, DIR* proc, uint32_t class_mask) {
     unique_proc_entry entry;
     while (const dirent* listed = readdir(proc)) {
-        ++g_counters.entries;
+        ++scanner->entries;
         if (listed->d_name[0] < '1' || listed->d_name[0] > '9') continue;
-        if (!entry) entry = vexa_make_proc_entry();
+        if (!entry) entry = vexa_make_proc_entry(&scanner->table);
         if (!entry) return;
         text_cursor name{std::string_view(listed->d_name)};
         // Handed over, the entry is null and made anew above:
         // NOLINTNEXTLINE(bugprone-use-after-move)
         (void)scan_int(&name, &entry->pid);
         const proc_dir dir = proc_dir_of(dirfd(proc), listed->d_name);
-        entry->cpuset = class_of_process(dir, entry->pid);
+        entry->cpuset = class_of_process(scanner, dir, entry->pid);
         if (!(class_mask >> entry->cpuset & 1)) continue;
-        read_process(dir, entry.get());
-        vexa_insert_proc_tbl_entry(std::move(entry));
+        read_process(scanner->table, dir, entry.get());
+        vexa_insert_proc_tbl_entry(&scanner->table, std::move(entry));
     }
 }
 
@@ -183,12 +173,8 @@ void parse_proc_stat(std::string_view text, vexa_proc_entry* entry) {
            scan_unsigned(&rest, &entry->child_system_time));
 }
 
-int vexa_ps_readproc(DIR* dir, uint32_t class_mask) {
-    if (dir) walk(dir, class_mask);
-    forget_slice();
+int vexa_ps_readproc(proc_scanner* scanner, DIR* dir, uint32_t class_mask) {
+    if (dir) walk(scanner, dir, class_mask);
+    forget_slice(scanner);
     return 0;
-}
-
-readproc_counters vexa_ps_readproc_counters() {
-    return g_counters;
 }

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstdint>
+#include <utility>
 
 #include "base/little_endian.h"
 #include "base/printable.h"
@@ -30,70 +31,56 @@ constexpr size_t ROWS_LEN = ROWS_PER_PROCESS * NETWORK_ROW_LEN;
 constexpr float OLD_LOAD_WEIGHT = std::bit_cast<float>(0x3E4CCCCCu);
 constexpr float NEW_LOAD_WEIGHT = std::bit_cast<float>(0x3F4CCCCDu);
 
-struct proc_slot {
-    int32_t pid;
-    vexa_proc_entry* entry;
-};
-
-// Trivially destructible: only the collector's thread may give the memory back.
-struct proc_table {
-    proc_slot* slots = nullptr;
-    size_t count = 0;
-    size_t capacity = 0;
-    uint8_t tick = 0;
-    // Slots before this one were looked at for their age in this scan, and stay: a scan in
-    // ascending order looks at each slot once.
-    size_t aged = 0;
-    vexa_proc_entry* spare = nullptr;  // an entry for reuse, so that a scan of known processes
-                                       // allocates nothing
-};
-proc_table g_table;
-
-bool reserve(size_t count) {
-    if (count <= g_table.capacity) return true;
-    const size_t wanted = std::max(count, g_table.capacity * 2);
-    void* grown = realloc(g_table.slots, wanted * sizeof(proc_slot));
+bool reserve(proc_table* table, size_t count) {
+    if (count <= table->capacity) return true;
+    const size_t wanted = std::max(count, table->capacity * 2);
+    void* grown = realloc(table->slots, wanted * sizeof(proc_slot));
     if (!grown) return false;
-    g_table.slots = static_cast<proc_slot*>(grown);
-    g_table.capacity = wanted;
+    table->slots = static_cast<proc_slot*>(grown);
+    table->capacity = wanted;
     return true;
 }
 
 // First slot of [0, count) whose PID is not below `pid`.
-size_t lower_bound(int32_t pid, size_t count) {
+size_t lower_bound(const proc_table& table, int32_t pid, size_t count) {
     const proc_slot* found =
-        std::lower_bound(g_table.slots, g_table.slots + count, pid,
+        std::lower_bound(table.slots, table.slots + count, pid,
                          [](const proc_slot& slot, int32_t wanted) { return slot.pid < wanted; });
-    return static_cast<size_t>(found - g_table.slots);
+    return static_cast<size_t>(found - table.slots);
 }
 
 // Scans since the entry was last updated. The extra 2 once the tick has wrapped around is
 // deliberate.
-int age_of(const vexa_proc_entry& entry) {
-    const int wrapped = g_table.tick < entry.tick ? 2 : 0;
-    return (g_table.tick - entry.tick + wrapped) & 0xFF;
+int age_of(const proc_table& table, const vexa_proc_entry& entry) {
+    const int wrapped = table.tick < entry.tick ? 2 : 0;
+    return (table.tick - entry.tick + wrapped) & 0xFF;
 }
 
 // Finds the place of `pid`, and on the way removes the processes of smaller PID that are too old.
-size_t age_up_to(int32_t pid) {
-    proc_table& table = g_table;
-    if (table.aged > 0 && table.slots[table.aged - 1].pid >= pid) {
-        return lower_bound(pid, table.aged);
+//
+// With the PIDs 5, 7 and 9 in the table, of which 7 is too old, a scan that meets 8 first looks at
+// 5 and 7, keeps 5 (aged = 1) and gives place 1, in front of 9. Meets it 6 next, it looks on from
+// there, at nothing, since 8 stands there by now: place 1 again. Meets it 4 then, the place is one
+// of those looked at already, and searched for in [0, aged): 0.
+size_t age_up_to(proc_table* table, int32_t pid) {
+    proc_slot* const slots = table->slots;
+    if (table->aged > 0 && slots[table->aged - 1].pid >= pid) {
+        return lower_bound(*table, pid, table->aged);
     }
-    size_t kept = table.aged;
-    size_t at = table.aged;
-    for (; at < table.count && table.slots[at].pid < pid; ++at) {
-        if (age_of(*table.slots[at].entry) >= MAX_AGE_SCANS) {
-            free(table.slots[at].entry);
+    size_t kept = table->aged;
+    size_t at = table->aged;
+    for (; at < table->count && slots[at].pid < pid; ++at) {
+        if (age_of(*table, *slots[at].entry) >= MAX_AGE_SCANS) {
+            free(slots[at].entry);
         } else {
-            table.slots[kept++] = table.slots[at];
+            slots[kept++] = slots[at];
         }
     }
     if (kept != at) {
-        std::copy(table.slots + at, table.slots + table.count, table.slots + kept);
-        table.count -= at - kept;
+        std::copy(slots + at, slots + table->count, slots + kept);
+        table->count -= at - kept;
     }
-    table.aged = kept;
+    table->aged = kept;
     return kept;
 }
 
@@ -107,31 +94,29 @@ __attribute__((format(printf, 1, 2))) void trace(const char* format, ...) {
     if (len > 0) standard_io_trace(line, std::min(static_cast<size_t>(len), sizeof line - 1));
 }
 
-void trace_load(const vexa_proc_entry& process) {
+void trace_load(const vexa_proc_entry& process, uint8_t tick) {
     // Not even an escape for every byte of a name makes a line too long.
     char name[PRINTABLE_MAX_GROWTH * sizeof process.name];
     const size_t len =
         printable_copy(name, sizeof name, process.name, strnlen(process.name, sizeof process.name));
-    trace("Tick %u PID %" PRId32 " %.*s CPU %g\n", unsigned{g_table.tick}, process.pid,
+    trace("Tick %u PID %" PRId32 " %.*s CPU %g\n", unsigned{tick}, process.pid,
           static_cast<int>(len), name, static_cast<double>(process.load));
 }
 
-void keep_spare(unique_proc_entry entry) {
-    free(g_table.spare);
-    g_table.spare = entry.release();
-}
-
-void insert_at(size_t at, unique_proc_entry entry) {
-    proc_table& table = g_table;
-    if (!reserve(table.count + 1)) return keep_spare(std::move(entry));
+void insert_at(proc_table* table, size_t at, unique_proc_entry entry) {
+    if (!reserve(table, table->count + 1)) {
+        table->spare = std::move(entry);
+        return;
+    }
     // Only a process that comes before a known one is announced: deliberate.
-    if (at < table.count) trace("New PID %" PRId32 "\n", entry->pid);
+    if (at < table->count) trace("New PID %" PRId32 "\n", entry->pid);
     entry->load = 0;
-    std::copy_backward(table.slots + at, table.slots + table.count, table.slots + table.count + 1);
-    table.slots[at] = {.pid = entry->pid, .entry = entry.get()};
-    (void)entry.release();
-    ++table.count;
-    if (at < table.aged) ++table.aged;
+    proc_slot* const end = table->slots + table->count;
+    std::copy_backward(table->slots + at, end, end + 1);
+    table->slots[at].pid = entry->pid;
+    table->slots[at].entry = entry.release();
+    ++table->count;
+    if (at < table->aged) ++table->aged;
 }
 
 // The load of a process that had `before` and now has `now`. Times that ran backwards wrap around,
@@ -148,21 +133,17 @@ float new_load(const vexa_proc_entry& before, const vexa_proc_entry& now, int sc
     return past + present;
 }
 
-void update(vexa_proc_entry* known, unique_proc_entry entry) {
-    const int scans = g_table.tick - known->tick;
+void update(vexa_proc_entry* known, const vexa_proc_entry& met, uint8_t tick) {
+    const int scans = tick - known->tick;
     // Met twice in one scan: no time has passed that a load could refer to.
-    if (scans != 0) {
-        known->load = new_load(*known, *entry, scans);
-        if (known->load > TRACED_LOAD) {
-            trace_load(*known);
-        }
-        known->tick = g_table.tick;
-        known->user_time = entry->user_time;
-        known->system_time = entry->system_time;
-        known->child_user_time = entry->child_user_time;
-        known->child_system_time = entry->child_system_time;
-    }
-    keep_spare(std::move(entry));
+    if (scans == 0) return;
+    known->load = new_load(*known, met, scans);
+    if (known->load > TRACED_LOAD) trace_load(*known, tick);
+    known->tick = tick;
+    known->user_time = met.user_time;
+    known->system_time = met.system_time;
+    known->child_user_time = met.child_user_time;
+    known->child_system_time = met.child_system_time;
 }
 
 // ---- The process block
@@ -230,54 +211,58 @@ void store_process(uint8_t* buffer, const vexa_proc_entry& entry, const taken_ro
 
 }  // namespace
 
-void vexa_init_proc_tbl() {
-    (void)reserve(INITIAL_ROOM);
+void proc_table::clear() {
+    for (size_t i = 0; i < count; ++i) free(slots[i].entry);
+    free(std::exchange(slots, nullptr));
+    spare.reset();
+    count = capacity = aged = 0;
+    tick = 0;
 }
 
-void vexa_release_proc_tbl() {
-    for (size_t i = 0; i < g_table.count; ++i) free(g_table.slots[i].entry);
-    free(g_table.slots);
-    free(g_table.spare);
-    g_table = {};
+void vexa_init_proc_tbl(proc_table* table) {
+    (void)reserve(table, INITIAL_ROOM);
 }
 
-void vexa_inc_proc_tbl_tick() {
-    ++g_table.tick;
-    g_table.aged = 0;
+void vexa_release_proc_tbl(proc_table* table) {
+    table->clear();
 }
 
-unique_proc_entry vexa_make_proc_entry() {
-    if (!g_table.spare) {
+void vexa_inc_proc_tbl_tick(proc_table* table) {
+    ++table->tick;
+    table->aged = 0;
+}
+
+unique_proc_entry vexa_make_proc_entry(proc_table* table) {
+    if (!table->spare) {
         return unique_proc_entry(static_cast<vexa_proc_entry*>(calloc(1, sizeof(vexa_proc_entry))));
     }
-    unique_proc_entry entry(std::exchange(g_table.spare, nullptr));
+    unique_proc_entry entry = std::move(table->spare);
     *entry = {};
     return entry;
 }
 
-void vexa_insert_proc_tbl_entry(unique_proc_entry entry) {
+void vexa_insert_proc_tbl_entry(proc_table* table, unique_proc_entry entry) {
     if (!entry) return;
-    entry->tick = g_table.tick;
-    const size_t at = age_up_to(entry->pid);
-    if (at < g_table.count && g_table.slots[at].pid == entry->pid) {
-        update(g_table.slots[at].entry, std::move(entry));
-    } else {
-        insert_at(at, std::move(entry));
-    }
+    entry->tick = table->tick;
+    const size_t at = age_up_to(table, entry->pid);
+    if (at == table->count || table->slots[at].pid != entry->pid)
+        return insert_at(table, at, std::move(entry));
+    update(table->slots[at].entry, *entry, table->tick);
+    table->spare = std::move(entry);
 }
 
-int vexa_process_in_table(int32_t pid) {
-    const size_t at = lower_bound(pid, g_table.count);
-    return at < g_table.count && g_table.slots[at].pid == pid ? 1 : 0;
+int vexa_process_in_table(const proc_table& table, int32_t pid) {
+    const size_t at = lower_bound(table, pid, table.count);
+    return at < table.count && table.slots[at].pid == pid ? 1 : 0;
 }
 
-int vexaps_store_ps_info(uint8_t* buffer, network_list* network, uint16_t* count, uint64_t* size,
-                         uint64_t limit) {
+int vexaps_store_ps_info(const proc_table& table, uint8_t* buffer, network_list* network,
+                         uint16_t* count, uint64_t* size, uint64_t limit) {
     if (!count || !size) return -EINVAL;
     *count = 0;
     *size = 0;
-    for (size_t i = 0; i < g_table.count && *count < UINT16_MAX; ++i) {
-        const vexa_proc_entry& entry = *g_table.slots[i].entry;
+    for (size_t i = 0; i < table.count && *count < UINT16_MAX; ++i) {
+        const vexa_proc_entry& entry = *table.slots[i].entry;
         ++*count;
         store_process(buffer, entry, take_rows(network, entry.uid), size, limit);
         if (*size > limit) {

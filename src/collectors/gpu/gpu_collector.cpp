@@ -29,7 +29,9 @@ struct gpu_collector : sampling_collector {
 };
 
 bool start(gpu_collector* c) {
-    if (!sampling_start(c, &c->stats.storage) || !sampling_open_notifier(c)) return false;
+    if (!sampling_begin_record(c)) return false;
+    sampling_load_params(c);
+    if (!sampling_open_notifier(c)) return false;
     sampling_apply_kernel_support(c);
     return true;
 }
@@ -49,8 +51,8 @@ void remove_watch(gpu_collector* c) {
 }
 
 void run_sampling_loop(gpu_collector* c) {
-    const int result = poll_gpu_stats(&c->stats, c->row, &c->record);
-    sampling_count_result(c, result, &c->stats.storage);
+    const sample_result result = poll_gpu_stats(&c->stats, c);
+    sampling_count_result(c, result);
 }
 
 void sample_on_changes(gpu_collector* c, const watch_buffer& events) {
@@ -61,9 +63,9 @@ void sample_on_changes(gpu_collector* c, const watch_buffer& events) {
     });
 }
 
-// ---- The main loop. Its steps return whether the loop goes on.
+// ---- The main loop
 
-bool wait_and_sample(gpu_collector* c) {
+pass_result wait_and_sample(gpu_collector* c) {
     if (!add_watch(c)) return sampling_try_again(c);
 
     watch_buffer events;
@@ -71,10 +73,10 @@ bool wait_and_sample(gpu_collector* c) {
     switch (sampling_wait_change(*c, bounded, &events)) {
         case change_wait::TIMED_OUT:
             // With the display off a silent kernel proves nothing: the next wait is bounded again.
-            if (vexastats_lcd_off_status()) return true;
+            if (vexastats_lcd_off_status()) return pass_result::AGAIN;
             sampling_give_up_notify(c);
             remove_watch(c);
-            return true;
+            return pass_result::AGAIN;
         case change_wait::FAILED:
             remove_watch(c);
             return sampling_try_again(c);
@@ -85,9 +87,9 @@ bool wait_and_sample(gpu_collector* c) {
     return sampling_end_pass(c);
 }
 
-bool run_pass(gpu_collector* c) {
+pass_result run_pass(gpu_collector* c) {
     // A failure to store is no fault of the sources.
-    if (!sampling_has_record(c, &c->stats.storage)) return sampling_end_pass(c);
+    if (!sampling_has_record(c)) return sampling_end_pass(c);
     if (c->row->notify) return wait_and_sample(c);
     run_sampling_loop(c);
     return sampling_end_pass(c);
@@ -97,8 +99,9 @@ bool run_pass(gpu_collector* c) {
 
 int gpu_monitor(collector_info* row) {
     gpu_collector collector{{.kind = &KIND, .row = row}};
-    bool goes_on = start(&collector);
-    while (goes_on && !stop_flag_is_raised(row->stop)) goes_on = run_pass(&collector);
+    pass_result next = start(&collector) ? pass_result::AGAIN : pass_result::END;
+    while (next == pass_result::AGAIN && !stop_flag_is_raised(row->stop))
+        next = run_pass(&collector);
 
     sampling_end(&collector);
     return 0;

@@ -19,80 +19,76 @@ constexpr char TIMES_FILE[] = "/sys/class/kgsl/kgsl-3d0/gpu_clock_stats";
 constexpr size_t LIST_SIZE = 4096 + 1;
 constexpr int32_t MAX_LEVELS = LIST_SIZE / 2;
 
-// ---- The parts of a sample. They return 0 or -EINVAL, logged, unless they say otherwise.
+// ---- The parts of a sample. Failures are logged.
 
-int read_number(const char* path, int32_t* value) {
+bool read_number(const char* path, int32_t* value) {
     const int result = vexastats_read_sysfs_number(path, value);
-    if (result == 0) return 0;
+    if (result == 0) return true;
     if (result == -ENODATA) {
         ALOGE("Invalid file format. err:%d\n", errno);
     } else {
         ALOGE("failed to read %s. err:%d\n", path, result);
     }
-    return -EINVAL;
+    return false;
 }
 
-int read_level_count(uint32_t* count) {
+bool read_level_count(uint32_t* count) {
     int32_t value = 0;
-    if (read_number(LEVEL_COUNT_FILE, &value) != 0) return -EINVAL;
+    if (!read_number(LEVEL_COUNT_FILE, &value)) return false;
     if (value < 0 || value > MAX_LEVELS) {
         ALOGE("Invalid file format. err:%d\n", errno);
-        return -EINVAL;
+        return false;
     }
     *count = static_cast<uint32_t>(value);
-    return 0;
+    return true;
 }
 
-int read_busy(gpu_stats* stats, const collector_info& row, gpu_sample* sample) {
-    if (read_number(GPU_BUSY_FILE, &sample->busy_percent) != 0) return -EINVAL;
+bool read_busy(gpu_stats* stats, const collector_info& row, gpu_sample* sample) {
+    if (!read_number(GPU_BUSY_FILE, &sample->busy_percent)) return false;
     stats->low_load_count = sample->busy_percent > row.threshold ? 0 : stats->low_load_count + 1;
-    return 0;
+    return true;
 }
 
-int read_list(const char* path, uint64_t gpu_level::*field, grow_array<gpu_level>* levels) {
+bool read_list(const char* path, uint64_t gpu_level::*field, grow_array<gpu_level>* levels) {
     char line[LIST_SIZE];
     const int result = vexastats_read_sysfs(path, line, sizeof line);
     if (result != 0) {
         ALOGE("failed to read %s. err:%d\n", path, result);
-        return -EINVAL;
+        return false;
     }
-    if (!parse_gpu_list(line, field, levels->data(), levels->size())) {
-        ALOGE("Invalid file format. err:%d\n", errno);
-        return -EINVAL;
-    }
-    return 0;
+    if (parse_gpu_list(line, field, levels->data(), levels->size())) return true;
+    ALOGE("Invalid file format. err:%d\n", errno);
+    return false;
 }
 
-// Also returns -ENOMEM.
-int read_levels(gpu_stats* stats, gpu_sample* sample) {
+sample_result read_levels(gpu_stats* stats, gpu_sample* sample) {
     if (!stats->levels.assign_zeroed(sample->level_count)) {
         ALOGE("failed to alloc gpu freq. err:%d\n", errno);
-        return -ENOMEM;
+        return sample_result::NO_MEMORY;
     }
-    int result = read_list(FREQUENCIES_FILE, &gpu_level::frequency_Hz, &stats->levels);
-    if (result == 0) result = read_list(TIMES_FILE, &gpu_level::time, &stats->levels);
     sample->levels = stats->levels.data();
-    return result;
+    const bool is_read = read_list(FREQUENCIES_FILE, &gpu_level::frequency_Hz, &stats->levels) &&
+                         read_list(TIMES_FILE, &gpu_level::time, &stats->levels);
+    return is_read ? sample_result::TAKEN : sample_result::SOURCE_FAILED;
 }
 
-int read_charge_counter(gpu_sample* sample) {
-    if (sampling_read_charge_counter(&sample->charge_counter_uAh)) return 0;
+bool read_charge_counter(gpu_sample* sample) {
+    if (sampling_read_charge_counter(&sample->charge_counter_uAh)) return true;
     ALOGE("failed to read bms cc\n");
-    return -EINVAL;
+    return false;
 }
 
 }  // namespace
 
-int prepare_gpu_stats(gpu_stats* stats, collector_info* row, record_handle* record) {
-    stats->storage.failed = !record->file;
-    if (stats->storage.failed) return -EINVAL;
+sample_result prepare_gpu_stats(gpu_stats* stats, sampling_collector* c) {
+    if (!c->record.file) return sample_result::STORAGE_FAILED;
 
     gpu_sample sample;
-    if (read_level_count(&sample.level_count) != 0) return -EINVAL;
-    const timezone_state zone = sampling_timezone(&stats->timezone, *row);
+    if (!read_level_count(&sample.level_count)) return sample_result::SOURCE_FAILED;
+    const timezone_state zone = sampling_timezone(&stats->timezone, *c->row);
     if (!stats->bytes.assign_zeroed(gpu_sample_len(zone.changed, sample.level_count))) {
         ALOGE("failed to alloc buffer\n");
-        return -ENOMEM;
+        return sample_result::NO_MEMORY;
     }
     sample.time_stamp = sampling_time_stamp(zone.changed);
     sample.timezone_min = zone.offset_min;
@@ -100,26 +96,28 @@ int prepare_gpu_stats(gpu_stats* stats, collector_info* row, record_handle* reco
         ALOGI("%s: timezone changed %d\n", "prepare_gpu_stats", zone.offset_min);
     }
 
-    int result = read_busy(stats, *row, &sample);
-    if (result == 0) result = read_number(CLOCK_FILE, &sample.clock_Hz);
-    if (result == 0) result = read_levels(stats, &sample);
-    if (result == 0) result = read_charge_counter(&sample);
-    if (result != 0) return result;
+    if (!read_busy(stats, *c->row, &sample) || !read_number(CLOCK_FILE, &sample.clock_Hz))
+        return sample_result::SOURCE_FAILED;
+    const sample_result levels = read_levels(stats, &sample);
+    if (levels != sample_result::TAKEN) return levels;
+    if (!read_charge_counter(&sample)) return sample_result::SOURCE_FAILED;
     gpu_sample_put(stats->bytes.data(), sample);
-    return sampling_write(row, record, stats->bytes, "prepare_gpu_stats", &stats->storage);
+    return sampling_write(c, stats->bytes, "prepare_gpu_stats");
 }
 
-int poll_gpu_stats(gpu_stats* stats, collector_info* row, record_handle* record) {
+sample_result poll_gpu_stats(gpu_stats* stats, sampling_collector* c) {
+    const collector_info& row = *c->row;
     stats->low_load_count = 0;
-    stats->storage.failed = false;
     for (;;) {
-        if (!row->enabled || !vexastats_sleep_ms(row->interval, row->stop)) return 0;
-        if (!row->enabled) return 0;  // consent can go in the minute that a sleep may take
-        const int result = prepare_gpu_stats(stats, row, record);
-        if (result != 0) {
-            ALOGE("failed to prepare gpu stats. err:%d\n", result);
-            return -EINVAL;
+        if (!row.enabled || !vexastats_sleep_ms(row.interval, row.stop))
+            return sample_result::TAKEN;
+        // Consent can go in the minute that a sleep may take.
+        if (!row.enabled) return sample_result::TAKEN;
+        const sample_result result = prepare_gpu_stats(stats, c);
+        if (result != sample_result::TAKEN) {
+            ALOGE("failed to prepare gpu stats. err:%d\n", sample_result_number(result));
+            return result;
         }
-        if (stats->low_load_count > 1) return 0;
+        if (stats->low_load_count > 1) return result;
     }
 }

@@ -6,7 +6,6 @@
 
 #include "base/grow_array.h"
 #include "collectors/gpu/gpu_sample.h"
-#include "framework/record/record.h"
 #include "framework/row/collector_info.h"
 #include "sampling/sampling.h"
 
@@ -17,17 +16,15 @@ inline constexpr char GPU_BUSY_FILE[] = "/sys/class/kgsl/kgsl-3d0/gpu_busy_perce
 struct gpu_stats {
     timezone_memory timezone{};
     int low_load_count = 0;  // samples in a row with the GPU at or below the threshold
-    sampling_storage storage{};
 
     // Work space, used again for every sample.
     grow_array<gpu_level> levels{};
     grow_array<uint8_t> bytes{};
 };
 
-// Samples every row->interval ms until the row is disabled or stopped, or the GPU was found at or
-// below row->threshold per cent twice in a row. Returns 0, or -EINVAL once a sample failed, which
-// is logged.
-int poll_gpu_stats(gpu_stats* stats, collector_info* row, record_handle* record);
+// Samples every `interval` ms of the row until the row is disabled or stopped, the GPU was found at
+// or below its `threshold` per cent twice in a row, or a sample failed, which is logged.
+sample_result poll_gpu_stats(gpu_stats* stats, sampling_collector* c);
 
-// Takes one sample and appends it to the record. Returns 0, or -EINVAL or -ENOMEM, logged.
-int prepare_gpu_stats(gpu_stats* stats, collector_info* row, record_handle* record);
+// Takes one sample and appends it to the record. A failure is logged.
+sample_result prepare_gpu_stats(gpu_stats* stats, sampling_collector* c);

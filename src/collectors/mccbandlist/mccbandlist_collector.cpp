@@ -178,15 +178,17 @@ attempt run_pass(mccbandlist_updater* u, const attempt_watch& watch) {
     return look(u);
 }
 
+// What came before the watch stood made no event.
+attempt watch_and_look(mccbandlist_updater* u, attempt_watch* watch) {
+    return begin_watch(*u, watch) ? look(u) : attempt::FAILED;
+}
+
 // Runs passes until the attempt is done. Returns whether there is another turn.
 bool wait_for_list(mccbandlist_updater* u) {
     attempt_watch watch;
     for (attempt state = attempt::WATCH_LOST;;) {
         ALOGI("%s: wait for new mccbandlist and check if disabled.", MONITOR);
-        if (state == attempt::WATCH_LOST) {
-            if (!begin_watch(*u, &watch)) return false;
-            state = look(u);  // what came before the watch stood made no event
-        }
+        if (state == attempt::WATCH_LOST) state = watch_and_look(u, &watch);
         if (state == attempt::GOES_ON) state = run_pass(u, watch);
         if (state == attempt::FAILED || u->is_stopped()) return false;
         if (!vexastats_is_dl_enabled(u->row)) {

@@ -1,10 +1,8 @@
 // The client of the modem's persistent device configuration (PDC) service. There is one for the
 // process. An operation is a request and an indication with the real outcome, made into one
 // blocking call; a raised `stop` ends any of them at once, and it then fails. All failures are
-// logged.
-//
-// Threads: calls from one thread, the updater's; the indication callback and its handlers run in
-// the messaging library's.
+// logged. Calls come from one thread, the updater's; what indications leave is the business of
+// pdc_indications.h.
 #pragma once
 
 #include <cstddef>
@@ -15,9 +13,6 @@
 
 // How long a segment waits for its indication. The modem writes at most 900 bytes for it.
 inline constexpr int64_t PDC_LOAD_LIMIT_MS = 60000;
-
-// Most entries of the list of configurations.
-inline constexpr size_t PDC_CONFIGS_MAX = 25;
 
 struct pdc_config_info {
     uint32_t header_valid = 0;
@@ -52,24 +47,3 @@ int pdc_load_config_segment(const uint8_t* frame, size_t frame_len, size_t total
 // Loads a whole configuration in segments. Returns 0, -1, or the segment's result.
 int pdc_load_config_mem(const uint8_t* bytes, size_t size, const pdc_config_id& id,
                         uint32_t config_type, const stop_flag& stop);
-
-// ---- Indications
-
-// The client's indication callback.
-void kbr_pdc_unsol_ind_cb(kbr_client* client, uint32_t msg_id, void* buf, uint32_t len, void* data);
-
-// What it calls. Null stands for an indication without data.
-void kbr_pdc_get_selected_config_ind_hdlr(const pdc_selected_config_indication* indication);
-void kbr_pdc_list_configs_ind_hdlr(const pdc_list_configs_indication* indication);
-void kbr_pdc_load_config_ind_hdlr(const pdc_load_config_indication* indication);
-void kbr_pdc_get_config_info_ind_hdlr(const pdc_get_config_info_indication* indication);
-
-// What the two indications that this daemon does not ask for have left. Any thread.
-struct pdc_unasked {
-    int32_t list_result = 0;
-    uint32_t listed = 0;
-    pdc_config_id list[PDC_CONFIGS_MAX]{};
-    int32_t selected_result = 0;
-    pdc_config_id selected{};
-};
-pdc_unasked pdc_kbr_unasked();

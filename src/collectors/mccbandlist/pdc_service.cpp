@@ -1,7 +1,5 @@
 #include "collectors/mccbandlist/pdc_service.h"
 
-#include "modem_client/modem_client.h"
-
 namespace {
 
 // Where a field's value and, when it is optional, its flag lie in the message's structure.
@@ -40,7 +38,7 @@ constexpr kbr_field LOAD_CONFIG[] = {
 };
 
 constexpr kbr_field RESPONSE[] = {
-    kbr_result(0x02, offsetof(pdc_response, result)),
+    kbr_result(0x02, offsetof(modem_answer, result)),
 };
 
 constexpr kbr_field CONFIG_INFO_IND[] = {
@@ -84,8 +82,8 @@ constexpr kbr_message REQUESTS[] = {
 };
 
 constexpr kbr_message RESPONSES[] = {
-    {PDC_LOAD_CONFIG, sizeof(pdc_response), RESPONSE},
-    {PDC_GET_CONFIG_INFO, sizeof(pdc_response), RESPONSE},
+    {PDC_LOAD_CONFIG, sizeof(modem_answer), RESPONSE},
+    {PDC_GET_CONFIG_INFO, sizeof(modem_answer), RESPONSE},
 };
 
 constexpr kbr_message INDICATIONS[] = {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "modem_client/modem_client.h"
 #include "platform/kbr.h"
 
 // Load and get-info are a request, its response and an indication with the real outcome, all of one
@@ -39,11 +40,6 @@ struct pdc_config_id {
 struct pdc_listed_id {
     uint32_t len = 0;
     uint8_t bytes[PDC_LISTED_ID_MAX] = {};
-};
-
-struct pdc_response {
-    uint32_t result = 0;  // 0: success
-    uint32_t error = 0;   // pdc_error
 };
 
 // `token` comes back in the indication, so that a late one is not taken for the next call's. It is

@@ -122,7 +122,7 @@ bool start_collection(const mps_collector& c, const owned_bytes& logic, uint32_t
     if (!mps_campaign_desc_decode_from_buffer(logic.bytes.get(), logic.length, campaign)) {
         ALOGE("%s: Could not decode mps campaign desc from buffer\n", MAIN);
     }
-    return mps_kbr_init_mpss_bsi(campaign, subscription_id, c.row->stop) == 0;
+    return mps_kbr_init_mpss_bsi(campaign, subscription_id, c.row->stop) == modem_result::OK;
 }
 
 void note_collection(mps_collector* c, const MpsCampaign& campaign, uint32_t campaign_id) {
@@ -139,7 +139,7 @@ void note_collection(mps_collector* c, const MpsCampaign& campaign, uint32_t cam
 // ---- Events, each cleared by what serves it
 
 void stop_collection(mps_collector* c) {
-    if (mps_kbr_stop_flush_bsi() == 0) {
+    if (mps_kbr_stop_flush_bsi() == modem_result::OK) {
         c->flush_pending = true;
         c->collecting = false;
     }

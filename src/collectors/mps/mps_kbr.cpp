@@ -2,7 +2,6 @@
 
 #include "collectors/mps/mps_kbr.h"
 
-#include <errno.h>
 #include <string.h>
 
 #include <algorithm>
@@ -17,7 +16,6 @@
 namespace {
 
 constexpr uint32_t REQUEST_TIMEOUT_MS = 10000;
-constexpr uint32_t CONNECT_TIMEOUT_S = 4;
 constexpr uint8_t PREPARE_CONSTANT = 80;
 
 // The source offset of a collection spec's piece is made from the low byte of its number,
@@ -46,36 +44,33 @@ bool is_initialised() {
 
 // ---- Requests
 
+const kbr_service_object* service_object() {
+    return vexa_get_service_object_internal_v01(1, 1, 6);
+}
+
 // A client without a connection is initialised too: no call goes out on it.
-int send_raw(uint16_t msg_id, const void* request, size_t request_len, void* response,
-             size_t response_len) {
+template <class Response>
+modem_result ask(uint16_t msg_id, const void* request, size_t request_len, Response* response) {
     const stop_flag* stop = nullptr;
     {
         const vexa_lock held(the_client.mutex);
         stop = the_client.stop;
     }
-    if (!stop) return KBR_ERR_GONE;
-    return modem_client_send(&the_link, msg_id, request, request_len, response, response_len,
-                             REQUEST_TIMEOUT_MS, *stop);
-}
-
-// A library may hand a refusal over as a response only.
-int checked(int sent, const mps_result& result) {
-    if (sent != KBR_OK) return sent;
-    return result.result == 0 ? KBR_OK : KBR_ERR_REFUSED;
+    if (!stop) return modem_result::GONE;
+    const modem_result sent = modem_client_send(&the_link, msg_id, request, request_len, response,
+                                                sizeof *response, REQUEST_TIMEOUT_MS, *stop);
+    return modem_verdict(sent, response->answer);
 }
 
 template <class Request>
-int send_request(uint16_t msg_id, const Request& request) {
+modem_result send_request(uint16_t msg_id, const Request& request) {
     mps_response response;
-    const int sent = send_raw(msg_id, &request, sizeof request, &response, sizeof response);
-    return checked(sent, response.result);
+    return ask(msg_id, &request, sizeof request, &response);
 }
 
-int send_empty_request(uint16_t msg_id) {
+modem_result send_empty_request(uint16_t msg_id) {
     mps_response response;
-    const int sent = send_raw(msg_id, nullptr, 0, &response, sizeof response);
-    return checked(sent, response.result);
+    return ask(msg_id, nullptr, 0, &response);
 }
 
 void set_flag(bool mps_client::*flag, bool value) {
@@ -89,15 +84,15 @@ size_t count_parts(const owned_bytes& spec) {
     return (spec.length + MPS_SPEC_PART_MAX - 1) / MPS_SPEC_PART_MAX;
 }
 
-// Refuses what the start sequence cannot read.
-int check_start(const MpsCampaign* record, const char* function) {
+// Whether the start sequence can read all of it; logged.
+bool is_startable(const MpsCampaign* record, const char* function) {
     if (!record) {
         ALOGE("Null pointer passed to %s", function);
-        return -1;
+        return false;
     }
     if (!is_initialised()) {
         ALOGE("VEXA KBR Instance Un-Initialized");
-        return -1;
+        return false;
     }
     const std::pair<const owned_bytes*, const char*> specs[] = {
         {&record->collection_spec, "clspec_buf"},
@@ -108,16 +103,16 @@ int check_start(const MpsCampaign* record, const char* function) {
     for (const auto& [spec, name] : specs) {
         if (spec->length == 0 || spec->bytes) continue;
         ALOGE("Unexpected Null %s pointer passed to %s", name, function);
-        return -1;
+        return false;
     }
-    return 0;
+    return true;
 }
 
-// Returns 0, or -EINVAL for a static spec that the request has no room for.
-int fill_start_prepare(const MpsCampaign& record, size_t parts, uint32_t subscription_id,
-                       mps_start_prepare_request* request) {
+// Returns OK, or TOO_LARGE for a static spec that the request has no room for.
+modem_result fill_start_prepare(const MpsCampaign& record, size_t parts, uint32_t subscription_id,
+                                mps_start_prepare_request* request) {
     const owned_bytes& static_spec = record.static_spec;
-    if (static_spec.length > sizeof request->static_spec) return -EINVAL;
+    if (static_spec.length > sizeof request->static_spec) return modem_result::TOO_LARGE;
     *request = {
         .parts = static_cast<uint8_t>(parts),
         .constant_valid = 1,
@@ -135,7 +130,7 @@ int fill_start_prepare(const MpsCampaign& record, size_t parts, uint32_t subscri
     };
     if (static_spec.length > 0)
         memcpy(request->static_spec, static_spec.bytes.get(), static_spec.length);
-    return 0;
+    return modem_result::OK;
 }
 
 // A start sequence under way: the part numbers run on across the kinds.
@@ -151,9 +146,9 @@ size_t source_offset(mps_spec_kind kind, size_t part_number, size_t done) {
     return part_number % PART_NUMBERS * MPS_SPEC_PART_MAX;
 }
 
-int send_part(const start_sequence& sequence, mps_spec_kind kind, const uint8_t* bytes,
-              size_t size) {
-    if (stop_flag_is_raised(sequence.stop)) return -EINTR;
+modem_result send_part(const start_sequence& sequence, mps_spec_kind kind, const uint8_t* bytes,
+                       size_t size) {
+    if (stop_flag_is_raised(sequence.stop)) return modem_result::STOPPED;
     mps_logic_part_request request{.part_number = static_cast<uint8_t>(sequence.part_number),
                                    .bytes_len = static_cast<uint32_t>(size),
                                    .kind_valid = 1,
@@ -169,15 +164,15 @@ void note_lll_part(uint32_t ll_delay_s) {
 }
 
 // Sends a spec in pieces.
-int send_spec(start_sequence* sequence, mps_spec_kind kind, const owned_bytes& spec) {
+modem_result send_spec(start_sequence* sequence, mps_spec_kind kind, const owned_bytes& spec) {
     for (size_t done = 0; done < spec.length; ++sequence->part_number) {
         const size_t size = std::min(spec.length - done, MPS_SPEC_PART_MAX);
         const size_t offset = source_offset(kind, sequence->part_number, done);
         const auto number = static_cast<int>(sequence->part_number);
-        const int result = send_part(*sequence, kind, spec.bytes.get() + offset, size);
-        if (result != 0) {
+        const modem_result result = send_part(*sequence, kind, spec.bytes.get() + offset, size);
+        if (result != modem_result::OK) {
             ALOGE("%s: Failed to send Collection Logic Part %d. err = %d", sequence->function,
-                  number, result);
+                  number, modem_result_number(result));
             return result;
         }
         done += size;
@@ -185,26 +180,21 @@ int send_spec(start_sequence* sequence, mps_spec_kind kind, const owned_bytes& s
               number, static_cast<int>(kind), static_cast<int>(spec.length - done));
         if (kind == MPS_LLL_SPEC) note_lll_part(sequence->record.lllDelaySecs);
     }
-    return 0;
+    return modem_result::OK;
 }
 
-int mps_kbr_send_start_req() {
-    const int result = send_empty_request(MPS_COLLECTION_START);
-    if (result != 0) {
-        ALOGE("%s: Failed to send Collection Start err = %d", __func__, result);
+modem_result mps_kbr_send_start_req() {
+    const modem_result result = send_empty_request(MPS_COLLECTION_START);
+    if (result != modem_result::OK) {
+        ALOGE("%s: Failed to send Collection Start err = %d", __func__,
+              modem_result_number(result));
         return result;
     }
     set_flag(&mps_client::collection_started, true);
-    return 0;
+    return result;
 }
 
 // ---- Indications
-
-template <class Indication>
-bool decode(kbr_client* client, uint32_t msg_id, const void* buf, uint32_t len, Indication* out) {
-    return kbr_client_message_decode(client, KBR_INDICATION, msg_id, buf, len, out, sizeof *out) ==
-           KBR_OK;
-}
 
 void raise_event(uint32_t event) {
     mps_kbr_callback callback = nullptr;
@@ -217,18 +207,18 @@ void raise_event(uint32_t event) {
 
 }  // namespace
 
-int mps_kbr_init(const stop_flag& stop) {
-    const kbr_service_object* service = vexa_get_service_object_internal_v01(1, 1, 6);
+modem_result mps_kbr_init(const stop_flag& stop) {
+    const kbr_service_object* service = service_object();
     if (!service) {
         ALOGE("%s: service_obj is NULL\n", __func__);
-        return -2;
+        return modem_result::NO_SERVICE;
     }
-    const int result =
-        modem_client_connect(&the_link, service, mps_kbr_ind_cb, CONNECT_TIMEOUT_S, stop);
-    if (result != 0) ALOGE("%s: failed to init kbr. err:%d", __func__, result);
+    const modem_result result = modem_client_connect(&the_link, service, mps_kbr_ind_cb, stop);
+    if (result != modem_result::OK)
+        ALOGE("%s: failed to init kbr. err:%d", __func__, modem_result_number(result));
     const vexa_lock held(the_client.mutex);
     // Stopped, it may have been released before it came to be: it must not be there afterwards.
-    if (stop_flag_is_raised(stop)) return KBR_ERR_GONE;
+    if (stop_flag_is_raised(stop)) return modem_result::GONE;
     the_client.stop = &stop;
     the_client.initialised = true;  // also after a failure: deliberate
     return result;
@@ -239,20 +229,19 @@ void mps_kbr_register_cb(mps_kbr_callback callback) {
     the_client.callback = callback;
 }
 
-int mps_kbr_get_service_rev(uint32_t* major, uint32_t* minor) {
+modem_result mps_kbr_get_service_rev(uint32_t* major, uint32_t* minor) {
     if (!is_initialised()) {
         ALOGE("VEXA KBR Instance Un-Initialized");
-        return -1;
+        return modem_result::FAILED;
     }
     if (!major || !minor) {
         ALOGE("Null pointers passed");
-        return -1;
+        return modem_result::FAILED;
     }
     mps_revision_response response;
-    const int sent = send_raw(MPS_GET_SERVICE_REVISION, nullptr, 0, &response, sizeof response);
-    const int result = checked(sent, response.result);
-    if (result != 0) {
-        ALOGE("%s: failed to get service revision. err=%d", __func__, result);
+    const modem_result result = ask(MPS_GET_SERVICE_REVISION, nullptr, 0, &response);
+    if (result != modem_result::OK) {
+        ALOGE("%s: failed to get service revision. err=%d", __func__, modem_result_number(result));
         return result;
     }
     *major = response.major;
@@ -260,7 +249,7 @@ int mps_kbr_get_service_rev(uint32_t* major, uint32_t* minor) {
     ALOGI("major version: %d. minor version: %d\n", response.major, response.minor);
     const vexa_lock held(the_client.mutex);
     the_client.revision = {.major = response.major, .minor = response.minor};
-    return 0;
+    return result;
 }
 
 mps_service_revision mps_kbr_service_revision() {
@@ -268,68 +257,69 @@ mps_service_revision mps_kbr_service_revision() {
     return the_client.revision;
 }
 
-int mps_kbr_init_mpss_bsi(const MpsCampaign* record, uint32_t subscription_id,
-                          const stop_flag& stop) {
-    int result = check_start(record, __func__);
-    if (result != 0) return result;
+modem_result mps_kbr_init_mpss_bsi(const MpsCampaign* record, uint32_t subscription_id,
+                                   const stop_flag& stop) {
+    if (!is_startable(record, __func__)) return modem_result::FAILED;
 
     // The static spec travels in the prepare request and is no part.
     const size_t parts = count_parts(record->collection_spec) + count_parts(record->ctxt_spec) +
                          count_parts(record->lll_spec);
     ALOGD("%s: Part Number = %d MEMSET", __func__, static_cast<int>(parts));
 
-    if (stop_flag_is_raised(stop)) return -EINTR;
-    result = mps_kbr_send_start_prepare_req(record, parts, subscription_id);
-    if (result != 0) return result;
+    if (stop_flag_is_raised(stop)) return modem_result::STOPPED;
+    modem_result result = mps_kbr_send_start_prepare_req(record, parts, subscription_id);
+    if (result != modem_result::OK) return result;
 
     start_sequence sequence{.record = *record, .stop = stop, .function = __func__};
     result = send_spec(&sequence, MPS_COLLECTION_SPEC, record->collection_spec);
-    if (result != 0) return result;
+    if (result != modem_result::OK) return result;
     result = send_spec(&sequence, MPS_CONTEXT_SPEC, record->ctxt_spec);
-    if (result != 0) return result;
+    if (result != modem_result::OK) return result;
     set_flag(&mps_client::lll_present, false);
     result = send_spec(&sequence, MPS_LLL_SPEC, record->lll_spec);
-    if (result != 0) return result;
+    if (result != modem_result::OK) return result;
 
-    if (stop_flag_is_raised(stop)) return -EINTR;
+    if (stop_flag_is_raised(stop)) return modem_result::STOPPED;
     return mps_kbr_send_start_req();
 }
 
-int mps_kbr_send_start_prepare_req(const MpsCampaign* record, size_t parts,
-                                   uint32_t subscription_id) {
+modem_result mps_kbr_send_start_prepare_req(const MpsCampaign* record, size_t parts,
+                                            uint32_t subscription_id) {
     if (!record || (record->static_spec.length > 0 && !record->static_spec.bytes)) {
         ALOGE("Null pointer passed to %s", __func__);
-        return -1;
+        return modem_result::FAILED;
     }
     mps_start_prepare_request request;
-    int result = fill_start_prepare(*record, parts, subscription_id, &request);
-    if (result == 0 && request.subscription_valid)
+    modem_result result = fill_start_prepare(*record, parts, subscription_id, &request);
+    if (result == modem_result::OK && request.subscription_valid)
         ALOGD("%s: Sub ID being sent is %d", __func__, static_cast<int>(request.subscription));
-    if (result == 0) result = send_request(MPS_COLLECTION_START_PREPARE, request);
-    if (result != 0)
-        ALOGE("%s: Failed to send Collection Start Prep Msg. err = %d", __func__, result);
+    if (result == modem_result::OK) result = send_request(MPS_COLLECTION_START_PREPARE, request);
+    if (result != modem_result::OK)
+        ALOGE("%s: Failed to send Collection Start Prep Msg. err = %d", __func__,
+              modem_result_number(result));
     return result;
 }
 
-int mps_kbr_stop_flush_bsi() {
+modem_result mps_kbr_stop_flush_bsi() {
     const mps_stop_flush_request request{.flag_valid = 1, .flag = 1};
-    const int result = send_request(MPS_STOP_FLUSH, request);
-    if (result != 0) {
-        ALOGE("%s: Failed to send STOPFlush err = %d", __func__, result);
+    const modem_result result = send_request(MPS_STOP_FLUSH, request);
+    if (result != modem_result::OK) {
+        ALOGE("%s: Failed to send STOPFlush err = %d", __func__, modem_result_number(result));
         return result;
     }
     set_flag(&mps_client::collection_started, false);
-    return 0;
+    return result;
 }
 
-int mps_kbr_fetch_results() {
+modem_result mps_kbr_fetch_results() {
     mps_data_request request;
     {
         const vexa_lock held(the_client.mutex);
         request.sequence = the_client.data_sequence++;
     }
-    const int result = send_request(MPS_DATA_REQUEST, request);
-    if (result != 0) ALOGE("%s: Failed to send DATA_REQ err = %d", __func__, result);
+    const modem_result result = send_request(MPS_DATA_REQUEST, request);
+    if (result != modem_result::OK)
+        ALOGE("%s: Failed to send DATA_REQ err = %d", __func__, modem_result_number(result));
     return result;
 }
 
@@ -340,16 +330,18 @@ bool mps_kbr_is_lll_collected() {
 
 bool mps_kbr_send_lll_start_req() {
     if (!mps_kbr_is_lll_collected()) return true;
-    const int result = send_empty_request(MPS_LLL_START);
-    if (result != 0) ALOGE("%s: Failed to send LLL Start Msg. err = %d", __func__, result);
-    return result == 0;
+    const modem_result result = send_empty_request(MPS_LLL_START);
+    if (result == modem_result::OK) return true;
+    ALOGE("%s: Failed to send LLL Start Msg. err = %d", __func__, modem_result_number(result));
+    return false;
 }
 
 bool mps_kbr_send_lll_stop_req() {
     if (!mps_kbr_is_lll_collected()) return true;
-    const int result = send_empty_request(MPS_LLL_STOP);
-    if (result != 0) ALOGE("%s: Failed to send LLL Stop Msg. err = %d", __func__, result);
-    return result == 0;
+    const modem_result result = send_empty_request(MPS_LLL_STOP);
+    if (result == modem_result::OK) return true;
+    ALOGE("%s: Failed to send LLL Stop Msg. err = %d", __func__, modem_result_number(result));
+    return false;
 }
 
 uint32_t mps_kbr_get_lll_delayt_timer_secs() {
@@ -368,22 +360,18 @@ void mps_kbr_client_release() {
 }
 
 void mps_kbr_ind_cb(kbr_client* client, uint32_t msg_id, void* buf, uint32_t len, void*) {
-    switch (msg_id) {
-        case MPS_SEND_COMPLETE_IND: {
-            mps_send_complete_indication indication;
-            if (!decode(client, msg_id, buf, len, &indication)) return;
-            ALOGI("KBR_VEXA_SEND_DATA_COMPLETE_IND_V01\n");
-            raise_event(MPS_EVENT_SEND_COMPLETE);
-            return;
-        }
-        case MPS_BUFFER_FULL_IND: {
-            mps_buffer_full_indication indication;
-            if (!decode(client, msg_id, buf, len, &indication)) return;
-            ALOGI("KBR_VEXA_BUFFER_FULL_IND_V01: type = %d\n", static_cast<int>(indication.type));
-            raise_event(MPS_EVENT_BUFFER_FULL);
-            return;
-        }
-        default:
-            ALOGE("%s: unknown msg_id: %d\n", __func__, static_cast<int>(msg_id));
+    unique_malloc<void> structure;
+    const modem_result result =
+        modem_client_decode(client, service_object(), msg_id, buf, len, &structure);
+    if (result == modem_result::UNKNOWN_MESSAGE)
+        ALOGE("%s: unknown msg_id: %d\n", __func__, static_cast<int>(msg_id));
+    if (result != modem_result::OK) return;
+    if (msg_id == MPS_SEND_COMPLETE_IND) {
+        ALOGI("KBR_VEXA_SEND_DATA_COMPLETE_IND_V01\n");
+        raise_event(MPS_EVENT_SEND_COMPLETE);
+    } else {
+        const auto* full = static_cast<const mps_buffer_full_indication*>(structure.get());
+        ALOGI("KBR_VEXA_BUFFER_FULL_IND_V01: type = %d\n", static_cast<int>(full->type));
+        raise_event(MPS_EVENT_BUFFER_FULL);
     }
 }

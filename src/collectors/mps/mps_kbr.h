@@ -5,8 +5,8 @@
 // A stop ends connecting and every request at once; whatever comes after it is refused, so that the
 // client may be released while the service thread still uses it.
 //
-// Results: 0, -1 for a null argument or a client that was never initialised, -EINTR between two
-// requests once stopped, or the messaging library's error (platform/kbr.h). Failures are logged.
+// FAILED stands for a null argument and a client that was never initialised, too; STOPPED for a
+// stop between two requests. Failures are logged with modem_result_number.
 #pragma once
 
 #include <cstddef>
@@ -14,6 +14,7 @@
 
 #include "collectors/mps/mps_campaign_desc.h"
 #include "framework/time/stop.h"
+#include "modem_client/modem_client.h"
 #include "platform/kbr.h"
 
 // Gets an event of mps_events/mps_events.h. Thread: the messaging library's.
@@ -26,13 +27,13 @@ struct mps_service_revision {
 
 // Connects to the service. `stop` ends this and every call up to the release, which it outlives.
 // Thread: the service thread.
-int mps_kbr_init(const stop_flag& stop);
+modem_result mps_kbr_init(const stop_flag& stop);
 
 // Who gets the events of the service's indications; null: nobody. Any thread.
 void mps_kbr_register_cb(mps_kbr_callback callback);
 
 // Asks for the service's revision; a number that the modem leaves out is 0. Any thread.
-int mps_kbr_get_service_rev(uint32_t* major, uint32_t* minor);
+modem_result mps_kbr_get_service_rev(uint32_t* major, uint32_t* minor);
 
 // What the modem said last; zeros before it did. Any thread.
 mps_service_revision mps_kbr_service_revision();
@@ -40,19 +41,19 @@ mps_service_revision mps_kbr_service_revision();
 // Hands a campaign's specs to the modem and starts the collection. `stop` is looked at before each
 // request. The subscription id is counted from 1; 0:
 // none. Thread: the collector's, as for all that follow.
-int mps_kbr_init_mpss_bsi(const MpsCampaign* record, uint32_t subscription_id,
-                          const stop_flag& stop);
+modem_result mps_kbr_init_mpss_bsi(const MpsCampaign* record, uint32_t subscription_id,
+                                   const stop_flag& stop);
 
 // Announces `parts` parts of collection logic and hands over the static spec. One above
-// 800 bytes is refused with -EINVAL.
-int mps_kbr_send_start_prepare_req(const MpsCampaign* record, size_t parts,
-                                   uint32_t subscription_id);
+// 800 bytes is refused as TOO_LARGE.
+modem_result mps_kbr_send_start_prepare_req(const MpsCampaign* record, size_t parts,
+                                            uint32_t subscription_id);
 
 // Ends the collection and has the modem hand over what it has.
-int mps_kbr_stop_flush_bsi();
+modem_result mps_kbr_stop_flush_bsi();
 
 // Has the modem hand over its results.
-int mps_kbr_fetch_results();
+modem_result mps_kbr_fetch_results();
 
 // Whether a collection that has an LLL spec runs.
 bool mps_kbr_is_lll_collected();

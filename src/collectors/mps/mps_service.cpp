@@ -1,7 +1,5 @@
 #include "collectors/mps/mps_service.h"
 
-#include "modem_client/modem_client.h"
-
 namespace {
 
 // Where a field's value and, when it is optional, its flag lie in the message's structure.
@@ -64,13 +62,13 @@ constexpr kbr_field SEND_COMPLETE[] = {
 };
 
 constexpr kbr_field REVISION[] = {
-    kbr_result(0x02, offsetof(revision, result)),
+    kbr_result(0x02, offsetof(revision, answer)),
     kbr_scalar(0x10, VALUE(revision, major), FLAG(revision, major)),
     kbr_scalar(0x11, VALUE(revision, minor), FLAG(revision, minor)),
 };
 
 constexpr kbr_field STANDARD_RESPONSE[] = {
-    kbr_result(0x02, offsetof(standard, result)),
+    kbr_result(0x02, offsetof(standard, answer)),
     kbr_scalar(0x10, VALUE(standard, value), FLAG(standard, value)),
 };
 

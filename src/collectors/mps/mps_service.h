@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "modem_client/modem_client.h"
 #include "platform/kbr.h"
 
 enum mps_message_id : uint16_t {
@@ -30,20 +31,14 @@ enum mps_spec_kind : uint32_t {
     MPS_LLL_SPEC = 3,
 };
 
-// Every response begins with this pair.
-struct mps_result {
-    uint32_t result = 0;  // 0: success
-    uint32_t error = 0;
-};
-
 struct mps_response {
-    mps_result result{};
+    modem_answer answer{};
     uint8_t value_valid = 0;
     uint32_t value = 0;  // used by nobody
 };
 
 struct mps_revision_response {
-    mps_result result{};
+    modem_answer answer{};
     uint8_t major_valid = 0;
     uint16_t major = 0;
     uint8_t minor_valid = 0;

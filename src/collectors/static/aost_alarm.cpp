@@ -2,27 +2,18 @@
 
 #include <errno.h>
 #include <signal.h>
-#include <stdio.h>
 #include <sys/eventfd.h>
 
 #include <algorithm>
 
-#include "base/replace_file.h"
 #include "collectors/static/aost_imsa.h"
 #include "collectors/static/aost_reporter.h"
-#include "framework/config/config.h"
-#include "framework/config/config_line.h"
-#include "framework/row/version.h"
 #include "framework/time/clock.h"
 #include "framework/time/wait.h"
 #include "platform/log.h"
 
 namespace {
 
-constexpr char COLLECTOR[] = "aost_collector";
-constexpr char LOCAL_FILE[] = "/data/vendor/vexastats/3/.aoststats.cfg";
-constexpr char DOWNLOADED_FILE[] = "/data/vendor/vexa/down/3/aoststats.cfg";
-constexpr uint64_t PARAMS_LIFE_MS = 432000000;
 constexpr int64_t PAUSE_MS = 1000;
 
 // Both live as long as the process: a signal may come at any time.
@@ -59,54 +50,6 @@ int64_t alarm_wait_ms() {
     return std::max<int64_t>(g_aost.alarm_due_ms - now_ms(), 0);
 }
 
-// ---- Configuration
-
-struct aost_values {
-    int64_t client_id = 0;
-    int64_t interval_s = 0;
-};
-
-// "clientid=%u;interval=%u"; returns how many values were read.
-int parse_line(const char* line, aost_values* values) {
-    long long client_id = 0;
-    long long interval_s = 0;
-    const int count = sscanf(line, "clientid=%lld;interval=%lld", &client_id, &interval_s);
-    *values = {.client_id = client_id, .interval_s = interval_s};
-    return count;
-}
-
-// The interval counts even when the file is another client's: deliberate.
-bool take_line(void* owner, const char* line, bool is_local) {
-    const auto* row = static_cast<const collector_info*>(owner);
-    aost_values values;
-    if (parse_line(line, &values) != 2) return false;
-    g_aost.interval_s =
-        static_cast<uint32_t>(std::clamp<int64_t>(values.interval_s, INT32_MIN, UINT32_MAX));
-    if (values.client_id != static_cast<int64_t>(row->hdr.client_id)) return false;
-    if (!is_local) ALOGD("new interval=%d", static_cast<int>(g_aost.interval_s));
-    return true;
-}
-
-int update_local_file(void* owner) {
-    const auto* row = static_cast<const collector_info*>(owner);
-    char text[CONFIG_LINE_SIZE];
-    const int len =
-        snprintf(text, sizeof text, "#%s config file. Version: %s\nclientid=%d;interval=%d\n",
-                 COLLECTOR, VEXASTATSD_VERSION, static_cast<int>(row->hdr.client_id),
-                 static_cast<int>(g_aost.interval_s));
-    const int result = vexastats_replace_file(LOCAL_FILE, text, static_cast<size_t>(len));
-    if (result == 0) return 0;
-    ALOGE("failed to open aoststats cfg. err:%d\n", -result);
-    return -EINVAL;
-}
-
-void reload_params(collector_info* row) {
-    const uint64_t uptime_ms = vexastats_uptime_ms();
-    if (uptime_ms - g_aost.last_params_ms < PARAMS_LIFE_MS) return;
-    if (aost_imsa_init_params(row) != 0) ALOGE("update params failed.\n");
-    g_aost.last_params_ms = uptime_ms;
-}
-
 // Returns false when the reporter has to end.
 bool drop_stored_data() {
     const vexa_lock held(g_aost.data_lock);
@@ -140,15 +83,6 @@ void aost_alarm_arm(uint32_t seconds) {
     g_aost.alarm_due_ms = seconds == 0 ? AOST_NO_ALARM : now_ms() + int64_t{seconds} * 1000;
 }
 
-int aost_imsa_init_params(collector_info* row) {
-    return vexastats_load_config({.local = LOCAL_FILE,
-                                  .downloaded = DOWNLOADED_FILE,
-                                  .client_id = row->hdr.client_id,
-                                  .owner = row,
-                                  .take_line = take_line,
-                                  .update_local = update_local_file});
-}
-
 void aost_imsa_sig_alarm_hdlr(int signo) {
     ALOGD("%s, sig_num=%d, registered=%d", __func__, signo, g_aost.registered.load());
     collector_info* row = g_aost.row;
@@ -163,7 +97,7 @@ void aost_imsa_sig_alarm_hdlr(int signo) {
         aost_imsa_retire();
         return;
     }
-    reload_params(row);
+    aost_reload_params(row);
     aost_alarm_arm(g_aost.interval_s);
 }
 

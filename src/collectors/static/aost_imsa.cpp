@@ -3,14 +3,10 @@
 #include "collectors/static/aost_imsa.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 #include <unistd.h>
-
-#include <utility>
 
 #include "base/unique_handle.h"
 #include "collectors/static/aost_reporter.h"
-#include "framework/config/dload.h"
 #include "framework/time/clock.h"
 #include "framework/time/wait.h"
 #include "modem_client/modem_client.h"
@@ -21,9 +17,7 @@ constinit aost_reporter g_aost;
 namespace {
 
 constexpr uint32_t IMSA_CALL_TIMEOUT_MS = 120000;
-constexpr uint32_t CONNECT_TIMEOUT_S = 4;
 constexpr int CONNECT_RETRIES = 24;
-constexpr int64_t CONNECT_PAUSE_MS = 5000;
 constexpr int64_t RETIRE_PAUSE_MS = 1000;
 
 void reset_state(write_req* req) {
@@ -43,53 +37,54 @@ void reset_state(write_req* req) {
 // ---- Messages
 
 // `callback_client` is the client of the callback that sends, or null: the static thread sends, and
-// a stop ends its call. A library may hand a refusal over as a response only.
+// a stop ends its call.
 template <class Response>
-int send(kbr_client* callback_client, uint16_t msg_id, const void* request, size_t request_len,
-         Response* response, const imsa_result& result) {
-    const int sent =
+modem_result send(kbr_client* callback_client, uint16_t msg_id, const void* request,
+                  size_t request_len, Response* response, const modem_answer& answer) {
+    const modem_result sent =
         callback_client
-            ? kbr_client_send_msg_sync(callback_client, msg_id, request,
-                                       static_cast<uint32_t>(request_len), response,
-                                       sizeof *response, IMSA_CALL_TIMEOUT_MS)
+            ? modem_callback_send(callback_client, msg_id, request, request_len, response,
+                                  sizeof *response, IMSA_CALL_TIMEOUT_MS)
             : modem_client_send(&g_aost.client, msg_id, request, request_len, response,
                                 sizeof *response, IMSA_CALL_TIMEOUT_MS, g_aost.row.load()->stop);
-    if (sent != KBR_OK) return sent;
-    return result.result == 0 ? KBR_OK : KBR_ERR_REFUSED;
+    return modem_verdict(sent, answer);
 }
 
 template <class Request>
-int send_request(kbr_client* callback_client, uint16_t msg_id, const Request& request) {
-    imsa_result response;
-    const int result = send(callback_client, msg_id, &request, sizeof request, &response, response);
+modem_result send_request(kbr_client* callback_client, uint16_t msg_id, const Request& request) {
+    modem_answer answer;
+    const modem_result result =
+        send(callback_client, msg_id, &request, sizeof request, &answer, answer);
     // The word "async" is the message's own.
-    if (result != KBR_OK) ALOGE("[ERROR] kbr_client_send_msg_async() failed, rc=%d", result);
+    if (result != modem_result::OK)
+        ALOGE("[ERROR] kbr_client_send_msg_async() failed, rc=%d", modem_result_number(result));
     return result;
 }
 
 template <class Response>
-int send_question(uint16_t msg_id, Response* response) {
-    const int result = send(nullptr, msg_id, nullptr, 0, response, response->result);
-    if (result != KBR_OK) ALOGE("[ERROR] kbr_client_send_msg_sync() error=%d", result);
+modem_result send_question(uint16_t msg_id, Response* response) {
+    const modem_result result = send(nullptr, msg_id, nullptr, 0, response, response->answer);
+    if (result != modem_result::OK)
+        ALOGE("[ERROR] kbr_client_send_msg_sync() error=%d", modem_result_number(result));
     return result;
 }
 
 // The first active subscription, or the bound one when none is.
-int aost_imsa_get_active_subs_sync() {
+modem_result aost_imsa_get_active_subs_sync() {
     ALOGI("%s", __func__);
     imsa_active_subscriptions_response response;
-    const int result = send_question(IMSA_GET_ACTIVE_SUBSCRIPTIONS, &response);
-    if (result != KBR_OK) return result;
+    const modem_result result = send_question(IMSA_GET_ACTIVE_SUBSCRIPTIONS, &response);
+    if (result != modem_result::OK) return result;
     constexpr uint32_t SUBSCRIPTIONS = 3;
     const vexa_lock held(g_aost.data_lock);
     for (uint32_t i = SUBSCRIPTIONS; i-- > 0;) {
         if (response.active[i].value) g_aost.subs_type = i;
     }
     ALOGI("subs type=%d", static_cast<int>(g_aost.subs_type));
-    return KBR_OK;
+    return result;
 }
 
-int aost_imsa_set_bind_subs_sync(kbr_client* callback_client) {
+modem_result aost_imsa_set_bind_subs_sync(kbr_client* callback_client) {
     ALOGI("%s", __func__);
     imsa_bind_request request;
     {
@@ -99,7 +94,7 @@ int aost_imsa_set_bind_subs_sync(kbr_client* callback_client) {
     return send_request(callback_client, IMSA_BIND_SUBSCRIPTION, request);
 }
 
-int register_indications(kbr_client* callback_client) {
+modem_result register_indications(kbr_client* callback_client) {
     imsa_register_request request;
     for (const size_t kind : {0, 1, 10}) request.wanted[kind] = {.valid = 1, .value = 1};
     return send_request(callback_client, IMSA_REGISTER_INDICATIONS, request);
@@ -107,37 +102,32 @@ int register_indications(kbr_client* callback_client) {
 
 // ---- Set-up
 
-// Returns 0; the failure after the last retry, logged; or the failure when a stop comes before.
-int aost_imsa_init_client_handle(const stop_flag& stop) {
+const kbr_service_object* service_object() {
+    return imsa_get_service_object_internal_v01(1, 36, 6);
+}
+
+// Only the failure of the last attempt is logged.
+constexpr modem_patience PATIENCE = {
+    .attempts = 1 + CONNECT_RETRIES,
+    .pause_ms = 5000,
+    .note_failure =
+        [](modem_result result, int attempt) {
+            if (attempt < CONNECT_RETRIES) return;
+            ALOGE("[ERROR] %s() kbr_client_init_instance() error=%d",
+                  "aost_imsa_init_client_handle", modem_result_number(result));
+        },
+    .note_retry = [](int attempt) { ALOGD("retry=%d", attempt); },
+};
+
+modem_result aost_imsa_init_client_handle(const stop_flag& stop) {
     ALOGD("%s()", __func__);
-    const kbr_service_object* service = imsa_get_service_object_internal_v01(1, 36, 6);
+    const kbr_service_object* service = service_object();
     if (!service) {
         ALOGE("[ERROR] obj is NULL");
-        return -2;
+        return modem_result::NO_SERVICE;
     }
-    for (int retry = 1;; ++retry) {
-        const int result = modem_client_connect(&g_aost.client, service, aost_imsa_resp_ind_cb,
-                                                CONNECT_TIMEOUT_S, stop);
-        if (result == KBR_OK) return KBR_OK;
-        if (retry > CONNECT_RETRIES) {
-            ALOGE("[ERROR] %s() kbr_client_init_instance() error=%d", __func__, result);
-            return result;
-        }
-        if (!vexastats_sleep_ms(CONNECT_PAUSE_MS, stop)) return result;
-        ALOGD("retry=%d", retry);
-    }
-}
-
-void request_config(const collector_info& row) {
-    const dload_req request{.client_id = static_cast<int32_t>(row.hdr.client_id),
-                            .version = "1.1",
-                            .key = "aoststats.cfg"};
-    if (vexastats_dload_req(&request) != 0) ALOGE("%s: dload request failed\n", "aost_imsa_init");
-}
-
-void load_params(collector_info* row) {
-    if (aost_imsa_init_params(row) != 0) ALOGE("aost_imsa_init_params failed. use default value\n");
-    g_aost.last_params_ms = vexastats_uptime_ms();
+    return modem_client_connect_patiently(&g_aost.client, service, aost_imsa_resp_ind_cb, PATIENCE,
+                                          stop);
 }
 
 // ---- Status
@@ -199,30 +189,26 @@ bool take_subscription(const imsa_value& subscription) {
 void take_bind_status(kbr_client* client, const imsa_bind_indication& indication) {
     ALOGI("KBR_IMSA_BIND_SUBSCRIPTION_STATUS_IND_V01");
     if (!take_subscription(indication.subscription)) return;
-    if (aost_imsa_set_bind_subs_sync(client) == KBR_OK && register_indications(client) == KBR_OK) {
+    if (aost_imsa_set_bind_subs_sync(client) == modem_result::OK &&
+        register_indications(client) == modem_result::OK) {
         ALOGI("sub type=%d ", static_cast<int>(indication.subscription.value));
     } else {
         aost_imsa_retire();
     }
 }
 
-// Decodes an indication into a structure that is the caller's; null when it has none.
+// Null, logged, when it is no such indication.
 unique_malloc<void> decode(kbr_client* client, uint32_t msg_id, const void* buf, uint32_t len) {
-    const kbr_service_object* service = imsa_get_service_object_internal_v01(1, 36, 6);
-    uint32_t size = 0;
-    int result = kbr_idl_get_message_c_struct_len(service, KBR_INDICATION, msg_id, &size);
     unique_malloc<void> structure;
-    if (result == KBR_OK) {
-        structure.reset(malloc(size));
-        if (!structure) {
-            ALOGE("malloc failed");
-            return nullptr;
-        }
-        result = kbr_client_message_decode(client, KBR_INDICATION, msg_id, buf, len,
-                                           structure.get(), size);
+    const modem_result result =
+        modem_client_decode(client, service_object(), msg_id, buf, len, &structure);
+    if (result == modem_result::OK) return structure;
+    if (result == modem_result::NO_MEMORY) {
+        ALOGE("malloc failed");
+    } else {
+        ALOGI("decode failed, msg_id=0x%x, error=0x%x", msg_id,
+              static_cast<unsigned>(modem_result_number(result)));
     }
-    if (result == KBR_OK) return structure;
-    ALOGI("decode failed, msg_id=0x%x, error=0x%x", msg_id, static_cast<unsigned>(result));
     return nullptr;
 }
 
@@ -249,25 +235,25 @@ void aost_imsa_resp_ind_cb(kbr_client* client, uint32_t msg_id, void* buf, uint3
     }
 }
 
-int aost_imsa_init(write_req* req) {
+modem_result aost_imsa_init(write_req* req) {
     ALOGI("%s, tid=%d", __func__, gettid());
     collector_info* row = req->row;
     reset_state(req);
 
-    int result = aost_imsa_init_client_handle(row->stop);
-    if (result == KBR_OK) result = aost_imsa_get_active_subs_sync();
-    if (result == KBR_OK) result = aost_imsa_set_bind_subs_sync(nullptr);
-    if (result != KBR_OK) return result;
-    if (!aost_alarm_install()) return -1;
+    modem_result result = aost_imsa_init_client_handle(row->stop);
+    if (result == modem_result::OK) result = aost_imsa_get_active_subs_sync();
+    if (result == modem_result::OK) result = aost_imsa_set_bind_subs_sync(nullptr);
+    if (result != modem_result::OK) return result;
+    if (!aost_alarm_install()) return modem_result::FAILED;
 
-    request_config(*row);
-    load_params(row);
+    aost_request_config(*row);
+    aost_load_params(row);
     aost_alarm_arm(g_aost.interval_s);
     g_aost.registered = true;
-    return 0;
+    return result;
 }
 
-int aost_imsa_start() {
+modem_result aost_imsa_start() {
     return register_indications(nullptr);
 }
 
@@ -275,9 +261,9 @@ bool aost_imsa_get_registered() {
     if (!g_aost.registered) return false;
     ALOGI("%s", "aost_imsa_get_service_status_sync");
     imsa_status_response response;
-    const int result = send_question(IMSA_GET_SERVICE_STATUS, &response);
-    if (result != KBR_OK) {
-        ALOGE("[ERROR] Failed to get the service status, error=%d", result);
+    const modem_result result = send_question(IMSA_GET_SERVICE_STATUS, &response);
+    if (result != modem_result::OK) {
+        ALOGE("[ERROR] Failed to get the service status, error=%d", modem_result_number(result));
         return false;
     }
     const vexa_lock held(g_aost.data_lock);
@@ -288,6 +274,7 @@ bool aost_imsa_get_registered() {
 }
 
 void aost_imsa_retire() {
+    // The name is the message's own.
     const bool was_registered = g_aost.registered.exchange(false);
     ALOGI("%s(), registered=%d", "aost_imsa_deinit", was_registered);
     if (!was_registered) return;

@@ -8,11 +8,12 @@
 #pragma once
 
 #include "framework/record/record.h"
+#include "modem_client/modem_client.h"
 
 // Connects to the IMS service, binds it to a subscription, and arms the alarm. req->row and
 // req->handle are used until aost_imsa_deinit; the handle is left alone until the static record in
-// it has been handed over. Returns 0, or the failure; then only the DRM level can be reported.
-int aost_imsa_init(write_req* req);
+// it has been handed over. After a failure only the DRM level can be reported.
+modem_result aost_imsa_init(write_req* req);
 
 // Reports the DRM level once another component has left it in its file, for which it waits two
 // minutes. From this call on the record is the reporter's. Returns whether it was written.
@@ -21,8 +22,8 @@ bool aost_widevine_get_security_level();
 // Reports the state of the service. Returns whether the client is up and the state was written.
 bool aost_imsa_get_registered();
 
-// Asks for indications. Returns 0 or the failure.
-int aost_imsa_start();
+// Asks for indications.
+modem_result aost_imsa_start();
 
 // Runs the alarm until the reporter ends.
 void aost_imsa_wait();

@@ -67,13 +67,27 @@ bool aost_imsa_write_service_status_change(bool drop_now) REQUIRES(g_aost.data_l
 
 // ---- Client (aost_imsa.cpp)
 
-// The first half of aost_imsa_deinit: withdraws `registered` and wakes the static thread. Only the
-// first caller does. Any thread.
+// Asks for the reporter's end: withdraws `registered`, which ends the static thread's wait, and
+// gives it a second. Only the first caller does more than log. It takes nothing away, so any thread
+// may call it; what the reporter has is given back by aost_imsa_deinit, in the static thread alone.
 void aost_imsa_retire();
 
 // The indication callback. Thread: the library's.
 void aost_imsa_resp_ind_cb(kbr_client* client, uint32_t msg_id, void* buf, uint32_t len,
                            void* cb_data);
+
+// ---- Configuration (aost_config.cpp); the static thread's
+
+// Loads `interval_s` from the reporter's configuration files. Returns 0 or the failure, logged.
+int aost_imsa_init_params(collector_info* row);
+
+// Asks the download agent for one. A failure is logged.
+void aost_request_config(const collector_info& row);
+
+// Load it, the second only once what was loaded last is five days of boot time old. A failure,
+// which is logged, leaves what there is.
+void aost_load_params(collector_info* row);
+void aost_reload_params(collector_info* row);
 
 // ---- Alarm and waiting (aost_alarm.cpp); the static thread's but for the wake-up
 
@@ -86,9 +100,6 @@ void aost_alarm_arm(uint32_t seconds);
 
 // What is done when the alarm is due: the record is handed over.
 void aost_imsa_sig_alarm_hdlr(int signo);
-
-// Loads `interval_s` from the reporter's configuration files. Returns 0 or the failure, logged.
-int aost_imsa_init_params(collector_info* row);
 
 // Waits for so long, or until a wake-up (negative: no limit), and runs the alarm when it is due.
 // Returns false once the row's `stop` is raised.

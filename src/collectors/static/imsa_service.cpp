@@ -2,8 +2,6 @@
 
 #include <array>
 
-#include "modem_client/modem_client.h"
-
 namespace {
 
 // The optional fields of a message are counted from here.
@@ -26,7 +24,7 @@ constexpr std::array<kbr_field, count> optional_values(size_t offset) {
 template <class Value, size_t count>
 constexpr std::array<kbr_field, count + 1> result_and_values() {
     std::array<kbr_field, count + 1> fields{kbr_result(0x02, 0)};
-    const auto values = optional_values<Value, count>(sizeof(imsa_result));
+    const auto values = optional_values<Value, count>(sizeof(modem_answer));
     for (size_t i = 0; i < count; ++i) fields[i + 1] = values[i];
     return fields;
 }
@@ -50,8 +48,8 @@ constexpr kbr_message REQUESTS[] = {
 
 constexpr kbr_message RESPONSES[] = {
     {IMSA_GET_SERVICE_STATUS, sizeof(imsa_status_response), STATUS_RESPONSE},
-    {IMSA_REGISTER_INDICATIONS, sizeof(imsa_result), RESULT},
-    {IMSA_BIND_SUBSCRIPTION, sizeof(imsa_result), RESULT},
+    {IMSA_REGISTER_INDICATIONS, sizeof(modem_answer), RESULT},
+    {IMSA_BIND_SUBSCRIPTION, sizeof(modem_answer), RESULT},
     {IMSA_GET_ACTIVE_SUBSCRIPTIONS, sizeof(imsa_active_subscriptions_response),
      ACTIVE_SUBSCRIPTIONS},
 };

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "modem_client/modem_client.h"
 #include "platform/kbr.h"
 
 enum imsa_message_id : uint16_t {
@@ -20,13 +21,6 @@ enum imsa_message_id : uint16_t {
 // How many values the service status has.
 inline constexpr size_t IMSA_STATUS_COUNT = 6;
 
-// Every response begins with this pair, and some consist of it.
-struct imsa_result {
-    uint32_t result = 0;  // 0: success
-    uint32_t error = 0;
-};
-static_assert(sizeof(imsa_result) == 8);
-
 struct imsa_value {
     uint8_t valid = 0;
     uint32_t value = 0;
@@ -34,7 +28,7 @@ struct imsa_value {
 static_assert(sizeof(imsa_value) == 8 && offsetof(imsa_value, value) == 4);
 
 struct imsa_status_response {
-    imsa_result result{};
+    modem_answer answer{};
     imsa_value status[IMSA_STATUS_COUNT];
     imsa_value unused[4];  // described by the service, read by nobody
 };
@@ -63,7 +57,7 @@ struct imsa_bind_request {
 static_assert(sizeof(imsa_bind_request) == 8);
 
 struct imsa_active_subscriptions_response {
-    imsa_result result{};
+    modem_answer answer{};
     imsa_flag active[4];  // by subscription; the last is read by nobody
 };
 static_assert(sizeof(imsa_active_subscriptions_response) == 16);

@@ -111,7 +111,7 @@ void drop_record(static_collector* c) {
 void report(const static_collector& c) {
     if (c.stopped()) return;
     if (!aost_widevine_get_security_level()) ALOGE("[ERROR] Failed to write Widevine data to file");
-    if (aost_imsa_get_registered() && aost_imsa_start() == 0) aost_imsa_wait();
+    if (aost_imsa_get_registered() && aost_imsa_start() == modem_result::OK) aost_imsa_wait();
 }
 
 }  // namespace

@@ -235,6 +235,6 @@ int prepare_aost_imsa_register(write_req* req) {
         ALOGE("[ERROR] wrong function parameter");
         return -EINVAL;
     }
-    if (aost_imsa_init(req) != 0) ALOGE("[ERROR] Failed to initiate IMS Client");
+    if (aost_imsa_init(req) != modem_result::OK) ALOGE("[ERROR] Failed to initiate IMS Client");
     return 0;
 }

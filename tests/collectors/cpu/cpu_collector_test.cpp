@@ -81,7 +81,6 @@ struct CpuCollector : ::testing::Test {
     void TearDown() override {
         stop();
         vexastats_record_close(&record);
-        vexa_release_proc_tbl();
         if (row.stop.fd >= 0) close(row.stop.fd);
         fs::remove(RECORD);
     }
@@ -114,7 +113,8 @@ struct CpuCollector : ::testing::Test {
                        .threshold_min = 300000,
                        .hdr = {.client_id = 2, .rec_version = 6},
                        .cfg_update_handler = vexastats_update_cfg};
-    record_handle record;
+    sampling_collector sampler{.row = &row};
+    record_handle& record = sampler.record;
     cpu_stats stats;
     std::thread thread;
     std::atomic<int> result{-1};
@@ -129,12 +129,14 @@ std::string sample_hex(const std::string& stamp) {
 
 TEST_F(CpuCollector, SamplesStandInTheRecordByteForByte) {
     open_record();
-    ASSERT_EQ(prepare_cpu_stats(&stats, &row, &record), 0);
+    sampler.storage_pause.next_ms = growing_pause::LONGEST_MS;
+    ASSERT_EQ(prepare_cpu_stats(&stats, &sampler), sample_result::TAKEN);
+    EXPECT_EQ(sampler.storage_pause.next_ms, growing_pause::FIRST_MS) << "all is well again";
     // Kathmandu is 345 minutes ahead: the first sample there says so, the next one no more.
     setenv("TZ", "NPT-5:45", 1);
     tzset();
-    ASSERT_EQ(prepare_cpu_stats(&stats, &row, &record), 0);
-    ASSERT_EQ(prepare_cpu_stats(&stats, &row, &record), 0);
+    ASSERT_EQ(prepare_cpu_stats(&stats, &sampler), sample_result::TAKEN);
+    ASSERT_EQ(prepare_cpu_stats(&stats, &sampler), sample_result::TAKEN);
     EXPECT_EQ(hex(samples()),
               sample_hex("50c30000") + sample_hex("50c300805901") + sample_hex("50c30000"));
     EXPECT_EQ(platform_test_log_count("prepare_cpu_stats: timezone changed 345\n"), 1u);
@@ -143,16 +145,15 @@ TEST_F(CpuCollector, SamplesStandInTheRecordByteForByte) {
 TEST_F(CpuCollector, LoopEndsAfterOneSampleAtTheThresholdAndWithoutARecord) {
     open_record();
     const uint64_t begin_ms = vexastats_mono_time_ms();
-    EXPECT_EQ(poll_cpu_stats(&stats, &row, &record, nullptr), 0);
+    EXPECT_EQ(poll_cpu_stats(&stats, &sampler, nullptr), sample_result::TAKEN);
     EXPECT_EQ(vexastats_mono_time_ms() - begin_ms, 60000u);
     stats.tracks_processes = true;
-    EXPECT_EQ(poll_cpu_stats(&stats, &row, &record, nullptr), 0);
+    EXPECT_EQ(poll_cpu_stats(&stats, &sampler, nullptr), sample_result::TAKEN);
     EXPECT_EQ(vexastats_mono_time_ms() - begin_ms, 70000u)
         << "looks every 10 s when processes are scanned";
     EXPECT_EQ(samples().size(), 2 * 84u);
     vexastats_record_close(&record);
-    EXPECT_EQ(poll_cpu_stats(&stats, &row, &record, nullptr), -EINVAL);
-    EXPECT_TRUE(stats.storage.failed);
+    EXPECT_EQ(poll_cpu_stats(&stats, &sampler, nullptr), sample_result::STORAGE_FAILED);
 }
 
 TEST_F(CpuCollector, SampleIsDueOnlyOnceMoreThanTheIntervalHasPassed) {
@@ -160,7 +161,8 @@ TEST_F(CpuCollector, SampleIsDueOnlyOnceMoreThanTheIntervalHasPassed) {
     put_files({{frequency_file(0), "300001\n"}});
     open_record();
     row.interval = 1000;
-    thread = std::thread([this] { result = poll_cpu_stats(&stats, &row, &record, nullptr); });
+    thread = std::thread(
+        [this] { result = sample_result_number(poll_cpu_stats(&stats, &sampler, nullptr)); });
     for (const size_t expected : {1u, 1u, 2u, 2u, 3u}) {
         park();
         EXPECT_EQ(samples().size() / 84, expected);
@@ -179,11 +181,12 @@ TEST_F(CpuCollector, ScanIsDueOnlyOnceMoreThanTenSecondsHavePassed) {
     open_record();
     stats.tracks_processes = true;
     const unique_dir empty(opendir(UP_DIR));
-    const uint64_t before = vexa_ps_readproc_counters().entries;
-    thread = std::thread([&] { result = poll_cpu_stats(&stats, &row, &record, empty.get()); });
+    const uint64_t before = stats.processes.entries;
+    thread = std::thread(
+        [&] { result = sample_result_number(poll_cpu_stats(&stats, &sampler, empty.get())); });
     for (const uint64_t scans : {1u, 1u, 2u, 2u, 3u}) {
         park();
-        EXPECT_EQ(vexa_ps_readproc_counters().entries - before, scans * 2) << "\".\" and \"..\"";
+        EXPECT_EQ(stats.processes.entries - before, scans * 2) << "\".\" and \"..\"";
         platform_test_advance_ms(10000);
     }
     stop();
@@ -195,14 +198,14 @@ TEST_F(CpuCollector, SnapshotCarriesProcessesInsteadOfNetworkEntries) {
     const unique_dir proc(opendir("/proc"));
     stats.tracks_processes = true;
     put_files({{"/sys/class/power_supply/bms/charge_counter", "2494000\n"}});
-    EXPECT_EQ(poll_cpu_stats(&stats, &row, &record, proc.get()), 0);
+    EXPECT_EQ(poll_cpu_stats(&stats, &sampler, proc.get()), sample_result::TAKEN);
     const std::string first = samples();
     EXPECT_EQ(hex(first.substr(80)),
               "0100"
               "01932701"
               "0500000006000000"
               "0000");
-    EXPECT_EQ(poll_cpu_stats(&stats, &row, &record, proc.get()), 0);
+    EXPECT_EQ(poll_cpu_stats(&stats, &sampler, proc.get()), sample_result::TAKEN);
     const std::string second = samples().substr(first.size());
     EXPECT_EQ(hex(second.substr(80, 2)), "0000");
     EXPECT_THAT(second.substr(84), HasSubstr("org.example.browser"));

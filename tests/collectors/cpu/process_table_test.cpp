@@ -78,56 +78,54 @@ struct literal_table {
     }
 };
 
-void insert(int32_t pid, const uint64_t (&times)[4] = {0, 0, 0, 0}, const std::string& name = "",
-            uint32_t uid = 0) {
-    unique_proc_entry entry = vexa_make_proc_entry();
-    entry->pid = pid;
-    entry->uid = uid;
-    entry->user_time = times[0];
-    entry->system_time = times[1];
-    entry->child_user_time = times[2];
-    entry->child_system_time = times[3];
-    const std::string text = name.empty() ? std::to_string(pid) : name;
-    strcpy(entry->name, text.c_str());
-    vexa_insert_proc_tbl_entry(std::move(entry));
-}
-
 struct block {
     std::string bytes;
     uint16_t count = 0;
 };
 
-block write_block(network_list* network = nullptr) {
-    block result;
-    uint64_t size = 0, written = 0;
-    EXPECT_EQ(vexaps_store_ps_info(nullptr, network, &result.count, &size, UINT64_MAX), 0);
-    result.bytes.resize(size);
-    EXPECT_EQ(vexaps_store_ps_info(reinterpret_cast<uint8_t*>(result.bytes.data()), network,
-                                   &result.count, &written, size),
-              0);
-    return result;
-}
-
-std::string table_text() {
-    const block b = write_block();
-    std::string result;
-    for (size_t at = 0; at < b.bytes.size();) {
-        const std::string name = b.bytes.c_str() + at;
-        at += name.size() + 1;
-        const int load = static_cast<uint8_t>(b.bytes[at]) | static_cast<uint8_t>(b.bytes[at + 1])
-                                                                 << 8;
-        result += name + ":" + std::to_string(load) + " ";
-        at += 51;
-    }
-    return result;
-}
-
 struct ProcessTable : ::testing::Test {
-    void SetUp() override {
-        vexa_release_proc_tbl();
-        vexa_init_proc_tbl();
+    void SetUp() override { vexa_init_proc_tbl(&table); }
+    void insert(int32_t pid, const uint64_t (&times)[4] = {0, 0, 0, 0},
+                const std::string& name = "", uint32_t uid = 0) {
+        unique_proc_entry entry = vexa_make_proc_entry(&table);
+        entry->pid = pid;
+        entry->uid = uid;
+        entry->user_time = times[0];
+        entry->system_time = times[1];
+        entry->child_user_time = times[2];
+        entry->child_system_time = times[3];
+        const std::string text = name.empty() ? std::to_string(pid) : name;
+        strcpy(entry->name, text.c_str());
+        vexa_insert_proc_tbl_entry(&table, std::move(entry));
     }
-    void TearDown() override { vexa_release_proc_tbl(); }
+
+    block write_block(network_list* network = nullptr) {
+        block result;
+        uint64_t size = 0, written = 0;
+        EXPECT_EQ(vexaps_store_ps_info(table, nullptr, network, &result.count, &size, UINT64_MAX),
+                  0);
+        result.bytes.resize(size);
+        EXPECT_EQ(vexaps_store_ps_info(table, reinterpret_cast<uint8_t*>(result.bytes.data()),
+                                       network, &result.count, &written, size),
+                  0);
+        return result;
+    }
+
+    std::string table_text() {
+        const block b = write_block();
+        std::string result;
+        for (size_t at = 0; at < b.bytes.size();) {
+            const std::string name = b.bytes.c_str() + at;
+            at += name.size() + 1;
+            const int load =
+                static_cast<uint8_t>(b.bytes[at]) | static_cast<uint8_t>(b.bytes[at + 1]) << 8;
+            result += name + ":" + std::to_string(load) + " ";
+            at += 51;
+        }
+        return result;
+    }
+
+    proc_table table;
 };
 
 TEST_F(ProcessTable, HoldsWhatTheWalkWouldForListingsInAnyOrder) {
@@ -139,7 +137,7 @@ TEST_F(ProcessTable, HoldsWhatTheWalkWouldForListingsInAnyOrder) {
         const unsigned steps = random() % 8 == 0 ? random() % 7 : 1;
         for (unsigned i = 0; i < steps; ++i) {
             ++literal.tick;
-            vexa_inc_proc_tbl_tick();
+            vexa_inc_proc_tbl_tick(&table);
         }
         // Some processes come, some go, and some hide for a while.
         if (alive.size() < 30)
@@ -167,7 +165,7 @@ TEST_F(ProcessTable, HoldsWhatTheWalkWouldForListingsInAnyOrder) {
             insert(p.pid, p.times);
             const bool known = std::any_of(literal.processes.begin(), literal.processes.end(),
                                            [&](const process& q) { return q.pid == p.pid + 1; });
-            ASSERT_EQ(vexa_process_in_table(p.pid + 1), known ? 1 : 0);
+            ASSERT_EQ(vexa_process_in_table(table, p.pid + 1), known ? 1 : 0);
         }
         ASSERT_EQ(table_text(), literal.text()) << "scan " << scan;
     }
@@ -177,11 +175,11 @@ TEST_F(ProcessTable, HoldsWhatTheWalkWouldForListingsInAnyOrder) {
 TEST_F(ProcessTable, LoadIsSmoothedWithTheStatedWeights) {
     const uint64_t ticks[] = {0, 100, 100};
     for (const uint64_t time : ticks) {
-        vexa_inc_proc_tbl_tick();
+        vexa_inc_proc_tbl_tick(&table);
         insert(7, {time, 0, 0, 0});
     }
     EXPECT_EQ(table_text(), "7:9999 ") << "100 * 0.19999999 is below 20";
-    vexa_inc_proc_tbl_tick();
+    vexa_inc_proc_tbl_tick(&table);
     insert(7);  // its stat was gone: the times wrap around
     EXPECT_EQ(table_text(), "7:65535 ");
 }
@@ -190,9 +188,9 @@ TEST_F(ProcessTable, MissingForFiveScansStaysAndForSixGoesWithTheNextLargerPid) 
     insert(5);
     insert(9);
     for (int scan = 1; scan <= 6; ++scan) {
-        vexa_inc_proc_tbl_tick();
+        vexa_inc_proc_tbl_tick(&table);
         insert(9);
-        EXPECT_EQ(vexa_process_in_table(5), scan < 6 ? 1 : 0) << "scan " << scan;
+        EXPECT_EQ(vexa_process_in_table(table, 5), scan < 6 ? 1 : 0) << "scan " << scan;
     }
 }
 
@@ -201,7 +199,7 @@ TEST_F(ProcessTable, OnlyAProcessBeforeAKnownOneIsAnnounced) {
     insert(30);
     insert(40);
     insert(20);
-    vexa_inc_proc_tbl_tick();
+    vexa_inc_proc_tbl_tick(&table);
     insert(20, {0, 2, 0, 0}, "*");
     insert(30, {0, 0, 0, 0}, "*");
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "New PID 20\nTick 1 PID 20 20 CPU 2\n");
@@ -210,7 +208,7 @@ TEST_F(ProcessTable, OnlyAProcessBeforeAKnownOneIsAnnounced) {
 TEST_F(ProcessTable, TracedNameCannotSteerTheTerminal) {
     ::testing::internal::CaptureStdout();
     insert(20, {0, 0, 0, 0}, "a\x1b[2J\n\x7f\u009b");
-    vexa_inc_proc_tbl_tick();
+    vexa_inc_proc_tbl_tick(&table);
     insert(20, {0, 2, 0, 0});
     EXPECT_EQ(::testing::internal::GetCapturedStdout(),
               "Tick 1 PID 20 a\\x1b[2J\\x0a\\x7f\\xc2\\x9b CPU 2\n");
@@ -279,13 +277,13 @@ TEST_F(ProcessTable, BlockNeverLeavesItsLimit) {
     network_list network = traffic({{1, 0, 0, 1, 1}});
     uint16_t count = 0;
     uint64_t size = 0;
-    ASSERT_EQ(vexaps_store_ps_info(nullptr, nullptr, &count, &size, UINT64_MAX), 0);
+    ASSERT_EQ(vexaps_store_ps_info(table, nullptr, nullptr, &count, &size, UINT64_MAX), 0);
     ASSERT_EQ(size, 5 + 255 + 2 * 52u);
     for (uint64_t limit = 0; limit <= size; ++limit) {
         std::vector<uint8_t> buffer(limit + 1, 0xAA);
         uint64_t written = 0;
         platform_test_clear_log();
-        ASSERT_EQ(vexaps_store_ps_info(buffer.data(), &network, &count, &written, limit), 0);
+        ASSERT_EQ(vexaps_store_ps_info(table, buffer.data(), &network, &count, &written, limit), 0);
         ASSERT_LE(written, limit);
         ASSERT_EQ(buffer[limit], 0xAA) << "limit " << limit;
         if (limit < 5 + 52) {

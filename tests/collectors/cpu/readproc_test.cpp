@@ -29,25 +29,23 @@ file_tree process(const std::string& pid, const std::string& cpuset, const std::
 
 struct ReadProc : ::testing::Test {
     void SetUp() override {
-        vexa_release_proc_tbl();
         fs::remove_all(ROOT);
         fs::create_directories(ROOT);
     }
-    void TearDown() override { vexa_release_proc_tbl(); }
 
-    static void scan(uint32_t mask = ALL_CLASSES) {
+    void scan(uint32_t mask = ALL_CLASSES) {
         const unique_dir dir(opendir(ROOT));
-        vexa_inc_proc_tbl_tick();
-        EXPECT_EQ(vexa_ps_readproc(dir.get(), mask), 0);
+        vexa_inc_proc_tbl_tick(&scanner.table);
+        EXPECT_EQ(vexa_ps_readproc(&scanner, dir.get(), mask), 0);
     }
 
     // "name/class" of every process in the table.
-    static std::vector<std::string> found() {
+    std::vector<std::string> found() {
         uint16_t count = 0;
         uint64_t size = 0;
-        vexaps_store_ps_info(nullptr, nullptr, &count, &size, UINT64_MAX);
+        vexaps_store_ps_info(scanner.table, nullptr, nullptr, &count, &size, UINT64_MAX);
         std::vector<uint8_t> block(size);
-        vexaps_store_ps_info(block.data(), nullptr, &count, &size, size);
+        vexaps_store_ps_info(scanner.table, block.data(), nullptr, &count, &size, size);
         std::vector<std::string> names;
         const char* at = reinterpret_cast<const char*>(block.data());
         for (uint16_t i = 0; i < count; ++i) {
@@ -57,6 +55,8 @@ struct ReadProc : ::testing::Test {
         }
         return names;
     }
+
+    proc_scanner scanner;
 };
 
 using names = std::vector<std::string>;
@@ -85,18 +85,18 @@ TEST_F(ReadProc, RootCpusetIsReadAgainOnceInThirtyTwoScansAndAlwaysFrom8192On) {
     put_files(process("4000", "/\n", "low"));
     put_files(process("8192", "/\n", "high"));
     scan();
-    const uint64_t before = vexa_ps_readproc_counters().bitmap_hits;
+    const uint64_t before = scanner.bitmap_hits;
     for (int i = 0; i < 32; ++i) scan();
-    EXPECT_EQ(vexa_ps_readproc_counters().bitmap_hits - before, 31u);
+    EXPECT_EQ(scanner.bitmap_hits - before, 31u);
 }
 
 TEST_F(ReadProc, MissingDirectoryEndsTheScanAndStillAgesTheBitmap) {
     put_files(process("4000", "/\n", "low"));
     scan();
-    const uint64_t before = vexa_ps_readproc_counters().bitmap_hits;
-    for (int i = 0; i < 32; ++i) EXPECT_EQ(vexa_ps_readproc(nullptr, ALL_CLASSES), 0);
+    const uint64_t before = scanner.bitmap_hits;
+    for (int i = 0; i < 32; ++i) EXPECT_EQ(vexa_ps_readproc(&scanner, nullptr, ALL_CLASSES), 0);
     scan();
-    EXPECT_EQ(vexa_ps_readproc_counters().bitmap_hits, before);
+    EXPECT_EQ(scanner.bitmap_hits, before);
 }
 
 TEST_F(ReadProc, KnownProcessKeepsItsNameWhenItTakesAnother) {

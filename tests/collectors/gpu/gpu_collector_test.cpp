@@ -117,7 +117,8 @@ struct GpuCollector : ::testing::Test {
                        .threshold_max = 100,
                        .hdr = {.client_id = 1, .rec_version = 4},
                        .cfg_update_handler = vexastats_update_cfg};
-    record_handle record;
+    sampling_collector sampler{.row = &row};
+    record_handle& record = sampler.record;
     gpu_stats stats;
     std::thread thread;
 };
@@ -133,12 +134,12 @@ TEST_F(GpuCollector, SamplesStandInTheRecordByteForByte) {
         "100000000800000000000000"
         "d0f1d9ff";
     open_record();
-    ASSERT_EQ(prepare_gpu_stats(&stats, &row, &record), 0);
+    ASSERT_EQ(prepare_gpu_stats(&stats, &sampler), sample_result::TAKEN);
     // Kathmandu is 345 minutes ahead: the first sample there says so, the next one no more.
     setenv("TZ", "NPT-5:45", 1);
     tzset();
-    ASSERT_EQ(prepare_gpu_stats(&stats, &row, &record), 0);
-    ASSERT_EQ(prepare_gpu_stats(&stats, &row, &record), 0);
+    ASSERT_EQ(prepare_gpu_stats(&stats, &sampler), sample_result::TAKEN);
+    ASSERT_EQ(prepare_gpu_stats(&stats, &sampler), sample_result::TAKEN);
     EXPECT_EQ(hex(samples()), "50c30000" + values + "50c300805901" + values + "50c30000" + values);
     EXPECT_EQ(platform_test_log_count("prepare_gpu_stats: timezone changed 345\n"), 1u);
 }
@@ -174,9 +175,9 @@ TEST_F(GpuCollector, SourceThatCannotBeReadOrIsNoNumberFailsTheSample) {
         fs::remove(c.path);
         if (c.text) put_files({{c.path, c.text}});
         platform_test_clear_log();
-        EXPECT_EQ(prepare_gpu_stats(&stats, &row, &record), -EINVAL) << c.path << " " << c.text;
+        EXPECT_EQ(prepare_gpu_stats(&stats, &sampler), sample_result::SOURCE_FAILED)
+            << c.path << " " << c.text;
         EXPECT_THAT(log_text(), HasSubstr(c.logged));
-        EXPECT_FALSE(stats.storage.failed);
     }
     EXPECT_EQ(samples(), "");
 }
@@ -191,9 +192,9 @@ TEST_F(GpuCollector, WordsOfAListConvertAsFarAsTheyAreNumbers) {
 TEST_F(GpuCollector, ListMayHoldMoreWordsThanThereAreLevelsAndNoLevelNeedsNone) {
     open_record();
     put_files({{FREQUENCIES, "1 2 more\n"}, {TIMES, "\t 3\t 4 5"}});
-    EXPECT_EQ(prepare_gpu_stats(&stats, &row, &record), 0);
+    EXPECT_EQ(prepare_gpu_stats(&stats, &sampler), sample_result::TAKEN);
     put_files({{COUNT, "0\n"}});
-    EXPECT_EQ(prepare_gpu_stats(&stats, &row, &record), 0);
+    EXPECT_EQ(prepare_gpu_stats(&stats, &sampler), sample_result::TAKEN);
     EXPECT_EQ(samples().size(), SAMPLE_LEN + 20);
 }
 
@@ -203,7 +204,7 @@ TEST_F(GpuCollector, LoopSamplesAfterEverySleepUntilTheGpuIsIdleTwiceInARow) {
     platform_test_set_clock(platform_test_clock::MANUAL);
     open_record();
     std::atomic<int> result{-1};
-    thread = std::thread([&] { result = poll_gpu_stats(&stats, &row, &record); });
+    thread = std::thread([&] { result = sample_result_number(poll_gpu_stats(&stats, &sampler)); });
     const char* const busy[] = {"1%\n", "0%\n", "1%\n", "0%\n"};
     size_t expected = 0;
     for (const char* value : busy) {
@@ -223,7 +224,8 @@ TEST_F(GpuCollector, ConsentThatGoesInASleepEndsTheLoopWithoutASample) {
     open_record();
     row.interval = 60000;
     platform_test_set_clock(platform_test_clock::MANUAL);
-    thread = std::thread([&] { EXPECT_EQ(poll_gpu_stats(&stats, &row, &record), 0); });
+    thread =
+        std::thread([&] { EXPECT_EQ(poll_gpu_stats(&stats, &sampler), sample_result::TAKEN); });
     park();
     row.enabled = 0;
     platform_test_advance_ms(60000);
@@ -235,7 +237,7 @@ TEST_F(GpuCollector, ThresholdItselfCountsAsIdle) {
     open_record();
     row.threshold = 37;
     const uint64_t begin_ms = vexastats_mono_time_ms();
-    EXPECT_EQ(poll_gpu_stats(&stats, &row, &record), 0);
+    EXPECT_EQ(poll_gpu_stats(&stats, &sampler), sample_result::TAKEN);
     EXPECT_EQ(vexastats_mono_time_ms() - begin_ms, 2000u);
     EXPECT_EQ(sample_count(), 2u);
 }

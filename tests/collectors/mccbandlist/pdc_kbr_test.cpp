@@ -8,6 +8,8 @@
 #include <atomic>
 #include <cstring>
 
+#include "collectors/mccbandlist/pdc_indications.h"
+#include "framework/time/clock.h"
 #include "support/kbr_service.h"
 #include "support/log.h"
 
@@ -224,8 +226,10 @@ TEST_F(PdcKbr, ConnectingIsTriedTwentyTimes) {
     platform_test_set_clock(platform_test_clock::AUTO);
     pdc_kbr_clean();
     std::filesystem::remove("/dev/socket/kbr/pdc");
+    const uint64_t begin_ms = vexastats_mono_time_ms();
     EXPECT_EQ(pdc_kbr_init(stop), -1);
     EXPECT_THAT(log_text(), EndsWith("returned failure (-5) for PDC, retry times 19"));
+    EXPECT_EQ(vexastats_mono_time_ms() - begin_ms, 100000u) << "a pause after the last one, too";
     EXPECT_EQ(get_info(), -1);
     EXPECT_TRUE(pdc_is_idl_supported(2, 0) && !pdc_is_idl_supported(1, 14));
 }

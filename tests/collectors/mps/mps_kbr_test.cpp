@@ -57,7 +57,7 @@ class MpsKbr : public ::testing::Test {
         raised_events = 0;
         record.powerBudgetMeasIntr = 0x102;
         record.powerBudgetMaxAPWakeup = 0x10003;
-        ASSERT_EQ(mps_kbr_init(stop), 0);
+        ASSERT_EQ(mps_kbr_init(stop), modem_result::OK);
         modem.accept();
         mps_kbr_register_cb(mps_kbr_event_cb);
         modem.answer([this](const std::string& request) {
@@ -72,7 +72,7 @@ class MpsKbr : public ::testing::Test {
         mps_kbr_client_release();
         mps_kbr_register_cb(nullptr);
     }
-    int start() { return mps_kbr_init_mpss_bsi(&record, 0, stop); }
+    modem_result start() { return mps_kbr_init_mpss_bsi(&record, 0, stop); }
     void reconnect(std::function<std::string(const std::string&)> respond) {
         modem.hang_up();
         mps_kbr_client_release();
@@ -100,7 +100,7 @@ TEST(MpsService, LargestRequestsAreAsTheServiceHasThem) {
 TEST_F(MpsKbr, EveryRequestIsItsBytes) {
     mps_service_revision revision;
     (void)mps_kbr_get_service_rev(&revision.major, &revision.minor);
-    EXPECT_EQ(start(), 0);
+    EXPECT_EQ(start(), modem_result::OK);
     (void)mps_kbr_fetch_results();
     (void)mps_kbr_fetch_results();
     (void)mps_kbr_stop_flush_bsi();
@@ -132,12 +132,12 @@ TEST_F(MpsKbr, OptionalFieldsOfThePrepareRequestAreThereWhenStated) {
         record.static_spec = spec_of(static_length);
         memset(record.static_spec.bytes.get(), 7, static_length);
         record.specField6 = field6;
-        EXPECT_EQ(mps_kbr_send_start_prepare_req(&record, 256, subscription), 0);
+        EXPECT_EQ(mps_kbr_send_start_prepare_req(&record, 256, subscription), modem_result::OK);
         const std::string request = modem.take_requests().at(0);
         EXPECT_EQ(request.substr(7), hex_bytes("01 0100 00" + PREPARED) + fields);
     }
     record.static_spec = spec_of(801);
-    EXPECT_EQ(start(), -EINVAL);
+    EXPECT_EQ(modem_result_number(start()), -EINVAL);
     EXPECT_TRUE(modem.take_requests().empty());
 }
 
@@ -146,7 +146,7 @@ TEST_F(MpsKbr, PartsAreNumberedAcrossTheKindsAndRepeatFrom256On) {
     record.ctxt_spec = spec_of(801, 50);
     record.lll_spec = spec_of(1600, 100);
     record.lllDelaySecs = 33;
-    EXPECT_EQ(start(), 0);
+    EXPECT_EQ(start(), modem_result::OK);
     const std::vector<std::string> requests = modem.take_requests();
     ASSERT_EQ(requests.size(), 1 + 257 + 2 + 2 + 1u);
     EXPECT_EQ(requests[0].substr(7, 4), hex_bytes("01 0100 05"));
@@ -171,9 +171,9 @@ TEST_F(MpsKbr, SpecsWithoutBytesAreRefused) {
                                            &MpsCampaign::ctxt_spec, &MpsCampaign::lll_spec}) {
         MpsCampaign bad;
         (bad.*spec).length = 1;
-        EXPECT_EQ(mps_kbr_init_mpss_bsi(&bad, 0, stop), -1);
+        EXPECT_EQ(modem_result_number(mps_kbr_init_mpss_bsi(&bad, 0, stop)), -1);
     }
-    EXPECT_EQ(mps_kbr_init_mpss_bsi(nullptr, 0, stop), -1);
+    EXPECT_EQ(modem_result_number(mps_kbr_init_mpss_bsi(nullptr, 0, stop)), -1);
     EXPECT_THAT(log_text(),
                 HasSubstr("Unexpected Null clctxt_buf pointer passed to mps_kbr_init_mpss_bsi"
                           "Unexpected Null lll_buf pointer passed to mps_kbr_init_mpss_bsi"
@@ -185,7 +185,7 @@ TEST_F(MpsKbr, RefusedRequestEndsTheStartSequence) {
     const std::pair<uint8_t, size_t> cases[] = {{2, 1}, {3, 2}, {4, 4}};
     for (const auto& [id, requests] : cases) {
         refuse_id = id;
-        EXPECT_EQ(start(), KBR_ERR_REFUSED);
+        EXPECT_EQ(start(), modem_result::REFUSED);
         EXPECT_EQ(modem.take_requests().size(), requests);
     }
     EXPECT_THAT(log_text(),
@@ -205,16 +205,16 @@ TEST_F(MpsKbr, LllRequestsGoOutOnlyWhileACollectionWithLllRuns) {
     EXPECT_EQ(requests_sent(), "");
     for (const size_t length : {1, 0, 1}) {
         record.lll_spec = spec_of(length);
-        EXPECT_EQ(start(), 0);
+        EXPECT_EQ(start(), modem_result::OK);
         EXPECT_EQ(requests_sent(), length > 0 ? both : "");
     }
     refuse_id = 5;
-    EXPECT_EQ(mps_kbr_stop_flush_bsi(), KBR_ERR_REFUSED);
+    EXPECT_EQ(mps_kbr_stop_flush_bsi(), modem_result::REFUSED);
     EXPECT_EQ(requests_sent(), both) << "a refused stop leaves the collection running";
     refuse_id = 9;
     EXPECT_FALSE(mps_kbr_send_lll_stop_req());
     refuse_id = 0;
-    EXPECT_EQ(mps_kbr_stop_flush_bsi(), 0);
+    EXPECT_EQ(mps_kbr_stop_flush_bsi(), modem_result::OK);
     EXPECT_EQ(requests_sent(), "");
 }
 
@@ -224,7 +224,7 @@ TEST_F(MpsKbr, StopIsLookedAtBetweenParts) {
         if (request[3] == 3 && request[10] == 1) stop_flag_raise(&stop);
         return response_to(request);
     });
-    EXPECT_EQ(start(), -EINTR);
+    EXPECT_EQ(modem_result_number(start()), -EINTR);
     EXPECT_EQ(modem.take_requests().size(), 3u);
 }
 
@@ -234,11 +234,11 @@ TEST_F(MpsKbr, StopEndsARequestAndConnectingAtOnceAndLaterCallsAreRefused) {
     reconnect([](const std::string& request) {
         return request[3] == MPS_GET_SERVICE_REVISION ? response_to(request) : "silence";
     });
-    const auto stopped = [&](const char* what, const std::function<int()>& call) {
+    const auto stopped = [&](const char* what, const std::function<modem_result()>& call) {
         ASSERT_EQ(stop_flag_open(&stop), 0);
         std::atomic<bool> over{false};
         std::thread caller([&] {
-            EXPECT_NE(call(), 0);
+            EXPECT_NE(call(), modem_result::OK);
             over = true;
         });
         EXPECT_TRUE(platform_test_wait_parked(2, EVENT_LIMIT.count()));
@@ -250,7 +250,7 @@ TEST_F(MpsKbr, StopEndsARequestAndConnectingAtOnceAndLaterCallsAreRefused) {
         printf("%s: %.2f ms\n", what, taken.count());
         EXPECT_LT(taken, EVENT_LIMIT / 2);  // the clock stands still: no time-out ends it
         modem.take_requests();
-        EXPECT_NE(mps_kbr_fetch_results(), 0);
+        EXPECT_NE(mps_kbr_fetch_results(), modem_result::OK);
         EXPECT_TRUE(modem.take_requests().empty());
         mps_kbr_client_release();
         modem.hang_up();
@@ -267,7 +267,7 @@ TEST_F(MpsKbr, StopEndsARequestAndConnectingAtOnceAndLaterCallsAreRefused) {
     platform_test_advance_ms(1000);
     modem.accept();
     EXPECT_EQ(modem.receive(), "");
-    EXPECT_EQ(mps_kbr_fetch_results(), KBR_ERR_GONE);
+    EXPECT_EQ(mps_kbr_fetch_results(), modem_result::GONE);
     modem.hang_up();
 }
 

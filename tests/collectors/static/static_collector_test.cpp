@@ -126,6 +126,9 @@ TEST_F(StaticCollector, ItemsAreWrittenInTheirOrderAndTheServiceIsTriedForTwoMin
                                         "\nver_info.txt:\nonetwo\n"));
     EXPECT_EQ(record(), "widevine security level:\n");
     EXPECT_EQ(vexastats_mono_time_ms(), PLATFORM_TEST_MONO_MS + (24 * 5 + 120) * 1000u);
+    EXPECT_EQ(platform_test_log_count("[ERROR] aost_imsa_init_client_handle() "
+                                      "kbr_client_init_instance() error=-5"),
+              1u);
     for (const char* text :
          {"retry=24", "[ERROR] Failed to initiate IMS Client", "static monitor exit\n",
           "prepare_pwr_onoff_reason: invalid string: broken Power-on reason: without a name\n",
