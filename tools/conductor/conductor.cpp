@@ -16,6 +16,7 @@
 #include <fstream>
 #include <new>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 #include <vector>
 
@@ -27,6 +28,7 @@ namespace fs = std::filesystem;
 constexpr unsigned SPINS = 8;
 constexpr unsigned FALL_ASLEEP_US = 20;
 constexpr long SLEEP_NS = 1000000;
+constexpr uint64_t WAKES_PER_MOMENT_MAX = 1000000;
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -207,7 +209,8 @@ void conductor::give_turn(size_t index, uint32_t from) {
     driven_slot& slot = page_->slots[index];
     // It may have become ready by itself just now, by somebody from outside the phone.
     if (!slot.state.compare_exchange_strong(from, DRIVEN_RUNNING)) return;
-    ++wakes_;
+    if (++wakes_ - wakes_at_move_ > WAKES_PER_MOMENT_MAX)
+        throw std::runtime_error("time stands still, since somebody never waits:" + who_runs());
     slot.turn.store(1);
     (void)syscall(SYS_futex, &slot.turn, FUTEX_WAKE, 1, nullptr, nullptr, 0);
     if (from == DRIVEN_WAITING) (void)!write(views_[index].alarm.get(), "", 1);
@@ -232,6 +235,7 @@ conductor::progress conductor::step(conductor_guest* guest) {
     if (next == DRIVEN_NEVER) return progress::STALLED;
     page_->real_ns.store(real_ns() + (next - now));
     page_->boot_ns.store(next);
+    wakes_at_move_ = wakes_;
     return progress::MOVED;
 }
 

@@ -91,4 +91,5 @@ class conductor {
     bool falls_asleep_ = false;  // somebody waits and was not asleep yet at the last look
     uint64_t steps_ = 0;
     uint64_t wakes_ = 0;
+    uint64_t wakes_at_move_ = 0;  // when time went on last
 };
