@@ -347,12 +347,8 @@ int platform_poll(pollfd* fds, nfds_t count, int64_t timeout_ms) {
 }
 
 int platform_poll_until(pollfd* fds, nfds_t count, int64_t real_ms) {
-<<<<<<< HEAD
     if (driven_is_on()) return driven_poll(fds, count, true, to_ns_saturating(real_ms));
-    const int watch_fd = watch.arm();
-=======
     const int watch_fd = g_watch.arm();
->>>>>>> main
     const clock_state current = present_state(true);
     return poll_to_deadline(fds, count, {.clock = CLOCK_REALTIME, .ns = to_ns_saturating(real_ms)},
                             watch_fd, current);
