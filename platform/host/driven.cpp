@@ -207,7 +207,8 @@ driven_wait::~driven_wait() {
     errno = saved_errno;
 }
 
-// ---- The C library's waits, which the linker leads here (CMakeLists.txt)
+// ---- The C library's waits, which the linker leads here (CMakeLists.txt). Weak, so that a test
+// can lead them elsewhere.
 
 extern "C" {
 
@@ -217,8 +218,8 @@ int __real_pthread_join(pthread_t thread, void** result);
 int __real_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex);
 int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 
-int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
-                          void* argument) {
+[[gnu::weak]] int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                                        void* (*body)(void*), void* argument) {
     if (!driven_is_on()) return __real_pthread_create(thread, attributes, body, argument);
     driven_take_turn();
     driven_slot* slot = reserve_slot();
@@ -231,19 +232,19 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
     return error;
 }
 
-int __wrap_pthread_join(pthread_t thread, void** result) {
+[[gnu::weak]] int __wrap_pthread_join(pthread_t thread, void** result) {
     if (!driven_is_on()) return __real_pthread_join(thread, result);
     const driven_wait wait;
     return __real_pthread_join(thread, result);
 }
 
-int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+[[gnu::weak]] int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
     if (!driven_is_on()) return __real_pthread_cond_wait(condition, mutex);
     const driven_wait wait;
     return __real_pthread_cond_wait(condition, mutex);
 }
 
-int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+[[gnu::weak]] int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
     if (!driven_is_on()) return __real_pthread_mutex_lock(mutex);
     driven_take_turn();
     if (pthread_mutex_trylock(mutex) == 0) return 0;

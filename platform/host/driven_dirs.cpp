@@ -28,7 +28,7 @@ dirent* __real_readdir(DIR* dir);
 int __real_closedir(DIR* dir);
 void __real_rewinddir(DIR* dir);
 
-dirent* __wrap_readdir(DIR* dir) {
+[[gnu::weak]] dirent* __wrap_readdir(DIR* dir) {
     if (!driven_is_on()) return __real_readdir(dir);
     const auto [found, is_new] = g_listings.try_emplace(dir);
     sorted_listing& listing = found->second;
@@ -45,12 +45,12 @@ dirent* __wrap_readdir(DIR* dir) {
     return &listing.entries[listing.next++];
 }
 
-void __wrap_rewinddir(DIR* dir) {
+[[gnu::weak]] void __wrap_rewinddir(DIR* dir) {
     if (driven_is_on()) g_listings.erase(dir);
     __real_rewinddir(dir);
 }
 
-int __wrap_closedir(DIR* dir) {
+[[gnu::weak]] int __wrap_closedir(DIR* dir) {
     if (driven_is_on()) g_listings.erase(dir);
     return __real_closedir(dir);
 }
