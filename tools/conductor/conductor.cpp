@@ -119,6 +119,9 @@ void conductor::look_up(size_t index) {
         view.state.reset(open(state.c_str(), O_RDONLY | O_CLOEXEC));
         return;
     }
+    const int32_t pid = inner_tid("/proc/" + std::to_string(process_));
+    if (pid != 0 && pid != page_->slots[index].pid.load())
+        throw std::runtime_error("only the command itself can be driven, not what it starts");
 }
 
 void conductor::leave(size_t index) {
