@@ -81,6 +81,7 @@ int driven_run::work() {
                 break;
             case conductor::progress::STALLED:
                 player_.check_stop(true);
+                seen_at_ = std::chrono::steady_clock::now();  // nobody has the turn
                 return IDLE_MS;
         }
     }
