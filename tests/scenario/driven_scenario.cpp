@@ -73,7 +73,7 @@ std::string driven_result::lines_with(const std::string& text) const {
     constexpr size_t DAY_LEN = 3;
     std::istringstream lines(transcript);
     std::string found;
-    for (std::string line; std::getline(lines, line);) {
+    for (std::string line; std::getline(lines, line) && line != "-- properties";) {
         if (line.find(text) != std::string::npos) found += line.substr(DAY_LEN) + "\n";
     }
     return found;

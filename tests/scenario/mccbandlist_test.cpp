@@ -120,7 +120,7 @@ TEST(MccbandlistScenario, FailedAttemptsEndAndTheNextOneIsMade) {
     for (const auto& [modem_command, delivered, status, logged] : attempts) {
         char time[32];
         (void)snprintf(time, sizeof time, "00:%02zu:%02zu.000", second / 60, second % 60);
-        EXPECT_THAT(run.lines_with(logged), StartsWith(time)) << logged;
+        EXPECT_THAT(run.lines_with(logged), HasSubstr(time)) << logged;
         second += 301;
     }
 }
