@@ -102,9 +102,10 @@ TEST(AlogTest, CampaignGoesOnAfterARestartUntilItsStopTime) {
     for (int start = 0; start < 2; ++start) {
         fs::remove(MAIN_LOG);
         log_as_another(log_entry_of(1, 100));
-        const driven_result run = play(script + "at 10s signal TERM\n");
+        const driven_result run =
+            play(script + "at 10s signal TERM\n", start == 0 ? "" : "real=2023-11-14T23:00:00Z");
         EXPECT_EQ(run.exit_code, 0);
-        EXPECT_NE(run.lines_with("Starting ALOG Campaign 7"), "");
+        EXPECT_THAT(run.lines_with("Starting ALOG Campaign 7"), HasSubstr("Stop Time 1700003600"));
         EXPECT_EQ(take_uploads(CLIENT).size(), 1u);
         script.clear();
     }
