@@ -4,17 +4,20 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
 
 #include "scenario/daemon_process.h"
+#include "scenario/driven_scenario.h"
 #include "scenario/uploads.h"
 #include "support/files.h"
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -49,37 +52,23 @@ std::string text_of(const std::vector<uint8_t>& payload) {
     return {payload.begin(), payload.end()};
 }
 
-class AlogTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        phone_reset();
-        fs::create_directories(std::string(DOWN_DIR) + "/501");
-    }
-};
+std::string delivered_at(const std::string& time, const std::string& text) {
+    return "at " + time + " deliver down/501/alogstats.cfg <<END\n" + text + "\nEND\n";
+}
 
-TEST_F(AlogTest, CampaignsEntriesAreUploadedByteForByte) {
-    phone_set_clock("speed=20");
-    log_as_another(log_entry_of(1, 60));
-    daemon_process daemon;
-    ASSERT_TRUE(eventually_logged("started\n"));
-    opt_in(CLIENT);
-    ASSERT_TRUE(eventually_logged("Waiting on /data/vendor/vexa/down/501/alogstats.cfg"));
-    deliver(CLIENT, "alogstats.cfg", config(7, 60));
-    ASSERT_TRUE(eventually_logged("Starting ALOG Campaign 7"));
-    std::string expected = log_entry_of(1, 60);
-    for (uint32_t i = 2; i < 100; ++i) log_as_another(log_entry_of(i, 40 + 50 * i));
+TEST(AlogTest, CampaignsEntriesAreUploadedByteForByte) {
+    phone_reset();
+    for (uint32_t i = 1; i < 100; ++i) log_as_another(log_entry_of(i, 40 + 50 * i));
     log_as_another(log_entry_of(100, 5120) + log_entry_of(101, 5121) + log_entry_of(102, 65000));
-    std::vector<taken_upload> uploads;
-    ASSERT_TRUE(eventually([&] {
-        for (taken_upload& upload : take_uploads(CLIENT)) uploads.push_back(std::move(upload));
-        log_as_another(log_entry_of(200, 50));  // the end is noticed at an entry
-        return phone_log().find("Stopping ALOG Campaign -1 : Stop Time 0") != std::string::npos;
-    })) << phone_log();
-    ASSERT_TRUE(eventually([&] {
-        for (taken_upload& upload : take_uploads(CLIENT)) uploads.push_back(std::move(upload));
-        return phone_log().find("into dropbox") != std::string::npos && !uploads.empty();
-    }));
-    EXPECT_TRUE(daemon.stop());
+    // The end is noticed at an entry.
+    const driven_result run =
+        play("mkdir data/vendor/vexa/down/501\nmkdir data/vendor/vexa/down/2\nat 1s optin 501\n" +
+             delivered_at("2s", config(7, 60)) + "at 70s optin 2\nat 80s signal TERM\n");
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_THAT(run.lines_with("Starting ALOG Campaign 7"), StartsWith("22:13:23.000"));
+    EXPECT_THAT(run.lines_with("Stopping ALOG Campaign -1 : Stop Time 0"),
+                StartsWith("22:14:30.000"));
+    const std::vector<taken_upload> uploads = take_uploads(CLIENT);
 
     // The log as it is, each entry cut, up to the last one that was read.
     const std::string log = file_text(MAIN_LOG);
@@ -107,43 +96,40 @@ TEST_F(AlogTest, CampaignsEntriesAreUploadedByteForByte) {
               "connType=1\nconnTimer=360\n");
 }
 
-TEST_F(AlogTest, CampaignGoesOnAfterARestartUntilItsStopTime) {
-    opt_in(CLIENT);
-    deliver(CLIENT, "alogstats.cfg", config(7, 3600));
+TEST(AlogTest, CampaignGoesOnAfterARestartUntilItsStopTime) {
+    phone_reset();
+    std::string script = "optin 501\n" + delivered_at("0s", config(7, 3600));
     for (int start = 0; start < 2; ++start) {
-        daemon_process daemon;
-        ASSERT_TRUE(eventually_logged("Starting ALOG Campaign 7"));
         fs::remove(MAIN_LOG);
         log_as_another(log_entry_of(1, 100));
-        EXPECT_TRUE(daemon.stop());
+        const driven_result run =
+            play(script + "at 10s signal TERM\n", start == 0 ? "" : "real=2023-11-14T23:00:00Z");
+        EXPECT_EQ(run.exit_code, 0);
+        EXPECT_THAT(run.lines_with("Starting ALOG Campaign 7"), HasSubstr("Stop Time 1700003600"));
         EXPECT_EQ(take_uploads(CLIENT).size(), 1u);
+        script.clear();
     }
-    phone_set_clock("real=2060-01-01T00:00:00Z");
     fs::remove(MAIN_LOG);
-    daemon_process daemon;
-    ASSERT_TRUE(eventually_logged("Waiting on /data/vendor/vexa/down/501/alogstats.cfg"));
-    deliver(CLIENT, "alogstats.cfg", config(8, 60, "Active Campaign=-1;Stop Time=0;"));
-    ASSERT_TRUE(eventually_logged("Starting ALOG Campaign 8"));
-    EXPECT_TRUE(daemon.stop());
+    const driven_result run =
+        play(delivered_at("5s", config(8, 60, "Active Campaign=-1;Stop Time=0;")) +
+                 "at 10s signal TERM\n",
+             "real=2060-01-01T00:00:00Z");
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_THAT(run.lines_with("Waiting on /data/vendor/vexa/down/501/alogstats.cfg"),
+                StartsWith("00:00:00.000"));
+    EXPECT_THAT(run.lines_with("Starting ALOG Campaign 8"), StartsWith("00:00:06.000"));
 }
 
-TEST_F(AlogTest, DaemonThatCapturesItsOwnLogComesToRest) {
-    opt_in(CLIENT);
-    deliver(CLIENT, "alogstats.cfg", config(7, 3600));
-    daemon_process daemon;
-    ASSERT_TRUE(eventually_logged("alog_active_campaign_remaining_time"));
+TEST(AlogTest, DaemonThatCapturesItsOwnLogComesToRest) {
+    phone_reset();
     for (uint32_t i = 0; i < 200; ++i) log_as_another(log_entry_of(i, 4000));
-    ASSERT_TRUE(eventually_logged("alog_log_read: flush out buffer"));
-    const auto flushes = [] {
-        const std::string log = phone_log();
-        size_t count = 0;
-        for (size_t at = 0; (at = log.find("flush out buffer", at)) != log.npos; ++at) ++count;
-        return count;
-    };
-    // 800000 bytes are six full buffers; what they log does not fill another.
-    ASSERT_TRUE(eventually([&] { return flushes() == 6; })) << flushes();
-    EXPECT_TRUE(daemon.stop());
-    EXPECT_EQ(flushes(), 7u);
+    const driven_result run = play("optin 501\n" + delivered_at("1s", config(7, 3600)) +
+                                   "at 2s expect-quiet\nat 30s signal TERM\n");
+    EXPECT_EQ(run.exit_code, 0);
+    // 800000 bytes are six full buffers; what they log does not fill another before the end.
+    const std::string flushes = run.lines_with("flush out buffer");
+    EXPECT_EQ(std::ranges::count(flushes, '\n'), 7);
+    EXPECT_THAT(flushes, testing::MatchesRegex("(22:13:21.000 [^\n]*\n){6}22:13:50.000 [^\n]*\n"));
 }
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -152,8 +138,9 @@ constexpr int STOPS = 20;
 constexpr int STOPS = 150;
 #endif
 
-TEST_F(AlogTest, StopNeverHangsAroundTheBlockingRead) {
+TEST(AlogTest, StopNeverHangsAroundTheBlockingRead) {
     std::mt19937 rnd(501);
+    phone_reset();
     opt_in(CLIENT);
     deliver(CLIENT, "alogstats.cfg", config(7, 10800));
     double longest_ms = 0;

@@ -1,20 +1,20 @@
 // A campaign's life in the whole daemon: delivered, switched on and off, restarted, expired.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <filesystem>
+#include <regex>
 
 #include "campaign.pb.h"
-#include "phone_control.h"
 #include "scenario/daemon_process.h"
+#include "scenario/driven_scenario.h"
 #include "support/files.h"
 
 namespace fs = std::filesystem;
+using ::testing::HasSubstr;
 
 namespace {
 
-constexpr char STORED[] = "/data/vendor/vexastats/101";
-constexpr char START[] = "Setting event 256";
 constexpr uint64_t EXPIRY_S = 1709643600;  // 2024-03-05T13:00:00Z, a Tuesday
 
 // Module 6, at ten o'clock on every day.
@@ -31,74 +31,53 @@ std::string ten_o_clock_campaign() {
     return std::string("\xCD\xF1\x00", 3) + map.SerializeAsString();
 }
 
-// The order of start and stop events in the log since the last call.
-std::string new_events() {
-    static size_t seen = 0;
-    const std::string log = phone_log();
-    if (log.size() < seen) seen = 0;
-    std::string events;
-    for (size_t at = log.find("Setting event ", seen); at != std::string::npos;
-         at = log.find("Setting event ", at + 1)) {
-        events += log.compare(at, strlen(START), START) == 0 ? "+" : "-";
-    }
-    seen = log.size();
-    return events;
+// When the module was switched, 256 on and 512 off.
+std::string events(const driven_result& run) {
+    const std::string lines = run.lines_with("Setting event ");
+    return std::regex_replace(lines, std::regex(" .*event"), "");
 }
 
 TEST(CampaignScenario, CampaignRunsInItsHourAtHomeUntilItExpires) {
     phone_reset();
-    fs::create_directories(std::string(DOWN_DIR) + "/101");
-    phone_set_clock("real=2024-03-05T10:20:00Z boot=100");
-    const std::string file = std::string(STORED) + "/6-77-" + std::to_string(EXPIRY_S) + ".camp";
-    {
-        daemon_process daemon({"TZ=UTC0"});
-        ASSERT_TRUE(eventually_logged("campaign_mgr_main:Going into poll"));
-        deliver(101, "cdf.dat", ten_o_clock_campaign());
-        ASSERT_TRUE(eventually([&] { return fs::exists(file); })) << phone_log();
-        ASSERT_TRUE(
-            eventually([&] { return !fs::exists(std::string(DOWN_DIR) + "/101/cdf.dat"); }));
-        EXPECT_EQ(new_events(), "") << "no subscription is known yet";
-        phone_tell_subscription("/", 1, 262, 7);
-        EXPECT_EQ(new_events(), "-+");
-        phone_tell_roaming("/", true);
-        EXPECT_EQ(new_events(), "-");
-        phone_tell_roaming("/", false);
-        EXPECT_EQ(new_events(), "-+");
-        phone_set_clock("real=2024-03-05T11:00:00Z boot=100");
-        EXPECT_EQ(new_events(), "");
-        phone_tell_roaming("/", false);
-        EXPECT_EQ(new_events(), "-") << "its hour is over";
-        EXPECT_TRUE(daemon.stop());
-    }
+    put_files({{SCRIPT_DIR + std::string("cdf"), ten_o_clock_campaign()}});
+    const driven_result first = play(R"(
+mkdir data/vendor/vexa/down/101
+at 1s deliver down/101/cdf.dat < cdf
+at 10s tell sub 1 262 7
+at 20s tell roaming 1
+at 30s tell roaming 0
+at 40m tell roaming 0
+)",
+                                     "real=2024-03-05T10:20:00Z boot=100", {"TZ=UTC0"});
+    EXPECT_EQ(first.exit_code, 0);
+    EXPECT_EQ(events(first),
+              "10:20:10.000 512\n10:20:10.000 256\n"
+              "10:20:20.000 512\n"
+              "10:20:30.000 512\n10:20:30.000 256\n"
+              "11:00:00.000 512\n");
+    EXPECT_THAT(first.transcript, HasSubstr("/101/6-77-1709643600.camp 600\n"));
+    EXPECT_THAT(first.transcript, Not(HasSubstr("/cdf.dat 6")));
+
+    // It survives the restart, but not its expiry, also for a clock that goes back. A message
+    // begins the wait for the expiry anew.
     fs::remove("/dev/log/main");
-    phone_set_clock("real=2024-03-05T10:59:00Z boot=200");
-    daemon_process daemon({"TZ=UTC0"});
-    ASSERT_TRUE(eventually_logged("campaign_mgr_main:Going into poll"));
-    phone_tell_subscription("/", 1, 262, 7);
-    EXPECT_EQ(new_events(), "-+") << "it did not survive the restart";
-    // Again and again: a jump that comes just before the wait begins does not end it.
-    int boot_s = 0;
-    ASSERT_TRUE(eventually([&] {
-        boot_s += 100000;
-        phone_set_clock("real=2024-03-05T13:00:00Z boot=" + std::to_string(boot_s));
-        return new_events() == "-";
-    })) << phone_log();
-    phone_set_clock("real=2024-03-05T10:59:00Z boot=" + std::to_string(boot_s));
-    phone_tell_roaming("/", false);
-    EXPECT_EQ(new_events(), "") << "it is gone, also for a clock that goes back";
-    EXPECT_TRUE(fs::exists(file));
-    EXPECT_TRUE(daemon.stop());
+    const driven_result second = play(R"(
+at 10s tell sub 1 262 7
+at 2h5m clock real=2024-03-05T10:59:00Z
+at 2h5m tell roaming 0
+)",
+                                      "real=2024-03-05T10:59:00Z boot=200", {"TZ=UTC0"});
+    EXPECT_EQ(second.exit_code, 0);
+    EXPECT_EQ(events(second), "10:59:10.000 512\n10:59:10.000 256\n13:00:10.000 512\n");
+    EXPECT_THAT(second.transcript, HasSubstr("/101/6-77-1709643600.camp 600\n"));
 }
 
 TEST(CampaignScenario, SignalOfTheManagerNeverEndsTheDaemon) {
     phone_reset();
-    daemon_process daemon;
-    ASSERT_TRUE(eventually_logged("wait until /data/vendor/vexa/down/101 is ready"));
-    daemon.signal(SIGUSR1);
-    ASSERT_TRUE(eventually_logged("Campaign Manager Main Thread Exit"));
-    opt_in(2);
-    EXPECT_TRUE(eventually_logged("cpu_collector enabled"));
-    EXPECT_TRUE(daemon.stop());
+    const driven_result run = play("at 1s signal USR1\nat 2s optin 2\nat 3s signal TERM\n");
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_EQ(run.lines_with("Campaign Manager Main Thread Exit").substr(0, 12), "22:13:21.000");
+    EXPECT_EQ(run.lines_with("cpu_collector enabled").substr(0, 12), "22:13:22.000");
 }
 
 }  // namespace

@@ -12,12 +12,13 @@
 
 #include "modem/pdc.h"
 #include "scenario/daemon_process.h"
+#include "scenario/driven_scenario.h"
 #include "scenario/modem_thread.h"
 #include "support/files.h"
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -35,80 +36,56 @@ double cpu_time_s(pid_t pid) {
     return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-class MccbandlistScenario : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        phone_reset();
-        fs::create_directories(DIR);
-        modem.emplace();
-        modem->command("pdc list " + std::to_string(DB) + " 5");
-        phone_set_clock("real=2024-01-01T00:00:00Z boot=1000");
-    }
-    static bool eventually_logged(const std::string& text) {
-        return eventually([&] { return phone_log().find(text) != std::string::npos; });
-    }
-    // Waits for the request for the list of that name, and forgets the log up to it.
-    static bool requested(const std::string& key) {
-        const bool filed =
-            eventually([&] { return fs::exists(DIR + "/51-1.0-" + key + ".req"); }) &&
-            eventually_logged("check if disabled.");
-        fs::remove("/dev/log/main");
-        return filed;
-    }
-    static void put(const std::string& name, const std::string& text = "") {
-        write_text_file(DIR + "/" + name, text);
-    }
-    // The attempt is over: its status is written, the directory swept, the next turn waited for.
-    static bool ended() {
-        return eventually_logged("mccbandlist_wait_next_turn: start wait time ") &&
-               list_dir(DIR).empty();
-    }
-    std::string held() {
-        const std::string path = "/data/held" + std::to_string(++saved);
-        modem->command("pdc save " + std::to_string(DB) + " " + path);
-        EXPECT_TRUE(
-            eventually([&] { return modem->output().find("saved " + path) != std::string::npos; }));
-        return file_text(path);
-    }
-    std::optional<modem_thread> modem;
-    int saved = 0;
-};
+// A modem that holds version 5 of the list, and the agent's directory.
+const std::string PREPARED =
+    "modem up\nmodem pdc list 16909060 5\nmkdir data/vendor/vexa/down/51\n";
 
-TEST_F(MccbandlistScenario, ListsAreFetchedEveryNinetyDaysAndNewerOnesLoaded) {
+// Lines at which the agent puts a file; what FILE names lies in SCRIPT_DIR.
+std::string put_at(const std::string& time, const std::string& name, const std::string& file = "") {
+    return "at " + time + " write data/vendor/vexa/down/51/" + name +
+           (file.empty() ? "\n" : " < " + file + "\n");
+}
+
+void put_for_script(const std::string& name, const std::string& content) {
+    put_files({{SCRIPT_DIR + name, content}});
+}
+
+TEST(MccbandlistScenario, ListsAreFetchedEveryNinetyDaysAndNewerOnesLoaded) {
+    phone_reset();
     const std::string list = pdc_band_list(DB, 6, "vexa", 2500);
-    daemon_process daemon;
-    ASSERT_TRUE(requested("mccbandlist.bin"));
-    put("mccbandlist.bin", list.substr(0, 100));
-    ASSERT_TRUE(eventually_logged("partially downloaded"));
-    put("mccbandlist.bin", list);
-    put("51-1.0-mccbandlist.bin.1704-200");
-    ASSERT_TRUE(ended()) << phone_log();
-    EXPECT_EQ(held(), list);
-    EXPECT_THAT(modem->output(), HasSubstr("pdc: segment of 700 bytes, 2500 of 2500"));
-    EXPECT_THAT(file_text(STATUS_FILE), HasSubstr("last_dl_done_ts=17040672"));
-    EXPECT_THAT(file_text(STATUS_FILE), HasSubstr(";last_key_ts=1704;"));
-
-    // The next turn is 90 days later, less the seconds since; the list is no newer then.
-    phone_set_clock("real=2024-03-30T23:50:00Z boot=7776400");
-    EXPECT_THAT(list_dir(DIR), IsEmpty());
-    phone_set_clock("real=2024-03-31T00:00:10Z boot=7777010");
-    ASSERT_TRUE(requested("mccbandlist.bin.1704"));
-    EXPECT_EQ(file_text(DIR + "/51-1.0-mccbandlist.bin.1704.req"),
-              "clientID=51\nversion=1.0\nkey=mccbandlist.bin.1704\nrequestType=0\n"
-              "requestTimer=-813934592\nconnType=1\nconnTimer=86400\n");
-    put("mccbandlist.bin.1704", pdc_band_list(DB, 6, "vexa", 41));
-    put("51-1.0-mccbandlist.bin.1704-200");
-    ASSERT_TRUE(ended());
-    EXPECT_THAT(phone_log(), HasSubstr("ignore old or no match file"));
-    EXPECT_THAT(file_text(STATUS_FILE), HasSubstr("last_dl_done_ts=171184"));
-    EXPECT_THAT(file_text(STATUS_FILE), HasSubstr(";last_key_ts=1704;"));
-    EXPECT_EQ(held(), list);
-    EXPECT_TRUE(daemon.stop());
+    put_for_script("list", list);
+    put_for_script("part", list.substr(0, 100));
+    put_for_script("same_version", pdc_band_list(DB, 6, "vexa", 41));
+    const driven_result run = play(PREPARED + put_at("10s", "mccbandlist.bin", "part") +
+                                       put_at("20s", "mccbandlist.bin", "list") +
+                                       put_at("20s", "51-1.0-mccbandlist.bin.1704-200") +
+                                       "at 89d23h50m snapshot\nat 90d1h snapshot\n" +
+                                       put_at("90d1h", "mccbandlist.bin.1704", "same_version") +
+                                       put_at("90d1h", "51-1.0-mccbandlist.bin.1704-200") +
+                                       "at 90d2h modem pdc save 16909060 /dev/script/held\n",
+                                   "real=2024-01-01T00:00:00Z boot=1000");
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_EQ(file_text(SCRIPT_DIR + std::string("held")), list);
+    EXPECT_THAT(run.lines_with("partially downloaded"), StartsWith("00:00:10.000"));
+    EXPECT_THAT(run.lines_with("ignore old or no match file"), StartsWith("01:00:00.000"));
+    // The directory, then what follows it: nothing, and the request of the next turn.
+    ASSERT_EQ(run.snapshots.size(), 2u);
+    for (const char* part :
+         {"/down/51/ 755\n/data/vendor/vexa/up/", "pdc: segment of 700 bytes, 2500 of 2500\n",
+          "    last_dl_done_ts=1704067220000;last_key_ts=1704;\n"})
+        EXPECT_THAT(run.snapshots[0], HasSubstr(part));
+    EXPECT_THAT(run.snapshots[1],
+                HasSubstr("/51-1.0-mccbandlist.bin.1704.req 644\n    clientID=51\n"
+                          "    version=1.0\n    key=mccbandlist.bin.1704\n    requestType=0\n"
+                          "    requestTimer=-813934592\n    connType=1\n    connTimer=86400\n"));
+    for (const char* part : {"/down/51/ 755\n/data/vendor/vexa/up/",
+                             "    last_dl_done_ts=1711846800000;last_key_ts=1704;\n"})
+        EXPECT_THAT(run.transcript, HasSubstr(part));
 }
 
 // On a debug build turns are five minutes apart. Every attempt but the last fails in its own way.
-TEST_F(MccbandlistScenario, FailedAttemptsEndAndTheNextOneIsMade) {
-    write_text_file("/dev/properties/ro.build.type", "userdebug");
+TEST(MccbandlistScenario, FailedAttemptsEndAndTheNextOneIsMade) {
+    phone_reset();
     const std::string list = pdc_band_list(DB, 6, "vexa", 1000);
     const std::tuple<const char*, std::string, const char*, const char*> attempts[] = {
         {"help", list, "404", "failed to process download request"},
@@ -120,44 +97,60 @@ TEST_F(MccbandlistScenario, FailedAttemptsEndAndTheNextOneIsMade) {
         {"pdc refuse 38", list, "200", "Failed to load config segments, result: -1"},
         {"pdc early 900", list, "200", "The remaining size: 0"},
     };
-    daemon_process daemon;
-    int64_t boot_s = 1000;
+    std::string script = PREPARED + "property ro.build.type userdebug\nat 9s snapshot\n";
+    std::vector<std::string> times;
     for (const auto& [modem_command, delivered, status, logged] : attempts) {
-        ASSERT_TRUE(requested("mccbandlist.bin")) << phone_log();
-        EXPECT_THAT(file_text(DIR + "/51-1.0-mccbandlist.bin.req"),
-                    HasSubstr("requestTimer=1740\nconnType=1\nconnTimer=300\n"));
-        modem->command(modem_command);
-        if (!delivered.empty()) put("mccbandlist.bin", delivered);
-        put(std::string("51-1.0-mccbandlist.bin-") + status);
-        ASSERT_TRUE(ended()) << phone_log();
-        EXPECT_THAT(phone_log(), HasSubstr(logged));
-        boot_s += 301;
-        phone_set_clock("boot=" + std::to_string(boot_s));
+        const std::string time = std::to_string(10 + 301 * times.size()) + "s";
+        script += "at " + time + " modem " + modem_command + "\n";
+        put_for_script("list" + time, delivered);
+        if (!delivered.empty()) script += put_at(time, "mccbandlist.bin", "list" + time);
+        script += put_at(time, std::string("51-1.0-mccbandlist.bin-") + status);
+        times.push_back(time);
     }
-    EXPECT_EQ(held(), list.substr(0, 900));
-    EXPECT_TRUE(daemon.stop());
+    script += "at 45m modem pdc save 16909060 /dev/script/held\n";
+    const driven_result run = play(script, "real=2024-01-01T00:00:00Z");
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_EQ(file_text(SCRIPT_DIR + std::string("held")), list.substr(0, 900));
+    ASSERT_FALSE(run.snapshots.empty());
+    EXPECT_THAT(run.snapshots[0],
+                HasSubstr("    requestTimer=1740\n    connType=1\n    connTimer=300\n"));
+    const std::string requests = run.lines_with("req_timer=1740, conn_timer=300");
+    EXPECT_EQ(std::ranges::count(requests, '\n'), 9);
+    size_t second = 10;
+    for (const auto& [modem_command, delivered, status, logged] : attempts) {
+        char time[32];
+        (void)snprintf(time, sizeof time, "00:%02zu:%02zu.000", second / 60, second % 60);
+        EXPECT_THAT(run.lines_with(logged), HasSubstr(time)) << logged;
+        second += 301;
+    }
 }
 
-TEST_F(MccbandlistScenario, StopDoesNotWaitForTheModem) {
+TEST(MccbandlistScenario, StopDoesNotWaitForTheModem) {
     for (const char* command : {"pdc silent", "pdc stall on"}) {
-        SetUp();
-        modem->command(command);
-        daemon_process daemon;
-        ASSERT_TRUE(requested("mccbandlist.bin"));
-        put("mccbandlist.bin", pdc_band_list(DB, 6, "vexa", 40));
-        put("51-1.0-mccbandlist.bin-200");
-        ASSERT_TRUE(eventually(
-            [&] { return modem->output().find("left without an") != std::string::npos; }));
-        EXPECT_TRUE(daemon.stop()) << command;
+        phone_reset();
+        put_for_script("list", pdc_band_list(DB, 6, "vexa", 40));
+        const driven_result run =
+            play(PREPARED + "modem " + command + "\n" + put_at("1s", "mccbandlist.bin", "list") +
+                 put_at("1s", "51-1.0-mccbandlist.bin-200") + "at 2s signal TERM\n");
+        EXPECT_EQ(run.exit_code, 0);
+        EXPECT_THAT(run.transcript, HasSubstr("left without an"));
+        EXPECT_THAT(run.lines_with("vexastatsd stopped"), StartsWith("22:13:22.000")) << command;
         EXPECT_FALSE(fs::exists(STATUS_FILE)) << "the next start makes the attempt anew";
     }
 }
 
 // Of a directory full of files, some of which others write all the time, the daemon makes a bounded
 // number of looks and log lines, and what the agent delivers is found in between.
-TEST_F(MccbandlistScenario, NeighbourWhoFillsTheDirectoryAndTouchesItCostsLittle) {
+TEST(MccbandlistScenario, NeighbourWhoFillsTheDirectoryAndTouchesItCostsLittle) {
+    phone_reset();
+    fs::create_directories(DIR);
+    const auto put = [](const std::string& name, const std::string& text = "") {
+        write_text_file(DIR + "/" + name, text);
+    };
+    modem_thread modem;
+    modem.command("pdc list " + std::to_string(DB) + " 5");
     daemon_process daemon;
-    ASSERT_TRUE(requested("mccbandlist.bin"));
+    ASSERT_TRUE(eventually_logged("check if disabled."));
     for (int i = 0; i < 5000; ++i) put("junk" + std::to_string(i));
     EXPECT_TRUE(eventually_logged("mccbandlist_check_dload_result: 4968 more files"));
     fs::remove("/dev/log/main");
@@ -179,7 +172,8 @@ TEST_F(MccbandlistScenario, NeighbourWhoFillsTheDirectoryAndTouchesItCostsLittle
 #endif
     put("mccbandlist.bin", pdc_band_list(DB, 6, "vexa", 100));
     put("51-1.0-mccbandlist.bin-200");
-    EXPECT_TRUE(ended());
+    EXPECT_TRUE(eventually_logged("mccbandlist_wait_next_turn: start wait time "));
+    EXPECT_TRUE(list_dir(DIR).empty());
     EXPECT_TRUE(daemon.stop());
 }
 

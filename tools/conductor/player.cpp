@@ -63,7 +63,7 @@ std::string script_player::path(const std::string& seen_as) const {
     return dir_ + "/" + seen_as;
 }
 
-void script_player::follow(const conductor* clocks) {
+void script_player::follow(conductor* clocks) {
     clocks_ = clocks;
     for (const script_line& line : script_.lines)
         due_.push_back({.line = &line, .next_ns = first_ns(line)});
@@ -189,6 +189,14 @@ void script_player::tell_phone(const std::string& what) {
     }
 }
 
+// "real=2024-03-31T00:00:00Z": the boot-time clock cannot be set.
+void script_player::set_clock(const std::string& spec) {
+    const auto clock = clock_spec_parse(spec.data(), spec.size());
+    if (!clock || !clock->real_ns || clock->boot_ns || clock->speed)
+        throw std::invalid_argument("no time of the wall clock: " + spec);
+    clocks_->set_real_ns(*clock->real_ns);
+}
+
 // The text of a line, or with "< FILE" that file's content.
 std::string script_player::text_of(const script_line& line) const {
     if (!line.text.starts_with("< ")) return line.text;
@@ -218,6 +226,8 @@ void script_player::play(const script_line& line) try {
         quiet_ = {.line = &line, .wakes = clocks_->wakes()};
     } else if (line.action == "tell") {
         tell_phone(line.text);
+    } else if (line.action == "clock") {
+        set_clock(line.text);
     } else if (line.action == "property") {
         phone_set_property(dir_, word, line.text);
     } else if (line.action == "snapshot") {

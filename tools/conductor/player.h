@@ -19,7 +19,7 @@ class script_player : public conductor_guest {
                   std::function<void(int)> send_signal);
 
     // The clocks that it goes by. Before it serves.
-    void follow(const conductor* clocks);
+    void follow(conductor* clocks);
 
     bool serve() override;
     int64_t next_ns() override;
@@ -52,13 +52,14 @@ class script_player : public conductor_guest {
     void tell_modem(const std::string& command);
     void start_modem();
     void tell_phone(const std::string& what);
+    void set_clock(const std::string& spec);
     std::string text_of(const script_line& line) const;
 
     std::string dir_;
     script script_;
     std::function<void(const std::string&)> put_;
     std::function<void(int)> send_signal_;
-    const conductor* clocks_ = nullptr;
+    conductor* clocks_ = nullptr;
     std::vector<due_line> due_;
     std::mt19937_64 chance_;
     std::vector<std::string> modem_lines_;

@@ -16,9 +16,10 @@ struct action_form {
 };
 
 constexpr action_form ACTIONS[] = {
-    {"write", 1, true},    {"deliver", 1, true}, {"remove", 1, false},   {"mkdir", 1, false},
-    {"optin", 1, false},   {"optout", 1, false}, {"modem", 0, true},     {"signal", 1, false},
-    {"property", 1, true}, {"tell", 0, true},    {"snapshot", 0, false}, {"expect-quiet", 0, false},
+    {"write", 1, true},         {"deliver", 1, true}, {"remove", 1, false}, {"mkdir", 1, false},
+    {"optin", 1, false},        {"optout", 1, false}, {"modem", 0, true},   {"signal", 1, false},
+    {"property", 1, true},      {"tell", 0, true},    {"clock", 0, true},   {"snapshot", 0, false},
+    {"expect-quiet", 0, false},
 };
 
 std::optional<int64_t> parse_number(const char** at, const char* end) {
