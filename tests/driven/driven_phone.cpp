@@ -24,8 +24,7 @@ void driven_phone::remove_processes() const {
 }
 
 driven_result driven_phone::run(const std::string& script, const std::vector<std::string>& options,
-                                const std::vector<std::string>& command,
-                                script_from from) const {
+                                const std::vector<std::string>& command, script_from from) const {
     const fs::path script_file = dir() / "script";
     const fs::path transcript = dir() / "transcript";
     const fs::path output = dir() / "output";

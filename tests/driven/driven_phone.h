@@ -1,4 +1,5 @@
-// A phone in driven time for tests: a script is played to its end, and what came of it is looked at.
+// A phone in driven time for tests: a script is played to its end, and what came of it is looked
+// at.
 #pragma once
 
 #include <filesystem>

@@ -95,8 +95,7 @@ TEST_F(Driven, SeedRepeatsItselfAndEverySeedStopsInOrder) {
     std::string first;
     int others = 0;
     for (int seed = 1; seed <= 30; ++seed) {
-        const driven_result result =
-            play("stops.script", {"--shuffle", std::to_string(seed)});
+        const driven_result result = play("stops.script", {"--shuffle", std::to_string(seed)});
         ASSERT_EQ(result.code, 0) << "seed " << seed << ": " << result.output;
         ASSERT_TRUE(is_in(result.transcript, STOPPED)) << "seed " << seed;
         if (seed == 1) first = result.transcript;

@@ -16,7 +16,7 @@ struct action_form {
 };
 
 // Nothing is later, or comes more seldom, so that no sum of times overflows.
-constexpr int64_t LATEST_NS = 36500 * 86400 * NS_PER_S;
+constexpr int64_t LATEST_NS = int64_t{36500} * 86400 * NS_PER_S;
 
 constexpr action_form ACTIONS[] = {
     {"write", 1, true},    {"deliver", 1, true}, {"remove", 1, false},   {"mkdir", 1, false},
