@@ -116,6 +116,17 @@ TEST_F(Driven, ExpectQuietHoldsForAnIdleDaemonOnly) {
     EXPECT_THAT(sampling.output, ContainsRegex("script:3: [0-9]+ times somebody woke"));
 }
 
+// Nobody but the script ends the daemon, also when it is over before the daemon begins.
+TEST_F(Driven, ScriptEndsTheDaemonHoweverShortItIs) {
+    for (const char* script : {"mkdir data/x\n", "every 1m mkdir data/x\n", "at 5s mkdir data/x\n",
+                               "at 1s signal HUP\n"}) {
+        const driven_phone phone;
+        const driven_result result = phone.run(script);
+        EXPECT_EQ(result.code, 0) << script << result.output;
+        EXPECT_TRUE(is_in(result.transcript, STOPPED)) << script;
+    }
+}
+
 // A script can come from standard input. What is wrong is found before or while it is played.
 TEST_F(Driven, ErrorOfAScriptNamesItsLine) {
     const struct {
@@ -126,6 +137,7 @@ TEST_F(Driven, ErrorOfAScriptNamesItsLine) {
         {"optin 2\n\nat 1s signal FOO\n", "standard input:3: no such signal: FOO"},
         {"at 1s modem vexa close\n", "standard input:1: the modem does not take it: vexa close"},
         {"at 1s write a < no-such-file\n", "standard input:1: cannot read no-such-file"},
+        {"signal TERM\n", "standard input:1: there is no daemon yet"},
         {"tell me\n", "standard input:1: nothing to tell: me"},
     };
     const driven_phone phone;
