@@ -20,7 +20,7 @@ void take_dump(std::string_view dump) {
         const size_t len = std::min({wanted, dump.size(), record.room_len()});
         const size_t before = record.len;
         memcpy(record.room(), dump.data(), len);
-        crash_record_take_chunk(&record, len);
+        crash_record_add_chunk(&record, len);
         const std::string_view text(record.text + before, record.len - before);
         if (text.empty() || text.size() > len || text.back() != '\n' ||
             text.find('\0') != text.npos || record.len > CRASH_RECORD_SIZE)

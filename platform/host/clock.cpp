@@ -102,16 +102,16 @@ class shared_state {
     std::array<std::array<std::atomic<int64_t>, std::tuple_size_v<words>>, 2> copies_{};
 };
 
-shared_state state;
-std::atomic<bool> refreshing{false};
-std::atomic<int64_t> absent_until_ns{0};  // machine's monotonic clock
-std::atomic<bool> looked{false};          // this process has looked for the file before
-std::atomic<int64_t> boot_floor_ns{
+shared_state g_state;
+std::atomic<bool> g_refreshing{false};
+std::atomic<int64_t> g_absent_until_ns{0};  // machine's monotonic clock
+std::atomic<bool> g_looked{false};          // this process has looked for the file before
+std::atomic<int64_t> g_boot_floor_ns{
     0};  // latest reading of the boot-time clock: never runs backwards
 
 int64_t raise_boot_floor(int64_t boot_ns) {
-    int64_t floor_ns = boot_floor_ns.load();
-    while (floor_ns < boot_ns && !boot_floor_ns.compare_exchange_weak(floor_ns, boot_ns)) {
+    int64_t floor_ns = g_boot_floor_ns.load();
+    while (floor_ns < boot_ns && !g_boot_floor_ns.compare_exchange_weak(floor_ns, boot_ns)) {
     }
     return std::max(floor_ns, boot_ns);
 }
@@ -152,16 +152,16 @@ clock_state read_clock_file(const clock_state& before, bool keep_boot) {
 
 // Reads the file for all threads. For the one that holds the turn.
 clock_state refresh() {
-    const clock_state before = state.load();
+    const clock_state before = g_state.load();
     // Before anybody has seen the boot-time clock it may begin anywhere.
-    const bool first = !looked.load();
+    const bool first = !g_looked.load();
     const clock_state current = read_clock_file(before, !first);
     if (!first) {
         const int64_t host_ns = host_clock_ns(CLOCK_BOOTTIME);
         raise_boot_floor(before.active ? course_boot_ns(before.course, host_ns) : host_ns);
     }
-    state.store(current);
-    looked.store(true);
+    g_state.store(current);
+    g_looked.store(true);
     return current;
 }
 
@@ -170,22 +170,23 @@ clock_state refresh() {
 // a wait takes its turn, since it may not miss a word of an earlier SPEC that the other one is
 // reading.
 clock_state present_state(bool wait_turn) {
-    if (!wait_turn && host_clock_ns(CLOCK_MONOTONIC) < absent_until_ns.load()) return state.load();
-    const bool first = !looked.load();
+    if (!wait_turn && host_clock_ns(CLOCK_MONOTONIC) < g_absent_until_ns.load())
+        return g_state.load();
+    const bool first = !g_looked.load();
     struct stat file = {};
     if (stat(CLOCK_FILE, &file) != 0) {
-        looked.store(true);
-        absent_until_ns.store(host_clock_ns(CLOCK_MONOTONIC) + ABSENT_NS);
-        return state.load();
+        g_looked.store(true);
+        g_absent_until_ns.store(host_clock_ns(CLOCK_MONOTONIC) + ABSENT_NS);
+        return g_state.load();
     }
-    const clock_state known = state.load();
+    const clock_state known = g_state.load();
     if (known.knows(file)) return known;
-    while (refreshing.exchange(true)) {
+    while (g_refreshing.exchange(true)) {
         if (!wait_turn) return read_clock_file(known, !first);
         sched_yield();  // the other one is reading a few dozen bytes
     }
     const clock_state current = refresh();
-    refreshing.store(false);
+    g_refreshing.store(false);
     return current;
 }
 
@@ -242,7 +243,7 @@ class clock_watch {
     pid_t owner_ = -1;
 };
 
-thread_local clock_watch watch;
+thread_local clock_watch g_watch;
 
 int poll_for_ns(pollfd* fds, nfds_t count, int64_t host_ns) {
     const timespec timeout = to_timespec(host_ns);
@@ -300,7 +301,7 @@ int poll_to_deadline(pollfd* fds, nfds_t count, const deadline& end, int watch_f
         if (left <= 0) return poll(fds, count, 0);
         const int ready = poll_watched(fds, count, watch_fd, left);
         if (ready != 0) return ready;
-        watch_fd = watch.arm();
+        watch_fd = g_watch.arm();
         current = present_state(true);
     }
 }
@@ -335,7 +336,7 @@ int platform_poll(pollfd* fds, nfds_t count, int64_t timeout_ms) {
     }
     if (timeout_ms < 0) return ppoll(fds, count, nullptr, nullptr);
     if (timeout_ms == 0) return poll(fds, count, 0);
-    const int watch_fd = watch.arm();
+    const int watch_fd = g_watch.arm();
     const clock_state current = present_state(true);
     int64_t deadline_ns = to_ns_saturating(timeout_ms);
     if (__builtin_add_overflow(deadline_ns, boot_now_ns(current), &deadline_ns)) {
@@ -347,7 +348,7 @@ int platform_poll(pollfd* fds, nfds_t count, int64_t timeout_ms) {
 
 int platform_poll_until(pollfd* fds, nfds_t count, int64_t real_ms) {
     if (driven_is_on()) return driven_poll(fds, count, true, to_ns_saturating(real_ms));
-    const int watch_fd = watch.arm();
+    const int watch_fd = g_watch.arm();
     const clock_state current = present_state(true);
     return poll_to_deadline(fds, count, {.clock = CLOCK_REALTIME, .ns = to_ns_saturating(real_ms)},
                             watch_fd, current);

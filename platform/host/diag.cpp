@@ -47,7 +47,7 @@ void notify(uint32_t status) {
 }
 
 // Acts on one packet of the modem; one that is none of the known is passed over.
-void take_packet(unsigned char* packet, size_t size) {
+void handle_packet(unsigned char* packet, size_t size) {
     unsigned char* body = packet + 1;
     const size_t body_size = size - 1;
     switch (packet[0]) {
@@ -81,7 +81,7 @@ void* read_stream(void*) {
         const ssize_t size = recv(g_client.socket.get(), packet, sizeof packet, MSG_DONTWAIT);
         if (size < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (size <= 0) break;
-        take_packet(packet, static_cast<size_t>(size));
+        handle_packet(packet, static_cast<size_t>(size));
     }
     if (!g_released) notify(uint32_t{DIAG_STATUS_CLOSED} | DIAG_CON_MPSS);  // the modem has gone
     return nullptr;

@@ -65,7 +65,7 @@ struct thread_slot {
         tell_conductor();
     }
 };
-thread_local thread_slot self;
+thread_local thread_slot g_self;
 
 [[noreturn]] void give_up(const char* what) {
     fprintf(stderr, "driven time: %s\n", what);
@@ -90,47 +90,47 @@ void settle_in(driven_slot* slot) {
     char name[16];
     snprintf(name, sizeof name, "alarm%zu", static_cast<size_t>(slot - page()->slots));
     (void)path_join(path, DRIVEN_DIR, name);
-    self.slot = slot;
-    self.alarm.reset(open(path, O_RDWR | O_CLOEXEC | O_NONBLOCK));
-    if (!self.alarm) give_up("a FIFO is missing in /dev/driven");
+    g_self.slot = slot;
+    g_self.alarm.reset(open(path, O_RDWR | O_CLOEXEC | O_NONBLOCK));
+    if (!g_self.alarm) give_up("a FIFO is missing in /dev/driven");
     const uint64_t seed = page()->shuffle_seed.load();
     const auto number = static_cast<uint64_t>(slot - page()->slots);
-    self.chance = seed == 0 ? 0 : (seed * 0x9e3779b97f4a7c15) ^ (number + 1);
+    g_self.chance = seed == 0 ? 0 : (seed * 0x9e3779b97f4a7c15) ^ (number + 1);
     slot->pid.store(getpid());
     slot->tid.store(static_cast<int32_t>(gettid()));
 }
 
 void await_turn() {
-    while (self.slot->turn.load() == 0) futex_wait(&self.slot->turn, 0);
-    self.slot->turn.store(0);
+    while (g_self.slot->turn.load() == 0) futex_wait(&g_self.slot->turn, 0);
+    g_self.slot->turn.store(0);
 }
 
 // Lets others run first, if the conductor thinks so.
 void offer_turn() {
-    self.slot->state.store(DRIVEN_READY);
+    g_self.slot->state.store(DRIVEN_READY);
     tell_conductor();
     await_turn();
 }
 
 // Every fourth time or so, by a generator of the thread's own: what others do changes nothing.
 bool draws_a_switch() {
-    self.chance ^= self.chance << 13;
-    self.chance ^= self.chance >> 7;
-    self.chance ^= self.chance << 17;
-    return self.chance % 4 == 0;
+    g_self.chance ^= g_self.chance << 13;
+    g_self.chance ^= g_self.chance >> 7;
+    g_self.chance ^= g_self.chance << 17;
+    return g_self.chance % 4 == 0;
 }
 
 void want_turn() {
     uint32_t waiting = DRIVEN_WAITING;
     // The conductor may have given it already, at the deadline.
-    if (self.slot->state.compare_exchange_strong(waiting, DRIVEN_READY)) tell_conductor();
+    if (g_self.slot->state.compare_exchange_strong(waiting, DRIVEN_READY)) tell_conductor();
     await_turn();
 }
 
 void give_turn_up(bool is_wall_clock, int64_t deadline_ns) {
-    self.slot->is_wall_clock.store(is_wall_clock);
-    self.slot->deadline_ns.store(deadline_ns);
-    self.slot->state.store(DRIVEN_WAITING);
+    g_self.slot->is_wall_clock.store(is_wall_clock);
+    g_self.slot->deadline_ns.store(deadline_ns);
+    g_self.slot->state.store(DRIVEN_WAITING);
     tell_conductor();
 }
 
@@ -165,10 +165,10 @@ int64_t driven_real_ns() {
 }
 
 void driven_take_turn() {
-    if (!self.slot) {
+    if (!g_self.slot) {
         settle_in(reserve_slot());
         offer_turn();
-    } else if (self.chance != 0 && draws_a_switch()) {
+    } else if (g_self.chance != 0 && draws_a_switch()) {
         offer_turn();
     }
 }
@@ -181,13 +181,13 @@ int driven_poll(pollfd* fds, nfds_t count, bool is_wall_clock, int64_t deadline_
     driven_take_turn();
     pollfd all[MAX_FDS + 1];
     std::copy_n(fds, count, all);
-    all[count] = {.fd = self.alarm.get(), .events = POLLIN, .revents = 0};
+    all[count] = {.fd = g_self.alarm.get(), .events = POLLIN, .revents = 0};
     give_turn_up(is_wall_clock, deadline_ns);
     const int ready = ppoll(all, count + 1, nullptr, nullptr);
     const int error = errno;
     want_turn();
     char byte = 0;
-    while (read(self.alarm.get(), &byte, 1) == 1) {
+    while (read(g_self.alarm.get(), &byte, 1) == 1) {
     }
     if (ready < 0) {
         errno = error;
@@ -207,7 +207,8 @@ driven_wait::~driven_wait() {
     errno = saved_errno;
 }
 
-// ---- The C library's waits, which the linker leads here (CMakeLists.txt)
+// ---- The C library's waits, which the linker leads here (CMakeLists.txt). Weak, so that a test
+// can lead them elsewhere.
 
 extern "C" {
 
@@ -217,8 +218,8 @@ int __real_pthread_join(pthread_t thread, void** result);
 int __real_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex);
 int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 
-int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
-                          void* argument) {
+[[gnu::weak]] int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                                        void* (*body)(void*), void* argument) {
     if (!driven_is_on()) return __real_pthread_create(thread, attributes, body, argument);
     driven_take_turn();
     driven_slot* slot = reserve_slot();
@@ -231,19 +232,19 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
     return error;
 }
 
-int __wrap_pthread_join(pthread_t thread, void** result) {
+[[gnu::weak]] int __wrap_pthread_join(pthread_t thread, void** result) {
     if (!driven_is_on()) return __real_pthread_join(thread, result);
     const driven_wait wait;
     return __real_pthread_join(thread, result);
 }
 
-int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+[[gnu::weak]] int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
     if (!driven_is_on()) return __real_pthread_cond_wait(condition, mutex);
     const driven_wait wait;
     return __real_pthread_cond_wait(condition, mutex);
 }
 
-int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+[[gnu::weak]] int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
     if (!driven_is_on()) return __real_pthread_mutex_lock(mutex);
     driven_take_turn();
     if (pthread_mutex_trylock(mutex) == 0) return 0;

@@ -18,7 +18,7 @@ struct sorted_listing {
 };
 
 // A directory belongs to the thread that opened it.
-thread_local std::map<DIR*, sorted_listing> listings;
+thread_local std::map<DIR*, sorted_listing> g_listings;
 
 }  // namespace
 
@@ -28,9 +28,9 @@ dirent* __real_readdir(DIR* dir);
 int __real_closedir(DIR* dir);
 void __real_rewinddir(DIR* dir);
 
-dirent* __wrap_readdir(DIR* dir) {
+[[gnu::weak]] dirent* __wrap_readdir(DIR* dir) {
     if (!driven_is_on()) return __real_readdir(dir);
-    const auto [found, is_new] = listings.try_emplace(dir);
+    const auto [found, is_new] = g_listings.try_emplace(dir);
     sorted_listing& listing = found->second;
     if (is_new) {
         while (const dirent* entry = __real_readdir(dir)) {
@@ -45,13 +45,13 @@ dirent* __wrap_readdir(DIR* dir) {
     return &listing.entries[listing.next++];
 }
 
-void __wrap_rewinddir(DIR* dir) {
-    if (driven_is_on()) listings.erase(dir);
+[[gnu::weak]] void __wrap_rewinddir(DIR* dir) {
+    if (driven_is_on()) g_listings.erase(dir);
     __real_rewinddir(dir);
 }
 
-int __wrap_closedir(DIR* dir) {
-    if (driven_is_on()) listings.erase(dir);
+[[gnu::weak]] int __wrap_closedir(DIR* dir) {
+    if (driven_is_on()) g_listings.erase(dir);
     return __real_closedir(dir);
 }
 }

@@ -34,18 +34,18 @@ void drop_user(kbr_client* c) {
 // ---- Open clients, so that a call that comes while another thread releases its client finds that
 // it is too late
 
-vexa_mutex open_mutex;
-kbr_client* open_clients GUARDED_BY(open_mutex) = nullptr;
+vexa_mutex g_open_mutex;
+kbr_client* g_open_clients GUARDED_BY(g_open_mutex) = nullptr;
 
 void add_open(kbr_client* c) {
-    const vexa_lock held(open_mutex);
-    c->next_open = std::exchange(open_clients, c);
+    const vexa_lock held(g_open_mutex);
+    c->next_open = std::exchange(g_open_clients, c);
 }
 
 // Returns false when it is not there, or no longer.
 bool remove_open(const kbr_client* c) {
-    const vexa_lock held(open_mutex);
-    kbr_client** link = &open_clients;
+    const vexa_lock held(g_open_mutex);
+    kbr_client** link = &g_open_clients;
     while (*link && *link != c) link = &(*link)->next_open;
     if (!*link) return false;
     *link = (*link)->next_open;
@@ -54,8 +54,8 @@ bool remove_open(const kbr_client* c) {
 
 // Keeps an open client alive for a call.
 bool add_user(const kbr_client* c) {
-    const vexa_lock held(open_mutex);
-    kbr_client* open = open_clients;
+    const vexa_lock held(g_open_mutex);
+    kbr_client* open = g_open_clients;
     while (open && open != c) open = open->next_open;
     if (open) open->users.fetch_add(1);
     return open != nullptr;

@@ -120,7 +120,7 @@ int kbr_call(kbr_client* c, uint32_t msg_id, const void* request, uint32_t reque
 
 // Finds the call that a response is for. One that came too late, or has another message's id, is
 // nobody's.
-void kbr_take_response(kbr_client* c, const kbr_header& header, const uint8_t* fields) {
+void kbr_deliver_response(kbr_client* c, const kbr_header& header, const uint8_t* fields) {
     const vexa_lock held(c->mutex);
     pending_call* call = c->calls;
     while (call && call->transaction != header.transaction) call = call->next;

@@ -92,7 +92,7 @@ int kbr_call(kbr_client* c, uint32_t msg_id, const void* request, uint32_t reque
 bool kbr_fits(const kbr_message& message, const void* structure, uint32_t len);
 
 // Hands a response to the call that waits for it. Thread: the reader.
-void kbr_take_response(kbr_client* c, const kbr_header& header, const uint8_t* fields);
+void kbr_deliver_response(kbr_client* c, const kbr_header& header, const uint8_t* fields);
 
 // Ends every call in progress, and all that are to come. Thread: the reader.
 void kbr_lose_connection(kbr_client* c);

@@ -203,7 +203,7 @@ bool get_field(reader* from, uint8_t* type, reader* value) {
 
 // Takes the value of a field of that type; of a field that comes twice the first counts. One of
 // unknown type is skipped. `seen` has a bit for each field of the message that came.
-bool take_field(const kbr_message& message, uint8_t type, reader value, uint8_t* out,
+bool read_field(const kbr_message& message, uint8_t type, reader value, uint8_t* out,
                 uint64_t* seen) {
     for (size_t i = 0; i < message.fields.size(); ++i) {
         const kbr_field& field = message.fields[i];
@@ -228,7 +228,7 @@ bool decode_fields(const kbr_message& message, reader from, uint8_t* out) {
         uint8_t type = 0;
         reader value;
         if (!get_field(&from, &type, &value)) return false;
-        if (!take_field(message, type, value, out, &seen)) return false;
+        if (!read_field(message, type, value, out, &seen)) return false;
     }
     return has_mandatory_fields(message, seen);
 }

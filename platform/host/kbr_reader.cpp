@@ -21,7 +21,7 @@ constexpr size_t QUEUE_LIMIT_IN_CALL = 4096;
 constexpr size_t QUEUE_BYTES = size_t{1} << 20;
 constexpr size_t QUEUE_BYTES_IN_CALL = size_t{4} << 20;
 
-void take_indication(kbr_client* c, const kbr_header& header, const uint8_t* fields) {
+void queue_indication(kbr_client* c, const kbr_header& header, const uint8_t* fields) {
     if (!c->callback) return;
     void* memory = malloc(sizeof(indication) + header.len);
     if (!memory) return;
@@ -50,12 +50,12 @@ bool wait_for_room(kbr_client* c) {
     return !c->released;
 }
 
-void take_packet(kbr_client* c, size_t size) {
+void handle_packet(kbr_client* c, size_t size) {
     kbr_header header;
     if (size > KBR_PACKET_MAX || !kbr_get_header(c->packet, size, &header)) return;
     const uint8_t* fields = c->packet + KBR_HEADER_SIZE;
-    if (header.kind == KBR_RESPONSE) kbr_take_response(c, header, fields);
-    if (header.kind == KBR_INDICATION) take_indication(c, header, fields);
+    if (header.kind == KBR_RESPONSE) kbr_deliver_response(c, header, fields);
+    if (header.kind == KBR_INDICATION) queue_indication(c, header, fields);
 }
 
 // Reads one packet. Returns false when the modem has gone.
@@ -66,7 +66,7 @@ bool read_packet(kbr_client* c) {
     if (size < 0) return errno == EINTR || errno == EAGAIN;
     // An empty packet reads like the end.
     if (size == 0) return (readable.revents & (POLLRDHUP | POLLHUP | POLLERR)) == 0;
-    take_packet(c, static_cast<size_t>(size));
+    handle_packet(c, static_cast<size_t>(size));
     return true;
 }
 

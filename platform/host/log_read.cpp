@@ -76,7 +76,7 @@ void skip_damage(logger_list* list) {
 }
 
 // Returns the bytes handed over, or 0 when there is no whole entry that concerns this reader.
-int take_entry(logger_list* list, log_msg* msg) {
+int hand_out_entry(logger_list* list, log_msg* msg) {
     for (;;) {
         size_t size = 0;
         const entry_state state = next_entry(*list, &size);
@@ -265,7 +265,7 @@ int android_logger_list_read(logger_list* list, log_msg* msg) {
     for (bool armed = false;; armed = !armed) {
         // The look that comes before a wait is the one with the watch armed.
         for (int more = 1; more > 0;) {
-            if (const int size = take_entry(list, msg); size > 0) return size;
+            if (const int size = hand_out_entry(list, msg); size > 0) return size;
             more = refill(list);
             if (more < 0) return more;
         }

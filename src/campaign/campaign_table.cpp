@@ -80,8 +80,8 @@ void start_if_possible(campaign_state* state, uint32_t module, time_t now) {
     state->table[module]->running = 1;
 }
 
-void take_over(campaign_state* state, uint32_t module, const CampaignEntry& fresh, time_t now,
-               replaced_files* files) {
+void put_in_force(campaign_state* state, uint32_t module, const CampaignEntry& fresh, time_t now,
+                  replaced_files* files) {
     unique_campaign& slot = state->table[module];
     const campaign_path new_file = campaign_file_name(module, fresh);
     if (slot) {
@@ -121,7 +121,7 @@ void updateCampaignTableAndAct(const campaign_table& fresh) {
     replaced_files files;
     for (uint32_t module = 0; module < CAMPAIGN_MODULES; module++) {
         if (fresh[module] && fresh[module]->campaignId != 0) {
-            take_over(state, module, *fresh[module], now, &files);
+            put_in_force(state, module, *fresh[module], now, &files);
         }
     }
     state->next_activity_s = campaign_mgr_calc_activity_timer(state->table, now).timeout_s;

@@ -27,7 +27,7 @@ bool read_line(FILE* stream, char (&line)[CAMPAIGN_LINE_SIZE]) {
 }
 
 // Takes the masks, or none when there is no memory for them. Returns false then.
-bool take_masks(const char* text, const campaign_line& line, timed_campaign* campaign) {
+bool parse_masks(const char* text, const campaign_line& line, timed_campaign* campaign) {
     const campaign_texts& texts = campaign->kind->texts;
     campaign_state* state = &campaign->state;
     state->mask_count = line.mask_count;
@@ -119,7 +119,7 @@ campaign_change campaign_read_config(FILE* stream, timed_campaign* campaign) {
     if (line.campaign_id == campaign->state.id) return campaign_change::ALREADY_ACTIVE;
     row->size = std::clamp(line.size_bytes, 0, CAMPAIGN_SIZE_MAX_BYTES);
     campaign_line_clamp(&line);
-    if (!take_masks(text, line, campaign)) return campaign_change::NO_MEMORY;
+    if (!parse_masks(text, line, campaign)) return campaign_change::NO_MEMORY;
     if (goes_on_with_active(stream, &campaign->state)) return campaign_change::GOES_ON;
     start_campaign(line, &campaign->state);
     return campaign_change::STARTED;

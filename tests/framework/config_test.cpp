@@ -233,7 +233,7 @@ TEST_F(ConfigTest, DownloadThatCameWhileTheLastOneWasTakenInIsLoadedNext) {
         SetUp();
         const config_files files{.downloaded = DOWNLOADED,
                                  .client_id = 2,
-                                 .take_line = take_any_line,
+                                 .read_line = take_any_line,
                                  .update_local = update_while_agent_delivers};
         write_text_file(DOWNLOADED, "first\n");
         g_agent = c.agent;
@@ -249,7 +249,7 @@ TEST_F(ConfigTest, DownloadThatCameWhileTheLastOneWasTakenInIsLoadedNext) {
 TEST_F(ConfigTest, DownloadThatAKillLeftAsideIsTakenUnlessANewerOneIsThere) {
     const std::string aside = std::string(DOWNLOADED) + ".done";
     const config_files files{.downloaded = DOWNLOADED,
-                             .take_line = take_any_line,
+                             .read_line = take_any_line,
                              .update_local = update_while_agent_delivers};
     for (const bool newer : {false, true}) {
         SCOPED_TRACE(newer);

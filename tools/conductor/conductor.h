@@ -64,7 +64,7 @@ class conductor {
 
   private:
     struct thread_view {
-        unique_fd stat{};  // of the machine's /proc
+        unique_fd state{};  // of the machine's /proc
         unique_fd alarm{};
         int32_t tid = 0;  // as the phone counts it; 0: nobody is in the slot
     };
@@ -73,12 +73,14 @@ class conductor {
     bool settles();
     bool is_asleep(size_t index);
     void look_up(size_t index);
+    void leave(size_t index);
     void give_turn(size_t index, uint32_t from);
     std::optional<size_t> choose(uint32_t state, int64_t due_ns);
     int64_t deadline_ns(size_t index) const;
     int64_t next_deadline_ns() const;
 
     std::string dir_;
+    bool says_where_;
     driven_page* page_ = nullptr;
     pid_t process_ = 0;
     std::array<thread_view, DRIVEN_SLOTS> views_{};
@@ -89,4 +91,5 @@ class conductor {
     bool falls_asleep_ = false;  // somebody waits and was not asleep yet at the last look
     uint64_t steps_ = 0;
     uint64_t wakes_ = 0;
+    uint64_t wakes_at_move_ = 0;  // when time went on last
 };

@@ -30,6 +30,7 @@ constexpr workload WORKLOADS[] = {
     {"campaign", bench_campaign},
     {"diag", bench_diag},
     {"diagz", bench_diagz},
+    {"step", bench_step},
     {"idle", bench_idle},
 };
 

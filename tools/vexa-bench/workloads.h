@@ -26,5 +26,9 @@ int bench_campaign(long n);  // decodes campaign file BENCH_IN in memory, withou
 int bench_diag(long n);   // into a record in BENCH_OUT without an end
 int bench_diagz(long n);  // into records of 64 KiB compressed, each dropped into BENCH_OUT/up
 
+// Driven time (step_workload.cpp): one thread waits, the clock jumps, the thread wakes. In a phone
+// in driven time: vexa-phone run DIR --clock driven -- vexa-bench step N
+int bench_step(long n);
+
 // The whole daemon (daemon_workloads.cpp).
 int bench_idle(long);  // opted in to nothing; prints "ready" once every thread waits, until SIGTERM

@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <stdio.h>
 
-#include <chrono>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
@@ -13,6 +12,7 @@ namespace {
 
 constexpr int STEPS_AT_ONCE = 64;
 constexpr int IDLE_MS = 10;
+constexpr std::chrono::minutes LONG_TURN{1};
 
 script read_script(const std::string& name) {
     if (name.empty()) return {};
@@ -59,7 +59,21 @@ void driven_run::begin(pid_t pid, std::function<void(int)> send_signal) {
     conductor_.add_process(pid);
 }
 
+// Once a run: somebody may wait in a call that gives nothing up.
+void driven_run::note_long_turn() {
+    const auto now = std::chrono::steady_clock::now();
+    if (conductor_.wakes() != seen_wakes_) {
+        seen_wakes_ = conductor_.wakes();
+        seen_at_ = now;
+    } else if (!is_noted_ && now - seen_at_ > LONG_TURN) {
+        is_noted_ = true;
+        fprintf(stderr, "vexa-phone: for a minute the same thread has had the turn:%s\n",
+                conductor_.who_runs().c_str());
+    }
+}
+
 int driven_run::work() {
+    note_long_turn();
     for (int i = 0; i < STEPS_AT_ONCE; ++i) {
         switch (conductor_.step(&player_)) {
             case conductor::progress::MOVED:
@@ -69,6 +83,7 @@ int driven_run::work() {
                 break;
             case conductor::progress::STALLED:
                 player_.check_stop(true);
+                seen_at_ = std::chrono::steady_clock::now();  // nobody has the turn
                 return IDLE_MS;
         }
     }

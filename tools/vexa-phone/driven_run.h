@@ -1,6 +1,7 @@
 // A run in driven time: the conductor, the script and the modem beside the daemon.
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -27,8 +28,13 @@ class driven_run : public phone_companion {
     void end();
 
   private:
+    void note_long_turn();
+
     std::function<void(int)> send_signal_;
     FILE* transcript_ = nullptr;
     conductor conductor_;
     script_player player_;
+    uint64_t seen_wakes_ = 0;
+    std::chrono::steady_clock::time_point seen_at_ = std::chrono::steady_clock::now();
+    bool is_noted_ = false;
 };

@@ -60,7 +60,7 @@ size_t entry_size(const log_msg& msg, size_t read_size) {
 }
 
 // Copies the entry behind the ones in the buffer.
-void take_entry(alog_record* record, const log_msg& msg, size_t read_size) {
+void append_entry(alog_record* record, const log_msg& msg, size_t read_size) {
     const size_t size = std::min(entry_size(msg, read_size), ALOG_BUFFER_SIZE - record->fill);
     memcpy(record->buffer.get() + record->fill, msg.buf, size);
     record->fill += size;
@@ -139,7 +139,7 @@ int alog_log_read(alog_record* record, unique_logger_list* reader) {
     if (!campaign_is_opted_in(*row)) return result;
     if (is_full(*record) && !write_out(record, __func__)) return -EINVAL;
     if (is_full(*record)) return result;
-    take_entry(record, msg, static_cast<size_t>(result));
+    append_entry(record, msg, static_cast<size_t>(result));
     if (is_full(*record) && !write_out(record, __func__)) return -EINVAL;
     return result;
 }

@@ -63,7 +63,7 @@ struct entry_path {
     }
 };
 
-void take_status_file(const char* name, const char* path, bool is_said, dload_look* look) {
+void handle_status_file(const char* name, const char* path, bool is_said, dload_look* look) {
     look->has_status = true;
     look->status = mccbandlist_status_number(name);
     const bool is_ok = look->status == STATUS_OK;
@@ -75,7 +75,7 @@ void take_status_file(const char* name, const char* path, bool is_said, dload_lo
     ALOGI("%s:%s removed %d\n", look->function, path, removed);
 }
 
-void take_file(const char* name, mccbandlist_file kind, bool is_said, dload_look* look) {
+void handle_file(const char* name, mccbandlist_file kind, bool is_said, dload_look* look) {
     const entry_path path(look->directory, name);
     switch (kind) {
         case mccbandlist_file::OTHER:
@@ -86,7 +86,7 @@ void take_file(const char* name, mccbandlist_file kind, bool is_said, dload_look
             if (is_said) ALOGI("%s: removed %s\n", look->function, path.text);
             break;
         case mccbandlist_file::STATUS:
-            take_status_file(name, path.text, is_said, look);
+            handle_status_file(name, path.text, is_said, look);
             break;
         case mccbandlist_file::LIST:
             look->has_list = true;
@@ -108,7 +108,7 @@ void look_at(const char* name, const mccbandlist_request& request, dload_look* l
     if (!is_regular_file(look->dir_fd, name)) return;
     ++count;
     if (is_said) ALOGI("%s:sub dropbox has file: %s\n", look->function, name);
-    take_file(name, kind, is_said, look);
+    handle_file(name, kind, is_said, look);
 }
 
 unsigned beyond(unsigned count) {

@@ -62,7 +62,7 @@ bool copy_id(const pdc_listed_id& from, pdc_config_id* to) {
     return true;
 }
 
-int32_t take_selected(const pdc_selected_config_indication* indication, pdc_config_id* selected) {
+int32_t copy_selected(const pdc_selected_config_indication* indication, pdc_config_id* selected) {
     if (!indication || reports_error(indication)) return PDC_FAILED;
     if (indication->active_id_valid)
         return copy_id(indication->active_id, selected) ? PDC_OK : PDC_FAILED;
@@ -70,7 +70,7 @@ int32_t take_selected(const pdc_selected_config_indication* indication, pdc_conf
     return PDC_NONE;
 }
 
-int32_t take_list(const pdc_list_configs_indication* indication, pdc_unasked* unasked) {
+int32_t copy_list(const pdc_list_configs_indication* indication, pdc_unasked* unasked) {
     if (!indication || reports_error(indication) || !indication->configs_valid ||
         indication->configs_len > PDC_CONFIGS_MAX)
         return PDC_FAILED;
@@ -168,12 +168,12 @@ void kbr_pdc_load_config_ind_hdlr(const pdc_load_config_indication* indication) 
 
 void kbr_pdc_get_selected_config_ind_hdlr(const pdc_selected_config_indication* indication) {
     const vexa_lock held(g_pdc.mutex);
-    g_pdc.unasked.selected_result = take_selected(indication, &g_pdc.unasked.selected);
+    g_pdc.unasked.selected_result = copy_selected(indication, &g_pdc.unasked.selected);
 }
 
 void kbr_pdc_list_configs_ind_hdlr(const pdc_list_configs_indication* indication) {
     const vexa_lock held(g_pdc.mutex);
-    g_pdc.unasked.list_result = take_list(indication, &g_pdc.unasked);
+    g_pdc.unasked.list_result = copy_list(indication, &g_pdc.unasked);
 }
 
 pdc_unasked pdc_kbr_unasked() {

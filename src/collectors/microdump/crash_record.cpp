@@ -39,7 +39,7 @@ void crash_record_begin(crash_record* record, const char* crash_time) {
     record->len = static_cast<size_t>(len);
 }
 
-void crash_record_take_chunk(crash_record* record, size_t len) {
+void crash_record_add_chunk(crash_record* record, size_t len) {
     if (len == 0) return;
     char* chunk = record->room();
     chunk[len - 1] = '\0';

@@ -32,4 +32,4 @@ void crash_record_begin(crash_record* record, const char* crash_time);
 // text: up to its first zero byte, for which its last byte always stands, and a newline instead of
 // that. The last character of a chunk is lost unless it is a newline or a zero byte: deliberate,
 // the readers of the uploads know dumps so.
-void crash_record_take_chunk(crash_record* record, size_t len);
+void crash_record_add_chunk(crash_record* record, size_t len);

@@ -183,8 +183,8 @@ void end_dump(microdump_collector* c) {
 }
 
 // Takes `len` bytes that were read into the dump's room.
-void take_chunk(microdump_collector* c, size_t len) {
-    crash_record_take_chunk(&c->dump, len);
+void store_chunk(microdump_collector* c, size_t len) {
+    crash_record_add_chunk(&c->dump, len);
     c->phase = dump_phase::COLLECTING;
     if (c->dump.room_len() > 0) return;
     store_dump(c);
@@ -203,7 +203,7 @@ ssize_t read_device(microdump_collector* c) {
         crash_record_begin(&c->dump, crash_time);
     }
     const ssize_t count = read(c->device.get(), c->dump.room(), c->dump.room_len());
-    if (count > 0) take_chunk(c, static_cast<size_t>(count));
+    if (count > 0) store_chunk(c, static_cast<size_t>(count));
     return count;
 }
 
@@ -216,7 +216,7 @@ bool wait_without_device(microdump_collector* c) {
 }
 
 // Reads what made the device ready. Returns false when the collector has to end.
-bool take_input(microdump_collector* c, short revents) {
+bool handle_input(microdump_collector* c, short revents) {
     if (!c->row->enabled) return wait_without_device(c);
 
     const ssize_t count = read_device(c);
@@ -264,7 +264,7 @@ bool run_pass(microdump_collector* c) {
         ALOGE("Failed Poll command \n");
         vexastats_sleep_ms(PAUSE_MS, c->stop());
     } else if (ready > 0) {
-        goes_on = take_input(c, device.revents);
+        goes_on = handle_input(c, device.revents);
     } else if (c->timed_out) {
         goes_on = end_upload_wait(c);
     } else {

@@ -54,7 +54,7 @@ void log_campaign(const MpsCampaignDescription& message, const MpsCampaign& camp
 }
 
 // Config version and logic id are logged, not kept.
-void take_numbers(const MpsCampaignDescription& message, MpsCampaign* campaign) {
+void copy_numbers(const MpsCampaignDescription& message, MpsCampaign* campaign) {
     campaign->bsiBufferFetchIntSec = message.config.bsiBufferFetchIntSec;
     campaign->powerBudgetMeasIntr = message.config.powerBudgetMeasIntr;
     campaign->powerBudgetMaxAPWakeup = message.config.powerBudgetMaxAPWakeup;
@@ -84,7 +84,7 @@ bool mps_campaign_desc_decode_from_buffer(const uint8_t* buffer, size_t length, 
         return true;  // deliberate: the campaign then is one without specs
     }
     log_campaign(message, campaign);
-    take_numbers(message, &campaign);
+    copy_numbers(message, &campaign);
     *out = std::move(campaign);
     return true;
 }

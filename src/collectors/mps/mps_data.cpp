@@ -221,7 +221,7 @@ bool read_file(mps_collection* collection, const data_entry& entry, const data_m
 }
 
 // Takes one entry of the shared directory.
-void take_file(mps_collection* collection, int dir_fd, const char* name, const char* caller) {
+void handle_file(mps_collection* collection, int dir_fd, const char* name, const char* caller) {
     const data_marker* marker = find_marker(name);
     if (!marker) {
         ALOGI("Not a recongnizable file %s", name);
@@ -269,7 +269,7 @@ int mps_rfs_data_read(mps_collection* collection) {
     while (!stop_flag_is_raised(collection->row->stop) && collection->row->enabled) {
         const dirent* entry = readdir(dir.get());
         if (!entry) break;
-        take_file(collection, dirfd(dir.get()), entry->d_name, __func__);
+        handle_file(collection, dirfd(dir.get()), entry->d_name, __func__);
     }
     return 0;
 }

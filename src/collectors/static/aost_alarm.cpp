@@ -32,7 +32,7 @@ int64_t now_ms() {
 }
 
 // An alarm is due once, whether its time has come or somebody sent the signal.
-bool take_due_alarm() {
+bool clear_due_alarm() {
     const bool is_late = g_aost.alarm_due_ms != AOST_NO_ALARM && now_ms() >= g_aost.alarm_due_ms;
     if (!is_signalled.exchange(false) && !is_late) return false;
     g_aost.alarm_due_ms = AOST_NO_ALARM;
@@ -110,7 +110,7 @@ bool aost_wait_once(collector_info* row, int64_t limit_ms) {
         eventfd_t ignored = 0;
         (void)eventfd_read(wake_fd, &ignored);
     }
-    if (take_due_alarm()) aost_imsa_sig_alarm_hdlr(SIGALRM);
+    if (clear_due_alarm()) aost_imsa_sig_alarm_hdlr(SIGALRM);
     return !stop_flag_is_raised(row->stop);
 }
 

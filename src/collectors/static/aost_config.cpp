@@ -36,7 +36,7 @@ int parse_line(const char* line, aost_values* values) {
 }
 
 // The interval counts even when the file is another client's: deliberate.
-bool take_line(void* owner, const char* line, bool is_local) {
+bool read_config_line(void* owner, const char* line, bool is_local) {
     const auto* row = static_cast<const collector_info*>(owner);
     aost_values values;
     if (parse_line(line, &values) != 2) return false;
@@ -67,7 +67,7 @@ int aost_imsa_init_params(collector_info* row) {
                                   .downloaded = DOWNLOADED_FILE,
                                   .client_id = row->hdr.client_id,
                                   .owner = row,
-                                  .take_line = take_line,
+                                  .read_line = read_config_line,
                                   .update_local = update_local_file});
 }
 

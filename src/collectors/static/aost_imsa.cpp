@@ -144,13 +144,13 @@ void compose_status(const char* heading) REQUIRES(g_aost.data_lock) {
 
 // ---- Indications
 
-void take_registration(const imsa_registration_indication& indication) {
+void log_registration(const imsa_registration_indication& indication) {
     ALOGI("KBR_IMSA_REGISTRATION_STATUS_IND_V01");
     ALOGI("ims_registered=%d ", indication.registered);
 }
 
 // Returns whether a valid value differs from the stored one, which is replaced.
-bool take_values(const imsa_status_indication& indication) REQUIRES(g_aost.data_lock) {
+bool store_values(const imsa_status_indication& indication) REQUIRES(g_aost.data_lock) {
     bool is_changed = false;
     for (size_t i = 0; i < IMSA_STATUS_COUNT; ++i) {
         const imsa_value& reported = indication.status[i];
@@ -164,7 +164,7 @@ bool take_values(const imsa_status_indication& indication) REQUIRES(g_aost.data_
 // Returns false when the reporter has to end.
 bool write_change(const imsa_status_indication& indication) {
     const vexa_lock held(g_aost.data_lock);
-    if (!take_values(indication)) {
+    if (!store_values(indication)) {
         ALOGI("No status change");
         return true;
     }
@@ -172,12 +172,12 @@ bool write_change(const imsa_status_indication& indication) {
     return aost_imsa_write_service_status_change(false);
 }
 
-void take_status(const imsa_status_indication& indication) {
+void store_status(const imsa_status_indication& indication) {
     ALOGI("KBR_IMSA_SERVICE_STATUS_IND_V01");
     if (!write_change(indication)) aost_imsa_retire();
 }
 
-bool take_subscription(const imsa_value& subscription) {
+bool note_subscription(const imsa_value& subscription) {
     const vexa_lock held(g_aost.data_lock);
     if (!subscription.valid || subscription.value == g_aost.subs_type) return false;
     g_aost.subs_type = subscription.value;
@@ -186,9 +186,9 @@ bool take_subscription(const imsa_value& subscription) {
 
 // The data lock is not held while the messages are on their way: the alarm, and with it a stop,
 // would have to wait for both time-outs. Only the library's one thread comes here.
-void take_bind_status(kbr_client* client, const imsa_bind_indication& indication) {
+void note_bind_status(kbr_client* client, const imsa_bind_indication& indication) {
     ALOGI("KBR_IMSA_BIND_SUBSCRIPTION_STATUS_IND_V01");
-    if (!take_subscription(indication.subscription)) return;
+    if (!note_subscription(indication.subscription)) return;
     if (aost_imsa_set_bind_subs_sync(client) == modem_result::OK &&
         register_indications(client) == modem_result::OK) {
         ALOGI("sub type=%d ", static_cast<int>(indication.subscription.value));
@@ -227,11 +227,11 @@ void aost_imsa_resp_ind_cb(kbr_client* client, uint32_t msg_id, void* buf, uint3
     } else if (!structure) {
         ALOGE("[ERROR] ind_msg_ptr is NULL");
     } else if (msg_id == IMSA_REGISTRATION_STATUS_IND) {
-        take_registration(*static_cast<const imsa_registration_indication*>(structure.get()));
+        log_registration(*static_cast<const imsa_registration_indication*>(structure.get()));
     } else if (msg_id == IMSA_SERVICE_STATUS_IND) {
-        take_status(*static_cast<const imsa_status_indication*>(structure.get()));
+        store_status(*static_cast<const imsa_status_indication*>(structure.get()));
     } else {
-        take_bind_status(client, *static_cast<const imsa_bind_indication*>(structure.get()));
+        note_bind_status(client, *static_cast<const imsa_bind_indication*>(structure.get()));
     }
 }
 

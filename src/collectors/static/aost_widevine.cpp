@@ -37,7 +37,7 @@ bool aost_widevine_write_security_level(collector_info* row) REQUIRES(g_aost.dat
 
 // Reads the first line of the level file, its newline included, and deletes the file. Returns
 // whether there was one that is not empty. Without consent the file goes unread.
-bool take_level(const collector_info& row, int attempt, char (&level)[LEVEL_SIZE]) {
+bool read_level(const collector_info& row, int attempt, char (&level)[LEVEL_SIZE]) {
     delivered_file_restore(LEVEL_FILE);
     const unique_file file = stream_of(open_outsider(LEVEL_DIR, LEVEL_NAME, SMALL_FILE_MAX), "re");
     if (!file) {
@@ -61,7 +61,7 @@ bool take_level(const collector_info& row, int attempt, char (&level)[LEVEL_SIZE
 
 bool wait_for_level(collector_info* row, char (&level)[LEVEL_SIZE]) {
     for (int attempt = 1; attempt <= TRIES; ++attempt) {
-        if (take_level(*row, attempt, level)) return true;
+        if (read_level(*row, attempt, level)) return true;
         if (!aost_sleep_ms(row, TRY_PAUSE_MS)) return false;
     }
     ALOGE("[ERROR] Failed to open %s.tmp after %d retries\n", NAME, TRIES);

@@ -44,7 +44,7 @@ bool is_for_row(const collector_info* row, const config_values& values) {
 }
 
 // Only the local file has the last value.
-bool take_row_line(void* owner, const char* line, bool is_local) {
+bool read_row_line(void* owner, const char* line, bool is_local) {
     auto* row = static_cast<collector_info*>(owner);
     config_values values;
     const int count = config_parse_line(line, &values);
@@ -78,7 +78,7 @@ bool load_local_file(const config_files& files) {
 
     char line[CONFIG_LINE_SIZE];
     if (!config_read_value_line(file.get(), line)) return true;
-    if (files.take_line(files.owner, line, true)) return true;
+    if (files.read_line(files.owner, line, true)) return true;
     ALOGE("invalid %d config file. re-create. err:%d\n", static_cast<int>(files.client_id), errno);
     return false;
 }
@@ -104,7 +104,7 @@ download load_downloaded_file(const config_files& files, file_mark* read) {
 
     char line[CONFIG_LINE_SIZE];
     if (!config_read_value_line(file.get(), line)) return download::CONSUMED;
-    if (files.take_line(files.owner, line, false)) return download::CONSUMED;
+    if (files.read_line(files.owner, line, false)) return download::CONSUMED;
     ALOGE("invalid %d config file. ignore it. err:%d\n", static_cast<int>(files.client_id), errno);
     return download::REFUSED;
 }
@@ -146,7 +146,7 @@ int vexastats_init_params(collector_info* row) {
                                   .downloaded = row->dl_cfg_file,
                                   .client_id = row->hdr.client_id,
                                   .owner = row,
-                                  .take_line = take_row_line,
+                                  .read_line = read_row_line,
                                   .read_stream = row->cfg_read_handler ? read_row_stream : nullptr,
                                   .update_local = row->cfg_update_handler ? update_row : nullptr});
 }

@@ -16,9 +16,9 @@ struct config_files {
 
     // Takes the value line (framework/config/config_line.h) of the local or of the downloaded file;
     // false when it is invalid. A file without such a line is valid and changes nothing.
-    bool (*take_line)(void* owner, const char* line, bool is_local) = nullptr;
+    bool (*read_line)(void* owner, const char* line, bool is_local) = nullptr;
 
-    // Parses the whole stream instead, which may be null; null: take_line does it.
+    // Parses the whole stream instead, which may be null; null: read_line does it.
     void (*read_stream)(void* owner, FILE* stream) = nullptr;
 
     // Writes the local file; null: it cannot be written. Returns 0 or the failure, logged.

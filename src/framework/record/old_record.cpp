@@ -48,7 +48,7 @@ old_record hand_over_old_record(collector_info* row, const record_times& times,
 
 }  // namespace
 
-old_record take_old_record(const record_init_req& req, unique_file* stream) {
+old_record deal_with_old_record(const record_init_req& req, unique_file* stream) {
     collector_info* row = req.row;
     if (req.discard) {
         if (remove(row->rec_fname) != 0)

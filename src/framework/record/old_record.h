@@ -14,4 +14,4 @@ enum class old_record {
 // Deals with the old record under req.row->rec_fname as the request wants it. *stream is it, at its
 // end, when it is resumed; the row's header then has its times. Failures are logged. Thread: the
 // row's own, from vexastats_record_init.
-old_record take_old_record(const record_init_req& req, unique_file* stream);
+old_record deal_with_old_record(const record_init_req& req, unique_file* stream);

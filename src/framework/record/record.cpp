@@ -180,7 +180,7 @@ unique_file vexastats_record_init(record_init_req* req) {
         deliver_finished_files(req->row, req->dir, req->prefix);
         if (find_old_record(dir.get(), *req)) {
             unique_file stream;
-            const old_record fate = take_old_record(*req, &stream);
+            const old_record fate = deal_with_old_record(*req, &stream);
             if (fate == old_record::RESUMED) return stream;
             over_old = fate == old_record::GONE;
         }

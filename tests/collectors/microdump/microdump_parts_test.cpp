@@ -40,7 +40,7 @@ std::string text_of(const std::vector<std::string>& chunks) {
     const size_t begin = record.len;
     for (const std::string& chunk : chunks) {
         memcpy(record.room(), chunk.data(), chunk.size());
-        crash_record_take_chunk(&record, chunk.size());
+        crash_record_add_chunk(&record, chunk.size());
     }
     return std::string(record.text, record.len).substr(begin);
 }
@@ -70,7 +70,7 @@ TEST(CrashRecord, ChunkThatFillsTheBufferEndsAtItsVeryEnd) {
     const size_t room = record.room_len();
     EXPECT_EQ(room, 4410 - 54u);
     memset(record.room(), 'd', room);
-    crash_record_take_chunk(&record, room);
+    crash_record_add_chunk(&record, room);
     EXPECT_EQ(record.room_len(), 0u);
     EXPECT_EQ(std::string(record.text, record.len).substr(54), std::string(room - 1, 'd') + "\n");
 }
