@@ -15,6 +15,9 @@ struct action_form {
     bool has_text;
 };
 
+// Nothing is later, or comes more seldom, so that no sum of times overflows.
+constexpr int64_t LATEST_NS = int64_t{36500} * 86400 * NS_PER_S;
+
 constexpr action_form ACTIONS[] = {
     {"write", 1, true},         {"deliver", 1, true}, {"remove", 1, false}, {"mkdir", 1, false},
     {"optin", 1, false},        {"optout", 1, false}, {"modem", 0, true},   {"signal", 1, false},
@@ -180,10 +183,12 @@ std::optional<int64_t> script_parse_time(const std::string& word) {
         const auto number = parse_number(&at, end);
         if (!number || at == end) return {};
         const auto unit = unit_ns(*at);
+        if (*number > LATEST_NS / unit.value_or(3600 * NS_PER_S)) return {};
         const auto part = unit ? *number * *unit : parse_clock(*number, &at, end);
         if (!part) return {};
         if (unit) ++at;
         sum += *part;
+        if (sum > LATEST_NS) return {};
     }
     return sum;
 }

@@ -36,5 +36,5 @@ class script_error : public std::runtime_error {
 script script_parse(std::istream& in, const std::string& name);
 
 // "00:00:10", "90s", "5m", "2h", "1d", also several of them: "1d 02:00:00" is written "1d02:00:00".
-// Nothing: it is no such time.
+// Nothing: it is no such time, or more than a hundred years.
 std::optional<int64_t> script_parse_time(const std::string& word);

@@ -5,6 +5,7 @@
 
 #include <fstream>
 #include <iostream>
+#include <stdexcept>
 #include <system_error>
 
 namespace {
@@ -40,12 +41,13 @@ driven_run::driven_run(const std::string& dir, const driven_options& options)
               if (transcript_) (void)fwrite(text.data(), 1, text.size(), transcript_);
           },
           [this](int signo) {
-              if (send_signal_) send_signal_(signo);
+              if (!send_signal_) throw std::invalid_argument("there is no daemon yet");
+              send_signal_(signo);
           }) {
     player_.follow(&conductor_);
-    // What stands at the script's beginning is there before the daemon is.
-    while (player_.serve()) {
-    }
+    // What stands at the script's beginning is there before the daemon is. Its end is not: it is
+    // for the daemon.
+    while (player_.next_ns() <= conductor_.boot_ns()) (void)player_.serve();
 }
 
 driven_run::~driven_run() {
