@@ -34,7 +34,12 @@ driven_page* map_page() {
 }
 
 driven_page* page() {
-    static driven_page* const mapped = map_page();
+    static driven_page* const mapped = [] {
+        const int saved_errno = errno;
+        driven_page* found = map_page();
+        errno = saved_errno;
+        return found;
+    }();
     return mapped;
 }
 
