@@ -28,6 +28,7 @@ namespace fs = std::filesystem;
 constexpr unsigned SPINS = 8;
 constexpr unsigned FALL_ASLEEP_US = 20;
 constexpr long SLEEP_NS = 1000000;
+constexpr int MISSES_MAX = 10;
 constexpr uint64_t WAKES_PER_MOMENT_MAX = 1000000;
 
 [[noreturn]] void fail(const std::string& what) {
@@ -117,6 +118,7 @@ void conductor::look_up(size_t index) {
         if (inner_tid(task.path()) != view.tid) continue;
         const fs::path state = task.path() / (says_where_ ? "wchan" : "stat");
         view.state.reset(open(state.c_str(), O_RDONLY | O_CLOEXEC));
+        view.misses = 0;
         return;
     }
     const int32_t pid = inner_tid("/proc/" + std::to_string(process_));
@@ -127,6 +129,7 @@ void conductor::look_up(size_t index) {
 void conductor::leave(size_t index) {
     page_->slots[index].state.store(DRIVEN_FREE);
     views_[index].tid = 0;
+    views_[index].misses = 0;
     views_[index].state.reset();
 }
 
@@ -134,6 +137,11 @@ void conductor::leave(size_t index) {
 bool conductor::is_asleep(size_t index) {
     const driven_slot& slot = page_->slots[index];
     if (views_[index].tid != slot.tid.load()) look_up(index);
+    // The list of threads may lack one that is there while another one goes: look again.
+    if (!views_[index].state) {
+        if (++views_[index].misses < MISSES_MAX) look_up(index);
+        if (!views_[index].state && views_[index].misses < MISSES_MAX) return false;
+    }
     char text[512];
     const ssize_t len = pread(views_[index].state.get(), text, sizeof text - 1, 0);
     if (len <= 0) {

@@ -70,6 +70,7 @@ class conductor {
         unique_fd state{};  // of the machine's /proc
         unique_fd alarm{};
         int32_t tid = 0;  // as the phone counts it; 0: nobody is in the slot
+        int misses = 0;   // looks at which it was not found
     };
 
     bool is_turn_free() const;
