@@ -52,6 +52,7 @@ bool kernel_says_where() {
     for (int look = 0; look < 100 && len <= 1; ++look) {
         usleep(1000);
         std::ifstream wchan("/proc/" + std::to_string(child) + "/wchan");
+        if (!wchan) break;
         wchan.read(text, sizeof text);
         len = wchan.gcount();
     }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -57,7 +58,12 @@ script_player::script_player(const std::string& dir, script lines,
       script_(std::move(lines)),
       put_(std::move(put)),
       send_signal_(std::move(send_signal)),
-      chance_(script_.seed) {}
+      chance_(script_.seed),
+      property_watch_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    const std::string properties = dir + "/dev/properties";
+    if (inotify_add_watch(property_watch_.get(), properties.c_str(), IN_MOVED_TO) < 0)
+        throw std::system_error(errno, std::generic_category(), properties);
+}
 
 std::string script_player::path(const std::string& seen_as) const {
     return dir_ + "/" + seen_as;
@@ -139,7 +145,23 @@ bool script_player::end_if_over() {
     return true;
 }
 
+// Each is a rename in their directory; whoever made it has waited since, so the value still stands.
+void script_player::note_property_writes() {
+    alignas(inotify_event) char events[4096];
+    ssize_t len = 0;
+    while ((len = read(property_watch_.get(), events, sizeof events)) > 0) {
+        for (ssize_t at = 0; at < len;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(events + at);
+            at += static_cast<ssize_t>(sizeof *event + event->len);
+            if (event->len == 0 || event->name[0] == '.') continue;
+            property_writes_.push_back(
+                transcript_property_write(dir_, event->name, clocks_->real_ns()));
+        }
+    }
+}
+
 bool script_player::serve() {
+    note_property_writes();
     if (modem_ && modem_->serve()) return true;
     if (play_due()) return true;
     const auto timer = modem_ ? modem_->next_timer() : std::nullopt;
@@ -245,5 +267,6 @@ void script_player::play(const script_line& line) try {
 }
 
 void script_player::snapshot() {
-    put_(transcript_of(dir_, &modem_lines_));
+    note_property_writes();
+    put_(transcript_of(dir_, modem_lines_, property_writes_));
 }

@@ -44,6 +44,7 @@ class script_player : public conductor_guest {
 
     int64_t first_ns(const script_line& line) const;
     void check_quiet();
+    void note_property_writes();
     bool play_due();
     bool end_if_over();
     void signal_daemon(int signo);
@@ -63,6 +64,8 @@ class script_player : public conductor_guest {
     std::vector<due_line> due_;
     std::mt19937_64 chance_;
     std::vector<std::string> modem_lines_;
+    std::vector<std::string> property_writes_;
+    unique_fd property_watch_;
     std::vector<unique_fd> told_;
     quiet_since quiet_{};
     int64_t told_to_stop_ns_ = DRIVEN_NEVER;

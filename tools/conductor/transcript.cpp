@@ -10,6 +10,7 @@
 #include <map>
 #include <sstream>
 
+#include "host/clock_course.h"
 #include "host/log_file.h"
 #include "input/printable_text.h"
 #include "vexa-inspect/record_formats.h"
@@ -128,9 +129,20 @@ std::string properties_text(const fs::path& dir) {
 
 }  // namespace
 
-std::string transcript_of(const std::string& dir, const std::vector<std::string>* modem_lines) {
+std::string transcript_of(const std::string& dir, const std::vector<std::string>& modem_lines,
+                          const std::vector<std::string>& property_writes) {
     std::string text = log_text(fs::path(dir) / "dev/log/main");
-    if (!modem_lines->empty()) text += "-- modem\n";
-    for (const std::string& line : *modem_lines) text += printable_text(line) + "\n";
-    return text + properties_text(dir) + files_text(dir);
+    if (!modem_lines.empty()) text += "-- modem\n";
+    for (const std::string& line : modem_lines) text += printable_text(line) + "\n";
+    text += properties_text(dir);
+    if (!property_writes.empty()) text += "-- property writes\n";
+    for (const std::string& line : property_writes) text += line + "\n";
+    return text + files_text(dir);
+}
+
+std::string transcript_property_write(const std::string& dir, const std::string& name,
+                                      int64_t real_ns) {
+    const auto sec = static_cast<uint32_t>(real_ns / NS_PER_S);
+    return time_text(sec, static_cast<uint32_t>(real_ns % NS_PER_S)) + " " + printable_text(name) +
+           "=" + printable_text(content_of(fs::path(dir) / "dev/properties" / name));
 }
