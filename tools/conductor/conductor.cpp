@@ -236,19 +236,25 @@ conductor::progress conductor::step(conductor_guest* guest) {
         give_turn(*ready, DRIVEN_READY);
         return progress::MOVED;
     }
-    if (guest->serve()) return progress::MOVED;
-    const int64_t now = boot_ns();
-    if (const auto due = choose(DRIVEN_WAITING, now)) {
-        give_turn(*due, DRIVEN_WAITING);
-        return progress::MOVED;
-    }
     if (!is_turn_free()) return progress::BUSY;  // the last thread went as it was looked at
-    const int64_t next = std::min(next_deadline_ns(), guest->next_ns());
-    if (next == DRIVEN_NEVER) return progress::STALLED;
-    page_->real_ns.store(real_ns() + (next - now));
-    page_->boot_ns.store(next);
-    wakes_at_move_ = wakes_;
-    return progress::MOVED;
+    return move_time(guest);
+}
+
+// Nobody runs, and nobody can until the guest has done something or a deadline has come.
+conductor::progress conductor::move_time(conductor_guest* guest) {
+    for (;;) {
+        if (guest->serve()) return progress::MOVED;
+        const int64_t now = boot_ns();
+        if (const auto due = choose(DRIVEN_WAITING, now)) {
+            give_turn(*due, DRIVEN_WAITING);
+            return progress::MOVED;
+        }
+        const int64_t next = std::min(next_deadline_ns(), guest->next_ns());
+        if (next == DRIVEN_NEVER) return progress::STALLED;
+        page_->real_ns.store(real_ns() + (next - now));
+        page_->boot_ns.store(next);
+        wakes_at_move_ = wakes_;
+    }
 }
 
 void conductor::wait_for_moves() {

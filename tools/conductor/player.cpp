@@ -268,5 +268,7 @@ void script_player::play(const script_line& line) try {
 
 void script_player::snapshot() {
     note_property_writes();
+    while (modem_ && modem_->serve()) {  // the last one comes after the daemon, which has hung up
+    }
     put_(transcript_of(dir_, modem_lines_, property_writes_));
 }
