@@ -66,11 +66,11 @@ std::string named(const char* const (&names)[N], size_t value) {
     return value < N ? names[value] : fmt::format("{}", value);
 }
 
-constexpr const char* charge_status_names[] = {"unknown", "charging", "discharging", "not charging",
+constexpr const char* CHARGE_STATUS_NAMES[] = {"unknown", "charging", "discharging", "not charging",
                                                "full"};
-constexpr const char* interface_names[] = {"none", "wlan", "rmnet", "r_rmnet"};
-constexpr const char* counter_set_names[] = {"background", "foreground"};
-constexpr const char* cpuset_names[] = {"foreground", "background", "top app", "other"};
+constexpr const char* INTERFACE_NAMES[] = {"none", "wlan", "rmnet", "r_rmnet"};
+constexpr const char* COUNTER_SET_NAMES[] = {"background", "foreground"};
+constexpr const char* CPUSET_NAMES[] = {"foreground", "background", "top app", "other"};
 
 std::vector<text_column> cpu_columns(size_t cpus) {
     std::vector<text_column> columns = {{"time", text_align::left}};
@@ -125,7 +125,7 @@ std::string battery_table(const timed_samples& samples) {
     for (const auto& [sample, time] : samples)
         rows.push_back({time, fmt::format("{:.1f}", sample->charge_counter_uah / 1000.0),
                         capacity_cell(sample->capacity_percent),
-                        named(charge_status_names, sample->charge_status),
+                        named(CHARGE_STATUS_NAMES, sample->charge_status),
                         brightness_cell(sample->brightness)});
     return "  Battery and backlight (of 255)\n" + text_table({{"time", text_align::left},
                                                               {"charge mAh"},
@@ -193,8 +193,8 @@ void add_traffic(const std::vector<cpu_record_network_entry>& entries,
 text_row traffic_row(const traffic& item) {
     const auto& [first, last] = item;
     return {fmt::format("{}", last.uid),
-            named(interface_names, last.interface_class),
-            named(counter_set_names, last.counter_set),
+            named(INTERFACE_NAMES, last.interface_class),
+            named(COUNTER_SET_NAMES, last.counter_set),
             fmt::format("{}", last.rx_bytes),
             fmt::format("{}", last.tx_bytes),
             fmt::format("+{}", last.rx_bytes - first.rx_bytes),
@@ -240,7 +240,7 @@ std::string process_table(const timed_samples& samples, size_t max) {
     for (size_t i = 0; i < std::min(max, processes.size()); i++)
         rows.push_back({process_load_cell(processes[i].load_x500),
                         text_printable(processes[i].name),
-                        named(cpuset_names, processes[i].cpuset_class)});
+                        named(CPUSET_NAMES, processes[i].cpuset_class)});
     return fmt::format(
                "  Highest loads of {} processes at {}, % of one CPU (last of {} process blocks)\n",
                processes.size(), last->time,

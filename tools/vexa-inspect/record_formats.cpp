@@ -17,13 +17,13 @@ namespace {
 
 constexpr size_t DATA_TYPE_OFFSET = 12;
 
-// Of formats whose tables are sized by what is in all of their rows.
+// Of FORMATS whose tables are sized by what is in all of their rows.
 template <std::string (*report)(const upload_file&, const report_options&)>
 void in_one_piece(const upload_file& file, const report_options& options, const text_sink& out) {
     out(report(file, options));
 }
 
-constexpr record_format formats[] = {
+constexpr record_format FORMATS[] = {
     {.client_id = 1,
      .rec_version = 4,
      .data_type = 1,
@@ -134,11 +134,11 @@ class held_head {
 }  // namespace
 
 std::span<const record_format> record_format_list() {
-    return formats;
+    return FORMATS;
 }
 
 const record_format* record_format_find(const upload_header& header) {
-    for (const auto& format : formats) {
+    for (const auto& format : FORMATS) {
         if (format.client_id != header.client_id || format.rec_version != header.rec_version)
             continue;
         if (format.data_type != header.data_type)

@@ -24,7 +24,7 @@ namespace {
 constexpr uint32_t REQUEST_TIMEOUT_MS = 10000;
 constexpr uint64_t INFO_LIMIT_MS = 10000;
 
-constinit modem_client the_link;
+constinit modem_client g_link;
 
 // ---- Calls
 
@@ -119,7 +119,7 @@ int32_t wait_for_load(pdc_call* call, const char* function, const stop_flag& sto
 template <class Request>
 modem_result send(uint16_t msg_id, const Request& request, modem_answer* answer,
                   const stop_flag& stop) {
-    return modem_client_send(&the_link, msg_id, &request, sizeof request, answer, sizeof *answer,
+    return modem_client_send(&g_link, msg_id, &request, sizeof request, answer, sizeof *answer,
                              REQUEST_TIMEOUT_MS, stop);
 }
 
@@ -174,7 +174,7 @@ int pdc_kbr_init(const stop_flag& stop) {
     pdc_kbr_clean();
     const kbr_service_object* service = pdc_service();
     if (!begin_session() || !is_idl_supported(service, __func__)) return -1;
-    if (modem_client_connect_patiently(&the_link, service, kbr_pdc_unsol_ind_cb, PATIENCE, stop) !=
+    if (modem_client_connect_patiently(&g_link, service, kbr_pdc_unsol_ind_cb, PATIENCE, stop) !=
         modem_result::OK)
         return -1;
     ALOGI("kbr_client_init succeeds for PDC");
@@ -182,9 +182,9 @@ int pdc_kbr_init(const stop_flag& stop) {
 }
 
 void pdc_kbr_clean() {
-    if (!modem_client_is_connected(&the_link)) return;
+    if (!modem_client_is_connected(&g_link)) return;
     ALOGI("Release client connection to PDC");
-    modem_client_release(&the_link);
+    modem_client_release(&g_link);
 }
 
 int pdc_get_config_info(const pdc_config_id& id, pdc_config_info* info, uint32_t config_type,

@@ -47,7 +47,7 @@ struct mps_collector {
 };
 
 // Consent went, perhaps for less time than the thread was in a call. Lives as long as the process.
-std::atomic<bool> consent_went{false};
+std::atomic<bool> g_consent_went{false};
 
 // ---- Start
 
@@ -311,7 +311,7 @@ next_turn wait_opted_out(mps_collector* c) {
 }
 
 next_turn run_turn(mps_collector* c) {
-    if (consent_went.exchange(false) || (!c->row->enabled && !c->opted_out)) lose_consent(c);
+    if (g_consent_went.exchange(false) || (!c->row->enabled && !c->opted_out)) lose_consent(c);
     if (c->stopped()) return next_turn::END;
     if (!c->row->enabled) return wait_opted_out(c);
     if (c->opted_out) regain_consent(c);
@@ -344,6 +344,6 @@ int mps_main(collector_info* collector) {
 }
 
 void mps_consent_changed(const collector_info& row) {
-    if (!row.enabled) consent_went = true;
+    if (!row.enabled) g_consent_went = true;
     mps_signal_collector();
 }

@@ -34,12 +34,12 @@ struct mps_client {
     mps_service_revision revision GUARDED_BY(mutex){};
 };
 
-mps_client the_client;
-constinit modem_client the_link;
+mps_client g_client;
+constinit modem_client g_link;
 
 bool is_initialised() {
-    const vexa_lock held(the_client.mutex);
-    return the_client.initialised;
+    const vexa_lock held(g_client.mutex);
+    return g_client.initialised;
 }
 
 // ---- Requests
@@ -53,11 +53,11 @@ template <class Response>
 modem_result ask(uint16_t msg_id, const void* request, size_t request_len, Response* response) {
     const stop_flag* stop = nullptr;
     {
-        const vexa_lock held(the_client.mutex);
-        stop = the_client.stop;
+        const vexa_lock held(g_client.mutex);
+        stop = g_client.stop;
     }
     if (!stop) return modem_result::GONE;
-    const modem_result sent = modem_client_send(&the_link, msg_id, request, request_len, response,
+    const modem_result sent = modem_client_send(&g_link, msg_id, request, request_len, response,
                                                 sizeof *response, REQUEST_TIMEOUT_MS, *stop);
     return modem_verdict(sent, response->answer);
 }
@@ -74,8 +74,8 @@ modem_result send_empty_request(uint16_t msg_id) {
 }
 
 void set_flag(bool mps_client::*flag, bool value) {
-    const vexa_lock held(the_client.mutex);
-    the_client.*flag = value;
+    const vexa_lock held(g_client.mutex);
+    g_client.*flag = value;
 }
 
 // ---- The start sequence
@@ -158,9 +158,9 @@ modem_result send_part(const start_sequence& sequence, mps_spec_kind kind, const
 }
 
 void note_lll_part(uint32_t ll_delay_s) {
-    const vexa_lock held(the_client.mutex);
-    the_client.lll_present = true;
-    the_client.ll_delay_s = ll_delay_s;
+    const vexa_lock held(g_client.mutex);
+    g_client.lll_present = true;
+    g_client.ll_delay_s = ll_delay_s;
 }
 
 // Sends a spec in pieces.
@@ -199,8 +199,8 @@ modem_result mps_kbr_send_start_req() {
 void raise_event(uint32_t event) {
     mps_kbr_callback callback = nullptr;
     {
-        const vexa_lock held(the_client.mutex);
-        callback = the_client.callback;
+        const vexa_lock held(g_client.mutex);
+        callback = g_client.callback;
     }
     if (callback) callback(event);
 }
@@ -213,20 +213,20 @@ modem_result mps_kbr_init(const stop_flag& stop) {
         ALOGE("%s: service_obj is NULL\n", __func__);
         return modem_result::NO_SERVICE;
     }
-    const modem_result result = modem_client_connect(&the_link, service, mps_kbr_ind_cb, stop);
+    const modem_result result = modem_client_connect(&g_link, service, mps_kbr_ind_cb, stop);
     if (result != modem_result::OK)
         ALOGE("%s: failed to init kbr. err:%d", __func__, modem_result_number(result));
-    const vexa_lock held(the_client.mutex);
+    const vexa_lock held(g_client.mutex);
     // Stopped, it may have been released before it came to be: it must not be there afterwards.
     if (stop_flag_is_raised(stop)) return modem_result::GONE;
-    the_client.stop = &stop;
-    the_client.initialised = true;  // also after a failure: deliberate
+    g_client.stop = &stop;
+    g_client.initialised = true;  // also after a failure: deliberate
     return result;
 }
 
 void mps_kbr_register_cb(mps_kbr_callback callback) {
-    const vexa_lock held(the_client.mutex);
-    the_client.callback = callback;
+    const vexa_lock held(g_client.mutex);
+    g_client.callback = callback;
 }
 
 modem_result mps_kbr_get_service_rev(uint32_t* major, uint32_t* minor) {
@@ -247,14 +247,14 @@ modem_result mps_kbr_get_service_rev(uint32_t* major, uint32_t* minor) {
     *major = response.major;
     *minor = response.minor;
     ALOGI("major version: %d. minor version: %d\n", response.major, response.minor);
-    const vexa_lock held(the_client.mutex);
-    the_client.revision = {.major = response.major, .minor = response.minor};
+    const vexa_lock held(g_client.mutex);
+    g_client.revision = {.major = response.major, .minor = response.minor};
     return result;
 }
 
 mps_service_revision mps_kbr_service_revision() {
-    const vexa_lock held(the_client.mutex);
-    return the_client.revision;
+    const vexa_lock held(g_client.mutex);
+    return g_client.revision;
 }
 
 modem_result mps_kbr_init_mpss_bsi(const MpsCampaign* record, uint32_t subscription_id,
@@ -314,8 +314,8 @@ modem_result mps_kbr_stop_flush_bsi() {
 modem_result mps_kbr_fetch_results() {
     mps_data_request request;
     {
-        const vexa_lock held(the_client.mutex);
-        request.sequence = the_client.data_sequence++;
+        const vexa_lock held(g_client.mutex);
+        request.sequence = g_client.data_sequence++;
     }
     const modem_result result = send_request(MPS_DATA_REQUEST, request);
     if (result != modem_result::OK)
@@ -324,8 +324,8 @@ modem_result mps_kbr_fetch_results() {
 }
 
 bool mps_kbr_is_lll_collected() {
-    const vexa_lock held(the_client.mutex);
-    return the_client.collection_started && the_client.lll_present;
+    const vexa_lock held(g_client.mutex);
+    return g_client.collection_started && g_client.lll_present;
 }
 
 bool mps_kbr_send_lll_start_req() {
@@ -345,18 +345,18 @@ bool mps_kbr_send_lll_stop_req() {
 }
 
 uint32_t mps_kbr_get_lll_delayt_timer_secs() {
-    const vexa_lock held(the_client.mutex);
-    return the_client.ll_delay_s;
+    const vexa_lock held(g_client.mutex);
+    return g_client.ll_delay_s;
 }
 
 void mps_kbr_client_release() {
     {
-        const vexa_lock held(the_client.mutex);
-        if (!the_client.initialised) ALOGE("VEXA KBR Instance Un-Initialized");
-        the_client.initialised = false;
-        the_client.stop = nullptr;
+        const vexa_lock held(g_client.mutex);
+        if (!g_client.initialised) ALOGE("VEXA KBR Instance Un-Initialized");
+        g_client.initialised = false;
+        g_client.stop = nullptr;
     }
-    modem_client_release(&the_link);
+    modem_client_release(&g_link);
 }
 
 void mps_kbr_ind_cb(kbr_client* client, uint32_t msg_id, void* buf, uint32_t len, void*) {

@@ -17,13 +17,13 @@ namespace {
 constexpr int64_t PAUSE_MS = 1000;
 
 // Both live as long as the process: a signal may come at any time.
-std::atomic<int> wake_fd{-1};
-std::atomic<bool> is_signalled{false};
+std::atomic<int> g_wake_fd{-1};
+std::atomic<bool> g_is_signalled{false};
 static_assert(std::atomic<bool>::is_always_lock_free);
 
 // Only marks the alarm due: a signal may come in any thread, whatever that holds.
 void note_sigalrm(int) {
-    is_signalled = true;
+    g_is_signalled = true;
     aost_wake();
 }
 
@@ -34,7 +34,7 @@ int64_t now_ms() {
 // An alarm is due once, whether its time has come or somebody sent the signal.
 bool clear_due_alarm() {
     const bool is_late = g_aost.alarm_due_ms != AOST_NO_ALARM && now_ms() >= g_aost.alarm_due_ms;
-    if (!is_signalled.exchange(false) && !is_late) return false;
+    if (!g_is_signalled.exchange(false) && !is_late) return false;
     g_aost.alarm_due_ms = AOST_NO_ALARM;
     return true;
 }
@@ -62,18 +62,18 @@ bool drop_stored_data() {
 
 void aost_wake() {
     const int saved_errno = errno;
-    if (wake_fd >= 0) (void)eventfd_write(wake_fd, 1);
+    if (g_wake_fd >= 0) (void)eventfd_write(g_wake_fd, 1);
     errno = saved_errno;
 }
 
 bool aost_alarm_install() {
-    is_signalled = false;
-    if (wake_fd < 0) wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    g_is_signalled = false;
+    if (g_wake_fd < 0) g_wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     struct sigaction action = {};
     action.sa_handler = note_sigalrm;
     action.sa_flags = SA_RESTART;  // nobody else has to notice
     sigemptyset(&action.sa_mask);
-    if (wake_fd >= 0 && sigaction(SIGALRM, &action, nullptr) == 0) return true;
+    if (g_wake_fd >= 0 && sigaction(SIGALRM, &action, nullptr) == 0) return true;
     ALOGE("[Error] Failed to set handler for SIGALRM\n");
     return false;
 }
@@ -102,13 +102,13 @@ void aost_imsa_sig_alarm_hdlr(int signo) {
 }
 
 bool aost_wait_once(collector_info* row, int64_t limit_ms) {
-    pollfd wake{.fd = wake_fd, .events = POLLIN, .revents = 0};
+    pollfd wake{.fd = g_wake_fd, .events = POLLIN, .revents = 0};
     const int ready = vexastats_poll(&wake, 1, shorter_ms(limit_ms, alarm_wait_ms()), row->stop);
     if (ready == -EINTR) return false;
     if (ready < 0) return vexastats_sleep_ms(PAUSE_MS, row->stop);
     if (ready > 0) {
         eventfd_t ignored = 0;
-        (void)eventfd_read(wake_fd, &ignored);
+        (void)eventfd_read(g_wake_fd, &ignored);
     }
     if (clear_due_alarm()) aost_imsa_sig_alarm_hdlr(SIGALRM);
     return !stop_flag_is_raised(row->stop);
