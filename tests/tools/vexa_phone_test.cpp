@@ -166,13 +166,14 @@ TEST_F(VexaPhone, CommandOfRootChangesNothingOfTheMachine) {
 
 TEST_F(VexaPhone, CommandWritesWhereItsCallerLetsIt) {
     const std::string here = fs::current_path();
-    const std::string touch = "touch .vexa_phone_test && rm .vexa_phone_test";
+    const std::string touch = "touch .vexa_phone_test.$$ && rm .vexa_phone_test.$$";
     EXPECT_EQ(run_script("cd /tmp && " + touch), 0) << output();
     EXPECT_EQ(run_script("cd " + here + " && " + touch, {"--writable", here}), 0) << output();
 }
 
 // A neighbour who may write into the tree puts a link in the place of a part of it.
 TEST_F(VexaPhone, TreeWithALinkForAPartIsRefused) {
+    const std::string said = phone_.dir().string() + ".said";
     for (const char* part : {"data", "dev", "dev/properties", "dev/socket/kbr", "mnt/vendor", ""}) {
         const fs::path path = part[0] == '\0' ? phone_.dir() : phone_.dir() / part;
         const fs::path aside = phone_.dir().string() + ".aside";
@@ -181,16 +182,16 @@ TEST_F(VexaPhone, TreeWithALinkForAPartIsRefused) {
         for (const std::vector<std::string>& words :
              {phone_.run({"true"}, {"--property", "a=1"}),
               std::vector<std::string>{program("vexa-modem"), phone_.dir().string() + "/"}}) {
-            child_process run(words, "/tmp/.vexa_phone_test");
+            child_process run(words, said);
             EXPECT_EQ(run.wait(), 1) << words[0] << ' ' << part;
-            EXPECT_THAT(read_file("/tmp/.vexa_phone_test").value_or(""),
+            EXPECT_THAT(read_file(said).value_or(""),
                         HasSubstr(path.string() + " is a symbolic link"));
         }
         EXPECT_FALSE(fs::exists(aside / "a")) << "a property was written through the link";
         fs::remove(path);
         fs::rename(aside, path);
     }
-    fs::remove("/tmp/.vexa_phone_test");
+    fs::remove(said);
 }
 
 // Whoever has a terminal can type into it what the caller's shell will run.
