@@ -40,6 +40,13 @@ std::string time_text(uint32_t sec, uint32_t nsec) {
     return text;
 }
 
+// A text of the daemon's own may name its thread, whose number is the machine's affair.
+void hide_thread_id(uint32_t tid, std::string* text) {
+    const std::string shown = "tid=" + std::to_string(tid);
+    const size_t at = text->find(shown);
+    if (at != std::string::npos) text->replace(at, shown.size(), "tid=*");
+}
+
 // Threads by the order of their first entries, each with its own.
 std::string log_text(const fs::path& path) {
     const std::string bytes = content_of(path);
@@ -57,6 +64,7 @@ std::string log_text(const fs::path& path) {
         std::string text(message,
                          strnlen(message, static_cast<size_t>(bytes.data() + end - message)));
         if (text.ends_with('\n')) text.pop_back();
+        hide_thread_id(header.tid, &text);
         const auto [thread, is_new] = threads.try_emplace(
             std::pair(int32_t{header.pid}, uint32_t{header.tid}), threads.size());
         if (is_new) texts.emplace_back();
