@@ -99,12 +99,13 @@ int sample_result_number(sample_result result) {
 
 bool sampling_begin_record(sampling_collector* c) {
     c->started_early = vexastats_uptime_ms() < EARLY_START_MS;
-    vexastats_wait_optin(c->row);
-    while (c->row->enabled && !begin_record(c)) {
-        if (!pause_for_storage(c)) return false;
+    for (;;) {
         vexastats_wait_optin(c->row);
+        if (!c->row->enabled) return false;
+        // Consent that goes meanwhile is waited for again before the first sample.
+        if (begin_record(c)) return true;
+        if (!pause_for_storage(c)) return false;
     }
-    return c->row->enabled;
 }
 
 void sampling_load_params(sampling_collector* c) {
