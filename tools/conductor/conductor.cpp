@@ -29,6 +29,7 @@ constexpr unsigned SPINS = 8;
 constexpr unsigned FALL_ASLEEP_US = 20;
 constexpr long SLEEP_NS = 1000000;
 constexpr int MISSES_MAX = 10;
+constexpr unsigned IMPATIENCE_MAX = 50000;
 constexpr uint64_t WAKES_PER_MOMENT_MAX = 1000000;
 
 [[noreturn]] void fail(const std::string& what) {
@@ -127,6 +128,12 @@ void conductor::look_up(size_t index) {
         throw std::runtime_error("only the command itself can be driven, not what it starts");
 }
 
+// The kernel may keep to itself where the daemon's threads sleep, though not where a child does.
+void conductor::ask_stat_instead() {
+    says_where_ = false;
+    for (thread_view& view : views_) view.tid = 0;
+}
+
 void conductor::leave(size_t index) {
     page_->slots[index].state.store(DRIVEN_FREE);
     views_[index].tid = 0;
@@ -181,6 +188,7 @@ bool conductor::settles() {
         if (falls_asleep_) return false;
     }
     looked_at_ = 0;
+    impatience_ = 0;
     return true;
 }
 
@@ -261,6 +269,7 @@ void conductor::wait_for_moves() {
     if (falls_asleep_) {  // that takes no longer than the call which it is about to make
         falls_asleep_ = false;
         if (++impatience_ % SPINS == 0) usleep(FALL_ASLEEP_US);
+        if (says_where_ && impatience_ > IMPATIENCE_MAX) ask_stat_instead();
         return;
     }
     for (unsigned i = 0; i < 100 * SPINS; ++i) {

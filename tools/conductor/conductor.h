@@ -78,6 +78,7 @@ class conductor {
     bool is_asleep(size_t index);
     void look_up(size_t index);
     void leave(size_t index);
+    void ask_stat_instead();
     progress move_time(conductor_guest* guest);
     void give_turn(size_t index, uint32_t from);
     std::optional<size_t> choose(uint32_t state, int64_t due_ns);
