@@ -5,10 +5,10 @@
 #include <dirent.h>
 #include <errno.h>
 #include <limits.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 
+#include "base/path.h"
 #include "base/unique_handle.h"
 #include "campaign/campaign_table.h"
 #include "framework/files/whole_file.h"
@@ -18,7 +18,7 @@ namespace {
 
 void load_stored_campaign(const char* name, campaign_table* table) {
     char path[PATH_MAX];
-    snprintf(path, sizeof path, "%s/%s", CAMPAIGN_DIR, name);
+    if (!path_join(path, CAMPAIGN_DIR, name)) return;
     ALOGI("%s OPening file %s", "campaign_mgr_load_campaigns_from_storage", path);
     owned_bytes stored;
     if (vexastats_read_file(path, "campaign_mgr_load_campaigns_from_storage", &stored) != 0) return;

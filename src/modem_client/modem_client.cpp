@@ -180,7 +180,7 @@ modem_result modem_client_connect_patiently(modem_client* client, const kbr_serv
         if (attempt > 0 && patience.note_retry) patience.note_retry(attempt);
         result = modem_client_connect(client, service, indication_cb, stop);
         if (result == modem_result::OK) return result;
-        patience.note_failure(result, attempt);
+        if (patience.note_failure) patience.note_failure(result, attempt);
         const bool is_last = attempt == patience.attempts - 1;
         if (!is_last || patience.pauses_after_last) vexastats_sleep_ms(patience.pause_ms, stop);
     }

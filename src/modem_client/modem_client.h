@@ -75,8 +75,9 @@ struct modem_patience {
     int attempts = 1;
     int64_t pause_ms = 0;  // after a failed attempt
     bool pauses_after_last = false;
+    // Both may be null.
     void (*note_failure)(modem_result result, int attempt) = nullptr;
-    void (*note_retry)(int attempt) = nullptr;  // before each attempt but the first; may be null
+    void (*note_retry)(int attempt) = nullptr;  // before each attempt but the first
 };
 
 // The same, in several attempts, until `stop` is raised. Returns the last attempt's result.

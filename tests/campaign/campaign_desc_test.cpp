@@ -14,19 +14,12 @@
 #include "support/files.h"
 #include "support/gzip.h"
 #include "support/log.h"
+#include "support/owned_text.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-const uint8_t* raw(const std::string& bytes) {
-    return reinterpret_cast<const uint8_t*>(bytes.data());
-}
-
-std::string text(const owned_bytes& block) {
-    return {reinterpret_cast<const char*>(block.bytes.get()), block.length};
-}
 
 // A campaign as libprotobuf writes it.
 std::string written(uint32_t module, uint64_t id, uint32_t expiry_type = 2, uint32_t networks = 0,

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "base/open_file.h"
+#include "base/path.h"
 #include "base/text_cursor.h"
 #include "base/unique_handle.h"
 #include "framework/row/debug_build.h"
@@ -58,9 +59,7 @@ bool is_regular_file(int dir_fd, const char* name) {
 
 struct entry_path {
     char text[PATH_MAX];
-    entry_path(const char* directory, const char* name) {
-        snprintf(text, sizeof text, "%s/%s", directory, name);
-    }
+    entry_path(const char* directory, const char* name) { (void)path_join(text, directory, name); }
 };
 
 void handle_status_file(const char* name, const char* path, bool is_said, dload_look* look) {

@@ -16,6 +16,7 @@
 
 #include "base/open_file.h"
 #include "base/owned_bytes.h"
+#include "base/path.h"
 #include "base/unique_handle.h"
 #include "collectors/mps/mps_kbr.h"
 #include "framework/files/whole_file.h"
@@ -166,7 +167,7 @@ void add_mark(mps_file_marks* marks, const file_mark& file) {
 
 struct data_path {
     char text[sizeof DATA_DIR + 1 + NAME_MAX];
-    explicit data_path(const char* name) { snprintf(text, sizeof text, "%s/%s", DATA_DIR, name); }
+    explicit data_path(const char* name) { (void)path_join(text, DATA_DIR, name); }
 };
 
 // An entry of the shared directory, which others may write to.

@@ -19,7 +19,7 @@ namespace {
 constexpr char COLLECTOR[] = "aost_collector";
 constexpr char LOCAL_FILE[] = "/data/vendor/vexastats/3/.aoststats.cfg";
 constexpr char DOWNLOADED_FILE[] = "/data/vendor/vexa/down/3/aoststats.cfg";
-constexpr uint64_t PARAMS_LIFE_MS = 432000000;
+constexpr uint64_t PARAMS_LIFE_MS = days_ms(5);
 
 struct aost_values {
     int64_t client_id = 0;

@@ -6,19 +6,12 @@
 
 #include "support/gzip.h"
 #include "support/log.h"
+#include "support/owned_text.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-const uint8_t* raw(const std::string& bytes) {
-    return reinterpret_cast<const uint8_t*>(bytes.data());
-}
-
-std::string text(const owned_bytes& block) {
-    return {reinterpret_cast<const char*>(block.bytes.get()), block.length};
-}
 
 TEST(MpsCampaignDesc, HandWrittenModemCampaignIsRead) {
     const std::string logic = bytes(
