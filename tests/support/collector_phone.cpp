@@ -92,7 +92,9 @@ void collector_phone::make_row() {
 }
 
 fs::path collector_phone::own(const std::string& name) const {
-    return fs::path("/data/vendor/vexastats") / std::to_string(table_row_.hdr.client_id) / name;
+    const fs::path dir =
+        fs::path("/data/vendor/vexastats") / std::to_string(table_row_.hdr.client_id);
+    return name.empty() ? dir : dir / name;
 }
 
 void collector_phone::write(const fs::path& path, const std::string& text) {
