@@ -67,7 +67,8 @@ struct Sampling : testing::TestWithParam<uint32_t>, sampled_phone {
                " silent=" + std::to_string(row->no_supported_kernel);
     }
     std::string config(const std::string& values, int size = 65536) const {
-        return "clientid=" + std::to_string(GetParam()) + ";size=" + std::to_string(size) + ";" + values + "\n";
+        return "clientid=" + std::to_string(GetParam()) + ";size=" + std::to_string(size) + ";" +
+               values + "\n";
     }
     std::string saved(const std::string& values) const {
         return line("#@_collector config file. Version: 1.2") + config(values);
@@ -94,8 +95,8 @@ INSTANTIATE_TEST_SUITE_P(Both, Sampling, BOTH, name_of);
 TEST_P(Sampling, StartAsksForItsConfigurationAndAStopEndsTheWaitForAChange) {
     row->notify = 1;
     start();
-    EXPECT_EQ(requests(), line(std::to_string(GetParam()) + "-1.1-@stats.cfg.req\nclientID=" +
-                               std::to_string(GetParam()) +
+    EXPECT_EQ(requests(), line(std::to_string(GetParam()) +
+                               "-1.1-@stats.cfg.req\nclientID=" + std::to_string(GetParam()) +
                                "\nversion=1.1\nkey=@stats.cfg\nrequestType=1\n"
                                "requestTimer=31536000\nconnType=1\nconnTimer=360"));
     pass(days_ms(30));
@@ -108,8 +109,8 @@ TEST_P(Sampling, StartAsksForItsConfigurationAndAStopEndsTheWaitForAChange) {
 }
 
 TEST_P(Sampling, StartGoesOnWithoutItsConfigurationAndNotWithoutANotifier) {
-    const std::string request = std::string(row->down_dir) + line("/" + std::to_string(GetParam()) +
-                                                                  "-1.1-@stats.cfg.req");
+    const std::string request =
+        std::string(row->down_dir) + line("/" + std::to_string(GetParam()) + "-1.1-@stats.cfg.req");
     fs::create_directories(request.substr(0, request.size() - 1));
     fs::create_directories(row->cfg_file);
     start();
@@ -124,20 +125,22 @@ TEST_P(Sampling, StartGoesOnWithoutItsConfigurationAndNotWithoutANotifier) {
     start();
     EXPECT_TRUE(ended());
     EXPECT_TRUE(stop_flag_is_raised(row->stop));
-    const std::string failure =
-        is_gpu() ? "E vexastatsd: failed inotify_init err:24\n" : "E vexastatsd: failed inotify_init. err:24\n";
+    const std::string failure = is_gpu() ? "E vexastatsd: failed inotify_init err:24\n"
+                                         : "E vexastatsd: failed inotify_init. err:24\n";
     EXPECT_TRUE(log().ends_with(failure));
     g_no_notifier = false;
 }
 
 // A kernel was found silent: that is forgotten in the first two minutes after a boot only.
 TEST_P(Sampling, SilentKernelGetsAnotherChanceInTheFirstTwoMinutes) {
-    const std::string known = config("interval=500;threshold=300000;notify=1;no_supported_kernel=1");
+    const std::string known =
+        config("interval=500;threshold=300000;notify=1;no_supported_kernel=1");
     for (const bool early : {true, false}) {
         platform_test_set_boot_ms(early ? 119999 : 120000);
         write(row->cfg_file, known);
         start();
-        EXPECT_EQ(settings(), early ? "interval=500 notify=1 silent=0" : "interval=60000 notify=0 silent=1");
+        EXPECT_EQ(settings(),
+                  early ? "interval=500 notify=1 silent=0" : "interval=60000 notify=0 silent=1");
         EXPECT_EQ(cfg() == known, !early) << cfg();
         sleep_before_sample();
         EXPECT_EQ(stamps(), early ? "" : is_gpu() ? "1800" : "1200");
@@ -157,14 +160,16 @@ TEST_P(Sampling, KernelThatReportsNothingForFiveMinutesIsSampledPeriodicallyForG
     EXPECT_EQ(log() + settings(), line("I vexastatsd: @_monitor: inotify timed out. Disable it.") +
                                       "interval=60000 notify=0 silent=1");
     const std::string threshold = std::to_string(row->threshold);
-    EXPECT_EQ(cfg(), saved("interval=500;threshold=" + threshold + ";notify=1;no_supported_kernel=1"));
+    EXPECT_EQ(cfg(),
+              saved("interval=500;threshold=" + threshold + ";notify=1;no_supported_kernel=1"));
     sleep_before_sample();
     pass(60000);
     EXPECT_EQ(stamps(), is_gpu() ? "4600 5200" : "4000 4600");
 
     // The next load is of a file that could not keep what was found.
     const std::string known = ";threshold=" + threshold + ";notify=1;no_supported_kernel=1";
-    write(row->cfg_file, config("interval=400;threshold=" + threshold + ";notify=1;no_supported_kernel=0"));
+    write(row->cfg_file,
+          config("interval=400;threshold=" + threshold + ";notify=1;no_supported_kernel=0"));
     pass(days_ms(5));
     pass(60000);
     EXPECT_EQ(cfg(), saved("interval=400" + known));
@@ -184,7 +189,8 @@ TEST_P(Sampling, ParametersAreLoadedAgainOnceMoreThanFiveDaysArePast) {
     row->notify = 0;
     row->interval = 60000;
     start();
-    write(row->dl_cfg_file, config("interval=60000;threshold=0;notify=0;no_supported_kernel=0", 4242));
+    write(row->dl_cfg_file,
+          config("interval=60000;threshold=0;notify=0;no_supported_kernel=0", 4242));
     pass(60000);
     pass(days_ms(5) - 60000);
     EXPECT_EQ(row->size, 65536);
@@ -201,7 +207,8 @@ TEST_P(Sampling, ThreeFailuresOfASourceInARowEndItAndAGoodSampleStartsAfresh) {
     start();
     const auto fail = [this] {
         remove(load_file());
-        for (int i = 0; i < 3 && log().find("failed to prepare") == std::string::npos; ++i) pass(1000);
+        for (int i = 0; i < 3 && log().find("failed to prepare") == std::string::npos; ++i)
+            pass(1000);
     };
     fail();
     fail();
@@ -251,11 +258,19 @@ TEST_P(Sampling, StorageThatFailsIsTriedAgainLaterAndLaterUntilItIsWell) {
     } cases[] = {
         {"beginning", [this] { write(own(), ""); }, {}, [this] { remove(own()); }, no_record, 1000},
         {"hand-over", {}, forbid, allow, no_sample, 1000},
-        {"append", [] { limit_file_size(100); }, {}, [] { limit_file_size(RLIM_INFINITY); }, no_sample,
+        {"append",
+         [] { limit_file_size(100); },
+         {},
+         [] { limit_file_size(RLIM_INFINITY); },
+         no_sample,
          1000},
         // The hand-over that fails before has cost the first pause.
-        {"opening again", {}, [&] { fs::permissions(own(record_name()), perms::owner_read), forbid(); },
-         [&] { allow(), fs::permissions(own(record_name()), perms::owner_all); }, no_record, 2000},
+        {"opening again",
+         {},
+         [&] { fs::permissions(own(record_name()), perms::owner_read), forbid(); },
+         [&] { allow(), fs::permissions(own(record_name()), perms::owner_all); },
+         no_record,
+         2000},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);

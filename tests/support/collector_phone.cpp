@@ -150,7 +150,7 @@ void collector_phone::join() {
     while (!ended() && std::chrono::steady_clock::now() < limit)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     EXPECT_TRUE(ended()) << log();
-    stop();
+    if (ended()) thread_.join();
 }
 
 void collector_phone::renew() {
