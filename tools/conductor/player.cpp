@@ -254,6 +254,7 @@ const std::map<std::string, script_player::action> script_player::ACTIONS = {
     {"campaign", [](auto& p, auto& l) { p.deliver(CAMPAIGN_FILE, campaign_bytes(p.text_of(l))); }},
     {"remove", [](auto& p, auto& l) { fs::remove_all(p.path(l.words[0])); }},
     {"rename", [](auto& p, auto& l) { fs::rename(p.path(l.words[0]), p.path(l.words[1])); }},
+    {"link", [](auto& p, auto& l) { fs::create_symlink(l.words[0], p.path(l.words[1])); }},
     {"chmod", [](auto& p, auto& l) { fs::permissions(p.path(l.words[1]), mode_of(l.words[0])); }},
     {"mkdir", [](auto& p, auto& l) { fs::create_directories(p.path(l.words[0])); }},
     {"optin", [](auto& p, auto& l) { fs::create_directories(p.path(UP_DIR + l.words[0])); }},
