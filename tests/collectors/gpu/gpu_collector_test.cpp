@@ -109,9 +109,9 @@ TEST_F(GpuCollector, LoopSleepsBeforeEverySampleAndEndsOnceItIsIdleTwiceInARow) 
 }
 
 TEST_F(GpuCollector, ConsentThatGoesInASleepEndsTheLoopWithoutASample) {
-    row->thread_func = [](collector_info* row) {
+    row->thread_func = [](collector_info* of) {
         gpu_stats stats;
-        sampling_collector no_record{.row = row};
+        sampling_collector no_record{.row = of};
         return sample_result_number(poll_gpu_stats(&stats, &no_record));
     };
     start();
