@@ -44,31 +44,21 @@ TEST_F(CpuCollector, SamplesStandInTheRecordByteForByte) {
                {"/proc/4242/status", "Uid:\t10131\t1\t1\t1\n"},
                {"/proc/4243/cpuset", "/\n"},
                {"/sys/class/thermal/thermal_zone0/temp", "45000\n"},
-               {"/sys/class/thermal/thermal_zone0/type", "a\n"}});
-    const std::string times = "01000000020000000300000004000000050000000600000007000000";
-    const std::string cores = "02000000" + times + times + "e093040020a10700";
-    const std::string power =
-        "d0f1d9ff"
-        "9a66"
-        "0100"
-        "6100"
-        "c8af0000";
+               {"/sys/class/thermal/thermal_zone0/type", "a\n"},
+               {"/proc/stat", "cpu 9\ncpu0 1 2 3 4 5 6 7\ncpu1 8 9 10 11 12 13 4294967295\n"}});
+    const std::string values = bytes(
+        "02000000 01000000 02000000 03000000 04000000 05000000 06000000 07000000"
+        "08000000 09000000 0a000000 0b000000 0c000000 0d000000 ffffffff e0930400 20a10700"
+        "d0f1d9ff 9a66 0100 6100 c8af0000");
     start();
     setenv("TZ", "NPT-5:45", 1);
     tzset();
     pass(10000);
     EXPECT_EQ(log(), "D vexastatsd: prepare_cpu_stats: timezone changed 345\n");
-    EXPECT_EQ(hex(record()), "50c30000" + cores + power +
-                                 "0100"
-                                 "019327010500000006000000"
-                                 "0000" +
-                                 "b4c300805901" + cores + power +
-                                 "0000"
-                                 "0100" +
-                                 hex(std::string("org.example.browser", 20)) +
-                                 "0000"
-                                 "02" +
-                                 std::string(96, '0'));
+    EXPECT_EQ(hex(record()),
+              hex(bytes("50c30000") + values + bytes("0100 01932701 05000000 06000000 0000") +
+                  bytes("b4c30080 5901") + values + bytes("0000 0100") +
+                  std::string("org.example.browser\0\0\0\2", 23) + std::string(48, '\0')));
 }
 
 TEST_F(CpuCollector, LoadIsTicksPerScanAndAScanNeedsMoreThanTenSeconds) {
