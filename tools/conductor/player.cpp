@@ -12,6 +12,7 @@
 #include <sstream>
 #include <utility>
 
+#include "host/log_file.h"
 #include "phone/phone_tree.h"
 #include "vexa-campaign/campaign_text.h"
 #include "vexa-campaign/phone_control.h"
@@ -230,6 +231,19 @@ void script_player::set_clock(const std::string& spec) {
     clocks_->set_real_ns(*clock->real_ns);
 }
 
+// An entry of somebody else's, at level I.
+void script_player::append_log(const std::string& buffer, const std::string& tag,
+                               const std::string& message) {
+    constexpr char INFO = 4;
+    const std::string payload = INFO + tag + '\0' + message + '\0';
+    const log_entry_header header{.payload_len = static_cast<uint16_t>(payload.size()),
+                                  .sec = static_cast<uint32_t>(clocks_->real_ns() / NS_PER_S),
+                                  .nsec = static_cast<uint32_t>(clocks_->real_ns() % NS_PER_S)};
+    std::ofstream log(path("dev/log/" + buffer), std::ios::binary | std::ios::app);
+    log << std::string(reinterpret_cast<const char*>(&header), sizeof header) + payload;
+    if (!log.flush()) throw std::invalid_argument("cannot write log " + buffer);
+}
+
 // The text of a line, or with "< FILE" that file's content.
 std::string script_player::text_of(const script_line& line) const {
     if (!line.text.starts_with("< ")) return line.text;
@@ -266,6 +280,7 @@ const std::map<std::string, script_player::action> script_player::ACTIONS = {
      }},
     {"tell", [](auto& p, auto& l) { p.tell_phone(l.text); }},
     {"clock", [](auto& p, auto& l) { p.set_clock(l.text); }},
+    {"log", [](auto& p, auto& l) { p.append_log(l.words[0], l.words[1], l.text); }},
     {"property", [](auto& p, auto& l) { phone_set_property(p.dir_, l.words[0], l.text); }},
     {"snapshot", [](auto& p, auto&) { p.snapshot(); }},
     {"signal", [](auto& p, auto& l) { p.signal_daemon(signal_number(l.words[0])); }},

@@ -59,6 +59,7 @@ class script_player : public conductor_guest {
     void start_modem();
     void tell_phone(const std::string& what);
     void set_clock(const std::string& spec);
+    void append_log(const std::string& buffer, const std::string& tag, const std::string& message);
     std::string text_of(const script_line& line) const;
 
     std::string dir_;

@@ -23,7 +23,7 @@ constexpr action_form ACTIONS[] = {
     {"optin", 1, false},        {"optout", 1, false}, {"modem", 0, true},   {"signal", 1, false},
     {"property", 1, true},      {"tell", 0, true},    {"clock", 0, true},   {"snapshot", 0, false},
     {"expect-quiet", 0, false}, {"rename", 2, false}, {"chmod", 2, false},  {"campaign", 0, true},
-    {"link", 2, false},
+    {"link", 2, false},         {"log", 2, true},
 };
 
 std::optional<int64_t> parse_number(const char** at, const char* end) {
