@@ -51,8 +51,11 @@ struct record_phone {
         return handle.file != nullptr;
     }
     size_t append(std::string_view data, uint32_t flags = 0) {
-        write_req req{
-            .row = &row, .handle = &handle, .data = data.data(), .len = data.size(), .flags = flags};
+        write_req req{.row = &row,
+                      .handle = &handle,
+                      .data = data.data(),
+                      .len = data.size(),
+                      .flags = flags};
         const size_t count = vexastats_write_file(&req);
         rolled_over = req.rolled_over != 0;
         return count;
