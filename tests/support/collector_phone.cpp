@@ -10,14 +10,12 @@
 #include <fstream>
 
 #include "core/collectors.h"
-#include "support/gzip.h"
+#include "support/dropbox.h"
+#include "support/log.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr size_t HEADER_LEN = 53;
-constexpr size_t LONGEST_HEX = 100;  // of a payload, in bytes
 
 const collector_info& row_of(uint32_t client_id) {
     for (int32_t i = 0; i < g_collector_count; ++i)
@@ -50,20 +48,6 @@ collector_info copy_of(const collector_info& r) {
             .sig_handler = r.sig_handler,
             .state = r.state,
             .consent_handler = r.consent_handler};
-}
-
-bool is_text(const std::string& bytes) {
-    return std::all_of(bytes.begin(), bytes.end(), [](unsigned char c) {
-        return c == '\n' || c == '\t' || (c >= ' ' && c < 127);
-    });
-}
-
-std::string abridged(const std::string& payload) {
-    const std::string size = " (" + std::to_string(payload.size()) + " bytes)";
-    if (!is_text(payload))
-        return hex(payload.substr(0, LONGEST_HEX)) + (payload.size() > LONGEST_HEX ? size : "");
-    const size_t line = payload.find('\n');
-    return payload.substr(0, line) + (line < payload.size() - 1 ? size : "");
 }
 
 }  // namespace
@@ -175,21 +159,11 @@ void collector_phone::consent_changed(int terminate) {
 }
 
 std::vector<std::string> collector_phone::payloads() const {
-    std::vector<std::string> all;
-    for (const std::string& name : list_dir(row->up_dir))
-        all.push_back(gunzip(file_text(row->up_dir / fs::path(name)).substr(HEADER_LEN)));
-    return all;
+    return dropbox_payloads(row->up_dir);
 }
 
 std::string collector_phone::dropbox() const {
-    std::string lines;
-    for (const std::string& name : list_dir(row->up_dir)) {
-        const std::string file = file_text(row->up_dir / fs::path(name));
-        const std::string sequence = hex(file.substr(HEADER_LEN - 4, 4));
-        lines += name + " seq " + std::to_string(std::stoul(sequence, nullptr, 16)) + ": " +
-                 abridged(gunzip(file.substr(HEADER_LEN))) + "\n";
-    }
-    return lines;
+    return dropbox_text(row->up_dir);
 }
 
 std::string collector_phone::record(const std::string& name) const {
@@ -208,15 +182,7 @@ std::string collector_phone::requests() const {
 }
 
 std::string collector_phone::log() {
-    const std::vector<platform_test_log_entry> entries = platform_test_log();
-    std::string lines;
-    for (size_t i = log_seen_ <= entries.size() ? log_seen_ : 0; i < entries.size(); ++i) {
-        lines +=
-            "??VDIWEF"[entries[i].priority & 7] + (" " + entries[i].tag) + ": " + entries[i].text;
-        if (!lines.ends_with('\n')) lines += '\n';
-    }
-    log_seen_ = entries.size();
-    return lines;
+    return log_lines(&log_seen_);
 }
 
 void collector_phone::wait_log(const std::string& text) {

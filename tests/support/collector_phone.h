@@ -62,10 +62,8 @@ class collector_phone {
     void opt_in();
 
     // ---- What can be seen of it
-    // The uploads, a line each: "gpustats.1700000000000 seq 1: " and the payload: a text's first
-    // line, or the bytes as hex. The size follows what is not shown whole: "logcat: (126 bytes)".
-    std::string dropbox() const;
-    std::vector<std::string> payloads() const;  // the same whole, in the order of their names
+    std::string dropbox() const;  // support/dropbox.h
+    std::vector<std::string> payloads() const;
     // What stands in a record behind its first line; without a name, in the only one.
     std::string record(const std::string& name = {}) const;
     std::string cfg() const { return file_text(row->cfg_file); }
