@@ -1,6 +1,7 @@
 """The kinds of faults. Each is a function that yields the places of a source where it can be planted."""
 import re
 from dataclasses import dataclass
+from os.path import commonprefix
 
 COMPARISONS = {'<': '<=', '<=': '<', '>': '>=', '>=': '>', '==': '!=', '!=': '=='}
 SIGNS = {'+': '-', '-': '+', '+=': '-=', '-=': '+=', '++': '--', '--': '++'}
@@ -10,6 +11,10 @@ FLIPPED = {'true': 'false', 'false': 'true', '0': '1', '1': '0'}
 LOCKS = {'vexa_lock', 'lock', 'unlock', 'pthread_mutex_lock', 'pthread_mutex_unlock'}
 WAKE_UPS = {'notify_all', 'eventfd_write', 'stop_flag_raise', 'kill', 'raise', 'pthread_kill', 'wake_up'}
 WORD = re.compile(r'''(?<![%\\A-Za-z0-9.*-])[A-Za-z]{2,}''')
+
+
+def short(text):
+    return text if len(text) <= 50 else text[:47] + '...'
 
 
 @dataclass(frozen=True)
@@ -25,10 +30,10 @@ class Place:
     lines: str  # the lines it touches, as they are
 
     def __str__(self):
-        def short(text):
-            text = ' '.join(text.split())
-            return text if len(text) <= 50 else text[:47] + '...'
-        return f'{self.path}:{self.line} {self.kind}: {short(self.old)} -> {short(self.new) or "nothing"}'
+        old, new = (' '.join(text.split()) for text in (self.old, self.new))
+        same = len(commonprefix([old, new]))
+        hidden = max(same - 20, 0) if len(old) > 40 else 0  # of two long texts, from shortly before they differ
+        return f'{self.path}:{self.line} {self.kind}: {short(old[hidden:])} -> {short(new[hidden:]) or "nothing"}'
 
 
 def tokens(source, kind=None):
