@@ -18,7 +18,8 @@ namespace fs = std::filesystem;
 std::string indented(const std::string& answer) {
     std::istringstream in(answer);
     std::string text;
-    for (std::string line; std::getline(in, line);) text += (line.empty() ? "" : "  ") + line + "\n";
+    for (std::string line; std::getline(in, line);)
+        text += (line.empty() ? "" : "  ") + line + "\n";
     return text;
 }
 
@@ -84,9 +85,10 @@ shell_session::~shell_session() {
 
 std::string shell_session::run(const std::string& commands) const {
     const std::string out = dir_.string() + ".out";
-    const std::string begin = "cd " + dir_.string() + "; PATH=" + program("").string() + ":$PATH\n";
-    child_process shell({"sh", "-c", begin + commands}, out, {"TZ=UTC"});
-    const int code = shell.wait(3 * EVENT_LIMIT).value_or(-1);
+    const std::string begin = "cd " + dir_.string() +
+                              "; export LC_ALL=C TZ=UTC PATH=" + program("").string() + ":$PATH\n";
+    child_process shell({"sh", "-c", begin + commands}, out);
+    const int code = shell.wait(5 * EVENT_LIMIT).value_or(-1);
     std::string text = file_text(out);
     if (!text.empty() && text.back() != '\n') text += " (no newline)\n";
     return text + (code != 0 ? "[exit code " + std::to_string(code) + "]\n" : "");

@@ -1,5 +1,6 @@
 // Questions and their answers as text that is written to be read: tests/golden/NAME.txt. Lines that
-// begin with ">" ask, the indented lines below are the answer, lines that begin with "#" are remarks.
+// begin with ">" ask, the indented lines below are the answer, lines that begin with "#" are
+// remarks.
 //
 //   # The longest value has 91 bytes.
 //   > set vendor.long 92*v

@@ -4,7 +4,7 @@
 #include <sys/resource.h>
 
 #include "support/dialogue.h"
-#include "upload_text.h"
+#include "tools/inspect/upload_text.h"
 
 namespace {
 

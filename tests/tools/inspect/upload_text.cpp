@@ -58,7 +58,8 @@ std::string grouped(size_t first, size_t end, const std::function<std::string(si
         const std::string said = say(from);
         size_t to = from;
         while (to + 1 < end && say(to + 1) == said) ++to;
-        text += std::to_string(from) + (to > from ? "-" + std::to_string(to) : "") + ": " + said + "\n";
+        text +=
+            std::to_string(from) + (to > from ? "-" + std::to_string(to) : "") + ": " + said + "\n";
         from = to + 1;
     }
     return text;
@@ -92,7 +93,8 @@ std::string flips(const std::string& file) {
             is_other |= found[0] == '{' && found != good;
         }
         const std::string read = is_other ? "other" : is_same ? "same" : "";
-        return (is_refused ? "refused" : "") + std::string(is_refused && is_same ? " or " : "") + read;
+        return (is_refused ? "refused" : "") + std::string(is_refused && is_same ? " or " : "") +
+               read;
     });
 }
 
@@ -115,7 +117,8 @@ std::string upload_builder::outcome(const std::string& file, const std::string& 
     if (form == "all" || form == "json") {
         std::string text = upload_json("file", read) + "\n";
         if (form == "json") text.erase(0, text.find("\"payload_b"));
-        for (size_t at = 1; (at = text.find("{\"", at)) != text.npos; at += 2) text.insert(at, "\n");
+        for (size_t at = 1; (at = text.find("{\"", at)) != text.npos; at += 2)
+            text.insert(at, "\n");
         return text;
     }
     const std::string text = upload_report("file", read, options_);
@@ -178,7 +181,8 @@ bool upload_builder::edit(const std::string& line, std::string* bytes_so_far) co
     } else if (words[0] == "flip") {
         all.at(all.size() - count) = static_cast<char>(all[all.size() - count] ^ 1);
     } else if (words[0] == "at") {
-        const std::string piece = bytes_of(line.substr(line.find(words[1]) + words[1].size())).value();
+        const std::string piece =
+            bytes_of(line.substr(line.find(words[1]) + words[1].size())).value();
         all.replace(count, piece.size(), piece);
     } else {
         return false;

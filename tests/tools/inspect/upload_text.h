@@ -50,9 +50,9 @@ class upload_builder {
     std::string upload(const std::string& packed) const;
 
     std::filesystem::path dir_;
-    std::map<std::string, uint64_t> header_ = {
-        {"client", 2},        {"type", 1},    {"version", 6}, {"realtime", 1700000000000},
-        {"uptime", 360000}, {"timezone", 60}};
+    std::map<std::string, uint64_t> header_ = {{"client", 2},      {"type", 1},
+                                               {"version", 6},     {"realtime", 1700000000000},
+                                               {"uptime", 360000}, {"timezone", 60}};
     report_options options_;
     size_t bound_ = UPLOAD_PAYLOAD_MAX_BYTES;
     std::map<std::string, std::string> defined_;
