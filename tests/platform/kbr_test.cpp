@@ -149,6 +149,25 @@ TEST(KbrMessage, WhatFitsIsReadAndNothingElse) {
     EXPECT_EQ(kbr_encode(EVERYTHING_MESSAGE, &message, out, &len), KBR_ERR_FORMAT);
 }
 
+TEST_F(Kbr, CallsWithoutAServiceOrAClientAreRefused) {
+    kbr_client* client = nullptr;
+    const kbr_service_object nameless;
+    for (const kbr_service_object* service : {&nameless, static_cast<decltype(&SERVICE)>(nullptr)})
+        EXPECT_EQ(kbr_client_init_instance(service, KBR_ANY_INSTANCE, nullptr, nullptr, 4, &client),
+                  KBR_ERR_ARGUMENT);
+    EXPECT_EQ(kbr_client_init_instance(&SERVICE, 1, nullptr, nullptr, 4, &client), KBR_ERR_GONE);
+    EXPECT_EQ(kbr_client_release(nullptr), KBR_ERR_ARGUMENT);
+    client = connect();
+    number answer;
+    EXPECT_EQ(kbr_client_send_msg_sync(client, 1, &answer, 3, &answer, sizeof answer, 1),
+              KBR_ERR_ARGUMENT);
+    EXPECT_EQ(kbr_client_send_msg_sync(client, 1, &answer, 4, &answer, 4, 1), KBR_ERR_ARGUMENT);
+    EXPECT_EQ(kbr_client_send_msg_sync(client, 2, &answer, 4, &answer, sizeof answer, 1),
+              KBR_ERR_ARGUMENT);
+    kbr_client_release(client);
+    EXPECT_EQ(call(client, 1), KBR_ERR_GONE);
+}
+
 TEST_F(Kbr, TimeOutIsExactAndALateAnswerIsNotTheNextCalls) {
     kbr_client* client = connect();
     std::future<int> first = call_async(client, 1);
