@@ -56,6 +56,15 @@ int signal_number(const std::string& name) {
     throw std::invalid_argument("no such signal: " + name);
 }
 
+// Two hexadecimal digits are a byte.
+std::string bytes_of(std::istream& words) {
+    std::string digits, bytes;
+    for (std::string word; words >> word;) digits += word;
+    for (size_t i = 0; i < digits.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+    return bytes;
+}
+
 fs::perms mode_of(const std::string& octal) {
     return static_cast<fs::perms>(std::stoi(octal, nullptr, 8));
 }
@@ -206,7 +215,8 @@ void script_player::tell_modem(const std::string& command) {
         throw std::invalid_argument("the modem does not take it: " + command);
 }
 
-// "roaming 0|1", or "sub ID MCC MNC". The connection stays open for the answer, which is its end.
+// "roaming 0|1", "sub ID MCC MNC", or "bytes HEX". The connection stays open for the answer, which
+// is its end.
 void script_player::tell_phone(const std::string& what) {
     std::istringstream words(what);
     std::string kind;
@@ -218,6 +228,8 @@ void script_player::tell_phone(const std::string& what) {
         told_.push_back(phone_send_roaming(dir_, first != 0));
     } else if (kind == "sub" && words >> first >> mcc >> mnc) {
         told_.push_back(phone_send_subscription(dir_, first, mcc, mnc));
+    } else if (kind == "bytes") {
+        told_.push_back(phone_send_bytes(dir_, bytes_of(words)));
     } else {
         throw std::invalid_argument("nothing to tell: " + what);
     }
