@@ -239,6 +239,11 @@ bool platform_test_wait_parked(size_t threads, int64_t limit_ms) {
     });
 }
 
+void platform_test_at_once(const std::function<void()>& what) {
+    const guard held(the_phone().mutex);
+    what();
+}
+
 int platform_clock_gettime(clockid_t clock, timespec* now) {
     const phone& p = the_phone();
     switch (clock) {

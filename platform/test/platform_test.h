@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -108,3 +109,7 @@ void platform_test_set_clock(platform_test_clock mode);
 // Waits until at least `threads` threads are parked: blocked in a wait whose time has not come and
 // none of whose descriptors is ready. Returns false when limit_ms of real time pass before.
 bool platform_test_wait_parked(size_t threads, int64_t limit_ms);
+
+// Runs `what` while every thread that waits stays where it is: all that `what` does to descriptors
+// and files comes to such a thread at once. It must not call the scripted platform.
+void platform_test_at_once(const std::function<void()>& what);

@@ -10,6 +10,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// Of a script that does not say.
 constexpr char START[] = "driven:real=2024-05-01T06:00:00Z";
 // For a run of a few seconds, under a sanitizer, beside two that keep the machine busy.
 constexpr std::chrono::seconds LIMIT{100};
@@ -31,7 +32,9 @@ driven_result driven_phone::run(const std::string& script, const std::vector<std
     const fs::path output = dir() / "output";
     write_text_file(script_file, script);
     fs::remove(transcript);
-    std::vector<std::string> all = {"--clock", START, "--transcript", transcript, "--script"};
+    const bool has_start = ("\n" + script).find("\nstart ") != std::string::npos;
+    std::vector<std::string> all = {"--clock", has_start ? "driven" : START, "--transcript",
+                                    transcript, "--script"};
     all.push_back(from == script_from::NAMED_FILE ? script_file.string() : "-");
     all.insert(all.end(), options.begin(), options.end());
     std::vector<std::string> words = phone_.run(command, all);

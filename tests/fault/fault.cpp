@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -12,7 +13,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <memory>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -50,10 +53,20 @@ bool is_kernel_file(const char* path) {
            strncmp(path, "/dev", 4) == 0;
 }
 
-bool is_kernel_fd(int fd) {
-    char link[64], path[64] = "";
+std::string path_of(int fd) {
+    char link[64], path[PATH_MAX] = "";
     snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    return readlink(link, path, sizeof path - 1) > 0 && is_kernel_file(path);
+    return readlink(link, path, sizeof path - 1) > 0 ? path : "";
+}
+
+bool is_kernel_fd(int fd) {
+    return is_kernel_file(path_of(fd).c_str());
+}
+
+std::string* g_trace = nullptr;  // none: nothing is noted
+
+void note(const char* call, const std::string& path) {
+    if (g_trace) *g_trace += std::string(call) + " " + path.substr(path.rfind('/') + 1) + "\n";
 }
 
 mode_t mode_of(int flags, va_list args) {
@@ -81,6 +94,15 @@ void fault_arm_kill(long n) {
 
 long fault_count() {
     return plan().count;
+}
+
+void fault_trace_begin() {
+    g_trace = new std::string;
+}
+
+std::string fault_trace_end() {
+    const std::unique_ptr<std::string> trace(std::exchange(g_trace, nullptr));
+    return *trace;
 }
 
 bool fault_disarm() {
@@ -132,6 +154,7 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
 
 int __real_rename(const char* from, const char* to);
 int __wrap_rename(const char* from, const char* to) {
+    note("rename", to);
     return !is_kernel_file(to) && fails("rename", ENOSPC) ? -1 : __real_rename(from, to);
 }
 
@@ -149,6 +172,18 @@ int __wrap_fclose(FILE* stream) {
     return fail ? EOF : result;
 }
 
+int __real_fsync(int fd);
+int __wrap_fsync(int fd) {
+    if (g_trace) note("fsync", path_of(fd));
+    return fails("fsync", EIO) ? -1 : __real_fsync(fd);
+}
+
+int __real_remove(const char* path);
+int __wrap_remove(const char* path) {
+    note("remove", path);
+    return fails("remove", EIO) ? -1 : __real_remove(path);
+}
+
 #define WRAP(result, name, error, failure, parameters, ...)                \
     result __real_##name parameters;                                       \
     result __wrap_##name parameters {                                      \
@@ -156,10 +191,8 @@ int __wrap_fclose(FILE* stream) {
     }
 
 WRAP(int, fflush, ENOSPC, EOF, (FILE * stream), stream)
-WRAP(int, fsync, EIO, -1, (int fd), fd)
 WRAP(int, ftruncate, EIO, -1, (int fd, off_t length), fd, length)
 WRAP(int, fseeko, EIO, -1, (FILE * stream, off_t offset, int whence), stream, offset, whence)
-WRAP(int, remove, EIO, -1, (const char* path), path)
 WRAP(int, mkdir, ENOSPC, -1, (const char* path, mode_t mode), path, mode)
 WRAP(int, setvbuf, ENOMEM, -1, (FILE * stream, char* buf, int mode, size_t size), stream, buf, mode,
      size)

@@ -2,6 +2,7 @@
 // (-Wl,--wrap), and a test has the N-th call of each name fail, for every N.
 #pragma once
 
+#include <string>
 #include <vector>
 
 // The names of the calls that can be made to fail.
@@ -19,3 +20,8 @@ long fault_count();
 
 // Stops counting. Returns whether a call was made to fail.
 bool fault_disarm();
+
+// Notes the calls of fsync, remove and rename until the end, a line each with the last part of the
+// path, which for a rename is the new one: "fsync teststats.seq.new". One thread only.
+void fault_trace_begin();
+std::string fault_trace_end();

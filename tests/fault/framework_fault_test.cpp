@@ -4,83 +4,28 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <set>
 
 #include "fault/fault.h"
-#include "framework/config/config.h"
 #include "framework/config/dload.h"
-#include "framework/record/record.h"
-#include "platform_test.h"
-#include "support/files.h"
-#include "support/gzip.h"
-#include "support/log.h"
+#include "support/record_phone.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char STATS_DIR[] = "/data/vendor/vexastats/2";
-constexpr char UP_DIR[] = "/data/vendor/vexa/up/2";
-constexpr char DOWN_DIR[] = "/data/vendor/vexa/down/2";
-constexpr char DOWNLOADED[] = "/data/vendor/vexa/down/2/teststats.cfg";
-const std::string RECORD = std::string(STATS_DIR) + "/teststats.tmp";
-const std::string OLD_RECORD = "Version=1 Realtime=1600000000000 Uptime=77 Timezone=60\nold data";
-
 size_t open_descriptors() {
     return list_dir("/proc/self/fd").size();
 }
 
-class FrameworkFaultTest : public ::testing::Test {
+class FrameworkFaultTest : public testing::Test, protected record_phone {
   protected:
-    void reset() {
-        vexastats_record_close(&handle);
-        for (const char* dir : {STATS_DIR, UP_DIR, DOWN_DIR}) {
-            fs::remove_all(dir);
-            fs::create_directories(dir);
-        }
-        platform_test_reset();
-        row.size = 65536;
-        row.compress_ratio = 200;
-    }
-    void TearDown() override { vexastats_record_close(&handle); }
-
-    bool begin() {
-        vexastats_record_close(&handle);
-        record_init_req req{
-            .row = &row, .dir = STATS_DIR, .prefix = "teststats.tmp", .resume = 0, .discard = 0};
-        handle.file = vexastats_record_init(&req);
-        return handle.file != nullptr;
-    }
-    size_t append(const std::string& data, uint32_t flags = 0) {
-        write_req req{.row = &row,
-                      .handle = &handle,
-                      .data = data.data(),
-                      .len = data.size(),
-                      .flags = flags,
-                      .rolled_over = 0};
-        return vexastats_write_file(&req);
-    }
-
-    // The payloads in the dropbox; throws when a file is not whole.
-    static std::set<std::string> dropped() {
-        std::set<std::string> payloads;
-        for (const std::string& name : list_dir(UP_DIR)) {
-            payloads.insert(gunzip(file_text(std::string(UP_DIR) + "/" + name).substr(53)));
-        }
-        return payloads;
-    }
-
     // How often the text was collected: in the dropbox once a clean run has delivered everything.
     size_t times_delivered(const std::string& text) {
-        vexastats_record_close(&handle);
         EXPECT_TRUE(begin());
         vexastats_record_close(&handle);
         size_t count = 0;
-        for (const std::string& name : list_dir(UP_DIR)) {
-            const std::string payload =
-                gunzip(file_text(std::string(UP_DIR) + "/" + name).substr(53));
+        for (const std::string& payload : dropbox_payloads(UP))
             for (size_t at = 0; (at = payload.find(text, at)) != payload.npos; at++) count++;
-        }
         return count;
     }
 
@@ -96,12 +41,12 @@ class FrameworkFaultTest : public ::testing::Test {
         act();
         const bool failed = fault_disarm();
         EXPECT_EQ(open_descriptors() - (handle.file ? 1 : 0), descriptors);
-        EXPECT_NO_THROW(dropped());
+        EXPECT_NO_THROW(dropbox());
         check(name);
-        logged += log_text();
+        logged += log();
         EXPECT_TRUE(handle.file || begin()) << "the next try must work";
         EXPECT_EQ(append("afterwards"), 10u);
-        EXPECT_NO_THROW(dropped());
+        EXPECT_NO_THROW(dropbox());
         return failed;
     }
 
@@ -114,24 +59,27 @@ class FrameworkFaultTest : public ::testing::Test {
         }
     }
 
-    void expect_logged(std::initializer_list<const char*> texts) const {
+    void expect_errors(std::initializer_list<const char*> texts) const {
         for (const char* text : texts)
-            EXPECT_TRUE(logged.find(text) != logged.npos) << "never logged: " << text;
+            EXPECT_TRUE(logged.find(std::string("E vexastatsd: ") + text) != logged.npos)
+                << "never logged: " << text;
     }
 
-    collector_info row{
-        .name = "test_collector",
-        .up_dir = UP_DIR,
-        .down_dir = DOWN_DIR,
-        .cfg_file = "/data/vendor/vexastats/2/.teststats.cfg",
-        .dl_cfg_file = DOWNLOADED,
-        .interval_max = 60000,
-        .hdr = {.client_id = 2},
-        .cfg_update_handler = vexastats_update_cfg,
-    };
-    record_handle handle;
     std::string logged;  // over all n
 };
+
+// What a hand-over does to files, in its order: whole on the disk before anything is deleted, and
+// seen by others only then.
+TEST_F(FrameworkFaultTest, HandOverSyncsThenDeletesThenRenames) {
+    ASSERT_TRUE(begin());
+    ASSERT_EQ(append("data"), 4u);
+    fault_trace_begin();
+    ASSERT_EQ(drop(), 0u);
+    EXPECT_EQ(fault_trace_end(),
+              "fsync teststats.seq.new\nrename teststats.seq\n"
+              "fsync teststats.1700000000000\nremove teststats.tmp\n"
+              "rename teststats.1700000000000\n");
+}
 
 TEST_F(FrameworkFaultTest, FailedAppendLeavesNoHalfSample) {
     std::string before;
@@ -140,34 +88,40 @@ TEST_F(FrameworkFaultTest, FailedAppendLeavesNoHalfSample) {
         [&] {
             ASSERT_TRUE(begin());
             ASSERT_EQ(append("before"), 6u);
-            before = file_text(RECORD);
+            before = record();
         },
         [&] { count = append("0123456789"); },
         [&](const std::string& failed) {
             if (failed == "ftruncate") return;
-            EXPECT_EQ(file_text(RECORD), count == 10 ? before + "0123456789" : before);
+            EXPECT_EQ(record(), count == 10 ? before + "0123456789" : before);
         });
-    expect_logged({"vexastats_write_file: failed to write file\n",
+    expect_errors({"vexastats_write_file: failed to write file\n",
                    "vexastats_write_file: failed to flush. err:28\n",
                    "vexastats_write_file fseek failed. err:5\n"});
 }
 
 TEST_F(FrameworkFaultTest, FailedHandOverKeepsTheRecordUntilItsUploadIsSafe) {
+    size_t count = 0;
     fail_every_call(
         [&] {
             ASSERT_TRUE(begin());
             ASSERT_EQ(append("before"), 6u);
         },
-        [&] { append("after", WRITE_DROP | WRITE_BEGIN_NEW); },
-        [&](const std::string& failed) { EXPECT_EQ(times_delivered("before"), 1u) << failed; });
-    expect_logged({"failed to prepend header ", "failed to compress\n",
+        [&] { count = append("after", WRITE_DROP | WRITE_BEGIN_NEW); },
+        [&](const std::string& failed) {
+            if (dropbox().empty()) {
+                EXPECT_NE(count, 5u) << failed;
+            }
+            EXPECT_EQ(times_delivered("before"), 1u) << failed;
+        });
+    expect_errors({"failed to prepend header ", "failed to compress\n",
                    "deflateInit2 failed. err:-4\n", "vexastats_compress: fwrite failed.\n",
                    "failed to write header test_collector. cnt:26\n", "failed to flush. err:28\n",
                    "prepend_header fseek failed. err:5\n",
                    "failed to move file. err:", "move_to_dropbox: failed to open ",
                    "failed to remove ", "failed to create new record.\n",
                    "failed to write timestamp\n", "create_new_record: failed to flush. err:28\n",
-                   "failed to move /data/vendor/vexastats/2/teststats."});
+                   "failed to move /data/vendor/vexastats/7/teststats."});
 }
 
 TEST_F(FrameworkFaultTest, FailedMeasureFailsTheAppendOrFallsBack) {
@@ -187,7 +141,7 @@ TEST_F(FrameworkFaultTest, FailedMeasureFailsTheAppendOrFallsBack) {
         },
         [&] { append(noise); },
         [&](const std::string& failed) { EXPECT_EQ(times_delivered(noise + "x"), 1u) << failed; });
-    expect_logged({"vexastats_compress: fwrite failed.\n"});
+    expect_errors({"vexastats_compress: fwrite failed.\n"});
 }
 
 TEST_F(FrameworkFaultTest, FailedRewriteOfTheFirstLineKeepsTheRecord) {
@@ -200,44 +154,44 @@ TEST_F(FrameworkFaultTest, FailedRewriteOfTheFirstLineKeepsTheRecord) {
         },
         [&] { append("after"); },
         [&](const std::string& failed) { EXPECT_EQ(times_delivered("before"), 1u) << failed; });
-    expect_logged({"update_rt_timestamp fseek failed. err:5\n", "failed to write timestamp\n",
+    expect_errors({"update_rt_timestamp fseek failed. err:5\n", "failed to write timestamp\n",
                    "failed to update rt timestamp\n",
                    "vexastats_write_file: failed to write file\n"});
 }
 
 TEST_F(FrameworkFaultTest, FailedBeginDeliversWhatWasLeftOnceOrTwiceNever) {
     fail_every_call(
-        [&] { write_text_file(RECORD, OLD_RECORD); }, [&] { begin(); },
+        [&] { write_record(OLD_LINE + "old data"); }, [&] { begin(); },
         [&](const std::string& failed) { EXPECT_EQ(times_delivered("old data"), 1u) << failed; });
-    expect_logged({"failed to open ", "failed to move old ", "failed to write timestamp\n",
+    expect_errors({"failed to open ", "failed to move old ", "failed to write timestamp\n",
                    "vexastats_record_init: failed to flush. err:28\n"});
 }
 
 TEST_F(FrameworkFaultTest, FailedDirectoryIsReported) {
-    fail_every_call([&] { fs::remove_all(STATS_DIR); }, [&] { begin(); },
-                    [](const std::string&) {});
-    expect_logged({"failed to create /data/vendor/vexastats/2. err:28\n"});
+    fail_every_call([&] { fs::remove_all(OWN); }, [&] { begin(); }, [](const std::string&) {});
+    expect_errors({"failed to create /data/vendor/vexastats/7. err:28\n"});
 }
 
 TEST_F(FrameworkFaultTest, FailedLoadKeepsTheDownloadUntilItIsRecorded) {
     fail_every_call(
         [&] {
             ASSERT_TRUE(begin());
-            write_text_file(DOWNLOADED, "clientid=2;size=70000;interval=7;threshold=0;notify=0\n");
+            write_text_file(row.dl_cfg_file,
+                            "clientid=7;size=70000;interval=7;threshold=0;notify=0\n");
         },
         [&] { vexastats_init_params(&row); },
         [&](const std::string& failed) {
-            if (fs::exists(DOWNLOADED)) return;
+            if (fs::exists(row.dl_cfg_file)) return;
             EXPECT_THAT(file_text(row.cfg_file), ::testing::HasSubstr("size=70000;interval=7;"))
                 << failed;
         });
-    expect_logged({"failed to open test_collector cfg. err:", "failed to update cfg file.\n",
+    expect_errors({"failed to open test_collector cfg. err:", "failed to update cfg file.\n",
                    "failed to open dloaded cfg file. err:28\n",
-                   "failed to remove /data/vendor/vexa/down/2/teststats.cfg. err:5\n"});
+                   "failed to remove /data/vendor/vexa/down/7/teststats.cfg. err:5\n"});
 }
 
 TEST_F(FrameworkFaultTest, FailedRequestIsReported) {
-    const dload_req req{.client_id = 2,
+    const dload_req req{.client_id = 7,
                         .version = "1.1",
                         .key = "x.cfg",
                         .request_type = 1,
@@ -245,7 +199,7 @@ TEST_F(FrameworkFaultTest, FailedRequestIsReported) {
                         .conn_type = 3,
                         .conn_timer = 4};
     fail_every_call([] {}, [&] { vexastats_dload_req(&req); }, [](const std::string&) {});
-    expect_logged({"failed to create /data/vendor/vexa/down/2/2-1.1-x.cfg.req. err:28\n"});
+    expect_errors({"failed to create /data/vendor/vexa/down/7/7-1.1-x.cfg.req. err:28\n"});
 }
 
 }  // namespace

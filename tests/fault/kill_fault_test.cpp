@@ -6,23 +6,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <filesystem>
 #include <new>
 
 #include "fault/fault.h"
-#include "framework/record/record.h"
-#include "platform_test.h"
-#include "support/files.h"
-#include "support/gzip.h"
-
-namespace fs = std::filesystem;
+#include "support/record_phone.h"
 
 namespace {
 
-constexpr char STATS_DIR[] = "/data/vendor/vexastats/2";
-constexpr char UP_DIR[] = "/data/vendor/vexa/up/2";
 constexpr int SAMPLES = 16;  // of all processes of a round
 
 // A fork costs a sanitizer's process tens of milliseconds: there, every restart is killed before
@@ -45,57 +36,41 @@ std::string sample_text(int number) {
     return "<" + std::to_string(number) + ">";
 }
 
-class KillTest : public ::testing::Test {
+class KillTest : public testing::Test, protected record_phone {
   protected:
-    void SetUp() override {
+    KillTest() {
         void* memory = mmap(nullptr, sizeof(shared_samples), PROT_READ | PROT_WRITE,
                             MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        ASSERT_NE(memory, MAP_FAILED);
+        EXPECT_NE(memory, MAP_FAILED);
         samples = new (memory) shared_samples;
-        platform_test_reset();
     }
-    void TearDown() override { munmap(samples, sizeof *samples); }
+    ~KillTest() override { munmap(samples, sizeof *samples); }
 
     void begin_round() {
-        for (const char* dir : {STATS_DIR, UP_DIR}) {
-            fs::remove_all(dir);
-            fs::create_directories(dir);
-        }
+        reset();
         new (samples) shared_samples;
     }
 
-    void begin(bool resume) {
-        vexastats_record_close(&handle);
-        record_init_req req{
-            .row = &row, .dir = STATS_DIR, .prefix = "teststats.tmp", .resume = resume};
-        handle.file = vexastats_record_init(&req);
-    }
-
-    void append(uint32_t flags = 0) {
+    void sample(uint32_t flags = 0) {
         const int number = samples->next++;
         samples->state[number] = BEGUN;
         const std::string text = sample_text(number);
-        write_req req{.row = &row,
-                      .handle = &handle,
-                      .data = text.data(),
-                      .len = text.size(),
-                      .flags = flags};
-        if (vexastats_write_file(&req) == text.size()) samples->state[number] = APPENDED;
+        if (append(text, flags) == text.size()) samples->state[number] = APPENDED;
         platform_test_advance_ms(1500);
     }
 
     // Begins, appends, hands over and goes on; then hands over and begins afresh.
     void live(bool resume) {
         begin(resume);
-        append();
-        append(WRITE_DROP | WRITE_BEGIN_NEW);
-        append(WRITE_DROP);
+        sample();
+        sample(WRITE_DROP | WRITE_BEGIN_NEW);
+        sample(WRITE_DROP);
         begin(resume);
     }
 
     void live_again(bool resume) {
         begin(resume);
-        append(WRITE_DROP);
+        sample(WRITE_DROP);
     }
 
     // Runs `life` in a child that is killed before its n-th call. Returns whether it came as far.
@@ -123,9 +98,7 @@ class KillTest : public ::testing::Test {
         begin(false);
         vexastats_record_close(&handle);
         std::string text;
-        for (const std::string& name : list_dir(UP_DIR)) {
-            text += gunzip(file_text(std::string(UP_DIR) + "/" + name).substr(53));
-        }
+        for (const std::string& payload : dropbox_payloads(UP)) text += payload;
         return text;
     }
 
@@ -142,13 +115,11 @@ class KillTest : public ::testing::Test {
                 EXPECT_EQ(count, 1u) << "sample " << i << " in " << text;
             }
         }
-        for (const std::string& name : list_dir(STATS_DIR)) {
+        for (const std::string& name : list_dir(OWN)) {
             EXPECT_TRUE(name == "teststats.tmp" || name.find(".seq") != name.npos) << name;
         }
     }
 
-    collector_info row{.name = "test_collector", .up_dir = UP_DIR, .hdr = {.client_id = 2}};
-    record_handle handle;
     shared_samples* samples = nullptr;
 };
 

@@ -1,6 +1,7 @@
 #include "scenario/daemon_process.h"
 
 #include <signal.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -81,6 +82,11 @@ bool eventually_impl(bool (*condition)(void*), void* arg, milliseconds limit) {
         if (steady::now() >= deadline) return false;
         usleep(2000);
     }
+}
+
+int storm_rounds(int by_default) {
+    const char* text = getenv("VEXA_STORM_ROUNDS");
+    return text ? atoi(text) : by_default;
 }
 
 daemon_process::daemon_process(const std::vector<std::string>& environment,

@@ -51,6 +51,9 @@ class daemon_process : public child_process {
     bool stop(milliseconds limit = SCENARIO_LIMIT);
 };
 
+// How often a storm is to come: VEXA_STORM_ROUNDS, or so often.
+int storm_rounds(int by_default);
+
 bool eventually_impl(bool (*condition)(void*), void* arg, milliseconds limit);
 
 template <class Condition>

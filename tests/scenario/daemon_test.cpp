@@ -1,4 +1,4 @@
-// The daemon's life as its owner sees it: start, consent, samples, shutdown.
+// The daemon among neighbours: directories held open, floods of changes, FIFOs, closed descriptors.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,149 +19,10 @@ using ::testing::Not;
 
 namespace {
 
-constexpr char ENABLED[] = "/dev/properties/vendor.orb.vexa.enabled";
-
 class DaemonTest : public ::testing::Test {
   protected:
     void SetUp() override { phone_reset(); }
-
-    static bool logged(const std::string& text) {
-        return phone_log().find(text) != std::string::npos;
-    }
 };
-
-// Without what the collectors log as they come and go, and without the monitor's failed read, which
-// it has only when the stop finds it waiting.
-std::string lines_of_main_and_monitor(const std::string& log) {
-    std::istringstream stream(log);
-    std::string lines;
-    for (std::string line; std::getline(stream, line);) {
-        // Its signal hook may have stopped that row before the monitor's pass, which then skips it.
-        if (line == "diag_collector Terminated") continue;
-        for (const char* part : {"property_set ", "vexastatsd ", " Terminated"}) {
-            if (line.find(part) != std::string::npos) {
-                lines += line + "\n";
-                break;
-            }
-        }
-    }
-    return lines;
-}
-
-TEST_F(DaemonTest, AnnouncesItselfAndEndsInOrder) {
-    daemon_process daemon;
-    ASSERT_TRUE(eventually_logged("vexastatsd version: 1.2 started\n"));
-    EXPECT_EQ(file_text(ENABLED), "1");
-    ASSERT_TRUE(eventually([] { return fs::exists(STATS_DIR); }));
-    EXPECT_EQ(fs::status(STATS_DIR).permissions(), fs::perms::owner_all);
-    EXPECT_TRUE(daemon.stop());
-    EXPECT_EQ(file_text(ENABLED), "0");
-    EXPECT_EQ(lines_of_main_and_monitor(phone_log()),
-              "property_set vendor.orb.vexa.enabled 1\n"
-              "vexastatsd version: 1.2 started\n"
-              "gpu_collector Terminated\n"
-              "cpu_collector Terminated\n"
-              "static_collector Terminated\n"
-              "microdump_collector Terminated\n"
-              "mps Terminated\n"
-              "mccbandlist_updater Terminated\n"
-              "alog_collector Terminated\n"
-              "property_set vendor.orb.vexa.enabled 0\n"
-              "vexastatsd stopped\n");
-}
-
-TEST_F(DaemonTest, TestFileCountsOnDebugBuildsOnly) {
-    fs::create_directory(STATS_DIR);
-    write_text_file(std::string(STATS_DIR) + "/.property", "0zzz");
-    for (const auto& [build, value] : {std::pair{"user", "1"}, {"eng", "0"}, {"userdebug", "0"}}) {
-        SCOPED_TRACE(build);
-        fs::remove("/dev/log/main");
-        write_text_file("/dev/properties/ro.build.type", build);
-        daemon_process daemon;
-        ASSERT_TRUE(eventually_logged("version: 1.2 started\n"));
-        EXPECT_EQ(file_text(ENABLED), value);
-        EXPECT_EQ(logged("test: property_set vendor.orb.vexa.enabled 0\n"),
-                  std::string(value) == "0");
-        EXPECT_TRUE(daemon.stop());
-    }
-}
-
-TEST_F(DaemonTest, StatsDirectoryThatCannotBeMadeEndsTheDaemonWithThePropertyAsItIs) {
-    fs::permissions("/data/vendor", fs::perms::owner_read | fs::perms::owner_exec);
-    daemon_process daemon;
-    const std::optional<int> status = daemon.wait(milliseconds(3000));
-    fs::permissions("/data/vendor", fs::perms::owner_all);
-    EXPECT_EQ(status, 256 - 22);
-    EXPECT_THAT(phone_log(), HasSubstr("failed to create /data/vendor/vexastats. err:13\n"));
-    EXPECT_EQ(file_text(ENABLED), "1");
-}
-
-TEST_F(DaemonTest, StatsDirectoryIsTakenOnlyWhenItIsTheDaemonsAlone) {
-    const fs::path dir(STATS_DIR), elsewhere = "/data/vendor/elsewhere";
-    const auto ends_with = [](int code) {
-        fs::remove("/dev/log/main");
-        daemon_process daemon;
-        EXPECT_EQ(daemon.wait(milliseconds(3000)), 256 - 22);
-        EXPECT_THAT(phone_log(), HasSubstr("failed to create /data/vendor/vexastats. err:" +
-                                           std::to_string(code) + "\n"));
-    };
-    fs::remove_all(dir);
-    fs::create_directories(elsewhere);
-    fs::create_directory_symlink(elsewhere, dir);
-    ends_with(20);
-    EXPECT_TRUE(fs::is_empty(elsewhere));
-    fs::remove(dir);
-    put_files({{dir.string(), "a file"}});
-    ends_with(20);
-    fs::remove(dir);
-    fs::create_directory(dir);
-    fs::permissions(dir, fs::perms::all);
-    ends_with(1);
-    fs::permissions(dir, fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
-    daemon_process daemon;
-    EXPECT_TRUE(eventually([&] { return fs::status(dir).permissions() == fs::perms::owner_all; }));
-    EXPECT_TRUE(daemon.stop());
-}
-
-TEST_F(DaemonTest, ConsentComesAndGoesByDirectoryAndByRename) {
-    daemon_process daemon;
-    ASSERT_TRUE(eventually_logged("started\n"));
-    opt_in(2);
-    ASSERT_TRUE(eventually_logged("cpu_collector enabled\n"));
-    fs::rename("/data/vendor/vexa/up/2", "/data/vendor/vexa/aside");
-    ASSERT_TRUE(eventually_logged("cpu_collector disabled\n"));
-    fs::remove("/dev/log/main");
-    fs::rename("/data/vendor/vexa/aside", "/data/vendor/vexa/up/2");
-    ASSERT_TRUE(eventually_logged("cpu_collector enabled\n"));
-    EXPECT_TRUE(daemon.stop());
-}
-
-TEST_F(DaemonTest, PlainFileInTheDropboxRootIsNoConsent) {
-    write_text_file(std::string(UP_DIR) + "/2", "");
-    daemon_process daemon;
-    ASSERT_TRUE(eventually_logged("started\n"));
-    opt_in(99);  // an event that comes after the first look
-    fs::remove(std::string(UP_DIR) + "/2");
-    opt_in(2);
-    ASSERT_TRUE(eventually_logged("cpu_collector enabled\n"));
-    EXPECT_EQ(phone_log().find("enabled\n", phone_log().find("cpu_collector enabled\n") + 22),
-              std::string::npos);
-    EXPECT_TRUE(daemon.stop());
-}
-
-TEST_F(DaemonTest, DropboxRootThatIsMadeLateRemovedAndMadeAgainIsWatched) {
-    fs::remove_all("/data/vendor/vexa");
-    daemon_process daemon;
-    ASSERT_TRUE(eventually_logged("wait until /data/vendor/vexa/up is ready\n"));
-    fs::create_directories("/data/vendor/vexa/up/2");
-    ASSERT_TRUE(eventually_logged("/data/vendor/vexa/up is now ready\ncpu_collector enabled\n"));
-    fs::remove("/dev/log/main");
-    fs::remove_all("/data/vendor/vexa");
-    ASSERT_TRUE(eventually_logged("cpu_collector disabled\n"));
-    fs::create_directories("/data/vendor/vexa/up/2");
-    ASSERT_TRUE(eventually_logged("cpu_collector enabled\n"));
-    EXPECT_TRUE(daemon.stop());
-}
 
 // The end of a directory that is held open makes no event of its own until it is let go of.
 TEST_F(DaemonTest, DirectoriesThatSomebodyHoldsOpenAreSeenToGoAndToComeBack) {
@@ -229,37 +90,11 @@ TEST_F(DaemonTest, ThousandsOfUnreadChangesDoNotHideConsent) {
     EXPECT_TRUE(daemon.stop());
 }
 
-TEST_F(DaemonTest, SamplesReachTheDropboxWithTheirConfiguration) {
-    fs::create_directories(std::string(DOWN_DIR) + "/2");
-    deliver_quick_cpu_config(2500);
-    opt_in(2);
-    phone_set_clock("speed=20");
-    daemon_process daemon;
-    std::vector<taken_upload> uploads;
-    ASSERT_TRUE(eventually([&] {
-        for (taken_upload& upload : take_uploads(2)) uploads.push_back(std::move(upload));
-        return uploads.size() >= 3;
-    }));
-    EXPECT_TRUE(daemon.stop());
-    EXPECT_EQ(file_text("/data/vendor/vexa/down/2/2-1.1-cpustats.cfg.req"),
-              "clientID=2\nversion=1.1\nkey=cpustats.cfg\nrequestType=1\nrequestTimer=31536000\n"
-              "connType=1\nconnTimer=360\n");
-    EXPECT_FALSE(fs::exists(std::string(DOWN_DIR) + "/2/cpustats.cfg"));
-    uint32_t seq = 1;
-    for (const taken_upload& upload : uploads) {
-        EXPECT_EQ(upload.name, "cpustats." + std::to_string(upload.file.header.realtime_ms));
-        EXPECT_EQ(upload.file.header.seq, seq);
-        EXPECT_LE(upload.file.header.payload_len, 2500 - 53);
-        EXPECT_EQ(upload.cpu().samples.front().freq_khz.size(), 8u);
-        seq += 2;
-    }
-}
-
 TEST_F(DaemonTest, CollectorGoesOnAfterConsentWasGoneInTheMiddleOfARollOver) {
     fs::create_directories(std::string(DOWN_DIR) + "/2");
     deliver_quick_cpu_config(2000);
     opt_in(2);
-    phone_set_clock("speed=20");
+    phone_set_clock("speed=100");
     daemon_process daemon;
     for (int i = 0; i < 5; i++) {
         ASSERT_TRUE(eventually([] { return !take_uploads(2).empty(); })) << phone_log();
@@ -304,7 +139,7 @@ void sample_with_many_traces(bool* went_on) {
         fs::create_directory("/proc/" + std::to_string(pid));
     }
     size_t uploads = 0;
-    *went_on = *went_on && eventually([&] { return (uploads += take_uploads(2).size()) >= 6; });
+    *went_on = *went_on && eventually([&] { return (uploads += take_uploads(2).size()) >= 3; });
     for (int pid = 20000; pid < 20600; ++pid) fs::remove("/proc/" + std::to_string(pid));
 }
 
@@ -317,7 +152,7 @@ TEST_F(DaemonTest, StandardOutputThatNobodyReadsHoldsNothingUp) {
         fs::create_directories(std::string(DOWN_DIR) + "/2");
         deliver_quick_cpu_config(2500);
         opt_in(2);
-        phone_set_clock("speed=20");
+        phone_set_clock("speed=100");
         ASSERT_EQ(mkfifo(OUTPUT, 0600), 0);
         unique_fd reader(open(OUTPUT, O_RDWR | O_NONBLOCK | O_CLOEXEC));
         if (!reader_goes) {
@@ -354,27 +189,16 @@ TEST_F(DaemonTest, FifosInPlaceOfItsFilesHoldUpNeitherStartNorConsentNorStop) {
     const std::string stats = STATS_DIR;
     const std::string down = DOWN_DIR;
     const std::string kernel_config = file_text("/proc/config.gz");
-    const std::vector<std::string> names = {
-        "/proc/config.gz",
-        "/vendor/firmware_mnt/verinfo/ver_info.txt",
-        "/data/vendor/vexa/shared/3/wvstats.tmp",
-        stats + "/.property",
-        stats + "/1/.gpustats.cfg",
-        stats + "/2/.cpustats.cfg",
-        stats + "/3/.aoststats.cfg",
-        stats + "/4/.diagstats.cfg",
-        stats + "/5/.microdumpstats.cfg",
-        stats + "/5/timeout_microdumpstats.txt",
-        stats + "/51/.mccbandlist.info",
-        stats + "/101/6.camp",
-        stats + "/501/.alogstats.cfg",
-        down + "/1/gpustats.cfg",
-        down + "/2/cpustats.cfg",
-        down + "/3/aoststats.cfg",
-        down + "/4/diagstats.cfg",
-        down + "/5/microdumpstats.cfg",
-        down + "/501/alogstats.cfg",
-    };
+    std::vector<std::string> names = {"/proc/config.gz",
+                                      "/vendor/firmware_mnt/verinfo/ver_info.txt",
+                                      "/data/vendor/vexa/shared/3/wvstats.tmp"};
+    for (const char* name : {".property", "1/.gpustats.cfg", "2/.cpustats.cfg", "3/.aoststats.cfg",
+                             "4/.diagstats.cfg", "5/.microdumpstats.cfg", "51/.mccbandlist.info",
+                             "5/timeout_microdumpstats.txt", "101/6.camp", "501/.alogstats.cfg"})
+        names.push_back(stats + "/" + name);
+    for (const char* name : {"1/gpustats.cfg", "2/cpustats.cfg", "3/aoststats.cfg",
+                             "4/diagstats.cfg", "5/microdumpstats.cfg", "501/alogstats.cfg"})
+        names.push_back(down + "/" + name);
     for (const std::string& name : names) {
         fs::create_directories(fs::path(name).parent_path());
         fs::remove(name);

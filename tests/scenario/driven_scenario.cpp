@@ -61,7 +61,7 @@ driven_result play(const std::string& script, const std::string& clock,
         conduct(&clocks, &player, &*daemon);
         result.exit_code = daemon->wait();
         player.snapshot();
-        result.transcript = result.snapshots.back();
+        for (const std::string& text : result.snapshots) result.transcript += text;
         result.snapshots.pop_back();
     } catch (const std::exception& error) {
         ADD_FAILURE() << error.what() << "\n" << phone_log();
@@ -73,8 +73,10 @@ std::string driven_result::lines_with(const std::string& text) const {
     constexpr size_t DAY_LEN = 3;
     std::istringstream lines(transcript);
     std::string found;
-    for (std::string line; std::getline(lines, line) && line != "-- properties";) {
-        if (line.find(text) != std::string::npos) found += line.substr(DAY_LEN) + "\n";
+    bool is_log = false;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("-- ")) is_log = line.starts_with("-- log of ");
+        if (is_log && line.find(text) != std::string::npos) found += line.substr(DAY_LEN) + "\n";
     }
     return found;
 }

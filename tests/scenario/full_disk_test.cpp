@@ -72,10 +72,10 @@ TEST(FullDisk, CollectorGoesOnWhenThereIsRoomAgain) {
         ASSERT_TRUE(disk.mounted());
         deliver_quick_cpu_config(1500);
         opt_in(2);
-        phone_set_clock("speed=20");
+        phone_set_clock("speed=100");
         daemon_process daemon;
         ASSERT_TRUE(eventually([] { return !take_uploads(2).empty(); })) << phone_log();
-        for (int i = 0; i < 3; i++) {
+        for (int i = 0; i < 2; i++) {
             c.fill();
             ASSERT_TRUE(eventually([] {
                 return phone_log().find("drbox\n") != std::string::npos ||

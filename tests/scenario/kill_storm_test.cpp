@@ -14,8 +14,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int KILLS = 100;
-
 struct seen_uploads {
     std::set<uint32_t> numbers;
     size_t torn = 0;  // the kill came in the middle of a write: the last sample is cut
@@ -40,7 +38,8 @@ TEST(KillStorm, DropboxIsWholeAndNumbersNeverRepeat) {
     phone_set_clock("speed=100");
     std::mt19937 rnd(7);
     seen_uploads seen;
-    for (int i = 0; i < KILLS; i++) {
+    const int kills = storm_rounds(20);
+    for (int i = 0; i < kills; i++) {
         SCOPED_TRACE(testing::Message() << "kill " << i);
         if (i % 10 == 0) deliver_quick_cpu_config(1500);
         const size_t before = seen.numbers.size();
@@ -56,9 +55,9 @@ TEST(KillStorm, DropboxIsWholeAndNumbersNeverRepeat) {
         seen.take();
         if (HasFatalFailure()) return;
     }
-    printf("%d kills: %zu whole upload files, the last sample cut in %zu\n", KILLS,
+    printf("%d kills: %zu whole upload files, the last sample cut in %zu\n", kills,
            seen.numbers.size(), seen.torn);
-    EXPECT_LT(seen.torn, static_cast<size_t>(KILLS));
+    EXPECT_LT(seen.torn, static_cast<size_t>(kills));
     // Nothing piles up beside the record: its file, the number, the configuration.
     for (const std::string& name : list_dir(std::string(STATS_DIR) + "/2")) {
         EXPECT_TRUE(name == "cpustats.tmp" || name == "cpustats.seq" || name == ".cpustats.cfg" ||

@@ -12,8 +12,9 @@
 #include <sstream>
 #include <utility>
 
-#include "conductor/transcript.h"
+#include "host/log_file.h"
 #include "phone/phone_tree.h"
+#include "vexa-campaign/campaign_text.h"
 #include "vexa-campaign/phone_control.h"
 
 namespace {
@@ -23,6 +24,8 @@ using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 
 constexpr char VEXA_DIR[] = "/data/vendor/vexa/";
+constexpr char UP_DIR[] = "/data/vendor/vexa/up/";
+constexpr char CAMPAIGN_FILE[] = "down/101/cdf.dat";
 
 struct signal_name {
     const char* name;
@@ -41,12 +44,20 @@ void overwrite(const fs::path& path, const std::string& text) {
     if (fs::is_regular_file(path)) fs::resize_file(path, text.size());
 }
 
-// As the download agent does: whole, by rename.
-void deliver(const fs::path& path, const std::string& text) {
-    const fs::path beside = path.parent_path().parent_path() / ".delivered";
-    overwrite(beside, text);
-    fs::create_directories(path.parent_path());
-    fs::rename(beside, path);
+// The text as vexa-campaign takes it.
+std::string campaign_bytes(const std::string& text) {
+    return campaign_file_bytes(campaign_from_text(text));
+}
+
+int signal_number(const std::string& name) {
+    for (const signal_name& signal : SIGNALS) {
+        if (name == signal.name) return signal.number;
+    }
+    throw std::invalid_argument("no such signal: " + name);
+}
+
+fs::perms mode_of(const std::string& octal) {
+    return static_cast<fs::perms>(std::stoi(octal, nullptr, 8));
 }
 
 }  // namespace
@@ -59,6 +70,7 @@ script_player::script_player(const std::string& dir, script lines,
       put_(std::move(put)),
       send_signal_(std::move(send_signal)),
       chance_(script_.seed),
+      transcript_(dir, script_.about),
       property_watch_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
     const std::string properties = dir + "/dev/properties";
     if (inotify_add_watch(property_watch_.get(), properties.c_str(), IN_MOVED_TO) < 0)
@@ -219,6 +231,19 @@ void script_player::set_clock(const std::string& spec) {
     clocks_->set_real_ns(*clock->real_ns);
 }
 
+// An entry of somebody else's, at level I.
+void script_player::append_log(const std::string& buffer, const std::string& tag,
+                               const std::string& message) {
+    constexpr char INFO = 4;
+    const std::string payload = INFO + tag + '\0' + message + '\0';
+    const log_entry_header header{.payload_len = static_cast<uint16_t>(payload.size()),
+                                  .sec = static_cast<uint32_t>(clocks_->real_ns() / NS_PER_S),
+                                  .nsec = static_cast<uint32_t>(clocks_->real_ns() % NS_PER_S)};
+    std::ofstream log(path("dev/log/" + buffer), std::ios::binary | std::ios::app);
+    log << std::string(reinterpret_cast<const char*>(&header), sizeof header) + payload;
+    if (!log.flush()) throw std::invalid_argument("cannot write log " + buffer);
+}
+
 // The text of a line, or with "< FILE" that file's content.
 std::string script_player::text_of(const script_line& line) const {
     if (!line.text.starts_with("< ")) return line.text;
@@ -228,38 +253,41 @@ std::string script_player::text_of(const script_line& line) const {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
+// As the download agent does: whole, by rename.
+void script_player::deliver(const std::string& name, const std::string& bytes) {
+    const fs::path target = path(VEXA_DIR + name);
+    const fs::path beside = target.parent_path().parent_path() / ".delivered";
+    overwrite(beside, bytes);
+    fs::create_directories(target.parent_path());
+    fs::rename(beside, target);
+}
+
+const std::map<std::string, script_player::action> script_player::ACTIONS = {
+    {"write", [](auto& p, auto& l) { overwrite(p.path(l.words[0]), p.text_of(l)); }},
+    {"deliver", [](auto& p, auto& l) { p.deliver(l.words[0], p.text_of(l)); }},
+    {"campaign", [](auto& p, auto& l) { p.deliver(CAMPAIGN_FILE, campaign_bytes(p.text_of(l))); }},
+    {"remove", [](auto& p, auto& l) { fs::remove_all(p.path(l.words[0])); }},
+    {"rename", [](auto& p, auto& l) { fs::rename(p.path(l.words[0]), p.path(l.words[1])); }},
+    {"link", [](auto& p, auto& l) { fs::create_symlink(l.words[0], p.path(l.words[1])); }},
+    {"chmod", [](auto& p, auto& l) { fs::permissions(p.path(l.words[1]), mode_of(l.words[0])); }},
+    {"mkdir", [](auto& p, auto& l) { fs::create_directories(p.path(l.words[0])); }},
+    {"optin", [](auto& p, auto& l) { fs::create_directories(p.path(UP_DIR + l.words[0])); }},
+    {"optout", [](auto& p, auto& l) { fs::remove_all(p.path(UP_DIR + l.words[0])); }},
+    {"modem", [](auto& p, auto& l) { p.tell_modem(l.text); }},
+    {"expect-quiet",
+     [](auto& p, auto& l) {
+         p.quiet_ = {&l, p.clocks_->wakes()};
+     }},
+    {"tell", [](auto& p, auto& l) { p.tell_phone(l.text); }},
+    {"clock", [](auto& p, auto& l) { p.set_clock(l.text); }},
+    {"log", [](auto& p, auto& l) { p.append_log(l.words[0], l.words[1], l.text); }},
+    {"property", [](auto& p, auto& l) { phone_set_property(p.dir_, l.words[0], l.text); }},
+    {"snapshot", [](auto& p, auto&) { p.snapshot(); }},
+    {"signal", [](auto& p, auto& l) { p.signal_daemon(signal_number(l.words[0])); }},
+};
+
 void script_player::play(const script_line& line) try {
-    const std::string& word = line.words.empty() ? line.text : line.words[0];
-    if (line.action == "write") {
-        overwrite(path(word), text_of(line));
-    } else if (line.action == "deliver") {
-        deliver(path(VEXA_DIR + word), text_of(line));
-    } else if (line.action == "remove") {
-        fs::remove_all(path(word));
-    } else if (line.action == "mkdir") {
-        fs::create_directories(path(word));
-    } else if (line.action == "optin") {
-        fs::create_directories(path(VEXA_DIR) + "up/" + word);
-    } else if (line.action == "optout") {
-        fs::remove_all(path(VEXA_DIR) + "up/" + word);
-    } else if (line.action == "modem") {
-        tell_modem(line.text);
-    } else if (line.action == "expect-quiet") {
-        quiet_ = {.line = &line, .wakes = clocks_->wakes()};
-    } else if (line.action == "tell") {
-        tell_phone(line.text);
-    } else if (line.action == "clock") {
-        set_clock(line.text);
-    } else if (line.action == "property") {
-        phone_set_property(dir_, word, line.text);
-    } else if (line.action == "snapshot") {
-        snapshot();
-    } else if (line.action == "signal") {
-        const auto* found = std::find_if(std::begin(SIGNALS), std::end(SIGNALS),
-                                         [&](const signal_name& s) { return word == s.name; });
-        if (found == std::end(SIGNALS)) throw std::invalid_argument("no such signal: " + word);
-        signal_daemon(found->number);
-    }
+    ACTIONS.at(line.action)(*this, line);
 } catch (const script_error&) {
     throw;
 } catch (const std::exception& error) {
@@ -270,5 +298,6 @@ void script_player::snapshot() {
     note_property_writes();
     while (modem_ && modem_->serve()) {  // the last one comes after the daemon, which has hung up
     }
-    put_(transcript_of(dir_, modem_lines_, property_writes_));
+    put_(transcript_.next(clocks_->real_ns(), std::exchange(modem_lines_, {}),
+                          std::exchange(property_writes_, {})));
 }

@@ -10,6 +10,7 @@
 
 #include "conductor/conductor.h"
 #include "conductor/script.h"
+#include "conductor/transcript.h"
 #include "modem/modem.h"
 
 class script_player : public conductor_guest {
@@ -28,7 +29,7 @@ class script_player : public conductor_guest {
     // has passed since, or nothing can ever happen any more.
     void check_stop(bool is_stalled) const;
 
-    // Everything that the phone holds now, as text (transcript.h).
+    // What has come since the last one, as text (transcript.h).
     void snapshot();
 
   private:
@@ -42,6 +43,9 @@ class script_player : public conductor_guest {
         uint64_t wakes = 0;
     };
 
+    using action = void (*)(script_player&, const script_line&);
+    static const std::map<std::string, action> ACTIONS;
+
     int64_t first_ns(const script_line& line) const;
     void check_quiet();
     void note_property_writes();
@@ -50,10 +54,12 @@ class script_player : public conductor_guest {
     void signal_daemon(int signo);
     void play(const script_line& line);
     std::string path(const std::string& seen_as) const;
+    void deliver(const std::string& name, const std::string& bytes);
     void tell_modem(const std::string& command);
     void start_modem();
     void tell_phone(const std::string& what);
     void set_clock(const std::string& spec);
+    void append_log(const std::string& buffer, const std::string& tag, const std::string& message);
     std::string text_of(const script_line& line) const;
 
     std::string dir_;
@@ -63,7 +69,8 @@ class script_player : public conductor_guest {
     conductor* clocks_ = nullptr;
     std::vector<due_line> due_;
     std::mt19937_64 chance_;
-    std::vector<std::string> modem_lines_;
+    phone_transcript transcript_;
+    std::vector<std::string> modem_lines_;  // since the last snapshot, as the property writes
     std::vector<std::string> property_writes_;
     unique_fd property_watch_;
     std::vector<unique_fd> told_;

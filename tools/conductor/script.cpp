@@ -22,7 +22,8 @@ constexpr action_form ACTIONS[] = {
     {"write", 1, true},         {"deliver", 1, true}, {"remove", 1, false}, {"mkdir", 1, false},
     {"optin", 1, false},        {"optout", 1, false}, {"modem", 0, true},   {"signal", 1, false},
     {"property", 1, true},      {"tell", 0, true},    {"clock", 0, true},   {"snapshot", 0, false},
-    {"expect-quiet", 0, false},
+    {"expect-quiet", 0, false}, {"rename", 2, false}, {"chmod", 2, false},  {"campaign", 0, true},
+    {"link", 2, false},         {"log", 2, true},
 };
 
 std::optional<int64_t> parse_number(const char** at, const char* end) {
@@ -140,17 +141,30 @@ class script_reader {
         throw script_error(result_.name, begin, "nothing ends the text that begins here: " + mark);
     }
 
-    void read_line() {
-        script_line line;
-        line.number = number_;
-        std::string word = take_word();
+    // What holds for the whole script.
+    bool read_setting(const std::string& word) {
         if (word == "seed") {
             const char* at = rest_.c_str();
             const auto seed = parse_number(&at, at + rest_.size());
             if (!seed || *at) fail("no seed: " + rest_);
             result_.seed = static_cast<uint64_t>(*seed);
-            return;
+        } else if (word == "start") {
+            result_.start = rest_;
+        } else if (word == "zone") {
+            result_.zone = rest_;
+        } else if (word == "about") {
+            while (!rest_.empty()) result_.about.push_back(take_word());
+        } else {
+            return false;
         }
+        return true;
+    }
+
+    void read_line() {
+        script_line line;
+        line.number = number_;
+        std::string word = take_word();
+        if (read_setting(word)) return;
         take_when(&word, &line);
         take_chance(&word, &line);
         line.action = word;

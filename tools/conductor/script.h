@@ -22,6 +22,9 @@ struct script_line {
 struct script {
     std::string name;
     uint64_t seed = 1;
+    std::string start;               // words of a clock; empty: nothing is said
+    std::string zone;                // value of TZ; empty: the caller's
+    std::vector<std::string> about;  // what the transcript's threads are to be about
     std::vector<script_line> lines;
 };
 

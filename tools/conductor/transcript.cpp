@@ -47,47 +47,45 @@ void hide_thread_id(uint32_t tid, std::string* text) {
     if (at != std::string::npos) text->replace(at, shown.size(), "tid=*");
 }
 
-// Threads by the order of their first entries, each with its own.
-std::string log_text(const fs::path& path) {
-    const std::string bytes = content_of(path);
-    std::map<std::pair<int32_t, uint32_t>, size_t> threads;
-    std::vector<std::string> texts;
-    size_t at = 0;
+struct shown_entry {
+    std::pair<int32_t, uint32_t> thread;
+    std::string line;
+};
+
+// The next whole entry at `*at`, which moves behind it; false at the end.
+bool next_entry(const std::string& bytes, size_t* at, shown_entry* entry) {
     log_entry_header header;
-    while (bytes.size() - at >= sizeof header) {
-        memcpy(&header, bytes.data() + at, sizeof header);
-        const size_t end = at + sizeof header + header.payload_len;
-        if (end > bytes.size() || header.payload_len < 3) break;
-        const char* payload = bytes.data() + at + sizeof header;
-        const std::string tag = payload + 1;
-        const char* message = payload + 2 + tag.size();
-        std::string text(message,
-                         strnlen(message, static_cast<size_t>(bytes.data() + end - message)));
-        if (text.ends_with('\n')) text.pop_back();
-        hide_thread_id(header.tid, &text);
-        const auto [thread, is_new] = threads.try_emplace(
-            std::pair(int32_t{header.pid}, uint32_t{header.tid}), threads.size());
-        if (is_new) texts.emplace_back();
-        constexpr char LETTERS[] = "??VDIWEF";
-        texts[thread->second] += time_text(header.sec, header.nsec) + " " +
-                                 LETTERS[payload[0] & 7] + " " + tag + ": " + printable_text(text) +
-                                 "\n";
-        at = end;
-    }
-    std::string all;
-    for (size_t i = 0; i < texts.size(); ++i)
-        all += "-- log of thread " + two_digits(static_cast<long>(i + 1)) + "\n" + texts[i];
-    return all;
+    if (bytes.size() < *at + sizeof header) return false;
+    memcpy(&header, bytes.data() + *at, sizeof header);
+    const size_t end = *at + sizeof header + header.payload_len;
+    if (end > bytes.size() || header.payload_len < 3) return false;
+    const char* payload = bytes.data() + *at + sizeof header;
+    const std::string tag = payload + 1;
+    const char* message = payload + 2 + tag.size();
+    std::string text(message, strnlen(message, static_cast<size_t>(bytes.data() + end - message)));
+    if (text.ends_with('\n')) text.pop_back();
+    hide_thread_id(header.tid, &text);
+    constexpr char LETTERS[] = "??VDIWEF";
+    entry->thread = {int32_t{header.pid}, uint32_t{header.tid}};
+    entry->line = time_text(header.sec, header.nsec) + " " + LETTERS[payload[0] & 7] + " " + tag +
+                  ": " + printable_text(text) + "\n";
+    *at = end;
+    return true;
 }
 
+// A file in a collector's dropbox; one beside these is anything.
 bool is_upload(const fs::path& path) {
-    return path.string().find("/data/vendor/vexa/up/") != std::string::npos;
+    return path.parent_path().parent_path().string().ends_with("/data/vendor/vexa/up");
 }
 
 std::string upload_text(const fs::path& path, const std::string& seen_as) {
     std::string text;
-    upload_put_report(seen_as, upload_read(path.string()), {},
-                      [&](std::string_view part) { text += part; });
+    try {
+        upload_put_report(seen_as, upload_read(path.string()), {},
+                          [&](std::string_view part) { text += part; });
+    } catch (const std::exception& error) {
+        text += "    damaged: " + std::string(error.what()) + "\n";
+    }
     return text;
 }
 
@@ -107,45 +105,109 @@ std::string file_text(const fs::path& path, const std::string& seen_as) {
     return text;
 }
 
-// Files in the order of their names, with kinds, modes, sizes and contents.
-std::string files_text(const fs::path& dir) {
-    std::vector<fs::path> paths;
-    for (const auto& entry : fs::recursive_directory_iterator(dir / "data"))
-        paths.push_back(entry.path());
-    std::sort(paths.begin(), paths.end());
-    std::string all = "-- files\n";
-    for (const fs::path& path : paths) {
+// Files by their names, with kinds, modes, sizes and contents.
+std::map<std::string, std::string> files_in(const fs::path& dir) {
+    std::map<std::string, std::string> all;
+    for (const auto& entry : fs::recursive_directory_iterator(dir / "data")) {
         struct stat status = {};
-        if (lstat(path.c_str(), &status) != 0) continue;
-        const std::string seen_as = path.string().substr(dir.string().size());
+        if (lstat(entry.path().c_str(), &status) != 0) continue;
+        const std::string seen_as = entry.path().string().substr(dir.string().size());
         char mode[32];
         (void)snprintf(mode, sizeof mode, " %03o", status.st_mode & 0777);
-        all += printable_text(seen_as) + (S_ISDIR(status.st_mode) ? "/" : "") + mode + "\n";
-        if (S_ISREG(status.st_mode)) all += file_text(path, seen_as);
+        std::string text = (S_ISDIR(status.st_mode) ? "/" : "") + std::string(mode) + "\n";
+        if (S_ISREG(status.st_mode)) text += file_text(entry.path(), seen_as);
+        all[seen_as] = text;
     }
     return all;
 }
 
-std::string properties_text(const fs::path& dir) {
+std::map<std::string, std::string> properties_in(const fs::path& dir) {
     std::map<std::string, std::string> all;
     for (const auto& entry : fs::directory_iterator(dir / "dev/properties"))
-        all[entry.path().filename()] = content_of(entry.path());
-    std::string text = "-- properties\n";
-    for (const auto& [name, value] : all) text += name + "=" + printable_text(value) + "\n";
+        all[entry.path().filename()] = "=" + printable_text(content_of(entry.path())) + "\n";
+    return all;
+}
+
+// What of `now` is not in `*shown` yet, and what went; `*shown` is then `now`.
+std::string changes(std::map<std::string, std::string> now,
+                    std::map<std::string, std::string>* shown) {
+    std::string text;
+    for (const auto& [name, content] : now) {
+        const auto before = shown->find(name);
+        if (before == shown->end() || before->second != content)
+            text += printable_text(name) + content;
+    }
+    for (const auto& [name, content] : *shown) {
+        if (!now.contains(name)) text += printable_text(name) + " is gone\n";
+    }
+    *shown = std::move(now);
+    return text;
+}
+
+std::string section(const char* heading, const std::string& text) {
+    return text.empty() ? "" : "-- " + std::string(heading) + "\n" + text;
+}
+
+std::string lines_text(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) text += printable_text(line) + "\n";
     return text;
 }
 
 }  // namespace
 
-std::string transcript_of(const std::string& dir, const std::vector<std::string>& modem_lines,
-                          const std::vector<std::string>& property_writes) {
-    std::string text = log_text(fs::path(dir) / "dev/log/main");
-    if (!modem_lines.empty()) text += "-- modem\n";
-    for (const std::string& line : modem_lines) text += printable_text(line) + "\n";
-    text += properties_text(dir);
-    if (!property_writes.empty()) text += "-- property writes\n";
-    for (const std::string& line : property_writes) text += line + "\n";
-    return text + files_text(dir);
+phone_transcript::phone_transcript(std::string dir, std::vector<std::string> about)
+    : dir_(std::move(dir)), about_(std::move(about)) {
+    (void)new_log();
+    threads_.clear();
+    (void)new_properties();
+    (void)new_files();
+}
+
+bool phone_transcript::is_about(const std::string& text) const {
+    return about_.empty() || std::any_of(about_.begin(), about_.end(), [&](const auto& word) {
+               return text.find(word) != std::string::npos;
+           });
+}
+
+// Of a log that was begun afresh meanwhile, everything is new.
+std::string phone_transcript::new_log() {
+    const fs::path path = fs::path(dir_) / "dev/log/main";
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) return "";
+    if (std::exchange(log_file_, status.st_ino) != status.st_ino) log_seen_ = 0;
+    const std::string bytes = content_of(path);
+    std::map<size_t, std::string> texts;
+    for (shown_entry entry; next_entry(bytes, &log_seen_, &entry);) {
+        const auto [thread, is_new] = threads_.try_emplace(entry.thread, threads_.size() + 1);
+        texts[thread->second] += entry.line;
+    }
+    std::string all;
+    for (const auto& [number, text] : texts) {
+        if (is_about(text))
+            all +=
+                section(("log of thread " + two_digits(static_cast<long>(number))).c_str(), text);
+    }
+    return all;
+}
+
+std::string phone_transcript::new_properties() {
+    return changes(properties_in(dir_), &properties_);
+}
+
+std::string phone_transcript::new_files() {
+    return changes(files_in(dir_), &files_);
+}
+
+std::string phone_transcript::next(int64_t real_ns, const std::vector<std::string>& modem_lines,
+                                   const std::vector<std::string>& property_writes) {
+    const auto sec = static_cast<uint32_t>(real_ns / NS_PER_S);
+    std::string text =
+        "== " + time_text(sec, static_cast<uint32_t>(real_ns % NS_PER_S)) + "\n" + new_log();
+    text += section("modem", lines_text(modem_lines));
+    text += section("properties", new_properties());
+    text += section("property writes", lines_text(property_writes));
+    return text + section("files", new_files());
 }
 
 std::string transcript_property_write(const std::string& dir, const std::string& name,

@@ -2,6 +2,8 @@
 
 #include <errno.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <time.h>
 
 #include <fstream>
 #include <iostream>
@@ -30,13 +32,26 @@ FILE* open_transcript(const std::string& name) {
     return file;
 }
 
+// In the zone of the script, which the daemon inherits.
+clock_spec begin_of(const script& lines) {
+    if (!lines.zone.empty()) setenv("TZ", lines.zone.c_str(), 1);
+    tzset();
+    const auto start = clock_spec_parse(lines.start.data(), lines.start.size());
+    if (!lines.start.empty() && (!start || start->speed))
+        throw std::invalid_argument(lines.name + ": no start: " + lines.start);
+    return start.value_or(clock_spec{});
+}
+
 }  // namespace
 
 driven_run::driven_run(const std::string& dir, const driven_options& options)
+    : driven_run(dir, options, read_script(options.script)) {}
+
+driven_run::driven_run(const std::string& dir, const driven_options& options, const script& lines)
     : transcript_(open_transcript(options.transcript)),
-      conductor_(dir, options.start, options.shuffle_seed),
+      conductor_(dir, options.start.value_or(begin_of(lines)), options.shuffle_seed),
       player_(
-          dir, read_script(options.script),
+          dir, lines,
           [this](const std::string& text) {
               if (transcript_) (void)fwrite(text.data(), 1, text.size(), transcript_);
           },

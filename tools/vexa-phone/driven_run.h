@@ -9,7 +9,7 @@
 #include "run.h"
 
 struct driven_options {
-    clock_spec start{};
+    std::optional<clock_spec> start{};  // none: the script's
     std::optional<uint64_t> shuffle_seed{};
     std::string script;      // file; "-": standard input; empty: none
     std::string transcript;  // file that snapshots go to; "-": standard output; empty: none
@@ -28,6 +28,7 @@ class driven_run : public phone_companion {
     void end();
 
   private:
+    driven_run(const std::string& dir, const driven_options& options, const script& lines);
     void note_long_turn();
 
     std::function<void(int)> send_signal_;

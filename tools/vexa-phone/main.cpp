@@ -63,10 +63,12 @@ std::string check_clock(const std::string& spec) {
 
 int run_driven(const phone_options& options, const run_arguments& arguments,
                const std::vector<std::string>& command) {
-    driven_run companion(options.dir, {.start = *driven_start(arguments.clock),
-                                       .shuffle_seed = arguments.shuffle_seed,
-                                       .script = arguments.script,
-                                       .transcript = arguments.transcript});
+    const bool is_bare = arguments.clock == DRIVEN;
+    driven_run companion(options.dir,
+                         {.start = is_bare ? std::nullopt : driven_start(arguments.clock),
+                          .shuffle_seed = arguments.shuffle_seed,
+                          .script = arguments.script,
+                          .transcript = arguments.transcript});
     const int code = run_in_phone(options, command, &companion);
     companion.end();
     return code;

@@ -1,0 +1,91 @@
+// The owner's consent: what a pass over the rows changes, and who waits for it.
+#include "framework/row/optout.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "framework/time/clock.h"
+#include "support/record_phone.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct OptOut : testing::Test, record_phone {
+    OptOut() { row.running = 1; }
+
+    // What a pass makes of the row: "enabled terminate", and what it logs.
+    std::string pass(bool enabled, int terminate, bool is_shutdown) {
+        row.enabled = enabled;
+        row.terminate = terminate != 0;
+        optout_context context{.table = &row, .count = 1};
+        optout_handle(&context, is_shutdown);
+        return std::to_string(row.enabled) + " " + std::to_string(row.terminate) + " " + log();
+    }
+};
+
+TEST_F(OptOut, PassFollowsTheDirectoryAndTerminatesAllButWhatItDisables) {
+    const std::string enabled = "I vexastatsd: test_collector enabled\n";
+    const std::string disabled = "I vexastatsd: test_collector disabled\n";
+    const std::string terminated = "I vexastatsd: test_collector Terminated\n";
+    EXPECT_EQ(pass(false, 0, false), "1 0 " + enabled);
+    EXPECT_EQ(pass(true, 0, false), "1 0 ");
+    EXPECT_EQ(pass(true, 0, true), "1 1 " + terminated);
+    EXPECT_EQ(pass(false, 0, true), "0 1 " + terminated);
+    fs::remove(UP);
+    EXPECT_EQ(pass(true, 0, false), "0 0 " + disabled);
+    EXPECT_EQ(pass(false, 0, false), "0 0 ");
+    EXPECT_EQ(pass(true, 0, true), "0 0 " + disabled) << "deliberately not terminated";
+    EXPECT_EQ(pass(false, 0, true), "0 1 " + terminated);
+    write_text_file(UP, "a file");
+    EXPECT_EQ(pass(false, 0, false), "0 0 ");
+    EXPECT_EQ(pass(true, 0, false), "1 0 ") << "it is not missing";
+    fs::remove(UP);
+    row.running = 0;
+    EXPECT_EQ(pass(true, 0, false), "1 0 ") << "no thread to tell";
+    row.running = 1;
+    row.stop.raised = 1;
+    EXPECT_EQ(pass(true, 0, true), "1 0 ") << "it ends by itself";
+    row.stop.raised = 0;
+}
+
+TEST_F(OptOut, WaitEndsWithConsentOrTermination) {
+    for (const bool is_shutdown : {false, true}) {
+        row.enabled = row.terminate = 0;
+        std::thread waiting([this] { vexastats_wait_optin(&row); });
+        (void)pass(false, 0, is_shutdown);
+        waiting.join();
+        EXPECT_EQ(row.enabled, !is_shutdown);
+        EXPECT_FALSE(row.terminate) << "the wait takes it back";
+    }
+    row.enabled = row.terminate = 1;
+    vexastats_wait_optin(&row);
+    EXPECT_TRUE(row.terminate) << "there was no wait";
+    vexastats_wait_optin(nullptr);
+}
+
+TEST_F(OptOut, PropertyIsWaitedForInRoundsOfFiveSeconds) {
+    const std::string waiting =
+        "I vexastatsd: vexastats_wait_prop_enalbled() waiting for vendor.orb.vexa.enabled...\n";
+    const int64_t begin = vexastats_mono_time_ms();
+    const auto waited_s = [&] { return (vexastats_mono_time_ms() - begin) / 1000; };
+    EXPECT_EQ(vexastats_wait_prop_enalbled(0, row.stop), -22);
+    EXPECT_EQ(log(), "I vexastatsd: vexastats_wait_prop_enalbled() wait time expired 0\n");
+    platform_test_set_property("vendor.orb.vexa.enabled", "11");
+    EXPECT_EQ(vexastats_wait_prop_enalbled(11, row.stop), -22);
+    EXPECT_EQ(waited_s(), 15);
+    EXPECT_EQ(log(), waiting + waiting + waiting +
+                         "I vexastatsd: vexastats_wait_prop_enalbled() wait time expired 11\n");
+    platform_test_set_property("vendor.orb.vexa.enabled", "1");
+    EXPECT_EQ(vexastats_wait_prop_enalbled(11, row.stop), 0);
+    EXPECT_EQ(waited_s(), 15);
+    EXPECT_EQ(log(), "");
+    platform_test_set_property("vendor.orb.vexa.enabled", "0");
+    row.stop.raised = 1;
+    EXPECT_EQ(vexastats_wait_prop_enalbled(11, row.stop), -22);
+    EXPECT_EQ(waited_s(), 15) << "a stop ends it";
+    row.stop.raised = 0;
+}
+
+}  // namespace

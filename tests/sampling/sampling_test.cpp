@@ -1,0 +1,307 @@
+// What the two sampling collectors share, in both.
+#include "sampling/sampling.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/inotify.h>
+#include <sys/resource.h>
+#include <time.h>
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+
+#include "sampling/sampled_phone.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+std::atomic<bool> g_no_notifier{false};
+}
+extern "C" int __real_inotify_init1(int flags);
+extern "C" int __wrap_inotify_init1(int flags) {
+    if (!g_no_notifier) return __real_inotify_init1(flags);
+    errno = EMFILE;
+    return -1;
+}
+
+namespace {
+
+TEST(SampleHead, ZoneIsComparedWithTheRecordsFirstAndThenWithTheLastSamples) {
+    collector_info row;
+    row.hdr.timezone_min = 345;
+    setenv("TZ", "NPT-5:45", 1);
+    tzset();
+    timezone_memory memory;
+    EXPECT_FALSE(sampling_timezone(&memory, row).changed);
+    setenv("TZ", "NST3:30", 1);
+    tzset();
+    const timezone_state west = sampling_timezone(&memory, row);
+    EXPECT_EQ(west.offset_min, -210);
+    EXPECT_TRUE(west.changed);
+    EXPECT_FALSE(sampling_timezone(&memory, row).changed);
+}
+
+TEST(SampleHead, StampKeepsItsHighestBitForTheZone) {
+    platform_test_set_boot_ms((int64_t{1} << 31) * 100 + 799);
+    EXPECT_EQ(sampling_time_stamp(false), 7u);
+    EXPECT_EQ(sampling_time_stamp(true), 0x80000007u);
+}
+
+struct Sampling : testing::TestWithParam<uint32_t>, sampled_phone {
+    Sampling() : sampled_phone(GetParam()) {}
+    ~Sampling() override { limit_file_size(RLIM_INFINITY); }
+
+    bool is_gpu() const { return GetParam() == GPU; }
+    std::string name() const { return is_gpu() ? "gpu" : "cpu"; }
+    std::string line(const std::string& text) const {
+        std::string line = text;
+        for (size_t at; (at = line.find('@')) != line.npos;) line.replace(at, 1, name());
+        return line + "\n";
+    }
+    std::string settings() const {
+        return "interval=" + std::to_string(row->interval) +
+               " notify=" + std::to_string(row->notify) +
+               " silent=" + std::to_string(row->no_supported_kernel);
+    }
+    std::string config(const std::string& values, int size = 65536) const {
+        return "clientid=" + std::to_string(GetParam()) + ";size=" + std::to_string(size) + ";" +
+               values + "\n";
+    }
+    std::string saved(const std::string& values) const {
+        return line("#@_collector config file. Version: 1.2") + config(values);
+    }
+    std::string record_name() const { return name() + "stats.tmp"; }
+    // The GPU collector sleeps before a sample, the CPU collector behind it.
+    void sleep_before_sample() {
+        if (is_gpu()) pass(row->interval);
+    }
+    static void limit_file_size(rlim_t size) {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{.rlim_cur = size, .rlim_max = RLIM_INFINITY};
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    }
+};
+const auto BOTH = testing::Values(sampled_phone::GPU, sampled_phone::CPU);
+std::string name_of(const testing::TestParamInfo<uint32_t>& kind) {
+    return kind.param == sampled_phone::GPU ? "Gpu" : "Cpu";
+}
+INSTANTIATE_TEST_SUITE_P(Both, Sampling, BOTH, name_of);
+
+// ---- Start
+
+TEST_P(Sampling, StartAsksForItsConfigurationAndAStopEndsTheWaitForAChange) {
+    row->notify = 1;
+    start();
+    EXPECT_EQ(requests(), line(std::to_string(GetParam()) +
+                               "-1.1-@stats.cfg.req\nclientID=" + std::to_string(GetParam()) +
+                               "\nversion=1.1\nkey=@stats.cfg\nrequestType=1\n"
+                               "requestTimer=31536000\nconnType=1\nconnTimer=360"));
+    pass(days_ms(30));
+    EXPECT_EQ(stamps(), "") << "no sample without a change";
+    EXPECT_EQ(log(), "");
+    stop();
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(log(), line("I vexastatsd: @_collector Terminated\n"
+                          "E vexastatsd: @_monitor: failed to read. err:4"));
+}
+
+TEST_P(Sampling, StartGoesOnWithoutItsConfigurationAndNotWithoutANotifier) {
+    const std::string request =
+        std::string(row->down_dir) + line("/" + std::to_string(GetParam()) + "-1.1-@stats.cfg.req");
+    fs::create_directories(request.substr(0, request.size() - 1));
+    fs::create_directories(row->cfg_file);
+    start();
+    const std::string said = log();
+    EXPECT_TRUE(said.ends_with(line("@ init_params failed. use default value"))) << said;
+    EXPECT_NE(said.find(line("E vexastatsd: @_monitor: dload request failed")), said.npos) << said;
+    EXPECT_FALSE(ended());
+
+    renew();
+    remove(row->cfg_file);
+    g_no_notifier = true;
+    start();
+    EXPECT_TRUE(ended());
+    EXPECT_TRUE(stop_flag_is_raised(row->stop));
+    const std::string failure = is_gpu() ? "E vexastatsd: failed inotify_init err:24\n"
+                                         : "E vexastatsd: failed inotify_init. err:24\n";
+    EXPECT_TRUE(log().ends_with(failure));
+    g_no_notifier = false;
+}
+
+// A kernel was found silent: that is forgotten in the first two minutes after a boot only.
+TEST_P(Sampling, SilentKernelGetsAnotherChanceInTheFirstTwoMinutes) {
+    const std::string known =
+        config("interval=500;threshold=300000;notify=1;no_supported_kernel=1");
+    for (const bool early : {true, false}) {
+        platform_test_set_boot_ms(early ? 119999 : 120000);
+        write(row->cfg_file, known);
+        start();
+        EXPECT_EQ(settings(),
+                  early ? "interval=500 notify=1 silent=0" : "interval=60000 notify=0 silent=1");
+        EXPECT_EQ(cfg() == known, !early) << cfg();
+        sleep_before_sample();
+        EXPECT_EQ(stamps(), early ? "" : is_gpu() ? "1800" : "1200");
+        renew();
+        remove(own());
+    }
+}
+
+TEST_P(Sampling, KernelThatReportsNothingForFiveMinutesIsSampledPeriodicallyForGood) {
+    platform_test_set_boot_ms(100000);
+    row->notify = 1;
+    row->interval = 500;
+    start();
+    pass(299999);
+    EXPECT_EQ(log() + settings(), "interval=500 notify=1 silent=0");
+    pass(1);
+    EXPECT_EQ(log() + settings(), line("I vexastatsd: @_monitor: inotify timed out. Disable it.") +
+                                      "interval=60000 notify=0 silent=1");
+    const std::string threshold = std::to_string(row->threshold);
+    EXPECT_EQ(cfg(),
+              saved("interval=500;threshold=" + threshold + ";notify=1;no_supported_kernel=1"));
+    sleep_before_sample();
+    pass(60000);
+    EXPECT_EQ(stamps(), is_gpu() ? "4600 5200" : "4000 4600");
+
+    // The next load is of a file that could not keep what was found.
+    const std::string known = ";threshold=" + threshold + ";notify=1;no_supported_kernel=1";
+    write(row->cfg_file,
+          config("interval=400;threshold=" + threshold + ";notify=1;no_supported_kernel=0"));
+    pass(days_ms(5));
+    pass(60000);
+    EXPECT_EQ(cfg(), saved("interval=400" + known));
+    EXPECT_EQ(settings(), "interval=60000 notify=0 silent=1") << "it would wait for ever";
+}
+
+TEST_P(Sampling, StopEndsTheFirstWaitAfterAnEarlyStart) {
+    platform_test_set_boot_ms(100000);
+    row->notify = 1;
+    start();
+    stop();
+    EXPECT_EQ(log(), line("I vexastatsd: @_collector Terminated\n"
+                          "E vexastatsd: failed to poll wait. err:4"));
+}
+
+TEST_P(Sampling, ParametersAreLoadedAgainOnceMoreThanFiveDaysArePast) {
+    row->notify = 0;
+    row->interval = 60000;
+    start();
+    write(row->dl_cfg_file,
+          config("interval=60000;threshold=0;notify=0;no_supported_kernel=0", 4242));
+    pass(60000);
+    pass(days_ms(5) - 60000);
+    EXPECT_EQ(row->size, 65536);
+    for (int i = 0; i < 2; ++i) pass(60000);  // the GPU has to be found idle twice
+    EXPECT_EQ(row->size, 4242);
+    EXPECT_FALSE(fs::exists(row->dl_cfg_file));
+}
+
+// ---- Failures in a row
+
+TEST_P(Sampling, ThreeFailuresOfASourceInARowEndItAndAGoodSampleStartsAfresh) {
+    row->notify = 0;
+    row->interval = 1000;
+    start();
+    const auto fail = [this] {
+        remove(load_file());
+        for (int i = 0; i < 3 && log().find("failed to prepare") == std::string::npos; ++i)
+            pass(1000);
+    };
+    fail();
+    fail();
+    EXPECT_FALSE(ended());
+    idle();
+    for (int i = 0; i < 4; ++i) pass(1000);
+    EXPECT_NE(stamps(), "");
+    fail();
+    fail();
+    EXPECT_FALSE(ended());
+    remove(load_file());
+    for (int i = 0; i < 3 && !ended(); ++i) pass(1000);
+    EXPECT_TRUE(ended());
+    EXPECT_TRUE(stop_flag_is_raised(row->stop));
+}
+
+TEST_P(Sampling, WatchThatFailsThreeTimesASecondApartEndsIt) {
+    remove(load_file());
+    row->notify = 1;
+    start();
+    const std::string failure = line(is_gpu() ? "E vexastatsd: @ inotify_add_watch failed. err:2"
+                                              : "E vexastatsd: @0 inotify_add_watch failed. err:2");
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(log(), failure);
+        pass(999);
+        EXPECT_FALSE(ended());
+        pass(1);
+    }
+    EXPECT_TRUE(ended());
+    EXPECT_EQ(log(), "");
+}
+
+// ---- Storage that fails never ends it, and costs a pause that grows
+
+TEST_P(Sampling, StorageThatFailsIsTriedAgainLaterAndLaterUntilItIsWell) {
+    const std::string no_record = line("E vexastatsd: failed to open record file for @");
+    const std::string no_sample = line("E vexastatsd: failed to prepare @ stats. err:-22");
+    using fs::perms;
+    const auto forbid = [this] { fs::permissions(own(), perms::owner_read | perms::owner_exec); };
+    const auto allow = [this] { fs::permissions(own(), perms::owner_all); };
+    const struct {
+        const char* what;
+        std::function<void()> before, after;  // the start
+        std::function<void()> mend;
+        std::string failure;
+        int64_t first_ms;  // the pause behind the first one
+    } cases[] = {
+        {"beginning", [this] { write(own(), ""); }, {}, [this] { remove(own()); }, no_record, 1000},
+        {"hand-over", {}, forbid, allow, no_sample, 1000},
+        {"append",
+         [] { limit_file_size(100); },
+         {},
+         [] { limit_file_size(RLIM_INFINITY); },
+         no_sample,
+         1000},
+        // The hand-over that fails before has cost the first pause.
+        {"opening again",
+         {},
+         [&] { fs::permissions(own(record_name()), perms::owner_read), forbid(); },
+         [&] { allow(), fs::permissions(own(record_name()), perms::owner_all); },
+         no_record,
+         2000},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        row->notify = 0;
+        row->interval = 100;
+        row->size = 300;
+        if (c.before) c.before();
+        start();
+        if (c.after) c.after();
+        std::string said = log();
+        for (int i = 0; i < 300 && !said.ends_with(c.failure); ++i) {
+            pass(100);
+            said = log();
+        }
+        for (const int64_t pause_ms : {1000, 2000, 4000, 8000, 16000, 32000, 60000, 60000}) {
+            if (pause_ms < c.first_ms) continue;
+            EXPECT_TRUE(said.ends_with(c.failure)) << pause_ms << " ms follow on: " << said;
+            pass(pause_ms - 1);
+            EXPECT_EQ(log(), "") << "within " << pause_ms << " ms";
+            pass(1);
+            if (c.failure == no_sample) sleep_before_sample();
+            said = log();
+        }
+        EXPECT_FALSE(ended());
+        c.mend();
+        pass(60000);
+        sleep_before_sample();
+        EXPECT_NE(stamps(), "");
+        renew();
+        remove(own());
+    }
+}
+
+}  // namespace
