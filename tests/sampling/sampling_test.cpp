@@ -9,6 +9,7 @@
 #include <sys/resource.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <functional>
@@ -80,7 +81,9 @@ struct Sampling : testing::TestWithParam<uint32_t>, sampled_phone {
     }
     static void limit_file_size(rlim_t size) {
         signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{.rlim_cur = size, .rlim_max = RLIM_INFINITY};
+        rlimit limit{};
+        ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+        limit.rlim_cur = std::min(size, limit.rlim_max);
         ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
     }
 };
