@@ -1,15 +1,6 @@
 // A stored campaign file, for its entry and for its logic.
-#include <cstdlib>
-
 #include "campaign/campaign_desc.h"
-
-namespace {
-
-void check(bool holds) {
-    if (!holds) abort();
-}
-
-}  // namespace
+#include "fuzz_target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     campaign_table table;

@@ -1,15 +1,10 @@
 // A delivered campaign file, its campaigns judged by the rules.
-#include <cstdlib>
-
 #include "campaign/campaign_activity.h"
 #include "campaign/campaign_map.h"
 #include "campaign/campaign_switch.h"
+#include "fuzz_target.h"
 
 namespace {
-
-void check(bool holds) {
-    if (!holds) abort();
-}
 
 void check_entry(const CampaignEntry& entry) {
     check(entry.mccMncCount <= CAMPAIGN_NETWORKS_MAX);

@@ -1,8 +1,6 @@
 // Upload files, and payloads of every known record without the gzip stream that hides them from a
 // fuzzer.
-#include <cstddef>
-#include <cstdint>
-
+#include "fuzz_target.h"
 #include "record_formats.h"
 
 namespace {

@@ -1,55 +1,22 @@
-// The fields of messages from the modem. The first byte chooses the message.
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
+// The fields of messages from the modem, of both services with fields of any length. The first byte
+// chooses the message.
 #include <vector>
 
+#include "collectors/mccbandlist/pdc_service.h"
 #include "collectors/mps/mps_service.h"
+#include "fuzz_target.h"
 #include "host/kbr_message.h"
 
 namespace {
 
-struct id {
-    uint32_t kind, len;
-    uint8_t bytes[124];
-};
-struct id_list {
-    uint32_t result, error;
-    uint8_t list_valid;
-    uint32_t count;
-    id ids[25];
-    uint8_t active_valid;
-    id active;
-};
-constexpr kbr_field ID[] = {kbr_scalar(0, offsetof(id, kind), 4),
-                            kbr_bytes(0, offsetof(id, len), sizeof(id::bytes))};
-constexpr kbr_field ID_LIST[] = {
-    kbr_result(0x02, 0),
-    {.type = 0x10,
-     .kind = KBR_ARRAY,
-     .offset = offsetof(id_list, count),
-     .size = sizeof(id),
-     .max = 25,
-     .flag_offset = offsetof(id_list, list_valid),
-     .members = ID},
-    {.type = 0x11,
-     .kind = KBR_STRUCT,
-     .offset = offsetof(id_list, active),
-     .flag_offset = offsetof(id_list, active_valid),
-     .members = ID},
-};
-constexpr kbr_message ID_LIST_MESSAGE = {1, sizeof(id_list), ID_LIST};
-
 std::vector<kbr_message> all_messages() {
-    const kbr_service_object* service = vexa_get_service_object_internal_v01(1, 1, 6);
-    std::vector<kbr_message> all = {ID_LIST_MESSAGE};
-    for (const auto messages : {service->requests, service->responses, service->indications})
-        all.insert(all.end(), messages.begin(), messages.end());
+    std::vector<kbr_message> all;
+    for (const kbr_service_object* service : {pdc_get_service_object_internal_v01(1, 15, 6),
+                                              vexa_get_service_object_internal_v01(1, 1, 6)}) {
+        for (const auto messages : {service->requests, service->responses, service->indications})
+            all.insert(all.end(), messages.begin(), messages.end());
+    }
     return all;
-}
-
-void check(bool holds) {
-    if (!holds) abort();
 }
 
 }  // namespace

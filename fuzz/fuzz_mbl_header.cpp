@@ -1,9 +1,8 @@
 // The header of a band list from any bytes, and the rule which of two is newer.
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
 #include "collectors/mccbandlist/mccbandlist_header.h"
+#include "fuzz_target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     mccbandlist_header first;

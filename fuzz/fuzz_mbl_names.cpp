@@ -1,15 +1,13 @@
 // Names of files in the download directory, and the line of the updater's status file. The first
 // line is the key asked for.
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <string_view>
 
 #include "collectors/mccbandlist/mccbandlist_dload.h"
 #include "collectors/mccbandlist/mccbandlist_status.h"
+#include "fuzz_target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    const std::string_view text = text_of(data, size);
     const size_t key_len = text.find('\n');
     if (key_len == text.npos) return 0;
     const std::string_view name = text.substr(key_len + 1);

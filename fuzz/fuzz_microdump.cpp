@@ -1,14 +1,12 @@
 // What the microdump collector reads: its configuration, its clock file, and dumps in chunks whose
 // lengths come from the dump itself.
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <string_view>
 
 #include "collectors/microdump/crash_record.h"
 #include "collectors/microdump/microdump_config.h"
 #include "collectors/microdump/timeout_file.h"
+#include "fuzz_target.h"
 
 namespace {
 
@@ -22,9 +20,8 @@ void take_dump(std::string_view dump) {
         memcpy(record.room(), dump.data(), len);
         crash_record_add_chunk(&record, len);
         const std::string_view text(record.text + before, record.len - before);
-        if (text.empty() || text.size() > len || text.back() != '\n' ||
-            text.find('\0') != text.npos || record.len > CRASH_RECORD_SIZE)
-            abort();
+        check(!text.empty() && text.size() <= len && text.back() == '\n' &&
+              text.find('\0') == text.npos && record.len <= CRASH_RECORD_SIZE);
         dump.remove_prefix(len);
     }
 }
@@ -32,7 +29,7 @@ void take_dump(std::string_view dump) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    const std::string_view text = text_of(data, size);
     take_dump(text);
     microdump_config config;
     (void)microdump_config_parse(text, &config);

@@ -1,10 +1,6 @@
 // Lines of the kernel's traffic table.
-#include <cstdint>
-#include <cstdlib>
-#include <string>
-#include <string_view>
-
 #include "collectors/cpu/network_stats.h"
+#include "fuzz_target.h"
 
 namespace {
 
@@ -19,13 +15,11 @@ int runs_of_uid(const network_list& list) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::string_view rest(reinterpret_cast<const char*>(data), size);
+    std::string_view rest = text_of(data, size);
     network_table table;
     if (network_table_begin(&table) != 0) return 0;
     while (!rest.empty()) {
-        const size_t newline = rest.find('\n');
-        const std::string line(rest.substr(0, newline));
-        rest.remove_prefix(newline == rest.npos ? rest.size() : newline + 1);
+        const std::string line = take_line(&rest);
         network_node traffic;
         if (parse_network_line(line, &traffic) != 5 || traffic.iface_class == NETWORK_NONE)
             continue;
@@ -33,6 +27,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     network_list list;
     if (network_table_rank(&table, &list) != 0) return 0;
-    if (runs_of_uid(list) > 5 || list.nodes.size() > table.nodes.size()) abort();
+    check(runs_of_uid(list) <= 5 && list.nodes.size() <= table.nodes.size());
     return 0;
 }

@@ -1,12 +1,10 @@
 // What the kernel says of one process, and the entry's way through the table into a process block.
 // The first byte chooses which file the text is taken for.
-#include <cstdint>
-#include <cstdlib>
-#include <string_view>
 #include <vector>
 
 #include "collectors/cpu/readproc.h"
 #include "collectors/cpu/vexapslist.h"
+#include "fuzz_target.h"
 
 namespace {
 
@@ -32,9 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int scan = 0; scan < 3; ++scan) {
         vexa_inc_proc_tbl_tick(&table);
         unique_proc_entry entry = vexa_make_proc_entry(&table);
-        // A copy of the exact size, so that a read past its end is found.
-        const std::vector<char> text(data + 1, data + size);
-        if (scan != 1) parse(data[0], {text.data(), text.size()}, entry.get());
+        if (scan != 1) parse(data[0], text_of(data + 1, size - 1), entry.get());
         entry->pid = 1;
         vexa_insert_proc_tbl_entry(&table, std::move(entry));
     }

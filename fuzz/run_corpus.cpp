@@ -1,13 +1,12 @@
 // Stands in for libFuzzer: feeds a target every file in the folders given, once. A build with
 // VEXA_FUZZ=ON has libFuzzer's main instead.
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <vector>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+#include "fuzz_target.h"
 
 namespace {
 

@@ -47,8 +47,6 @@ size_t value_max_len(const kbr_field& field) {
             return COUNT_SIZE + field.max;
         case KBR_RESULT:
             return RESULT_SIZE;
-        case KBR_STRUCT:
-            return members_max_len(field.members);
         case KBR_ARRAY:
             return COUNT_SIZE + field.max * members_max_len(field.members);
     }
@@ -94,8 +92,6 @@ uint8_t* put_value(const kbr_field& field, const uint8_t* in, uint8_t* out) {
         case KBR_RESULT:
             out = put_le(out, static_cast<uint16_t>(load_u32(in + field.offset)));
             return put_le(out, static_cast<uint16_t>(load_u32(in + field.offset + 4)));
-        case KBR_STRUCT:
-            return put_members(field.members, in + field.offset, out);
         case KBR_ARRAY:
             return put_array(field, in, out);
     }
@@ -176,8 +172,6 @@ bool get_value(const kbr_field& field, reader* from, uint8_t* out) {
             return get_bytes(field, from, out);
         case KBR_RESULT:
             return get_result(field, from, out);
-        case KBR_STRUCT:
-            return get_members(field.members, from, out + field.offset);
         case KBR_ARRAY:
             return get_array(field, from, out);
     }

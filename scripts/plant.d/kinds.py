@@ -122,12 +122,25 @@ def wake_up(source):
     yield from statements(source, lambda statement, names: source.is_expression(statement) and bool(names & WAKE_UPS))
 
 
+def are_apart(source, one, two):
+    """Two plain assignments that name nothing in common: their order makes no difference."""
+    parts = [source.tokens[statement.first:statement.last] for statement in (one, two)]
+    if any(token.text in ('(', '++', '--') for part in parts for token in part):
+        return False
+    targets = [{''.join(token.text for token in part).split('=')[0]} for part in parts]
+    names = [{token.text for token in part if token.kind == 'name'} for part in parts]
+    written = [{part[i - 1].text for i, token in enumerate(part) if token.text.endswith('=')} for part in parts]
+    return targets[0] != targets[1] and not (written[0] & names[1] or written[1] & names[0])
+
+
 def swap(source):
     for block in source.blocks:
         for one, two in zip(block, block[1:]):
             if one.last != two.first or one.guarded:
                 continue
             if not (source.is_expression(one) and source.is_expression(two)):
+                continue
+            if are_apart(source, one, two):
                 continue
             start, middle = source.tokens[one.first].start, source.tokens[one.last - 1].end
             behind, end = source.tokens[two.first].start, source.tokens[two.last - 1].end

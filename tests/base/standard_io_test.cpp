@@ -8,36 +8,20 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <string>
+#include <array>
 
 #include "base/unique_handle.h"
 
 namespace {
 
-// What a line goes to, and where it comes out.
-struct output {
-    unique_fd in{};
-    unique_fd out{};
-};
-
-output a_pipe() {
+// Where a line comes out, and where it goes in.
+std::array<unique_fd, 2> output_of(const std::string& kind) {
     int fds[2] = {-1, -1};
-    EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
-    return {.in = unique_fd(fds[1]), .out = unique_fd(fds[0])};
-}
-
-output a_socket() {
-    int fds[2] = {-1, -1};
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-    return {.in = unique_fd(fds[1]), .out = unique_fd(fds[0])};
-}
-
-output a_file() {
     char name[] = "/data/standard_io_XXXXXX";
-    unique_fd in(mkstemp(name));
-    EXPECT_TRUE(in);
-    unique_fd out(open(name, O_RDONLY | O_CLOEXEC));
-    return {.in = std::move(in), .out = std::move(out)};
+    if (kind == "socket") (void)socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds);
+    if (kind == "pipe") (void)pipe2(fds, O_CLOEXEC);
+    if (kind == "file") fds[1] = mkstemp(name), fds[0] = open(name, O_RDONLY | O_CLOEXEC);
+    return {unique_fd(fds[0]), unique_fd(fds[1])};
 }
 
 void trace_to(const unique_fd& fd, const std::string& line) {
@@ -47,48 +31,34 @@ void trace_to(const unique_fd& fd, const std::string& line) {
     dup2(saved.get(), STDOUT_FILENO);
 }
 
-size_t fill(const unique_fd& fd) {
-    const int flags = fcntl(fd.get(), F_GETFL);
-    fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK);
-    size_t bytes = 0;
-    for (ssize_t got; (got = write(fd.get(), "xxxxxxxxxxxxxxxx", 16)) > 0;)
-        bytes += static_cast<size_t>(got);
-    fcntl(fd.get(), F_SETFL, flags);
-    return bytes;
-}
-
 std::string read_all(const unique_fd& fd) {
     fcntl(fd.get(), F_SETFL, fcntl(fd.get(), F_GETFL) | O_NONBLOCK);
     std::string text;
-    char part[4096];
-    for (ssize_t got; (got = read(fd.get(), part, sizeof part)) > 0;)
-        text.append(part, static_cast<size_t>(got));
+    for (char byte; read(fd.get(), &byte, 1) == 1;) text += byte;
     return text;
 }
 
 TEST(StandardIo, LineIsWrittenWhereItCanBeAndNeverWaitedFor) {
     standard_io_ignore_sigpipe();
-    struct {
-        const char* what;
-        output (*make)();
-        bool fills_up;
-    } const cases[] = {{"pipe", a_pipe, true}, {"socket", a_socket, true}, {"file", a_file, false}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        output to = c.make();
-        const int flags = fcntl(to.in.get(), F_GETFL);
-        trace_to(to.in, "one\n");
-        trace_to(to.in, "two\n");
-        EXPECT_EQ(read_all(to.out), "one\ntwo\n");
-        if (!c.fills_up) continue;
-        const size_t filled = fill(to.in);
-        trace_to(to.in, std::string(PIPE_BUF, 'y'));
-        EXPECT_EQ(fcntl(to.in.get(), F_GETFL), flags) << "others have it open too";
-        EXPECT_EQ(read_all(to.out), std::string(filled, 'x'));
-        trace_to(to.in, "three\n");
-        EXPECT_EQ(read_all(to.out), "three\n");
-        to.out.reset();
-        trace_to(to.in, "nobody reads it\n");
+    for (const std::string kind : {"pipe", "socket", "file"}) {
+        SCOPED_TRACE(kind);
+        auto [out, in] = output_of(kind);
+        trace_to(in, "one\n");
+        trace_to(in, "two\n");
+        EXPECT_EQ(read_all(out), "one\ntwo\n");
+        if (kind == "file") continue;
+        const int flags = fcntl(in.get(), F_GETFL);
+        fcntl(in.get(), F_SETFL, flags | O_NONBLOCK);
+        std::string filled;
+        while (write(in.get(), "xxxxxxxxxxxxxxxx", 16) > 0) filled += "xxxxxxxxxxxxxxxx";
+        fcntl(in.get(), F_SETFL, flags);
+        trace_to(in, std::string(PIPE_BUF, 'y'));
+        EXPECT_EQ(fcntl(in.get(), F_GETFL), flags) << "others have it open too";
+        EXPECT_EQ(read_all(out), filled);
+        trace_to(in, "three\n");
+        EXPECT_EQ(read_all(out), "three\n");
+        out.reset();
+        trace_to(in, "nobody reads it\n");
     }
 }
 

@@ -1,5 +1,4 @@
 // Runs in driven time: the same script makes the same run, and what a script expects is looked at.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,18 +7,17 @@
 #include <thread>
 #include <vector>
 
+#include "conductor/script.h"
 #include "cpu_record.h"
 #include "driven/driven_phone.h"
 #include "phone/enter.h"
+#include "support/dialogue.h"
 #include "support/files.h"
 #include "upload_reader.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-using testing::ContainsRegex;
-using testing::HasSubstr;
 
 constexpr char STOPPED[] = "I vexastatsd: vexastatsd stopped\n";
 
@@ -105,58 +103,42 @@ TEST_F(Driven, SeedRepeatsItselfAndEverySeedStopsInOrder) {
     EXPECT_EQ(difference(first, play("stops.script", {"--shuffle", "1"}).transcript), "");
 }
 
-TEST_F(Driven, ExpectQuietHoldsForAnIdleDaemonOnly) {
-    const driven_phone phone;
-    const std::string wait = "at 1m expect-quiet\nat 2h snapshot\n";
-    const driven_result idle = phone.run(wait);
-    EXPECT_EQ(idle.code, 0) << idle.output;
-    EXPECT_TRUE(is_in(idle.transcript, STOPPED));
-    const driven_result sampling = phone.run("optin 2\nmkdir data/vendor/vexa/down/2\n" + wait);
-    EXPECT_EQ(sampling.code, 1);
-    EXPECT_THAT(sampling.output, ContainsRegex("script:3: [0-9]+ times somebody woke"));
+TEST_F(Driven, ScriptsArePlayedToTheirEndOrRefused) {
+    const shell_session session;
+    expect_dialogue("driven/run",
+                    [&](const std::string& commands) { return session.run(commands); });
 }
 
-// Nobody but the script ends the daemon, also when it is over before the daemon begins.
-TEST_F(Driven, ScriptEndsTheDaemonHoweverShortItIs) {
-    for (const char* script : {"mkdir data/x\n", "every 1m mkdir data/x\n", "at 5s mkdir data/x\n",
-                               "at 1s signal HUP\n"}) {
-        const driven_phone phone;
-        const driven_result result = phone.run(script);
-        EXPECT_EQ(result.code, 0) << script << result.output;
-        EXPECT_TRUE(is_in(result.transcript, STOPPED)) << script;
-    }
+constexpr int64_t S = 1000000000;
+
+// A line that was read, as "WHEN[ SECONDS][ PERCENT%] ACTION [WORD]... |TEXT|".
+std::string shown(const script_line& line) {
+    constexpr const char* WHEN[] = {"once", "at", "clock", "every"};
+    std::ostringstream out;
+    out << WHEN[static_cast<size_t>(line.kind)];
+    if (line.kind != script_line::when::AT_ONCE) out << ' ' << line.time_ns / S;
+    if (line.chance_percent != 100) out << ' ' << line.chance_percent << '%';
+    out << ' ' << line.action;
+    for (const std::string& word : line.words) out << " [" << word << ']';
+    out << " |" << line.text << '|';
+    return out.str();
 }
 
-// A script can come from standard input. What is wrong is found before or while it is played.
-TEST_F(Driven, ErrorOfAScriptNamesItsLine) {
-    const struct {
-        const char* script;
-        const char* message;
-    } rows[] = {
-        {"optin 2\nfly\n", "vexa-phone: standard input:2: no such action: fly"},
-        {"optin 2\n\nat 1s signal FOO\n", "standard input:3: no such signal: FOO"},
-        {"at 1s modem vexa close\n", "standard input:1: the modem does not take it: vexa close"},
-        {"at 1s write a < no-such-file\n", "standard input:1: cannot read no-such-file"},
-        {"signal TERM\n", "standard input:1: there is no daemon yet"},
-        {"tell me\n", "standard input:1: nothing to tell: me"},
-    };
-    const driven_phone phone;
-    for (const auto& row : rows) {
-        const driven_result result = phone.run(row.script, {}, {}, script_from::STANDARD_INPUT);
-        EXPECT_EQ(result.code, 1) << row.script;
-        EXPECT_THAT(result.output, HasSubstr(row.message));
-    }
+// The lines with their numbers, or what is wrong.
+std::string parsed(const std::string& text) try {
+    std::istringstream in(text);
+    const script result = script_parse(in, "F");
+    std::string all;
+    for (const script_line& line : result.lines)
+        all += std::to_string(line.number) + ": " + shown(line) + "\n";
+    if (result.seed != 1) all += "seed " + std::to_string(result.seed) + "\n";
+    return all;
+} catch (const script_error& error) {
+    return error.what();
 }
 
-TEST_F(Driven, ProgramThatDoesNotStopIsToldOf) {
-    const driven_phone phone;
-    const std::string stubborn = program("driven_stubborn");
-    const driven_result waiting = phone.run("at 1h signal TERM\n", {}, {stubborn});
-    EXPECT_EQ(waiting.code, 1);
-    EXPECT_THAT(waiting.output, HasSubstr("vexa-phone: the daemon hangs in its stop: 0:waiting"));
-    const driven_result waking = phone.run("at 1h signal TERM\n", {}, {stubborn, "waking"});
-    EXPECT_EQ(waking.code, 1);
-    EXPECT_THAT(waking.output, HasSubstr("vexa-phone: the daemon does not stop: 0:"));
+TEST(Script, LineIsWhenChanceActionWordsAndText) {
+    expect_dialogue("driven/script", parsed);
 }
 
 // The uploads' samples and those of the record that the stop left.

@@ -50,7 +50,7 @@ std::string hex(std::string_view bytes) {
 std::string bytes(std::string_view hex) {
     std::string digits, out;
     for (const char c : hex) {
-        if (c != ' ') digits += c;
+        if (c > ' ') digits += c;
     }
     for (size_t i = 0; i + 1 < digits.size(); i += 2) {
         out += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));

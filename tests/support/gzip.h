@@ -11,6 +11,6 @@ std::string gzip(std::string_view data);
 // The content of a whole gzip stream; throws std::runtime_error when it is damaged or not alone.
 std::string gunzip(std::string_view stream);
 
-// "0102ff" for three bytes, and back; spaces in the text are for the reader.
+// "0102ff" for three bytes, and back; spaces and newlines in the text are for the reader.
 std::string hex(std::string_view bytes);
 std::string bytes(std::string_view hex);

@@ -23,6 +23,7 @@ phone_options test_phone() {
     phone_options options;
     options.writable = {std::filesystem::read_symlink("/proc/self/exe").parent_path(),
                         std::filesystem::current_path()};
+    if (getenv("VEXA_WRITE_TRANSCRIPTS")) options.writable.emplace_back(GOLDEN_DIR);
     const char* keep = getenv("VEXA_TEST_KEEP");
     if (keep && std::string(keep) == "1") {
         std::string dir = testing::TempDir() + "vexa-phone-XXXXXX";

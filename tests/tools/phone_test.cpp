@@ -28,7 +28,7 @@ TEST(PhoneEntry, ThePhonesPathsHideTheMachines) {
 }
 
 TEST(PhoneEntry, TheProcessStillFindsItselfAndItsDevices) {
-    EXPECT_THAT(read_file("/proc/self/stat").value_or(""), HasSubstr("(phone_test)"));
+    EXPECT_THAT(read_file("/proc/self/stat").value_or(""), HasSubstr("(tools_test)"));
     EXPECT_TRUE(fs::exists("/proc/self/maps"));
     EXPECT_TRUE(fs::is_character_file("/dev/null"));
     EXPECT_TRUE(std::ofstream("/dev/null") << "x" << std::flush);

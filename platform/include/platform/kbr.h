@@ -19,7 +19,6 @@ enum kbr_field_kind : uint8_t {
     KBR_SCALAR,  // an integer of `size` bytes: 1, 2, 4 or 8
     KBR_BYTES,   // u32 length, at most `max`, and right behind it `max` bytes
     KBR_RESULT,  // u32 result (0: success), u32 error code; u16 each on the way
-    KBR_STRUCT,  // the `members` of a structure, one after the other
     KBR_ARRAY,   // u32 count, at most `max`, and right behind it `max` structures of `size` bytes
                  // each, made of `members`
 };
