@@ -9,9 +9,13 @@
 #include <sys/resource.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <functional>
+#include <numeric>
+#include <set>
+#include <sstream>
 
 #include "sampling/sampled_phone.h"
 
@@ -19,12 +23,19 @@ namespace fs = std::filesystem;
 
 namespace {
 std::atomic<bool> g_no_notifier{false};
-}
+std::atomic<int> g_growths{0};  // of arrays until one fails; 0: none does
+}  // namespace
 extern "C" int __real_inotify_init1(int flags);
 extern "C" int __wrap_inotify_init1(int flags) {
     if (!g_no_notifier) return __real_inotify_init1(flags);
     errno = EMFILE;
     return -1;
+}
+extern "C" void* __real_realloc(void* block, size_t size);
+extern "C" void* __wrap_realloc(void* block, size_t size) {
+    if (g_growths == 0 || --g_growths > 0) return __real_realloc(block, size);
+    errno = ENOMEM;
+    return nullptr;
 }
 
 namespace {
@@ -80,7 +91,9 @@ struct Sampling : testing::TestWithParam<uint32_t>, sampled_phone {
     }
     static void limit_file_size(rlim_t size) {
         signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{.rlim_cur = size, .rlim_max = RLIM_INFINITY};
+        rlimit limit{};
+        ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+        limit.rlim_cur = std::min(size, limit.rlim_max);
         ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
     }
 };
@@ -166,14 +179,16 @@ TEST_P(Sampling, KernelThatReportsNothingForFiveMinutesIsSampledPeriodicallyForG
     pass(60000);
     EXPECT_EQ(stamps(), is_gpu() ? "4600 5200" : "4000 4600");
 
-    // The next load is of a file that could not keep what was found.
-    const std::string known = ";threshold=" + threshold + ";notify=1;no_supported_kernel=1";
-    write(row->cfg_file,
-          config("interval=400;threshold=" + threshold + ";notify=1;no_supported_kernel=0"));
-    pass(days_ms(5));
-    pass(60000);
-    EXPECT_EQ(cfg(), saved("interval=400" + known));
-    EXPECT_EQ(settings(), "interval=60000 notify=0 silent=1") << "it would wait for ever";
+    // The next loads are of a file that could not keep what was found.
+    const std::string values =
+        "interval=400;threshold=" + threshold + ";notify=1;no_supported_kernel=";
+    for (int load = 0; load < 2; ++load) {
+        write(row->cfg_file, config(values + "0"));
+        pass(days_ms(5));
+        pass(60000);
+        EXPECT_EQ(cfg(), saved(values + "1"));
+        EXPECT_EQ(settings(), "interval=60000 notify=0 silent=1") << "it would wait for ever";
+    }
 }
 
 TEST_P(Sampling, StopEndsTheFirstWaitAfterAnEarlyStart) {
@@ -239,6 +254,51 @@ TEST_P(Sampling, WatchThatFailsThreeTimesASecondApartEndsIt) {
     }
     EXPECT_TRUE(ended());
     EXPECT_EQ(log(), "");
+}
+
+TEST_P(Sampling, EveryFailedAllocationIsSaidAndTheNextSampleTaken) {
+    const std::string long_name(200, 'n');
+    put_files({{"/sys/class/thermal/thermal_zone0/temp", "1"},
+               {"/sys/class/thermal/thermal_zone0/type", long_name},
+               {"/sys/class/thermal/thermal_zone1/temp", "1"},
+               {"/sys/class/thermal/thermal_zone1/type", "another one"},
+               {"/proc/4242/cmdline", long_name + long_name},
+               {"/proc/net/xt_qtaguid/stats",
+                "header\n2 wlan0 0x0 1 1 5 1 6 1\n3 wlan0 0x0 2 1 5 1 6 1\n"}});
+    const std::string expected =
+        is_gpu() ? "E vexastatsd: failed to alloc buffer\n"
+                   "E vexastatsd: failed to alloc gpu freq. err:12\n"
+                   "E vexastatsd: failed to prepare gpu stats. err:-12\n"
+                 : "E vexastatsd: failed to alloc\n"
+                   "E vexastatsd: failed to alloc cpustat\n"
+                   "E vexastatsd: failed to alloc wd\n"
+                   "E vexastatsd: failed to prepare cpu stats. err:-12\n"
+                   "E vexastatsd: failed to prepare cpu stats. err:-22\n"
+                   "E vexastatsd: get_network_stats: failed to add list. err:-12\n"
+                   "E vexastatsd: get_network_stats: failed to alloc list head\n"
+                   "E vexastatsd: get_thermal_stats: failed to alloc head\n"
+                   "E vexastatsd: get_thermal_stats: failed to alloc name\n"
+                   "E vexastatsd: get_thermal_stats: failed to alloc new node\n"
+                   "E vexastatsd: netstat_list_add: failed to alloc new node\n"
+                   "E vexastatsd: prepare_cpu_stats: failed to get network stats\n"
+                   "E vexastatsd: prepare_cpu_stats: failed to get thermal info\n"
+                   "E vexastatsd: prepare_cpu_stats: failed to realloc\n"
+                   "E vexastatsd: prepare_cpu_stats: failed to realloc for netstat\n";
+    std::set<std::string> said;
+    for (int growth = 1, left = 0; left == 0; ++growth) {
+        row->notify = 0;
+        row->interval = 1000;
+        g_growths = growth;
+        start();
+        for (int i = 0; i < 4; ++i) pass(1000);
+        left = g_growths.exchange(0);
+        EXPECT_TRUE(ended() || !stamps().empty()) << growth;
+        std::istringstream lines(log());
+        for (std::string text; std::getline(lines, text);) said.insert(text + "\n");
+        renew();
+        remove(own());
+    }
+    EXPECT_EQ(std::accumulate(said.begin(), said.end(), std::string()), expected);
 }
 
 // ---- Storage that fails never ends it, and costs a pause that grows

@@ -1,5 +1,7 @@
 // The CPU collector: its start, its loop and its samples. What it shares with the GPU collector is
 // tested in tests/sampling.
+#include "collectors/cpu/cpu_stats.h"
+
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <time.h>
@@ -114,6 +116,17 @@ TEST_F(CpuCollector, SingleCoreOrAnUnreadableNumberOfThemEndsTheStart) {
                          "\nE vexastatsd: failed to get number of cpus\n");
 }
 
+TEST_F(CpuCollector, LoopWithoutConsentOrBehindAStopTakesNoSample) {
+    cpu_stats stats;
+    sampling_collector no_record{.row = row.get()};
+    row->enabled = 0;
+    EXPECT_EQ(poll_cpu_stats(&stats, &no_record, nullptr), sample_result::TAKEN);
+    row->enabled = 1;
+    EXPECT_EQ(poll_cpu_stats(&stats, &no_record, nullptr), sample_result::STORAGE_FAILED);
+    stop_flag_raise(&row->stop);
+    EXPECT_EQ(poll_cpu_stats(&stats, &no_record, nullptr), sample_result::TAKEN);
+}
+
 // ---- Waiting for a change
 
 TEST_F(CpuCollector, EveryCoreIsWatchedAndChangesAtOnceGiveASampleEach) {
@@ -121,8 +134,9 @@ TEST_F(CpuCollector, EveryCoreIsWatchedAndChangesAtOnceGiveASampleEach) {
     start();
     write(frequency_file(1), "500000\n");
     park();
-    EXPECT_EQ(stamps(), "50000");
+    idle();  // in the pause behind a sample nobody looks
     pass(10000);
+    EXPECT_EQ(stamps(), "50000");
     platform_test_at_once([] {
         for (int core = 0; core < 2; ++core) write(frequency_file(core), "300000\n");
     });

@@ -1,6 +1,7 @@
 // The traffic table against the linked list that it stands for.
 #include "collectors/cpu/network_stats.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 
@@ -105,6 +106,15 @@ TEST(NetworkTable, SixthUidIsDroppedAndWhatIsNoTrafficOfInterest) {
               "1/6/1 600+1\n2/6/1 600+1\n3/6/1 600+1\n1/5/1 500+1\n2/5/1 500+1\n3/5/1 500+1\n"
               "1/4/1 400+1\n2/4/1 400+1\n3/4/1 400+1\n1/3/1 300+1\n2/3/1 300+1\n3/3/1 300+1\n"
               "1/2/1 200+1\n2/2/1 200+1\n3/2/1 200+1\n");
+}
+
+TEST(NetworkTable, DamageLeavesNothing) {
+    put_files(
+        {{"/proc/net/xt_qtaguid/stats", "header\n2 wlan0 0x0 1 0 5 5 5\n3 wlan0 0x0 1 0 5 5\n"}});
+    network_table table;
+    network_list list;
+    EXPECT_EQ(get_network_stats(&table, &list), -EINVAL);
+    EXPECT_EQ(text_of(list), "");
 }
 
 TEST(NetworkLine, NumbersAreWhatSscanfMakesOfThem) {

@@ -1,4 +1,5 @@
 // The process table against the walk that it stands for, and the process block's bytes.
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
 
@@ -10,8 +11,8 @@
 #include <vector>
 
 #include "collectors/cpu/vexapslist.h"
-#include "platform_test.h"
 #include "support/gzip.h"
+#include "support/log.h"
 
 namespace {
 
@@ -180,8 +181,9 @@ TEST_F(ProcessTable, FifthNodeOfAUidIsLoggedAndLeftOut) {
         ASSERT_TRUE(
             network.nodes.push_back({static_cast<uint8_t>(i % 3 + 1), 10077, 0, i + 1u, 0}));
     block(&network);
-    EXPECT_EQ(platform_test_log_count(">4 Entries in NW table for UID 10077"), 2u)
-        << "sizing, writing";
+    const std::string said = "E vexastatsd: >4 Entries in NW table for UID 10077\n";
+    size_t seen = 0;
+    EXPECT_EQ(log_lines(&seen), said + said) << "sizing, writing";
     EXPECT_EQ(network.nodes[3].received, 0u);
     EXPECT_EQ(network.nodes[4].received, 5u);
 }
@@ -191,15 +193,19 @@ TEST_F(ProcessTable, BlockNeverLeavesItsLimit) {
     insert({.pid = 2}, std::string(255, 'x'));
     const std::string whole = block();
     ASSERT_EQ(whole.size(), 5 + 255 + 2 * 52u);
+    uint16_t count = 0;
+    EXPECT_EQ(vexaps_store_ps_info(table, nullptr, nullptr, &count, nullptr, 1), -EINVAL);
+    uint64_t written = 0;
+    EXPECT_EQ(vexaps_store_ps_info(table, nullptr, nullptr, nullptr, &written, 1), -EINVAL);
     for (uint64_t limit = 0; limit <= whole.size(); ++limit) {
         std::vector<uint8_t> buffer(limit + 1, 0xAA);
-        uint16_t count = 0;
-        uint64_t written = 0;
-        platform_test_clear_log();
+        size_t seen = platform_test_log().size();
         ASSERT_EQ(vexaps_store_ps_info(table, buffer.data(), nullptr, &count, &written, limit), 0);
         ASSERT_LE(written, limit);
         ASSERT_EQ(buffer[limit], 0xAA) << "limit " << limit;
-        ASSERT_EQ(platform_test_log().size(), limit < 5 + 52 + 256 ? 1u : 0u) << "limit " << limit;
+        const std::string said = "E vexastatsd: Exceed PS Data Buf ";
+        ASSERT_EQ(log_lines(&seen).substr(0, said.size()), limit < 5 + 52 + 256 ? said : "")
+            << limit;
     }
 }
 

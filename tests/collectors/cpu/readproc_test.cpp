@@ -67,7 +67,7 @@ TEST_F(ReadProc, EveryClassAndWhereTheNameComesFrom) {
 }
 
 TEST_F(ReadProc, RootCpusetIsReadAgainOnceInThirtyTwoScansAndAlwaysFrom8192On) {
-    run("4000", "/\n", "low");
+    run("7", "/\n", "first");
     run("8191", "/\n", "last");
     run("8192", "/\n", "high");
     scan();
