@@ -115,6 +115,7 @@ TEST_F(CampaignDesc, LimitsHoldToTheElement) {
     const std::tuple<std::string, const char*> rows[] = {
         {written(6, 1, 2, 10, 100, 32768), "Campaign Logic Length = 32768 "},
         {written(0, 1), "Campaign Logic Length = 0 "},
+        {bytes("10 06 08 01 1a 02 08 02 22 04 12 02 0a 00"), "Campaign Logic Length = 0 "},
         {written(6, 1, 2, 11), "logic_decode: Exceeded Max number of MCC MNC Enablements\n"},
         {written(6, 1, 2, 1, 101), "list_decode: Exceeded Max number of MNC PER MCC Enablements\n"},
         {written(6, 1, 2, 0, 0, 32769), "length 32769\ncampaign_logic_decode: Too big campaign size\n"},
@@ -133,6 +134,9 @@ TEST_F(CampaignDesc, LimitsHoldToTheElement) {
     }
     EXPECT_FALSE(campaign_desciption_entry_decode_from_buffer(nullptr, 1, &table, false));
     EXPECT_FALSE(campaign_desciption_entry_decode_from_buffer(raw("x"), 1, nullptr, false));
+    EXPECT_EQ(platform_test_log_count("Null pointer passed in function "
+                                      "campaign_desciption_entry_decode_from_buffer\n"),
+              2u);
 }
 
 TEST_F(CampaignDesc, TwinsHaveTheSameFileWhichDoesNotGoWithTheFirst) {

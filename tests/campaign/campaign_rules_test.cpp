@@ -62,6 +62,13 @@ struct campaign_world {
         EXPECT_EQ(canCampaignBeEnabled(state, module, now), reason == campaign_reason::MAY_RUN);
         return REASONS[static_cast<size_t>(reason)];
     }
+    // By its hours and by its networks alone.
+    std::string judge_halves(uint32_t module) const {
+        platform_test_clear_log();
+        const bool time = isTimeBasedEnabMetForCampaign(state.table, module, now);
+        const bool network = isMccMncBasedEnabMetForCampaign(state, module);
+        return std::to_string(time) + std::to_string(network) + " " + log_text();
+    }
     // The events of a check, and what it leaves: "512 256; 0 2* 6*", the running ones marked.
     std::string check() {
         platform_test_clear_log();
@@ -102,6 +109,7 @@ std::string answer(campaign_world* world, const std::string& question) {
             world->state.phone = {number(1), static_cast<uint8_t>(number(2)),
                                   static_cast<uint16_t>(number(3)), static_cast<uint16_t>(number(4))};
         if (verb == "may") text += world->judge(number(1)) + "\n";
+        if (verb == "halves") text += world->judge_halves(number(1)) + "\n";
         if (verb == "check") text += world->check() + "\n";
         if (verb == "next") text += world->activity() + "\n";
         tzset();
