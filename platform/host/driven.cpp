@@ -157,8 +157,9 @@ void* run_thread(void* memory) {
 
 // ---- Conditions
 
-// A thread that waits for a condition. The C library would give it the condition's mutex as soon as it
-// is woken, at a moment that is the machine's affair, and whoever has the turn would find that held.
+// A thread that waits for a condition. The C library would give it the condition's mutex as soon as
+// it is woken, at a moment that is the machine's affair, and whoever has the turn would find that
+// held.
 struct condition_waiter {
     const pthread_cond_t* condition = nullptr;
     std::atomic<uint32_t> woken{0};

@@ -39,7 +39,8 @@ std::string written(uint32_t module, uint64_t id, uint32_t expiry_type = 2, uint
 
 std::string map_of(const std::vector<std::string>& entries) {
     std::string bytes;
-    for (const std::string& entry : entries) bytes += "\x0a" + (static_cast<char>(entry.size()) + entry);
+    for (const std::string& entry : entries)
+        bytes += "\x0a" + (static_cast<char>(entry.size()) + entry);
     return bytes;
 }
 
@@ -72,13 +73,14 @@ struct CampaignDesc : testing::Test {
 };
 
 std::string text_of(const CampaignEntry& entry) {
-    std::string text = std::to_string(entry.campaignId) + " until " + std::to_string(entry.expiryValue) +
-                       " type " + std::to_string(entry.enablementType) + " at " +
-                       std::to_string(entry.timeSlices);
+    std::string text =
+        std::to_string(entry.campaignId) + " until " + std::to_string(entry.expiryValue) +
+        " type " + std::to_string(entry.enablementType) + " at " + std::to_string(entry.timeSlices);
     for (uint32_t i = 0; i < entry.mccMncCount; ++i) {
         const MccMncEnablementRecord& network = entry.mccMncList[i];
         text += " on " + std::to_string(network.mcc);
-        for (uint32_t j = 0; j < network.mncCount; ++j) text += "/" + std::to_string(network.mnc[j]);
+        for (uint32_t j = 0; j < network.mncCount; ++j)
+            text += "/" + std::to_string(network.mnc[j]);
     }
     return text;
 }
@@ -93,16 +95,18 @@ TEST_F(CampaignDesc, HandWrittenCampaignIsReadAndStoredAsItCame) {
         "7a 01 58 1a 08 08 02 10 80 e6 ff 89 07"   // unknown; expires at 1900016384
         "10 06 08 87 80 80 80 10");                // module 6, id 0x100000007
     ASSERT_TRUE(decode(entry)) << log_text();
-    EXPECT_EQ(text_of(*table[6]), "4294967303 until 1900016384 type 3 at 2130641151 "
-                                  "on 310/1/666/1000 on 6/5/6 on 9");
+    EXPECT_EQ(text_of(*table[6]),
+              "4294967303 until 1900016384 type 3 at 2130641151 "
+              "on 310/1/666/1000 on 6/5/6 on 9");
     EXPECT_EQ(table[6]->mccMncList[9].mcc, 0u) << "a block of ten";
     EXPECT_EQ(stored("6-7-1900016384.camp"), entry);
     owned_bytes logic;
     const std::string twice = entry + bytes("22 05 12 03 0a 01 7a");  // the last one counts
     for (const size_t less : {0, 1}) {
         const bool whole = less == 0;
-        EXPECT_EQ(get_campaign_logic_from_campaign_description(raw(twice), twice.size() - less, &logic),
-                  whole);
+        EXPECT_EQ(
+            get_campaign_logic_from_campaign_description(raw(twice), twice.size() - less, &logic),
+            whole);
         EXPECT_EQ(text(logic), whole ? "z" : "");
     }
     EXPECT_FALSE(get_campaign_logic_from_campaign_description(nullptr, 1, &logic));
@@ -118,7 +122,8 @@ TEST_F(CampaignDesc, LimitsHoldToTheElement) {
         {bytes("10 06 08 01 1a 02 08 02 22 04 12 02 0a 00"), "Campaign Logic Length = 0 "},
         {written(6, 1, 2, 11), "logic_decode: Exceeded Max number of MCC MNC Enablements\n"},
         {written(6, 1, 2, 1, 101), "list_decode: Exceeded Max number of MNC PER MCC Enablements\n"},
-        {written(6, 1, 2, 0, 0, 32769), "length 32769\ncampaign_logic_decode: Too big campaign size\n"},
+        {written(6, 1, 2, 0, 0, 32769),
+         "length 32769\ncampaign_logic_decode: Too big campaign size\n"},
         // A packed list without an element, in a network of its own.
         {bytes("10 06 08 01 1a 02 08 02 22 08 0a 06 08 02 1a 02 12 00"),
          "campaign_mnc_list_decode: failed campaign_mcc_mnc_enablement_logic_decode: Submessage "

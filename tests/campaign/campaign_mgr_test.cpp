@@ -1,16 +1,19 @@
-// The campaign manager's thread where time cannot be driven: what races with it, what is large, and what
-// it holds open. All else is told in tests/transcripts/campaign_*.
+// The campaign manager's thread where time cannot be driven: what races with it, what is large, and
+// what it holds open. All else is told in tests/transcripts/campaign_*.
 #include "campaign/campaign_mgr.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 
 #include <filesystem>
 #include <thread>
 
 #include "campaign/campaign_table.h"
+#include "campaign/cdf_delivery.h"
+#include "campaign/control_socket.h"
 #include "platform_test.h"
 #include "support/events.h"
 #include "support/files.h"
@@ -144,6 +147,38 @@ TEST_F(CampaignManager, ClientsLeaveNoDescriptorBehind) {
     park();
     stop();
     EXPECT_EQ(descriptors(), outside + 1);
+}
+
+// A client that cannot be accepted is tried again a second later.
+TEST_F(CampaignManager, LackOfDescriptorsIsSaid) {
+    control_server server;
+    ASSERT_EQ(control_socket_open(&server.listener), 0);
+    const unique_fd client = phone_send_bytes("/", "half");
+    rlimit usual = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const rlimit none = {.rlim_cur = 0, .rlim_max = usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_TRUE(control_socket_receive(&server, true));
+    EXPECT_FALSE(control_socket_act(&server));
+    unique_fd second;
+    cdf_watch watch;
+    EXPECT_EQ(control_socket_open(&second), EMFILE);
+    EXPECT_FALSE(cdf_watch_begin(&watch, stop_flag{}));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    size_t seen = 0;
+    EXPECT_EQ(log_lines(&seen),
+              "I vexastatsd: campaign_mgr_main:Socket file pollin\n"
+              "E vexastatsd: Error while accepting connection err: Too many open files\n"
+              "E vexastatsd: handleIncomingSocketMsg: Null client fd is passed\n"
+              "E vexastatsd: Dailed to get socket: /dev/socket/vexa/vexa-campmgr-s.sockfd:-1 "
+              "err:Too many open files\n"
+              "E vexastatsd: campaign_mgr_main: failed inotify_init. err:24\n");
+    pollfd fds[CONTROL_POLL_FDS];
+    EXPECT_EQ(control_socket_watch(server, fds), PLATFORM_TEST_MONO_MS + 1000);
+    EXPECT_EQ(fds[CONTROL_LISTENER].fd, -1);
+    platform_test_advance_ms(1000);
+    EXPECT_EQ(control_socket_watch(server, fds), INT64_MAX);
+    EXPECT_EQ(fds[CONTROL_LISTENER].fd, server.listener.get());
 }
 
 }  // namespace

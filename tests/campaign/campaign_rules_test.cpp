@@ -1,5 +1,5 @@
-// The rules, the switch and the activity timer as dialogues: local hours and days in several zones and
-// at both clock changes, networks, and the timer's formulas, the odd ones included.
+// The rules, the switch and the activity timer as dialogues: local hours and days in several zones
+// and at both clock changes, networks, and the timer's formulas, the odd ones included.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -16,10 +16,9 @@ namespace {
 using words = std::vector<std::string>;
 
 constexpr const char* DAYS[] = {"sun", "mon", "tue", "wed", "thu", "fri", "sat"};
-constexpr const char* REASONS[] = {"no such module", "no subscription", "no campaign",
-                                   "expired",        "roaming",         "wrong clock",
-                                   "wrong hour",     "wrong day",       "unknown network",
-                                   "other network",  "may run"};
+constexpr const char* REASONS[] = {"no such module",  "no subscription", "no campaign", "expired",
+                                   "roaming",         "wrong clock",     "wrong hour",  "wrong day",
+                                   "unknown network", "other network",   "may run"};
 constexpr const char* ACTIVITIES[] = {"nothing", "its end", "its start", "its stop"};
 
 struct campaign_world {
@@ -48,7 +47,8 @@ struct campaign_world {
         if (word == "type") entry->enablementType = static_cast<uint32_t>(std::stoul(what[i + 1]));
         if (word == "at") entry->timeSlices |= 1u << std::stoul(what[i + 1]);
         if (day != std::end(DAYS)) entry->timeSlices |= 1u << (24 + (day - DAYS));
-        if (word == "until") entry->expiryValue = static_cast<uint64_t>(now + std::stol(what[i + 1]));
+        if (word == "until")
+            entry->expiryValue = static_cast<uint64_t>(now + std::stol(what[i + 1]));
         if (word == "on") add_network(what[i + 1], entry);
     }
     static void add_network(std::string text, CampaignEntry* entry) {
@@ -72,7 +72,7 @@ struct campaign_world {
     // The events of a check, and what it leaves: "512 256; 0 2* 6*", the running ones marked.
     std::string check() {
         platform_test_clear_log();
-        campaign_mgr_check_for_camp_management(&state, now);
+        campaign_mgr_check_for_camp_management(state, now);
         std::string text;
         for (const auto& entry : platform_test_log())
             if (entry.text.starts_with("mps_set")) text += entry.text.substr(29) + " ";
@@ -107,7 +107,8 @@ std::string answer(campaign_world* world, const std::string& question) {
         if (verb == "none") world->state.table = {};
         if (verb == "phone")
             world->state.phone = {number(1), static_cast<uint8_t>(number(2)),
-                                  static_cast<uint16_t>(number(3)), static_cast<uint16_t>(number(4))};
+                                  static_cast<uint16_t>(number(3)),
+                                  static_cast<uint16_t>(number(4))};
         if (verb == "may") text += world->judge(number(1)) + "\n";
         if (verb == "halves") text += world->judge_halves(number(1)) + "\n";
         if (verb == "check") text += world->check() + "\n";
@@ -119,7 +120,8 @@ std::string answer(campaign_world* world, const std::string& question) {
 
 TEST(CampaignRules, Dialogue) {
     campaign_world world;
-    expect_dialogue("campaign/rules", [&](const std::string& text) { return answer(&world, text); });
+    expect_dialogue("campaign/rules",
+                    [&](const std::string& text) { return answer(&world, text); });
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// What large files cost the modem statistics collector. All else is told in tests/transcripts/mps_*.
+// What large files cost the modem statistics collector. All else is told in
+// tests/transcripts/mps_*.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,7 +16,8 @@ namespace {
 
 constexpr char DATA_FILE[] = "/mnt/vendor/persist/hlos_rfs/shared/vexa/hda_data_1.bin";
 
-// The largest file that is taken, of bytes that do not compress, needs memory once and not for long.
+// The largest file that is taken, of bytes that do not compress, needs memory once and not for
+// long.
 TEST(MpsScenario, MemoryForLargeFilesIsBoundedAndComesBack) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "a sanitizer keeps what is freed";
@@ -27,7 +29,8 @@ TEST(MpsScenario, MemoryForLargeFilesIsBoundedAndComesBack) {
     daemon_process daemon;
     ASSERT_TRUE(eventually_logged("mps_main: MPS_EVENT_KBR_READY"));
     const auto memory_kb = [&](const std::string& key) {
-        const std::string status = file_text("/.host/proc/" + std::to_string(daemon.pid()) + "/status");
+        const std::string status =
+            file_text("/.host/proc/" + std::to_string(daemon.pid()) + "/status");
         return std::stol(status.substr(status.find(key) + key.size()));
     };
     const long before_kb = memory_kb("VmRSS:");
@@ -39,7 +42,8 @@ TEST(MpsScenario, MemoryForLargeFilesIsBoundedAndComesBack) {
         modem.command("vexa send-complete");
         EXPECT_TRUE(eventually([&] {
             const auto uploads = take_uploads(6);
-            return !uploads.empty() && mps_record_decode(uploads.back().file.payload).metrics.size() == 1;
+            return !uploads.empty() &&
+                   mps_record_decode(uploads.back().file.payload).metrics.size() == 1;
         }));
     }
     EXPECT_TRUE(eventually([&] { return memory_kb("VmRSS:") < before_kb + 2000; }));

@@ -29,7 +29,8 @@ std::string state_text(const std::string& text) {
     int32_t id = 99;
     uint64_t stop_time_s = 99;
     const bool whole = campaign_state_parse(text, &id, &stop_time_s);
-    return std::to_string(id) + " " + std::to_string(stop_time_s) + (whole ? "" : " refused") + "\n";
+    return std::to_string(id) + " " + std::to_string(stop_time_s) + (whole ? "" : " refused") +
+           "\n";
 }
 
 std::string answer(const std::string& question) {

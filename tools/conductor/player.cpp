@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/inotify.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -215,8 +216,8 @@ void script_player::tell_modem(const std::string& command) {
         throw std::invalid_argument("the modem does not take it: " + command);
 }
 
-// "roaming 0|1", "sub ID MCC MNC", or "bytes HEX". The connection stays open for the answer, which
-// is its end.
+// "roaming 0|1", "sub ID MCC MNC", "bytes HEX", or "more HEX" behind the last of these. The
+// connection stays open for the answer, which is its end.
 void script_player::tell_phone(const std::string& what) {
     std::istringstream words(what);
     std::string kind;
@@ -230,6 +231,9 @@ void script_player::tell_phone(const std::string& what) {
         told_.push_back(phone_send_subscription(dir_, first, mcc, mnc));
     } else if (kind == "bytes") {
         told_.push_back(phone_send_bytes(dir_, bytes_of(words)));
+    } else if (kind == "more" && !told_.empty()) {
+        const std::string bytes = bytes_of(words);
+        (void)send(told_.back().get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     } else {
         throw std::invalid_argument("nothing to tell: " + what);
     }

@@ -1,5 +1,6 @@
-// The modem statistics collector where time cannot be driven: what becomes of the modem's data files to
-// the byte, and three threads that raise events at once. All else is told in tests/transcripts/mps_*.
+// The modem statistics collector where time cannot be driven: what becomes of the modem's data
+// files to the byte, and three threads that raise events at once. All else is told in
+// tests/transcripts/mps_*.
 #include "collectors/mps/mps_collector.h"
 
 #include <gmock/gmock.h>
@@ -43,7 +44,8 @@ struct MpsData : MpsCollector {
         EXPECT_EQ(mps_rfs_data_read(&collection), 0);
         std::vector<std::string> uploaded = payloads();
         std::erase(uploaded, "");
-        for (const std::string& name : list_dir(row->up_dir)) fs::remove(row->up_dir / fs::path(name));
+        for (const std::string& name : list_dir(row->up_dir))
+            fs::remove(row->up_dir / fs::path(name));
         return uploaded;
     }
 

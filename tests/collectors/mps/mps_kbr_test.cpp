@@ -1,5 +1,6 @@
-// The client of the modem's statistics service: what it makes of a campaign's bytes, its own bytes on the
-// way, what it makes of answers, and its stop. Texts and times stand in tests/transcripts/mps_*.
+// The client of the modem's statistics service: what it makes of a campaign's bytes, its own bytes
+// on the way, what it makes of answers, and its stop. Texts and times stand in
+// tests/transcripts/mps_*.
 #include "collectors/mps/mps_kbr.h"
 
 #include <errno.h>
@@ -41,9 +42,9 @@ std::string short_hex(const std::string& bytes) {
 
 std::string text_of(const MpsCampaign& c) {
     std::string all;
-    for (const uint32_t number : {c.bsiBufferFetchIntSec, c.powerBudgetMeasIntr,
-                                  c.powerBudgetMaxAPWakeup, c.specField6, c.lllDelaySecs,
-                                  c.configField6})
+    for (const uint32_t number :
+         {c.bsiBufferFetchIntSec, c.powerBudgetMeasIntr, c.powerBudgetMaxAPWakeup, c.specField6,
+          c.lllDelaySecs, c.configField6})
         all += std::to_string(number) + " ";
     for (const auto* spec : {&c.collection_spec, &c.static_spec, &c.ctxt_spec, &c.lll_spec})
         all += "|" + short_hex(text(*spec));
@@ -68,7 +69,8 @@ struct MpsKbr : testing::Test {
         modem.answer([this](const std::string& request) {
             if (request[3] == 3 && request[10] == stop_at) stop_flag_raise(&stop);
             if (request[3] == silent_to) return std::string("silence");
-            return response_to(request, bytes(request[3] == refused ? "02 0400 0100 0300" : fields));
+            return response_to(request,
+                               bytes(request[3] == refused ? "02 0400 0100 0300" : fields));
         });
     }
     void release() {
@@ -77,7 +79,8 @@ struct MpsKbr : testing::Test {
         modem.take_requests();
     }
     void fill(const words& line) {
-        record = {.bsiBufferFetchIntSec = 0, .powerBudgetMeasIntr = 0x102,
+        record = {.bsiBufferFetchIntSec = 0,
+                  .powerBudgetMeasIntr = 0x102,
                   .powerBudgetMaxAPWakeup = 0x10003};
         for (size_t i = 1; i + 1 < line.size(); i += 2) {
             const auto number = static_cast<uint32_t>(std::stoul(line[i + 1]));
@@ -96,9 +99,12 @@ struct MpsKbr : testing::Test {
         const auto number = [&](size_t i) { return static_cast<uint32_t>(std::stoul(line.at(i))); };
         std::string more;
         modem_result result = modem_result::OK;
-        const auto done = [&](bool good) { return good ? modem_result::OK : modem_result::REFUSED; };
+        const auto done = [&](bool good) {
+            return good ? modem_result::OK : modem_result::REFUSED;
+        };
         if (line[0] == "start") result = mps_kbr_init_mpss_bsi(&record, number(1), stop);
-        if (line[0] == "prepare") result = mps_kbr_send_start_prepare_req(&record, number(1), number(2));
+        if (line[0] == "prepare")
+            result = mps_kbr_send_start_prepare_req(&record, number(1), number(2));
         if (line[0] == "flush") result = mps_kbr_stop_flush_bsi();
         if (line[0] == "fetch") result = mps_kbr_fetch_results();
         if (line[0] == "pause") result = done(mps_kbr_send_lll_stop_req());
@@ -106,7 +112,8 @@ struct MpsKbr : testing::Test {
         if (line[0] == "delay") more = " " + std::to_string(mps_kbr_get_lll_delayt_timer_secs());
         if (line[0] == "revision") {
             result = mps_kbr_get_service_rev(&major, &minor);
-            more = " " + std::to_string(mps_kbr_service_revision().major) + "." + std::to_string(minor);
+            more = " " + std::to_string(mps_kbr_service_revision().major) + "." +
+                   std::to_string(minor);
         }
         std::string text = std::to_string(modem_result_number(result)) + more + "\n";
         for (const std::string& packet : modem.take_requests())
@@ -123,7 +130,7 @@ struct MpsKbr : testing::Test {
             if (line[0] == "connect") connect();
             if (line[0] == "release") release();
             if (line[0] == "indicate") text += indicate(bytes(line[1]));
-            const words requests = {"start", "prepare", "flush",  "fetch",
+            const words requests = {"start", "prepare", "flush", "fetch",
                                     "pause", "resume",  "delay", "revision"};
             if (std::count(requests.begin(), requests.end(), line[0])) text += ask(line);
         }
@@ -171,14 +178,15 @@ TEST_F(MpsKbr, PartsAreNumberedAcrossTheKindsAndRepeatFrom256On) {
     ASSERT_EQ(requests.size(), 1 + 257 + 2 + 2 + 1u);
     EXPECT_EQ(requests[0].substr(7, 4), bytes("01 0100 05"));
     const std::tuple<size_t, char, const owned_bytes&, size_t, size_t> cases[] = {
-        {0, 1, record.collection_spec, 0, 800},        {255, 1, record.collection_spec, 204000, 800},
-        {256, 1, record.collection_spec, 0, 800},      {257, 2, record.ctxt_spec, 0, 800},
-        {258, 2, record.ctxt_spec, 800, 1},            {260, 3, record.lll_spec, 800, 800}};
+        {0, 1, record.collection_spec, 0, 800},   {255, 1, record.collection_spec, 204000, 800},
+        {256, 1, record.collection_spec, 0, 800}, {257, 2, record.ctxt_spec, 0, 800},
+        {258, 2, record.ctxt_spec, 800, 1},       {260, 3, record.lll_spec, 800, 800}};
     for (const auto& [part, kind, spec, offset, size] : cases) {
         const std::string number(1, static_cast<char>(part));
         EXPECT_EQ(requests[part + 1].substr(10, 1), number);
         EXPECT_EQ(requests[part + 1].substr(16, size), text(spec).substr(offset, size)) << part;
-        EXPECT_EQ(requests[part + 1].substr(16 + size), bytes("10 0400") + kind + std::string(3, 0));
+        EXPECT_EQ(requests[part + 1].substr(16 + size),
+                  bytes("10 0400") + kind + std::string(3, 0));
     }
 }
 
@@ -209,8 +217,8 @@ TEST_F(MpsKbr, StopIsLookedAtBetweenParts) {
     EXPECT_EQ(modem.take_requests().size(), 3u);
 }
 
-// The clock stands still: no time-out ends it. What comes of a connection that was given up is released
-// unseen, and later calls go nowhere.
+// The clock stands still: no time-out ends it. What comes of a connection that was given up is
+// released unseen, and later calls go nowhere.
 TEST_F(MpsKbr, StopEndsARequestAndConnecting) {
     const auto stopped = [this](const std::function<modem_result()>& call) {
         std::thread caller([&] { EXPECT_NE(call(), modem_result::OK); });
