@@ -268,9 +268,10 @@ TEST_F(Kbr, CallbackMakesCallsAndReleasesItsClient) {
 TEST_F(Kbr, ReleaseWaitsForTheCallbackInProgress) {
     std::promise<void> begun;
     std::atomic<bool> left{false};
-    kbr_client* client = connect([&](kbr_client*, void*, uint32_t) {
+    kbr_client* client = connect([&](kbr_client* own, void*, uint32_t) {
         begun.set_value();
-        for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+        EXPECT_EQ(call(own, 1), KBR_ERR_GONE);  // which the release ends
+        for (int i = 0; i < 10000; ++i) std::this_thread::yield();
         left = true;
     });
     modem.send(indication(1));
