@@ -1,7 +1,6 @@
 // Runs in driven time: the same script makes the same run, and what a script expects is looked at.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <string>
 #include <thread>
@@ -47,18 +46,6 @@ bool is_in(const std::string& transcript, const char* part) {
     return transcript.find(part) != std::string::npos;
 }
 
-// Where two transcripts begin to differ, for a message that can be read.
-std::string difference(const std::string& a, const std::string& b) {
-    const auto length = std::min(a.size(), b.size());
-    const auto at = static_cast<size_t>(
-        std::mismatch(a.begin(), a.begin() + static_cast<std::ptrdiff_t>(length), b.begin()).first -
-        a.begin());
-    if (at == a.size() && at == b.size()) return "";
-    const size_t begin = a.rfind('\n', at) + 1;
-    return "at byte " + std::to_string(at) + ":\n" + a.substr(begin, 200) + "\nnot\n" +
-           b.substr(begin, 200);
-}
-
 class Driven : public testing::Test {
   protected:
     // The phone's /proc knows nothing of bubblewrap's processes.
@@ -84,9 +71,9 @@ TEST_F(Driven, DayIsTheSameEveryTimeAlsoOnABusyMachine) {
           "up/3/staticstats.", "up/4/diagstats.", "up/5/modem_microdumpstats.",
           "up/6/mpscollectstats.", "up/501/alogstats.", "101/2-78-", "101/6-77-"})
         EXPECT_TRUE(is_in(first.transcript, part)) << part;
-    EXPECT_EQ(difference(first.transcript, play("day.script").transcript), "");
+    EXPECT_EQ(text_difference(first.transcript, play("day.script").transcript), "");
     const busy_threads busy(2);
-    EXPECT_EQ(difference(first.transcript, play("day.script").transcript), "");
+    EXPECT_EQ(text_difference(first.transcript, play("day.script").transcript), "");
 }
 
 TEST_F(Driven, SeedRepeatsItselfAndEverySeedStopsInOrder) {
@@ -100,7 +87,7 @@ TEST_F(Driven, SeedRepeatsItselfAndEverySeedStopsInOrder) {
         others += result.transcript != first;
     }
     EXPECT_GT(others, 20) << "the seeds change nothing";
-    EXPECT_EQ(difference(first, play("stops.script", {"--shuffle", "1"}).transcript), "");
+    EXPECT_EQ(text_difference(first, play("stops.script", {"--shuffle", "1"}).transcript), "");
 }
 
 TEST_F(Driven, ScriptsArePlayedToTheirEndOrRefused) {

@@ -157,6 +157,9 @@ TEST_F(Kbr, CallsWithoutAServiceOrAClientAreRefused) {
                   KBR_ERR_ARGUMENT);
     EXPECT_EQ(kbr_client_init_instance(&SERVICE, 1, nullptr, nullptr, 4, &client), KBR_ERR_GONE);
     EXPECT_EQ(kbr_client_release(nullptr), KBR_ERR_ARGUMENT);
+    uint32_t version = 0;
+    EXPECT_EQ(kbr_idl_get_idl_version(nullptr, &version), KBR_ERR_ARGUMENT);
+    EXPECT_EQ(kbr_idl_get_idl_version(&SERVICE, nullptr), KBR_ERR_ARGUMENT);
     client = connect();
     number answer;
     EXPECT_EQ(kbr_client_send_msg_sync(client, 1, &answer, 3, &answer, sizeof answer, 1),

@@ -169,9 +169,10 @@ TEST_F(PhoneLog, EntryCannotSteerTheTerminal) {
         _exit(0);
     };
     setenv("VEXA_LOG_STDERR", "1", 1);
+    write_text_file("/dev/clock", "real=2017-01-02T03:04:05Z");
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(say(), testing::ExitedWithCode(0),
-                "[0-9][0-9]-.* I vexastatsd: name .x1b.2J.x7f.xc2.x9b.x0ax\n");
+                "^01-02 03:0[4-9]:[0-9]{2}.[0-9]{3} I vexastatsd: name .x1b.2J.x7f.xc2.x9b.x0ax\n");
     unsetenv("VEXA_LOG_STDERR");
 }
 

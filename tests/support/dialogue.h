@@ -21,6 +21,10 @@ using answerer = std::function<std::string(const std::string& question)>;
 // Asks all questions of the file in their order; a difference fails the test.
 void expect_dialogue(const std::string& name, const answerer& answer);
 
+// Where two texts begin to differ, and the question above it, for a message that can be read;
+// nothing when they do not.
+std::string text_difference(const std::string& expected, const std::string& found);
+
 // Answers shell commands with what they write to standard output and error, and the exit code where
 // it is not 0. They run in a directory of the session's own, with the project's programs in PATH.
 // This machine's /proc is put over the phone's: the programs need it for a phone of theirs, and a

@@ -12,7 +12,7 @@ namespace {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr long MAX_KIB = LONG_MAX;
 #else
-constexpr long MAX_KIB = 256 << 10;
+constexpr long MAX_KIB = 128 << 10;
 #endif
 
 TEST(Inspect, FilesAndRecordsAreReadOrRefused) {
