@@ -25,31 +25,6 @@ struct OptOut : testing::Test, record_phone {
     }
 };
 
-TEST_F(OptOut, PassFollowsTheDirectoryAndTerminatesAllButWhatItDisables) {
-    const std::string enabled = "I vexastatsd: test_collector enabled\n";
-    const std::string disabled = "I vexastatsd: test_collector disabled\n";
-    const std::string terminated = "I vexastatsd: test_collector Terminated\n";
-    EXPECT_EQ(pass(false, 0, false), "1 0 " + enabled);
-    EXPECT_EQ(pass(true, 0, false), "1 0 ");
-    EXPECT_EQ(pass(true, 0, true), "1 1 " + terminated);
-    EXPECT_EQ(pass(false, 0, true), "0 1 " + terminated);
-    fs::remove(UP);
-    EXPECT_EQ(pass(true, 0, false), "0 0 " + disabled);
-    EXPECT_EQ(pass(false, 0, false), "0 0 ");
-    EXPECT_EQ(pass(true, 0, true), "0 0 " + disabled) << "deliberately not terminated";
-    EXPECT_EQ(pass(false, 0, true), "0 1 " + terminated);
-    write_text_file(UP, "a file");
-    EXPECT_EQ(pass(false, 0, false), "0 0 ");
-    EXPECT_EQ(pass(true, 0, false), "1 0 ") << "it is not missing";
-    fs::remove(UP);
-    row.running = 0;
-    EXPECT_EQ(pass(true, 0, false), "1 0 ") << "no thread to tell";
-    row.running = 1;
-    row.stop.raised = 1;
-    EXPECT_EQ(pass(true, 0, true), "1 0 ") << "it ends by itself";
-    row.stop.raised = 0;
-}
-
 TEST_F(OptOut, WaitEndsWithConsentOrTermination) {
     for (const bool is_shutdown : {false, true}) {
         row.enabled = row.terminate = 0;
