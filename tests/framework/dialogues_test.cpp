@@ -179,7 +179,8 @@ const std::map<std::string, framework_phone::command> framework_phone::COMMANDS 
     {"append", [](phone& p, auto& w) { return result(p.append(text({w[1]}, 0), flags(w))); }},
     {"append-nothing", [](phone& p, auto& w) { return result(p.drop(flags(w))); }},
     {"drop", [](phone& p, auto& w) { return result(p.drop(flags(w))); }},
-    {"size", [](phone& p, auto& w) {
+    {"size",
+     [](phone& p, auto& w) {
          return result(vexastats_record_size(has(w, "null") ? nullptr : &p.row));
      }},
     {"times",
@@ -189,10 +190,15 @@ const std::map<std::string, framework_phone::command> framework_phone::COMMANDS 
                 std::to_string(p.row.hdr.timezone_min) + "\n";
      }},
     {"header", [](phone&, auto& w) { return hex(file_text(path(w[1])).substr(0, 53)) + "\n"; }},
-    {"campaign", [](phone& p, auto& w) { return p.row.hdr.campaign_id = std::stoull(w[1], nullptr, 16), ""; }},
-    {"zone", [](phone& p, auto& w) { return p.row.hdr.timezone_min = static_cast<int16_t>(std::stoi(w[1])), ""; }},
+    {"campaign",
+     [](phone& p, auto& w) { return p.row.hdr.campaign_id = std::stoull(w[1], nullptr, 16), ""; }},
+    {"zone",
+     [](phone& p, auto& w) {
+         return p.row.hdr.timezone_min = static_cast<int16_t>(std::stoi(w[1])), "";
+     }},
     {"name", [](phone& p, auto& w) { return strcpy(p.row.rec_fname, path(w[1]).c_str()), ""; }},
-    {"hand-over", [](phone& p, auto&) { return result(move_to_dropbox(&p.row, &p.handle, false)); }},
+    {"hand-over",
+     [](phone& p, auto&) { return result(move_to_dropbox(&p.row, &p.handle, false)); }},
     // Configurations, downloads, consent.
     {"load",
      [](phone& p, auto& w) {
@@ -226,9 +232,8 @@ class FrameworkDialogue : public testing::TestWithParam<const char*> {};
 
 TEST_P(FrameworkDialogue, Play) {
     framework_phone framework;
-    expect_dialogue(std::string("framework/") + GetParam(), [&](const std::string& block) {
-        return framework.answer("afresh\n" + block);
-    });
+    expect_dialogue(std::string("framework/") + GetParam(),
+                    [&](const std::string& block) { return framework.answer("afresh\n" + block); });
 }
 
 INSTANTIATE_TEST_SUITE_P(Framework, FrameworkDialogue,
