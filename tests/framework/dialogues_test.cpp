@@ -11,7 +11,9 @@
 #include <set>
 #include <sstream>
 
+#include "base/unique_handle.h"
 #include "framework/config/dload.h"
+#include "framework/record/compress.h"
 #include "framework/record/hand_over.h"
 #include "framework/row/optout.h"
 #include "support/dialogue.h"
@@ -199,6 +201,13 @@ const std::map<std::string, framework_phone::command> framework_phone::COMMANDS 
     {"name", [](phone& p, auto& w) { return strcpy(p.row.rec_fname, path(w[1]).c_str()), ""; }},
     {"hand-over",
      [](phone& p, auto&) { return result(move_to_dropbox(&p.row, &p.handle, false)); }},
+    {"measure",
+     [](phone&, auto& w) {
+         size_t count = 0;
+         const unique_file file(fopen(path(w[1]).c_str(), "re"));
+         const int measured = vexastats_compress(file.get(), nullptr, &count);
+         return result(measured) + std::to_string(count) + " bytes\n";
+     }},
     // Configurations, downloads, consent.
     {"load",
      [](phone& p, auto& w) {
