@@ -48,18 +48,18 @@ TEST_F(OptOut, PropertyIsWaitedForInRoundsOfFiveSeconds) {
     EXPECT_EQ(vexastats_wait_prop_enalbled(0, row.stop), -22);
     EXPECT_EQ(log(), "I vexastatsd: vexastats_wait_prop_enalbled() wait time expired 0\n");
     platform_test_set_property("vendor.orb.vexa.enabled", "11");
-    EXPECT_EQ(vexastats_wait_prop_enalbled(11, row.stop), -22);
-    EXPECT_EQ(waited_s(), 15);
-    EXPECT_EQ(log(), waiting + waiting + waiting +
-                         "I vexastatsd: vexastats_wait_prop_enalbled() wait time expired 11\n");
+    EXPECT_EQ(vexastats_wait_prop_enalbled(10, row.stop), -22);
+    EXPECT_EQ(waited_s(), 10);
+    EXPECT_EQ(log(), waiting + waiting +
+                         "I vexastatsd: vexastats_wait_prop_enalbled() wait time expired 10\n");
     platform_test_set_property("vendor.orb.vexa.enabled", "1");
-    EXPECT_EQ(vexastats_wait_prop_enalbled(11, row.stop), 0);
-    EXPECT_EQ(waited_s(), 15);
+    EXPECT_EQ(vexastats_wait_prop_enalbled(10, row.stop), 0);
+    EXPECT_EQ(waited_s(), 10);
     EXPECT_EQ(log(), "");
     platform_test_set_property("vendor.orb.vexa.enabled", "0");
     row.stop.raised = 1;
-    EXPECT_EQ(vexastats_wait_prop_enalbled(11, row.stop), -22);
-    EXPECT_EQ(waited_s(), 15) << "a stop ends it";
+    EXPECT_EQ(vexastats_wait_prop_enalbled(10, row.stop), -22);
+    EXPECT_EQ(waited_s(), 10) << "a stop ends it";
     row.stop.raised = 0;
 }
 
