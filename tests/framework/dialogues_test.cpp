@@ -178,6 +178,12 @@ const std::map<std::string, framework_phone::command> framework_phone::COMMANDS 
      [](phone& p, auto& w) {
          return p.begin(has(w, "resume"), has(w, "discard")) ? "" : "no record\n";
      }},
+    {"begin-far-away",
+     [](phone& p, auto&) {
+         const std::string dir(300, 'x');
+         record_init_req req{.row = &p.row, .dir = dir.c_str(), .prefix = "teststats.tmp"};
+         return vexastats_record_init(&req) ? "" : "no record\n";
+     }},
     {"append", [](phone& p, auto& w) { return result(p.append(text({w[1]}, 0), flags(w))); }},
     {"append-nothing", [](phone& p, auto& w) { return result(p.drop(flags(w))); }},
     {"drop", [](phone& p, auto& w) { return result(p.drop(flags(w))); }},
