@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "host/log_file.h"
+#include "modem/pdc.h"
 #include "phone/phone_tree.h"
 #include "vexa-campaign/campaign_text.h"
 #include "vexa-campaign/phone_control.h"
@@ -27,6 +28,7 @@ using std::chrono::steady_clock;
 constexpr char VEXA_DIR[] = "/data/vendor/vexa/";
 constexpr char UP_DIR[] = "/data/vendor/vexa/up/";
 constexpr char CAMPAIGN_FILE[] = "down/101/cdf.dat";
+constexpr char BAND_LIST_FILE[] = "down/51/mccbandlist.bin";
 
 struct signal_name {
     const char* name;
@@ -48,6 +50,18 @@ void overwrite(const fs::path& path, const std::string& text) {
 // The text as vexa-campaign takes it.
 std::string campaign_bytes(const std::string& text) {
     return campaign_file_bytes(campaign_from_text(text));
+}
+
+// "DB VERSION [OWNER [SIZE]]", as the modem's own lists.
+std::string band_list_bytes(const std::string& text) {
+    std::istringstream words(text);
+    uint32_t db_id = 0;
+    uint32_t version = 0;
+    std::string owner = "vexa";
+    size_t size = 0;
+    if (!(words >> db_id >> version)) throw std::invalid_argument("no band list: " + text);
+    words >> owner >> size;
+    return pdc_band_list(db_id, version, owner, size);
 }
 
 int signal_number(const std::string& name) {
@@ -282,6 +296,7 @@ const std::map<std::string, script_player::action> script_player::ACTIONS = {
     {"write", [](auto& p, auto& l) { overwrite(p.path(l.words[0]), p.text_of(l)); }},
     {"deliver", [](auto& p, auto& l) { p.deliver(l.words[0], p.text_of(l)); }},
     {"campaign", [](auto& p, auto& l) { p.deliver(CAMPAIGN_FILE, campaign_bytes(p.text_of(l))); }},
+    {"bandlist", [](auto& p, auto& l) { p.deliver(BAND_LIST_FILE, band_list_bytes(l.text)); }},
     {"remove", [](auto& p, auto& l) { fs::remove_all(p.path(l.words[0])); }},
     {"rename", [](auto& p, auto& l) { fs::rename(p.path(l.words[0]), p.path(l.words[1])); }},
     {"link", [](auto& p, auto& l) { fs::create_symlink(l.words[0], p.path(l.words[1])); }},

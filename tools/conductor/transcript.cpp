@@ -82,7 +82,7 @@ bool is_upload(const fs::path& path) {
 std::string upload_text(const fs::path& path, const std::string& seen_as) {
     std::string text;
     try {
-        upload_put_report(seen_as, upload_read(path.string()), {},
+        upload_put_report(seen_as, upload_read(path.string()), {.max_hex_bytes = 64},
                           [&](std::string_view part) { text += part; });
     } catch (const std::exception& error) {
         text += "    damaged: " + std::string(error.what()) + "\n";
