@@ -16,6 +16,7 @@
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::IsEmpty;
 
 namespace {
@@ -105,6 +106,8 @@ TEST_F(MpsData, OnlyTheModemsOwnFilesOfBoundedSizeAreTakenEachOnce) {
     fs::permissions(DATA_DIR, fs::perms::owner_all);
     EXPECT_THAT(take(), IsEmpty());
     EXPECT_THAT(list_dir(DATA_DIR), ElementsAre("hda_data_1.bin"));
+    mps_drop_collected_data_to_dropbox(nullptr, 1, &collection, true, MPS_DATA_LLL);
+    EXPECT_THAT(log(), EndsWith("passed to function mps_drop_collected_data_to_dropbox\n"));
     row->enabled = 0;
     write(DATA_DIR / "hda_lll.bin", std::string(60, 'd'));
     EXPECT_THAT(take(), IsEmpty()) << "without consent";
