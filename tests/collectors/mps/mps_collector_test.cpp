@@ -118,6 +118,8 @@ TEST_F(MpsData, OnlyTheModemsOwnFilesOfBoundedSizeAreTakenEachOnce) {
 // Nobody raises anything behind the storm that could wake the collector for what it missed.
 TEST_F(MpsCollector, NothingRaisedInAStormIsLeftUnserved) {
     setenv("VEXA_TEST_WINDOW_US", "3", 1);
+    const auto threads_of_process = [] { return list_dir("/.host/proc/self/task").size(); };
+    const size_t before = threads_of_process();
     kbr_service modem("vexa");
     platform_test_set_clock(platform_test_clock::MANUAL);
     launch();
@@ -143,6 +145,9 @@ TEST_F(MpsCollector, NothingRaisedInAStormIsLeftUnserved) {
     while (mps_events() != 0 || mps_timers_expired() != 0)
         ASSERT_LT(std::chrono::steady_clock::now(), limit) << mps_events();
     wait_log("mps_main: Wait on signal\n");
+    stop();
+    modem.hang_up();
+    EXPECT_EQ(threads_of_process(), before) << "its timers' thread";
 }
 
 }  // namespace
