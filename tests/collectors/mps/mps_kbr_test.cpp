@@ -67,7 +67,7 @@ struct MpsKbr : testing::Test {
         mps_kbr_register_cb(mps_set_event);
         modem.accept();
         modem.answer([this](const std::string& request) {
-            if (request[3] == 3 && request[10] == stop_at) stop_flag_raise(&stop);
+            if (request[3] == 3 && request[10] == stop_at) stop_flag_raise(&between);
             if (request[3] == silent_to) return std::string("silence");
             return response_to(request,
                                bytes(request[3] == refused ? "02 0400 0100 0300" : fields));
@@ -155,6 +155,7 @@ struct MpsKbr : testing::Test {
     std::atomic<int> refused{0}, silent_to{0}, stop_at{-1000};
     std::string fields = "02040000000000";
     stop_flag stop;
+    stop_flag between;  // has no descriptor: it ends no request under way
     MpsCampaign record;
 };
 
@@ -213,7 +214,7 @@ TEST_F(MpsKbr, SpecsWithoutBytesAndNobodysAreRefused) {
 TEST_F(MpsKbr, StopIsLookedAtBetweenParts) {
     record.collection_spec = spec_of(800 * 5);
     stop_at = 1;
-    EXPECT_EQ(modem_result_number(mps_kbr_init_mpss_bsi(&record, 0, stop)), -EINTR);
+    EXPECT_EQ(modem_result_number(mps_kbr_init_mpss_bsi(&record, 0, between)), -EINTR);
     EXPECT_EQ(modem.take_requests().size(), 3u);
 }
 
