@@ -1,12 +1,10 @@
-// The band-list updater's parts by themselves, and stops in each of its own waits.
+// The band-list updater's parts by themselves, and what others put into its directory. What it says
+// and does over its turns is told in tests/transcripts.
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
-#include <thread>
 
 #include "collectors/mccbandlist/mccbandlist_collector.h"
 #include "collectors/mccbandlist/mccbandlist_dload.h"
@@ -14,22 +12,16 @@
 #include "collectors/mccbandlist/mccbandlist_update.h"
 #include "framework/row/debug_build.h"
 #include "framework/time/clock.h"
-#include "support/events.h"
-#include "support/files.h"
-#include "support/log.h"
+#include "support/collector_phone.h"
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
-using ::testing::ContainsRegex;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 namespace {
 
 constexpr char DOWN_DIR[] = "/data/vendor/vexa/down/51";
-constexpr char STATUS[] = "/data/vendor/vexastats/51/.mccbandlist.info";
-constexpr char REQUEST[] = "/data/vendor/vexa/down/51/51-1.0-mccbandlist.bin.req";
+const std::string STATS_DIR = "/data/vendor/vexastats/51";
+const std::string STATUS = STATS_DIR + "/.mccbandlist.info";
 
 const uint8_t* bytes_of(const std::string& text) {
     return reinterpret_cast<const uint8_t*>(text.data());
@@ -80,23 +72,13 @@ TEST(MccbandlistFile, IsReadWhenItIsAFileOfBoundedSize) {
     EXPECT_FALSE(fs::exists("/data/list")) << "too short, and deleted";
 }
 
-// A row in an empty phone, as far as the download directory.
-class Mccbandlist : public ::testing::Test {
-  protected:
-    void SetUp() override {
+struct Mccbandlist : testing::Test, collector_phone {
+    Mccbandlist() : collector_phone(51) {
         g_is_debug_build = false;
-        for (const char* dir : {DOWN_DIR, "/data/vendor/vexastats"}) {
-            fs::remove_all(dir);
-            fs::create_directories(dir);
-        }
-        fs::create_directory("/data/vendor/vexastats/51");
-        ASSERT_EQ(stop_flag_open(&row.stop), 0);
+        put_files({{STATS_DIR + "/"}});
+        platform_test_set_property("vendor.orb.vexa.enabled", "1");
     }
-    void TearDown() override {
-        g_is_debug_build = false;
-        close(row.stop.fd.exchange(-1));
-    }
-    collector_info row{.down_dir = DOWN_DIR, .hdr = {.client_id = 51}};
+    ~Mccbandlist() override { g_is_debug_build = false; }
     mccbandlist_request request;
 };
 
@@ -116,14 +98,14 @@ TEST_F(Mccbandlist, DownloadDirectoryIsJudgedByTheRulesInTheirOrder) {
         {{"mccbandlist.bin", id + "-4294967496"}, -22, {"mccbandlist.bin"}, 0},
         {{id + "-"}, 0, {}, 0},
     };
-    for (const auto& [files, result, left, key_ts] : cases) {
+    for (const auto& [files, wanted, left, key_ts] : cases) {
         fs::remove_all(DOWN_DIR);
         fs::create_directories(DOWN_DIR + "/"s + id + "-299");  // no regular file
         for (const std::string& name : files) put_files({{DOWN_DIR + "/"s + name, "x"}});
         request.fields.key = request.key;
         int status = 0;
         mccbandlist_download download;
-        EXPECT_EQ(mccbandlist_check_dload_result(DOWN_DIR, request, &status, &download), result);
+        EXPECT_EQ(mccbandlist_check_dload_result(DOWN_DIR, request, &status, &download), wanted);
         fs::remove(DOWN_DIR + "/"s + id + "-299");
         EXPECT_EQ(list_dir(DOWN_DIR), left);
         EXPECT_EQ(download.key_ts, key_ts);
@@ -135,7 +117,7 @@ TEST_F(Mccbandlist, DownloadDirectoryIsJudgedByTheRulesInTheirOrder) {
     int status = 0;
     mccbandlist_download download;
     EXPECT_EQ(mccbandlist_check_dload_result(DOWN_DIR, request, &status, &download), -2);
-    EXPECT_EQ(mccbandlist_dload_handler((DOWN_DIR + "/"s + id + "-404").c_str(), row.stop), -22);
+    EXPECT_EQ(mccbandlist_dload_handler((DOWN_DIR + "/"s + id + "-404").c_str(), row->stop), -22);
     EXPECT_TRUE(fs::exists("/data/elsewhere/"s + id + "-404"));
     fs::remove(DOWN_DIR);
 }
@@ -161,93 +143,75 @@ TEST_F(Mccbandlist, NextTurnIsDueAfterTheIntervalSinceTheLast) {
         put_files({{STATUS, text}});
         g_is_debug_build = is_debug;
         mccbandlist_status read;
-        mccbandlist_wait_next_turn(7776000000, &read, row.stop);
+        mccbandlist_wait_next_turn(7776000000, &read, row->stop);
         EXPECT_EQ(vexastats_mono_time_ms() - PLATFORM_TEST_MONO_MS, wait_s * 1000) << text;
     }
     // One that cannot be saved stays in memory.
-    fs::remove_all("/data/vendor/vexastats/51");
+    remove(STATS_DIR);
     mccbandlist_status status_now{.last_dl_done_ts = 7};
     EXPECT_EQ(mccbandlist_set_status(&status_now), -EINVAL);
     EXPECT_EQ(mccbandlist_get_status(&status_now), 0);
     EXPECT_EQ(status_now.last_dl_done_ts, 7u);
 }
 
-TEST_F(Mccbandlist, StopEndsEveryWaitWithoutFilingAnything) {
-    platform_test_set_clock(platform_test_clock::MANUAL);
-    const std::tuple<bool, const char*, const char*> cases[] = {
-        {false, "1", ""},
-        {true, "0", ""},
-        {true, "1", "last_dl_done_ts=1700000000000;last_key_ts=0;"},
-    };
-    for (const auto& [has_dir, property, status] : cases) {
-        TearDown();
-        SetUp();
-        row.stop.raised = 0;
-        if (!has_dir) fs::remove(DOWN_DIR);
-        platform_test_set_property("vendor.orb.vexa.enabled", property);
-        put_files({{STATUS, status}});
-        std::thread thread([&] { EXPECT_EQ(mccbandlist_monitor(&row), 0); });
-        EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
-        stop_flag_raise(&row.stop);
-        thread.join();
-        EXPECT_THAT(list_dir(DOWN_DIR), IsEmpty());
-        EXPECT_EQ(file_text(STATUS), status);
+// Whether the daemon is enabled is waited for, but not for ever. A stop ends that wait, too.
+TEST_F(Mccbandlist, EnablingPropertyIsWaitedForThreeHundredSeconds) {
+    for (const bool is_stopped : {true, false}) {
+        platform_test_set_property("vendor.orb.vexa.enabled", "0");
+        start();
+        for (int waited_s = 0; waited_s < 295; waited_s += 5) pass(5000);
+        EXPECT_EQ(requests(), "");
+        if (is_stopped) stop();
+        if (!is_stopped) pass(5000);
+        EXPECT_EQ(requests().empty(), is_stopped);
+        if (is_stopped) renew();
     }
-}
-
-// Its own looks and other directories raise events too; a lost directory ends it.
-TEST_F(Mccbandlist, AttemptRestsUntilAFileComesAndEndsWithItsDirectory) {
-    platform_test_set_clock(platform_test_clock::MANUAL);
-    platform_test_set_property("vendor.orb.vexa.enabled", "1");
-    std::thread thread([&] { mccbandlist_monitor(&row); });
-    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
-    const std::string begun = log_text();
-    fs::create_directory(DOWN_DIR + "/sub"s);
-    fs::remove(DOWN_DIR + "/sub"s);
-    put_files({{"/data/vendor/vexa/down/neighbour", ""}});
-    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
-    EXPECT_EQ(log_text(), begun);
-    // By rename, so that nothing closes it in there; and it ends the attempt.
-    put_files({{"/data/status", ""}});
-    fs::rename("/data/status", DOWN_DIR + "/51-1.0-mccbandlist.bin-503"s);
-    EXPECT_TRUE(wait_for_file(STATUS));
-    EXPECT_TRUE(platform_test_wait_log("mccbandlist_wait_next_turn: start wait time 7776000 sec ",
-                                       EVENT_LIMIT.count()));
-    EXPECT_EQ(file_text(STATUS), "last_dl_done_ts=1700000000000;last_key_ts=0;");
-    EXPECT_THAT(list_dir(DOWN_DIR), IsEmpty());
-    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
-    platform_test_advance_ms(7776000000);
-    EXPECT_TRUE(wait_for_file(REQUEST));
-    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
-    fs::rename("/data/vendor/vexa/down", "/data/vendor/vexa/aside");
-    thread.join();
-    EXPECT_TRUE(stop_flag_is_raised(row.stop));
-    // Told by the directory itself or by the one above it, whichever was read last.
-    EXPECT_THAT(log_text(), ContainsRegex("mccbandlist_monitor: dropbox not exist, so exit. "
-                                          "(800|40000040) "));
 }
 
 TEST_F(Mccbandlist, FileThatIsNotClosedYetIsNotTaken) {
     const std::string report = DOWN_DIR + "/51-1.0-mccbandlist.bin-200"s;
-    platform_test_set_clock(platform_test_clock::MANUAL);
-    platform_test_set_property("vendor.orb.vexa.enabled", "1");
-    std::thread thread([&] { mccbandlist_monitor(&row); });
-    EXPECT_TRUE(wait_for_file(REQUEST));
-    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+    start();
     {
         const unique_fd being_written(open(report.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
-        EXPECT_TRUE(platform_test_wait_log("mccbandlist_monitor: event.mask 0x100 continue.",
-                                           EVENT_LIMIT.count()));
-        EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+        park();
         EXPECT_TRUE(fs::exists(report));
         // The list comes first, then the report is complete.
         put_files({{DOWN_DIR + "/mccbandlist.bin"s, "x"}});
-        EXPECT_TRUE(
-            platform_test_wait_log("successfully downloaded the file", EVENT_LIMIT.count()));
+        wait_log("successfully downloaded the file");
     }
     EXPECT_TRUE(wait_for_file(STATUS));
-    stop_flag_raise(&row.stop);
-    thread.join();
+}
+
+// Others may fill the directory and touch it as often as they like: so many lines, and so many
+// looks a second.
+TEST_F(Mccbandlist, NeighbourWhoFillsTheDirectoryAndTouchesItCostsLittle) {
+    const auto looks = [this] {
+        const std::string said = log();
+        size_t count = 0;
+        for (size_t at = 0; (at = said.find("not found status file", at)) != said.npos; ++at)
+            ++count;
+        return count;
+    };
+    start();
+    EXPECT_EQ(looks(), 1u);
+    put_files({{DOWN_DIR + "/sub/"s}, {"/data/vendor/vexa/down/neighbour", ""}});
+    park();
+    EXPECT_EQ(looks(), 0u) << "of no interest";
+    platform_test_at_once([] {
+        for (int i = 0; i < 40; ++i) put_files({{DOWN_DIR + "/junk"s + std::to_string(i), ""}});
+    });
+    park();
+    const std::string said = log();
+    EXPECT_NE(said.find("mccbandlist_check_dload_result: 8 more files\n"), said.npos);
+    EXPECT_NE(said.find("mccbandlist_monitor: 104 more events\n"), said.npos);
+    for (int second = 0; second < 3; ++second) {
+        for (int i = 0; i < 20; ++i) {
+            put_files({{DOWN_DIR + "/junk0"s, "x"}});
+            park();
+        }
+        EXPECT_EQ(looks(), second == 0 ? 2u : 4u);
+        pass(1000);
+    }
 }
 
 }  // namespace
