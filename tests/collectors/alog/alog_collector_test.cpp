@@ -129,6 +129,7 @@ TEST_F(AlogCollector, LogThatCannotBeReadIsTriedOnceASecondAndItsEndEndsTheThrea
     platform_clock_gettime(CLOCK_MONOTONIC, &now);
     EXPECT_EQ(now.tv_sec * 1000, PLATFORM_TEST_MONO_MS + 3000);
     expect_uploaded(expected);
+    EXPECT_EQ(result, 0);
 }
 
 TEST_F(AlogCollector, LogThatCannotBeOpenedWaitsForTheNextFileWhateverThatSays) {
@@ -139,6 +140,20 @@ TEST_F(AlogCollector, LogThatCannotBeOpenedWaitsForTheNextFileWhateverThatSays) 
     deliver(8, 600);
     wait_blocked();
     EXPECT_EQ(times("Starting ALOG Campaign 7"), 1u);
+}
+
+TEST_F(AlogCollector, WithoutARecordOrItsOwnerThereIsNothingToDo) {
+    timed_campaign campaign{.kind = &ALOG_CAMPAIGN, .row = row.get()};
+    alog_record none;
+    alog_record closed{.campaign = &campaign};
+    unique_logger_list reader;
+    for (alog_record* record : {static_cast<alog_record*>(nullptr), &none, &closed}) {
+        EXPECT_EQ(alog_log_start(record, record == &closed ? nullptr : &reader), -EINVAL);
+        EXPECT_EQ(alog_log_read(record, &reader), -EINVAL);
+        EXPECT_EQ(alog_log_read(record, nullptr), -EINVAL);
+        alog_log_end(record, &reader);
+        alog_log_end(record, nullptr);
+    }
 }
 
 TEST_F(AlogCollector, RecordThatCannotBeWrittenEndsTheThreadOrTheStart) {
