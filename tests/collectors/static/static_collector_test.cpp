@@ -276,14 +276,14 @@ TEST_F(AostReporter, TerminatedRowIsFoundByTheAlarmAndByAChange) {
         wait_requests(4);
         park();
         const std::string first = reported();
-        platform_test_set_clock(platform_test_clock::AUTO);
         row->terminate = 1;
         if (by_alarm) raise(SIGALRM);
         if (!by_alarm) indicate("24", "10 0400 09000000");
-        join();
+        wait_log("aost_imsa_deinit(), registered=1");
         EXPECT_THAT(log(), HasSubstr("D vexastatsd: exit thread\n"
                                      "I vexastatsd: aost_imsa_deinit(), registered=1\n"));
         EXPECT_EQ(reported(), first);
+        platform_test_clear_log();
         next_round();
     }
 }
