@@ -3,10 +3,8 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/inotify.h>
-#include <sys/resource.h>
 #include <time.h>
 
 #include <algorithm>
@@ -18,6 +16,7 @@
 #include <sstream>
 
 #include "sampling/sampled_phone.h"
+#include "support/size_limit.h"
 
 namespace fs = std::filesystem;
 
@@ -63,7 +62,7 @@ TEST(SampleHead, StampKeepsItsHighestBitForTheZone) {
 
 struct Sampling : testing::TestWithParam<uint32_t>, sampled_phone {
     Sampling() : sampled_phone(GetParam()) {}
-    ~Sampling() override { limit_file_size(RLIM_INFINITY); }
+    ~Sampling() override { size_limit::set(RLIM_INFINITY); }
 
     bool is_gpu() const { return GetParam() == GPU; }
     std::string name() const { return is_gpu() ? "gpu" : "cpu"; }
@@ -88,13 +87,6 @@ struct Sampling : testing::TestWithParam<uint32_t>, sampled_phone {
     // The GPU collector sleeps before a sample, the CPU collector behind it.
     void sleep_before_sample() {
         if (is_gpu()) pass(row->interval);
-    }
-    static void limit_file_size(rlim_t size) {
-        signal(SIGXFSZ, SIG_IGN);
-        rlimit limit{};
-        ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
-        limit.rlim_cur = std::min(size, limit.rlim_max);
-        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
     }
 };
 const auto BOTH = testing::Values(sampled_phone::GPU, sampled_phone::CPU);
@@ -319,9 +311,9 @@ TEST_P(Sampling, StorageThatFailsIsTriedAgainLaterAndLaterUntilItIsWell) {
         {"beginning", [this] { write(own(), ""); }, {}, [this] { remove(own()); }, no_record, 1000},
         {"hand-over", {}, forbid, allow, no_sample, 1000},
         {"append",
-         [] { limit_file_size(100); },
+         [] { size_limit::set(100); },
          {},
-         [] { limit_file_size(RLIM_INFINITY); },
+         [] { size_limit::set(RLIM_INFINITY); },
          no_sample,
          1000},
         // The hand-over that fails before has cost the first pause.
