@@ -265,6 +265,21 @@ TEST_F(Kbr, CallbackMakesCallsAndReleasesItsClient) {
         std::this_thread::yield();
 }
 
+TEST_F(Kbr, ReleaseWaitsForTheCallbackInProgress) {
+    std::promise<void> begun;
+    std::atomic<bool> left{false};
+    kbr_client* client = connect([&](kbr_client* own, void*, uint32_t) {
+        begun.set_value();
+        EXPECT_EQ(call(own, 1), KBR_ERR_GONE);  // which the release ends
+        for (int i = 0; i < 10000; ++i) std::this_thread::yield();
+        left = true;
+    });
+    modem.send(indication(1));
+    begun.get_future().wait();
+    kbr_client_release(client);
+    EXPECT_TRUE(left);
+}
+
 TEST_F(Kbr, StormOfIndicationsLosesNeitherThemNorAnAnswer) {
     constexpr uint32_t STORM = 4000;  // as many as are kept while a call is in progress
     uint32_t next = 0;

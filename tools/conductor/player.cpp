@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/inotify.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -68,6 +69,15 @@ int signal_number(const std::string& name) {
         if (name == signal.name) return signal.number;
     }
     throw std::invalid_argument("no such signal: " + name);
+}
+
+// Two hexadecimal digits are a byte.
+std::string bytes_of(std::istream& words) {
+    std::string digits, bytes;
+    for (std::string word; words >> word;) digits += word;
+    for (size_t i = 0; i < digits.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+    return bytes;
 }
 
 fs::perms mode_of(const std::string& octal) {
@@ -220,7 +230,8 @@ void script_player::tell_modem(const std::string& command) {
         throw std::invalid_argument("the modem does not take it: " + command);
 }
 
-// "roaming 0|1", or "sub ID MCC MNC". The connection stays open for the answer, which is its end.
+// "roaming 0|1", "sub ID MCC MNC", "bytes HEX", or "more HEX" behind the last of these. The
+// connection stays open for the answer, which is its end.
 void script_player::tell_phone(const std::string& what) {
     std::istringstream words(what);
     std::string kind;
@@ -232,6 +243,11 @@ void script_player::tell_phone(const std::string& what) {
         told_.push_back(phone_send_roaming(dir_, first != 0));
     } else if (kind == "sub" && words >> first >> mcc >> mnc) {
         told_.push_back(phone_send_subscription(dir_, first, mcc, mnc));
+    } else if (kind == "bytes") {
+        told_.push_back(phone_send_bytes(dir_, bytes_of(words)));
+    } else if (kind == "more" && !told_.empty()) {
+        const std::string bytes = bytes_of(words);
+        (void)send(told_.back().get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     } else {
         throw std::invalid_argument("nothing to tell: " + what);
     }

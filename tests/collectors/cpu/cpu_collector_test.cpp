@@ -64,6 +64,7 @@ TEST_F(CpuCollector, SamplesStandInTheRecordByteForByte) {
 }
 
 TEST_F(CpuCollector, LoadIsTicksPerScanAndAScanNeedsMoreThanTenSeconds) {
+    testing::internal::CaptureStdout();
     busy();
     spend(0);
     start();
@@ -71,6 +72,11 @@ TEST_F(CpuCollector, LoadIsTicksPerScanAndAScanNeedsMoreThanTenSeconds) {
         spend(8 * i);
         pass(10000);  // it looks that often, and scans and samples when that is due
     }
+    stop();
+    EXPECT_EQ(
+        testing::internal::GetCapturedStdout(),
+        "Tick 2 PID 4242 org.example.browser CPU 16\nTick 3 PID 4242 org.example.browser CPU 16\n"
+        "Tick 4 PID 4242 org.example.browser CPU 16\n");
     EXPECT_EQ(stamps(), "50000 50700") << "more than a minute apart";
     EXPECT_EQ(processes(), "org.example.browser 8000/2\n") << "16 ticks a scan";
 }
