@@ -2,6 +2,7 @@
 #include "framework/row/optout.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <thread>
 
@@ -33,6 +34,16 @@ TEST_F(OptOut, WaitEndsWithConsentOrTermination) {
         waiting.join();
         EXPECT_EQ(row.enabled, !is_shutdown);
         EXPECT_FALSE(row.terminate) << "the wait takes it back";
+    }
+    // A stop wakes it, too; most of the rounds find it asleep.
+    for (int round = 0; round < 20; ++round) {
+        row.enabled = row.terminate = 0;
+        row.stop.raised = 0;
+        std::thread waiting([this] { vexastats_wait_optin(&row); });
+        usleep(200);
+        optout_context context{.table = &row, .count = 1};
+        optout_stop_rows(&context);
+        waiting.join();
     }
     row.enabled = row.terminate = 1;
     vexastats_wait_optin(&row);

@@ -129,6 +129,7 @@ TEST_F(AlogCollector, LogThatCannotBeReadIsTriedOnceASecondAndItsEndEndsTheThrea
     platform_clock_gettime(CLOCK_MONOTONIC, &now);
     EXPECT_EQ(now.tv_sec * 1000, PLATFORM_TEST_MONO_MS + 3000);
     expect_uploaded(expected);
+    EXPECT_EQ(result, 0);
 }
 
 TEST_F(AlogCollector, LogThatCannotBeOpenedWaitsForTheNextFileWhateverThatSays) {
@@ -141,49 +142,44 @@ TEST_F(AlogCollector, LogThatCannotBeOpenedWaitsForTheNextFileWhateverThatSays) 
     EXPECT_EQ(times("Starting ALOG Campaign 7"), 1u);
 }
 
-TEST_F(AlogCollector, RecordThatCannotBeWrittenEndsTheThreadOrTheStart) {
-    const std::pair<int, const char*> cases[] = {
-        // A record this small is handed over at the first write, which fails.
-        {20000, "alog_log_read: failed to write file. cnt:0\n"},
-        {1, "alog_log_start: failed to write file. cnt:0\n"},
-    };
-    for (const auto& [size, failure] : cases) {
-        fs::permissions(row->up_dir, fs::perms::owner_read | fs::perms::owner_exec);
-        deliver(7, 600, size);
-        come(1, 5120, 25);
-        launch();
-        wait_log(failure);
-        if (size == 1) wait_log("alog_collect_wait_for_config_update: \n");
-        if (size != 1) join();
-        EXPECT_EQ(stop_flag_is_raised(row->stop), size != 1);
-        EXPECT_EQ(platform_test_log_readers(), 0u);
-        renew();
-        remove(own());
-        platform_test_reset();
+TEST_F(AlogCollector, WithoutARecordOrItsOwnerThereIsNothingToDo) {
+    timed_campaign campaign{.kind = &ALOG_CAMPAIGN, .row = row.get()};
+    alog_record none;
+    alog_record closed{.campaign = &campaign};
+    unique_logger_list reader;
+    for (alog_record* record : {static_cast<alog_record*>(nullptr), &none, &closed}) {
+        EXPECT_EQ(alog_log_start(record, record == &closed ? nullptr : &reader), -EINVAL);
+        EXPECT_EQ(alog_log_read(record, &reader), -EINVAL);
+        EXPECT_EQ(alog_log_read(record, nullptr), -EINVAL);
+        alog_log_end(record, &reader);
+        alog_log_end(record, nullptr);
     }
+}
+
+TEST_F(AlogCollector, TitleThatCannotBeWrittenWaitsForTheNextFile) {
+    // A record this small is handed over at the first write, which fails.
+    fs::permissions(row->up_dir, fs::perms::owner_read | fs::perms::owner_exec);
+    deliver(7, 600, 1);
+    launch();
+    wait_log("alog_log_start: failed to write file. cnt:0\n");
+    wait_log("alog_collect_wait_for_config_update: \n");
+    EXPECT_EQ(platform_test_log_readers(), 0u);
 }
 
 // More than the buffer holds comes meanwhile: were it kept, it would be flushed.
 TEST_F(AlogCollector, WhatComesWithoutConsentReachesNoFile) {
-    for (const bool back_at_the_end : {true, false}) {
-        deliver(7, 600);
-        std::string expected = TITLE + come(1, 100);
-        read_all();
-        set_consent(false);
-        come(2, 5120, 40);
-        wait_blocked();
-        EXPECT_EQ(times("flush out"), 0u);
-        if (back_at_the_end) set_consent(true);
-        expected += come(3, 60);
-        wait_blocked();
-        end();
-        expect_uploaded(back_at_the_end ? expected : "");
-        EXPECT_EQ(fs::exists(own("alogstats.tmp")), false);
-        said.clear();
-        remove(own());
-        remove(row->up_dir);
-        renew();
-    }
+    deliver(7, 600);
+    std::string expected = TITLE + come(1, 100);
+    read_all();
+    set_consent(false);
+    come(2, 5120, 40);
+    wait_blocked();
+    EXPECT_EQ(times("flush out"), 0u);
+    set_consent(true);
+    expected += come(3, 60);
+    wait_blocked();
+    end();
+    expect_uploaded(expected);
 }
 
 // The directory goes at once, the row's flag a moment later.

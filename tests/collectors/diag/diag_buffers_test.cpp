@@ -68,6 +68,13 @@ TEST_F(DiagBuffers, OnlyFullBuffersAreWrittenAndThePacketThatDidNotFitIsDropped)
     }
 }
 
+TEST_F(DiagBuffers, AllThatIsFullAtTheEndIsStillWritten) {
+    for (const char fill : {'a', 'b'})
+        for (int i = 0; i < 2; ++i) put(100000, fill);  // the second one hands it over
+    EXPECT_EQ(process_incoming_pkt(&campaign, 0), 0);
+    EXPECT_TRUE(record() == std::string(100000, 'a') + std::string(100000, 'b'));
+}
+
 // Fills as fast as it can until told to end; counts what it handed to the buffers.
 class producer {
   public:
@@ -100,8 +107,8 @@ TEST_F(DiagBuffers, ShutLetsAWaitingProducerGoAndFreesNothingUnderIt) {
             EXPECT_EQ(process_incoming_pkt(&campaign, 0), 0);
         }
         diag_dci_release_buffers();
-        producing.join();
         put(10, 'x');  // a packet that is late
+        producing.join();
         ASSERT_EQ(diag_dci_init_buffers(), 0);
     }
 }

@@ -9,11 +9,13 @@
 #include <filesystem>
 #include <thread>
 
-#include "framework/time/clock.h"
+#include "collectors/static/static_items.h"
+#include "framework/record/record.h"
 #include "platform/log_read.h"
 #include "support/collector_phone.h"
 #include "support/gzip.h"
 #include "support/kbr_service.h"
+#include "support/size_limit.h"
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
@@ -106,6 +108,81 @@ TEST_F(StaticCollector, StopEndsEveryPauseAndInTheFirstNothingIsDropped) {
     }
 }
 
+// ---- Each item alone
+
+constexpr struct {
+    const char* name;
+    int (*prepare)(write_req*);
+    bool says_so;
+} ITEMS[] = {{"prepare_kernel_config", prepare_kernel_config, true},
+             {"prepare_pwr_onoff_reason", prepare_pwr_onoff_reason, true},
+             {"prepare_sec_patch_level", prepare_sec_patch_level, true},
+             {"prepare_ver_info", prepare_ver_info, false}};
+
+struct StaticItem : StaticCollector {
+    StaticItem() {
+        put_files({{"/proc/config.gz", gzip("CONFIG_A=y\n#\nCONFIG_B=m\n")}});
+        platform_test_set_clock(platform_test_clock::MANUAL);
+    }
+    // Prepares it for a new record that takes so many bytes, with a request that `change` broke.
+    int run(int (*prepare)(write_req*), rlim_t room, void (*change)(write_req*)) {
+        platform_test_reset_log_script();
+        platform_test_script_log_entry(
+            kernel_entry("kzor,bvrx-power-on", "p@SID0 Power-on reason:r"));
+        remove(own());
+        (void)log();
+        const std::string dir = own();
+        record_init_req begin{.row = row.get(), .dir = dir.c_str(), .prefix = "a.tmp"};
+        record_handle handle;
+        handle.file = vexastats_record_init(&begin);
+        char text[STATIC_TEXT_SIZE];
+        write_req req{.row = row.get(), .handle = &handle, .data = text, .len = sizeof text};
+        change(&req);
+        const size_limit limited(room);
+        return prepare(&req);
+    }
+};
+
+TEST_F(StaticItem, RequestThatIsNotWholeIsRefused) {
+    void (*const broken[])(write_req*) = {
+        [](write_req* req) { req->row = nullptr; }, [](write_req* req) { req->handle = nullptr; },
+        [](write_req* req) { req->data = nullptr; }, [](write_req* req) { req->handle->file = {}; },
+        [](write_req* req) { req->len = 0; }};
+    for (const auto& item : ITEMS) {
+        EXPECT_EQ(item.prepare(nullptr), -EINVAL) << item.name;
+        for (const auto change : broken) {
+            EXPECT_EQ(run(item.prepare, RLIM_INFINITY, change), -EINVAL) << item.name;
+            EXPECT_EQ(log() + record(), "") << item.name;
+        }
+    }
+    const char refusal[] = "E vexastatsd: [ERROR] wrong function parameter\n";
+    EXPECT_EQ(prepare_aost_imsa_register(nullptr), -EINVAL);
+    EXPECT_EQ(log(), refusal);
+    for (const size_t i : {0, 1, 2}) {
+        EXPECT_EQ(run(prepare_aost_imsa_register, RLIM_INFINITY, broken[i]), -EINVAL) << i;
+        EXPECT_EQ(log(), refusal);
+    }
+}
+
+TEST_F(StaticItem, WriteThatFailsEndsItAndWhatWasWrittenStays) {
+    const auto nothing = [](write_req*) {};
+    for (const auto& item : ITEMS) {
+        EXPECT_EQ(run(item.prepare, RLIM_INFINITY, nothing), 0);
+        const std::string whole = record();
+        const size_t begin = file_text(own("a.tmp")).size() - whole.size();
+        for (size_t room = 0; room < whole.size(); ++room) {
+            EXPECT_EQ(run(item.prepare, begin + room, nothing), -EINVAL) << item.name << room;
+            EXPECT_THAT(whole, StartsWith(record()));
+            std::string said = "E vexastatsd: vexastats_write_file: failed to write file\n";
+            if (item.says_so)
+                said += std::string("E vexastatsd: ") + item.name +
+                        ": failed to write file. cnt:" + std::to_string(room - record().size()) +
+                        "\n";
+            EXPECT_THAT(log(), EndsWith(said));
+        }
+    }
+}
+
 // ---- The reporter
 
 struct AostReporter : StaticCollector {
@@ -189,8 +266,26 @@ TEST_F(AostReporter, IndicationOfAnotherShapeChangesNothing) {
     indicate("25", "");
     wait_log("[WARNING] no case for msg_id=0x25");
     EXPECT_EQ(reported(), first);
-    EXPECT_EQ(platform_test_log_count("decode failed, msg_id=0x24, error=0xfffffffa"), 1u);
-    EXPECT_EQ(platform_test_log_count("[ERROR] ind_msg_ptr is NULL"), 1u);
+    EXPECT_THAT(log(), HasSubstr("I vexastatsd: decode failed, msg_id=0x24, error=0xfffffffa\n"
+                                 "E vexastatsd: [ERROR] ind_msg_ptr is NULL\n"));
+}
+
+TEST_F(AostReporter, TerminatedRowIsFoundByTheAlarmAndByAChange) {
+    for (const bool by_alarm : {true, false}) {
+        start_reporter();
+        wait_requests(4);
+        park();
+        const std::string first = reported();
+        row->terminate = 1;
+        if (by_alarm) raise(SIGALRM);
+        if (!by_alarm) indicate("24", "10 0400 09000000");
+        wait_log("aost_imsa_deinit(), registered=1");
+        EXPECT_THAT(log(), HasSubstr("D vexastatsd: exit thread\n"
+                                     "I vexastatsd: aost_imsa_deinit(), registered=1\n"));
+        EXPECT_EQ(reported(), first);
+        platform_test_clear_log();
+        next_round();
+    }
 }
 
 TEST_F(AostReporter, LevelFileThatIsSomebodyElsesIsNotRead) {
