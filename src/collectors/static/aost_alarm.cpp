@@ -105,10 +105,7 @@ void aost_imsa_sig_alarm_hdlr(int signo) {
         return;
     }
     if (!g_aost.registered) return;
-    if (!drop_stored_data()) {
-        aost_imsa_retire();
-        return;
-    }
+    if (!drop_stored_data()) return aost_imsa_retire();
     aost_reload_params(row);
     aost_alarm_arm(g_aost.interval_s);
 }

@@ -66,12 +66,6 @@ struct AlogCollector : testing::Test, collector_phone {
         wait_blocked();
     }
     static void wait_blocked() { ASSERT_TRUE(platform_test_wait_log_reader(EVENT_LIMIT.count())); }
-    size_t times(const std::string& text) {
-        said += log();
-        size_t count = 0;
-        for (size_t at = 0; (at = said.find(text, at)) != said.npos; ++at) ++count;
-        return count;
-    }
     std::string uploaded() const {
         std::string all;
         for (const std::string& payload : payloads()) all += payload;
@@ -82,8 +76,6 @@ struct AlogCollector : testing::Test, collector_phone {
         const std::string found = uploaded();
         EXPECT_TRUE(found == expected) << found.size() << " bytes of " << expected.size();
     }
-
-    std::string said;
 };
 
 TEST_F(AlogCollector, BufferIsFlushedAtTheFirstByteWithoutRoomForALargestEntry) {
@@ -94,7 +86,7 @@ TEST_F(AlogCollector, BufferIsFlushedAtTheFirstByteWithoutRoomForALargestEntry) 
     expected += entry(2, 6000, 5120);
     expected += come(3, 3072);
     read_all();
-    EXPECT_EQ(times("flush out"), 0u);
+    EXPECT_EQ(times_logged("flush out"), 0u);
     EXPECT_EQ(record(), TITLE);
     expected += come(5, 30);
     wait_log("alog_log_read: flush out buffer 125982");
@@ -104,7 +96,7 @@ TEST_F(AlogCollector, BufferIsFlushedAtTheFirstByteWithoutRoomForALargestEntry) 
     wait_blocked();
     end();
     expect_uploaded(expected);
-    EXPECT_EQ(times("flush out"), 2u) << "the buffer was empty when it ended";
+    EXPECT_EQ(times_logged("flush out"), 2u) << "the buffer was empty when it ended";
 }
 
 // The read of a log in which nothing is logged ends at a stop, with an entry that is no one's.
@@ -123,8 +115,8 @@ TEST_F(AlogCollector, LogThatCannotBeReadIsTriedOnceASecondAndItsEndEndsTheThrea
     platform_test_script_log_failure(0);
     launch();
     join();
-    EXPECT_EQ(times("E vexastatsd-alog: failed to read logcat buffer: Input/output error\n"), 3u);
-    EXPECT_EQ(times("E vexastatsd-alog: failed to read logcat buffer: No data available\n"), 1u);
+    EXPECT_EQ(times_logged("failed to read logcat buffer: Input/output error\n"), 3u);
+    EXPECT_EQ(times_logged("failed to read logcat buffer: No data available\n"), 1u);
     timespec now = {};
     platform_clock_gettime(CLOCK_MONOTONIC, &now);
     EXPECT_EQ(now.tv_sec * 1000, PLATFORM_TEST_MONO_MS + 3000);
@@ -139,7 +131,7 @@ TEST_F(AlogCollector, LogThatCannotBeOpenedWaitsForTheNextFileWhateverThatSays) 
     wait_log("failed to open logcat buffer, err:13\n");
     deliver(8, 600);
     wait_blocked();
-    EXPECT_EQ(times("Starting ALOG Campaign 7"), 1u);
+    EXPECT_EQ(times_logged("Starting ALOG Campaign 7"), 1u);
 }
 
 TEST_F(AlogCollector, WithoutARecordOrItsOwnerThereIsNothingToDo) {
@@ -174,7 +166,7 @@ TEST_F(AlogCollector, WhatComesWithoutConsentReachesNoFile) {
     set_consent(false);
     come(2, 5120, 40);
     wait_blocked();
-    EXPECT_EQ(times("flush out"), 0u);
+    EXPECT_EQ(times_logged("flush out"), 0u);
     set_consent(true);
     expected += come(3, 60);
     wait_blocked();
@@ -209,7 +201,7 @@ TEST_F(AlogCollector, RollOverThatFailsLeavesTheRecordToTheNextStart) {
     fs::permissions(own(), fs::perms::owner_read | fs::perms::owner_exec);
     come(2, 5120, 25);
     join();
-    EXPECT_EQ(times("alog_log_read: failed to write file. cnt:0\n"), 1u);
+    EXPECT_EQ(times_logged("alog_log_read: failed to write file. cnt:0\n"), 1u);
     fs::permissions(own(), fs::perms::owner_all);
     renew();
     deliver(8, 600, 20000);
@@ -230,7 +222,7 @@ TEST_F(AlogCollector, ClockThatJumpsEndsTheCampaignAtTheNextEntry) {
         come(1, 100);
         if (!ends) wait_blocked();
         if (ends) wait_log("Stopping ALOG Campaign 7 : Stop Time " + std::to_string(NOW_S + 600));
-        EXPECT_EQ(times("Stopping ALOG Campaign 7"), ends);
+        EXPECT_EQ(times_logged("Stopping ALOG Campaign 7"), ends);
     }
 }
 

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "collectors/static/imsa_service.h"
 #include "collectors/static/static_items.h"
 #include "framework/record/record.h"
 #include "platform/log_read.h"
@@ -25,6 +26,18 @@ using ::testing::Not;
 using ::testing::StartsWith;
 
 namespace {
+std::atomic<size_t> g_refused{0};  // a block of that size is not to be had
+}  // namespace
+extern "C" void* __real_malloc(size_t size);
+extern "C" void* __wrap_malloc(size_t size) {
+    return size == g_refused ? nullptr : __real_malloc(size);
+}
+extern "C" void* __real_calloc(size_t count, size_t size);
+extern "C" void* __wrap_calloc(size_t count, size_t size) {
+    return count * size == g_refused ? nullptr : __real_calloc(count, size);
+}
+
+namespace {
 
 constexpr char LEVEL_FILE[] = "/data/vendor/vexa/shared/3/wvstats.tmp";
 
@@ -39,9 +52,11 @@ std::string kernel_entry(const std::string& tag, const std::string& message, siz
 
 struct StaticCollector : testing::Test, collector_phone {
     StaticCollector() : collector_phone(3) {
-        remove(LEVEL_FILE);
-        put_files({{LEVEL_FILE, "L1"},
-                   {"/proc/config.gz", gzip("")},
+        put_sources();
+        put_files({{LEVEL_FILE, "L1"}});
+    }
+    static void put_sources() {
+        put_files({{"/proc/config.gz", gzip("CONFIG_A=y\n#\nCONFIG_B=m\n")},
                    {"/vendor/firmware_mnt/verinfo/ver_info.txt", "{one,}{two}\n"}});
     }
     std::string reported() const { return record("aoststats.tmp"); }
@@ -92,8 +107,6 @@ TEST_F(StaticCollector, DamagedAndFailedItemsAreKeptAsFarAsTheyCameAndLongEvents
     EXPECT_THAT(payloads().at(0), StartsWith("kernel_config:\n - " + std::string(100, 'a') + "\n"));
     EXPECT_THAT(payloads().at(0),
                 EndsWith("onetwo\n\npower_cycles:\n" + (event + event).substr(0, 511)));
-    EXPECT_THAT(log(), HasSubstr("E vexastatsd: failed to open kernel buffer, err:19\n"
-                                 "E vexastatsd: failed to get Power On/Off Reason\n"));
 }
 
 TEST_F(StaticCollector, StopEndsEveryPauseAndInTheFirstNothingIsDropped) {
@@ -121,7 +134,7 @@ constexpr struct {
 
 struct StaticItem : StaticCollector {
     StaticItem() {
-        put_files({{"/proc/config.gz", gzip("CONFIG_A=y\n#\nCONFIG_B=m\n")}});
+        put_sources();
         platform_test_set_clock(platform_test_clock::MANUAL);
     }
     // Prepares it for a new record that takes so many bytes, with a request that `change` broke.
@@ -164,6 +177,32 @@ TEST_F(StaticItem, RequestThatIsNotWholeIsRefused) {
     }
 }
 
+TEST_F(StaticItem, SourceOrMemoryThatIsNotThereIsSaid) {
+    const struct {
+        int (*prepare)(write_req*);
+        void (*lose)(write_req*);
+        int result;
+        const char* said;
+    } cases[] = {
+        {prepare_kernel_config, [](write_req*) { remove("/proc/config.gz"); }, -EINVAL,
+         "failed to gzopen /proc/config.gz\n"},
+        {prepare_ver_info, [](write_req*) { remove("/vendor/firmware_mnt"); }, -EINVAL,
+         "prepare_ver_info: /vendor/firmware_mnt/verinfo/ver_info.txt file not exist\n"},
+        {prepare_pwr_onoff_reason, [](write_req*) { platform_test_fail_log_open(ENODEV); }, -EINVAL,
+         "failed to open kernel buffer, err:19\n"},
+        {prepare_kernel_config, [](write_req* req) { g_refused = req->len; }, -ENOMEM,
+         "prepare_kernel_config: failed to alloc\n"},
+        {prepare_ver_info, [](write_req* req) { g_refused = req->len; }, -ENOMEM,
+         "prepare_ver_info: failed to malloc\n"},
+    };
+    for (const auto& c : cases) {
+        put_sources();
+        EXPECT_EQ(run(c.prepare, RLIM_INFINITY, c.lose), c.result) << c.said;
+        g_refused = 0;
+        EXPECT_EQ(log() + record(), std::string("E vexastatsd: ") + c.said);
+    }
+}
+
 TEST_F(StaticItem, WriteThatFailsEndsItAndWhatWasWrittenStays) {
     const auto nothing = [](write_req*) {};
     for (const auto& item : ITEMS) {
@@ -198,9 +237,8 @@ struct AostReporter : StaticCollector {
         modem.accept();
         modem.answer([this](const std::string& request) {
             const auto id = static_cast<uint8_t>(request[3]);
-            std::string fields =
+            const std::string fields =
                 hex_bytes(id == refused ? "02 0400 0100 0300" : "02 0400 0000 0000");
-            if (id == 0x36) fields += hex_bytes(active);
             return response_to(request, fields);
         });
     }
@@ -208,18 +246,15 @@ struct AostReporter : StaticCollector {
         stop();
         modem.hang_up();
         renew();
-        requests.clear();
         (void)modem.take_requests();
         put_files({{LEVEL_FILE, "L1"}});
     }
     void wait_requests(size_t count) {
         const auto limit = std::chrono::steady_clock::now() + EVENT_LIMIT;
-        while (requests.size() < count && std::chrono::steady_clock::now() < limit) {
-            for (const std::string& packet : modem.take_requests())
-                requests.push_back(hex(packet.substr(3)));
+        for (size_t seen = 0; seen < count; seen += modem.take_requests().size()) {
+            ASSERT_LT(std::chrono::steady_clock::now(), limit) << log();
             std::this_thread::yield();
         }
-        ASSERT_GE(requests.size(), count) << log();
     }
     void indicate(const std::string& id, const std::string& fields) const {
         const std::string value = hex_bytes(fields);
@@ -228,33 +263,8 @@ struct AostReporter : StaticCollector {
     }
 
     kbr_service modem{"imsa"};
-    std::string active = "11 0100 01";
     std::atomic<uint8_t> refused{0};
-    std::vector<std::string> requests;
 };
-
-TEST_F(AostReporter, FirstActiveSubscriptionIsBoundThenTheIndicatedOne) {
-    const std::pair<const char*, const char*> cases[] = {{"10 0100 01 11 0100 01", "00"},
-                                                         {"10 0100 00 11 0100 01 12 0100 01", "01"},
-                                                         {"12 0100 01 13 0100 01", "02"},
-                                                         {"13 0100 01", "00"}};
-    for (const auto& [flags, bound] : cases) {
-        active = flags;
-        start_reporter();
-        wait_requests(4);
-        const std::string wanted = "22000c0010010001110100011a010001";
-        EXPECT_THAT(requests,
-                    ElementsAre("36000000", std::string("33000700100400") + bound + "000000",
-                                "21000000", wanted))
-            << flags;
-        indicate("35", std::string("10 0400 ") + bound + "000000");  // the one it has: not sent
-        indicate("35", "10 0400 07000000");
-        wait_requests(6);
-        EXPECT_EQ(requests[4], "3300070010040007000000");
-        EXPECT_EQ(requests[5], wanted);
-        next_round();
-    }
-}
 
 TEST_F(AostReporter, IndicationOfAnotherShapeChangesNothing) {
     start_reporter();
@@ -263,11 +273,17 @@ TEST_F(AostReporter, IndicationOfAnotherShapeChangesNothing) {
     const std::string first = reported();
     indicate("24", "12 0300 000000");
     indicate("24", "10 0400 00000000 15 0400 00000000");
+    park();
+    g_refused = sizeof(imsa_status_indication);
+    indicate("24", "10 0400 01000000");
+    wait_log("malloc failed");
+    g_refused = 0;
     indicate("25", "");
     wait_log("[WARNING] no case for msg_id=0x25");
     EXPECT_EQ(reported(), first);
-    EXPECT_THAT(log(), HasSubstr("I vexastatsd: decode failed, msg_id=0x24, error=0xfffffffa\n"
-                                 "E vexastatsd: [ERROR] ind_msg_ptr is NULL\n"));
+    const std::string said = log(), null = "E vexastatsd: [ERROR] ind_msg_ptr is NULL\n";
+    EXPECT_THAT(said, HasSubstr("decode failed, msg_id=0x24, error=0xfffffffa\n" + null));
+    EXPECT_THAT(said, HasSubstr("E vexastatsd: malloc failed\n" + null));
 }
 
 TEST_F(AostReporter, TerminatedRowIsFoundByTheAlarmAndByAChange) {
@@ -286,16 +302,6 @@ TEST_F(AostReporter, TerminatedRowIsFoundByTheAlarmAndByAChange) {
         platform_test_clear_log();
         next_round();
     }
-}
-
-TEST_F(AostReporter, LevelFileThatIsSomebodyElsesIsNotRead) {
-    put_files({{"/data/vendor/vexastats/secret", "hidden"}});
-    remove(LEVEL_FILE);
-    fs::create_hard_link("/data/vendor/vexastats/secret", LEVEL_FILE);
-    start_reporter();
-    wait_log("waiting for wvstats, retry=1\n");
-    EXPECT_THAT(log(), Not(HasSubstr("hidden")));
-    EXPECT_EQ(file_text(LEVEL_FILE), "hidden");
 }
 
 // Indications that write, a refused bind that ends the reporter, signals and the stop at once.
