@@ -158,14 +158,16 @@ TEST_F(Mccbandlist, NeighbourWhoFillsTheDirectoryAndTouchesItCostsLittle) {
     });
     park();
     EXPECT_EQ(times_logged("mccbandlist_check_dload_result: 8 more files"), 1u);
+    EXPECT_EQ(times_logged("sub dropbox has file: junk"), 32u);
     EXPECT_EQ(times_logged("mccbandlist_monitor: 104 more events"), 1u);
     for (size_t second = 0; second < 3; ++second) {
+        pass(400);
         for (int i = 0; i < 20; ++i) {
             put_files({{DOWN_DIR + "/junk0"s, "x"}});
             park();
         }
         EXPECT_EQ(looks(), 4u * (second + 1));
-        pass(1000);
+        pass(600);
     }
 }
 
