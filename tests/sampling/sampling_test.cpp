@@ -3,21 +3,18 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/inotify.h>
-#include <sys/resource.h>
 #include <time.h>
 
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <functional>
-#include <numeric>
-#include <set>
-#include <sstream>
 
 #include "sampling/sampled_phone.h"
+#include "support/dialogue.h"
+#include "support/size_limit.h"
 
 namespace fs = std::filesystem;
 
@@ -63,7 +60,7 @@ TEST(SampleHead, StampKeepsItsHighestBitForTheZone) {
 
 struct Sampling : testing::TestWithParam<uint32_t>, sampled_phone {
     Sampling() : sampled_phone(GetParam()) {}
-    ~Sampling() override { limit_file_size(RLIM_INFINITY); }
+    ~Sampling() override { size_limit::set(RLIM_INFINITY); }
 
     bool is_gpu() const { return GetParam() == GPU; }
     std::string name() const { return is_gpu() ? "gpu" : "cpu"; }
@@ -89,13 +86,6 @@ struct Sampling : testing::TestWithParam<uint32_t>, sampled_phone {
     void sleep_before_sample() {
         if (is_gpu()) pass(row->interval);
     }
-    static void limit_file_size(rlim_t size) {
-        signal(SIGXFSZ, SIG_IGN);
-        rlimit limit{};
-        ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
-        limit.rlim_cur = std::min(size, limit.rlim_max);
-        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-    }
 };
 const auto BOTH = testing::Values(sampled_phone::GPU, sampled_phone::CPU);
 std::string name_of(const testing::TestParamInfo<uint32_t>& kind) {
@@ -105,35 +95,7 @@ INSTANTIATE_TEST_SUITE_P(Both, Sampling, BOTH, name_of);
 
 // ---- Start
 
-TEST_P(Sampling, StartAsksForItsConfigurationAndAStopEndsTheWaitForAChange) {
-    row->notify = 1;
-    start();
-    EXPECT_EQ(requests(), line(std::to_string(GetParam()) +
-                               "-1.1-@stats.cfg.req\nclientID=" + std::to_string(GetParam()) +
-                               "\nversion=1.1\nkey=@stats.cfg\nrequestType=1\n"
-                               "requestTimer=31536000\nconnType=1\nconnTimer=360"));
-    pass(days_ms(30));
-    EXPECT_EQ(stamps(), "") << "no sample without a change";
-    EXPECT_EQ(log(), "");
-    stop();
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(log(), line("I vexastatsd: @_collector Terminated\n"
-                          "E vexastatsd: @_monitor: failed to read. err:4"));
-}
-
-TEST_P(Sampling, StartGoesOnWithoutItsConfigurationAndNotWithoutANotifier) {
-    const std::string request =
-        std::string(row->down_dir) + line("/" + std::to_string(GetParam()) + "-1.1-@stats.cfg.req");
-    fs::create_directories(request.substr(0, request.size() - 1));
-    fs::create_directories(row->cfg_file);
-    start();
-    const std::string said = log();
-    EXPECT_TRUE(said.ends_with(line("@ init_params failed. use default value"))) << said;
-    EXPECT_NE(said.find(line("E vexastatsd: @_monitor: dload request failed")), said.npos) << said;
-    EXPECT_FALSE(ended());
-
-    renew();
-    remove(row->cfg_file);
+TEST_P(Sampling, StartEndsWithoutANotifier) {
     g_no_notifier = true;
     start();
     EXPECT_TRUE(ended());
@@ -142,53 +104,6 @@ TEST_P(Sampling, StartGoesOnWithoutItsConfigurationAndNotWithoutANotifier) {
                                          : "E vexastatsd: failed inotify_init. err:24\n";
     EXPECT_TRUE(log().ends_with(failure));
     g_no_notifier = false;
-}
-
-// A kernel was found silent: that is forgotten in the first two minutes after a boot only.
-TEST_P(Sampling, SilentKernelGetsAnotherChanceInTheFirstTwoMinutes) {
-    const std::string known =
-        config("interval=500;threshold=300000;notify=1;no_supported_kernel=1");
-    for (const bool early : {true, false}) {
-        platform_test_set_boot_ms(early ? 119999 : 120000);
-        write(row->cfg_file, known);
-        start();
-        EXPECT_EQ(settings(),
-                  early ? "interval=500 notify=1 silent=0" : "interval=60000 notify=0 silent=1");
-        EXPECT_EQ(cfg() == known, !early) << cfg();
-        sleep_before_sample();
-        EXPECT_EQ(stamps(), early ? "" : is_gpu() ? "1800" : "1200");
-        renew();
-        remove(own());
-    }
-}
-
-TEST_P(Sampling, KernelThatReportsNothingForFiveMinutesIsSampledPeriodicallyForGood) {
-    platform_test_set_boot_ms(100000);
-    row->notify = 1;
-    row->interval = 500;
-    start();
-    pass(299999);
-    EXPECT_EQ(log() + settings(), "interval=500 notify=1 silent=0");
-    pass(1);
-    EXPECT_EQ(log() + settings(), line("I vexastatsd: @_monitor: inotify timed out. Disable it.") +
-                                      "interval=60000 notify=0 silent=1");
-    const std::string threshold = std::to_string(row->threshold);
-    EXPECT_EQ(cfg(),
-              saved("interval=500;threshold=" + threshold + ";notify=1;no_supported_kernel=1"));
-    sleep_before_sample();
-    pass(60000);
-    EXPECT_EQ(stamps(), is_gpu() ? "4600 5200" : "4000 4600");
-
-    // The next loads are of a file that could not keep what was found.
-    const std::string values =
-        "interval=400;threshold=" + threshold + ";notify=1;no_supported_kernel=";
-    for (int load = 0; load < 2; ++load) {
-        write(row->cfg_file, config(values + "0"));
-        pass(days_ms(5));
-        pass(60000);
-        EXPECT_EQ(cfg(), saved(values + "1"));
-        EXPECT_EQ(settings(), "interval=60000 notify=0 silent=1") << "it would wait for ever";
-    }
 }
 
 TEST_P(Sampling, StopEndsTheFirstWaitAfterAnEarlyStart) {
@@ -214,48 +129,6 @@ TEST_P(Sampling, ParametersAreLoadedAgainOnceMoreThanFiveDaysArePast) {
     EXPECT_FALSE(fs::exists(row->dl_cfg_file));
 }
 
-// ---- Failures in a row
-
-TEST_P(Sampling, ThreeFailuresOfASourceInARowEndItAndAGoodSampleStartsAfresh) {
-    row->notify = 0;
-    row->interval = 1000;
-    start();
-    const auto fail = [this] {
-        remove(load_file());
-        for (int i = 0; i < 3 && log().find("failed to prepare") == std::string::npos; ++i)
-            pass(1000);
-    };
-    fail();
-    fail();
-    EXPECT_FALSE(ended());
-    idle();
-    for (int i = 0; i < 4; ++i) pass(1000);
-    EXPECT_NE(stamps(), "");
-    fail();
-    fail();
-    EXPECT_FALSE(ended());
-    remove(load_file());
-    for (int i = 0; i < 3 && !ended(); ++i) pass(1000);
-    EXPECT_TRUE(ended());
-    EXPECT_TRUE(stop_flag_is_raised(row->stop));
-}
-
-TEST_P(Sampling, WatchThatFailsThreeTimesASecondApartEndsIt) {
-    remove(load_file());
-    row->notify = 1;
-    start();
-    const std::string failure = line(is_gpu() ? "E vexastatsd: @ inotify_add_watch failed. err:2"
-                                              : "E vexastatsd: @0 inotify_add_watch failed. err:2");
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(log(), failure);
-        pass(999);
-        EXPECT_FALSE(ended());
-        pass(1);
-    }
-    EXPECT_TRUE(ended());
-    EXPECT_EQ(log(), "");
-}
-
 TEST_P(Sampling, EveryFailedAllocationIsSaidAndTheNextSampleTaken) {
     const std::string long_name(200, 'n');
     put_files({{"/sys/class/thermal/thermal_zone0/temp", "1"},
@@ -265,40 +138,23 @@ TEST_P(Sampling, EveryFailedAllocationIsSaidAndTheNextSampleTaken) {
                {"/proc/4242/cmdline", long_name + long_name},
                {"/proc/net/xt_qtaguid/stats",
                 "header\n2 wlan0 0x0 1 1 5 1 6 1\n3 wlan0 0x0 2 1 5 1 6 1\n"}});
-    const std::string expected =
-        is_gpu() ? "E vexastatsd: failed to alloc buffer\n"
-                   "E vexastatsd: failed to alloc gpu freq. err:12\n"
-                   "E vexastatsd: failed to prepare gpu stats. err:-12\n"
-                 : "E vexastatsd: failed to alloc\n"
-                   "E vexastatsd: failed to alloc cpustat\n"
-                   "E vexastatsd: failed to alloc wd\n"
-                   "E vexastatsd: failed to prepare cpu stats. err:-12\n"
-                   "E vexastatsd: failed to prepare cpu stats. err:-22\n"
-                   "E vexastatsd: get_network_stats: failed to add list. err:-12\n"
-                   "E vexastatsd: get_network_stats: failed to alloc list head\n"
-                   "E vexastatsd: get_thermal_stats: failed to alloc head\n"
-                   "E vexastatsd: get_thermal_stats: failed to alloc name\n"
-                   "E vexastatsd: get_thermal_stats: failed to alloc new node\n"
-                   "E vexastatsd: netstat_list_add: failed to alloc new node\n"
-                   "E vexastatsd: prepare_cpu_stats: failed to get network stats\n"
-                   "E vexastatsd: prepare_cpu_stats: failed to get thermal info\n"
-                   "E vexastatsd: prepare_cpu_stats: failed to realloc\n"
-                   "E vexastatsd: prepare_cpu_stats: failed to realloc for netstat\n";
-    std::set<std::string> said;
-    for (int growth = 1, left = 0; left == 0; ++growth) {
-        row->notify = 0;
-        row->interval = 1000;
-        g_growths = growth;
-        start();
-        for (int i = 0; i < 4; ++i) pass(1000);
-        left = g_growths.exchange(0);
-        EXPECT_TRUE(ended() || !stamps().empty()) << growth;
-        std::istringstream lines(log());
-        for (std::string text; std::getline(lines, text);) said.insert(text + "\n");
-        renew();
-        remove(own());
-    }
-    EXPECT_EQ(std::accumulate(said.begin(), said.end(), std::string()), expected);
+    const auto fail_each = [this](const std::string&) {
+        std::string said;
+        for (int growth = 1, left = 0; left == 0; ++growth) {
+            row->notify = 0;
+            row->interval = 1000;
+            g_growths = growth;
+            start();
+            for (int i = 0; i < 4; ++i) pass(1000);
+            left = g_growths.exchange(0);
+            EXPECT_TRUE(ended() || !stamps().empty()) << growth;
+            said += std::to_string(growth) + ".\n" + log();
+            renew();
+            remove(own());
+        }
+        return said;
+    };
+    expect_dialogue("sampling/" + name() + "_without_memory", fail_each);
 }
 
 // ---- Storage that fails never ends it, and costs a pause that grows
@@ -319,9 +175,9 @@ TEST_P(Sampling, StorageThatFailsIsTriedAgainLaterAndLaterUntilItIsWell) {
         {"beginning", [this] { write(own(), ""); }, {}, [this] { remove(own()); }, no_record, 1000},
         {"hand-over", {}, forbid, allow, no_sample, 1000},
         {"append",
-         [] { limit_file_size(100); },
+         [] { size_limit::set(100); },
          {},
-         [] { limit_file_size(RLIM_INFINITY); },
+         [] { size_limit::set(RLIM_INFINITY); },
          no_sample,
          1000},
         // The hand-over that fails before has cost the first pause.

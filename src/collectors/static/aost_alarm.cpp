@@ -16,15 +16,29 @@ namespace {
 
 constexpr int64_t PAUSE_MS = 1000;
 
-// Both live as long as the process: a signal may come at any time.
-std::atomic<int> g_wake_fd{-1};
-std::atomic<bool> g_is_signalled{false};
-static_assert(std::atomic<bool>::is_always_lock_free);
+// What somebody adds to the descriptor's count. A signal is told by the same call that wakes, so
+// the one is never seen without the other.
+constexpr eventfd_t WAKE = 1;
+constexpr eventfd_t SIGNALLED = eventfd_t{1} << 32;
+
+std::atomic<int> g_wake_fd{-1};  // lives as long as the process: a signal may come at any time
+
+void wake_with(eventfd_t count) {
+    const int saved_errno = errno;
+    if (g_wake_fd >= 0) (void)eventfd_write(g_wake_fd, count);
+    errno = saved_errno;
+}
 
 // Only marks the alarm due: a signal may come in any thread, whatever that holds.
 void note_sigalrm(int) {
-    g_is_signalled = true;
-    aost_wake();
+    wake_with(SIGNALLED);
+}
+
+// Takes what was added. Returns whether a signal came.
+bool take_wake_ups() {
+    eventfd_t count = 0;
+    (void)eventfd_read(g_wake_fd, &count);
+    return count >= SIGNALLED;
 }
 
 int64_t now_ms() {
@@ -32,9 +46,9 @@ int64_t now_ms() {
 }
 
 // An alarm is due once, whether its time has come or somebody sent the signal.
-bool clear_due_alarm() {
+bool clear_due_alarm(bool is_signalled) {
     const bool is_late = g_aost.alarm_due_ms != AOST_NO_ALARM && now_ms() >= g_aost.alarm_due_ms;
-    if (!g_is_signalled.exchange(false) && !is_late) return false;
+    if (!is_signalled && !is_late) return false;
     g_aost.alarm_due_ms = AOST_NO_ALARM;
     return true;
 }
@@ -61,14 +75,12 @@ bool drop_stored_data() {
 }  // namespace
 
 void aost_wake() {
-    const int saved_errno = errno;
-    if (g_wake_fd >= 0) (void)eventfd_write(g_wake_fd, 1);
-    errno = saved_errno;
+    wake_with(WAKE);
 }
 
 bool aost_alarm_install() {
-    g_is_signalled = false;
     if (g_wake_fd < 0) g_wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    (void)take_wake_ups();  // an earlier reporter's
     struct sigaction action = {};
     action.sa_handler = note_sigalrm;
     action.sa_flags = SA_RESTART;  // nobody else has to notice
@@ -93,10 +105,7 @@ void aost_imsa_sig_alarm_hdlr(int signo) {
         return;
     }
     if (!g_aost.registered) return;
-    if (!drop_stored_data()) {
-        aost_imsa_retire();
-        return;
-    }
+    if (!drop_stored_data()) return aost_imsa_retire();
     aost_reload_params(row);
     aost_alarm_arm(g_aost.interval_s);
 }
@@ -106,11 +115,7 @@ bool aost_wait_once(collector_info* row, int64_t limit_ms) {
     const int ready = vexastats_poll(&wake, 1, shorter_ms(limit_ms, alarm_wait_ms()), row->stop);
     if (ready == -EINTR) return false;
     if (ready < 0) return vexastats_sleep_ms(PAUSE_MS, row->stop);
-    if (ready > 0) {
-        eventfd_t ignored = 0;
-        (void)eventfd_read(g_wake_fd, &ignored);
-    }
-    if (clear_due_alarm()) aost_imsa_sig_alarm_hdlr(SIGALRM);
+    if (clear_due_alarm(ready > 0 && take_wake_ups())) aost_imsa_sig_alarm_hdlr(SIGALRM);
     return !stop_flag_is_raised(row->stop);
 }
 

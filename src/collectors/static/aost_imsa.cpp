@@ -5,6 +5,8 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "base/unique_handle.h"
 #include "collectors/static/aost_reporter.h"
 #include "framework/time/clock.h"
@@ -152,11 +154,13 @@ void log_registration(const imsa_registration_indication& indication) {
 // Returns whether a valid value differs from the stored one, which is replaced.
 bool store_values(const imsa_status_indication& indication) REQUIRES(g_aost.data_lock) {
     bool is_changed = false;
-    for (size_t i = 0; i < IMSA_STATUS_COUNT; ++i) {
-        const imsa_value& reported = indication.status[i];
-        if (!reported.valid || reported.value == g_aost.status[i]) continue;
-        g_aost.status[i] = reported.value;
-        is_changed = true;
+    uint32_t* stored = g_aost.status;
+    for (const imsa_value& reported : indication.status) {
+        if (reported.valid && reported.value != *stored) {
+            *stored = reported.value;
+            is_changed = true;
+        }
+        ++stored;
     }
     return is_changed;
 }
@@ -268,7 +272,7 @@ bool aost_imsa_get_registered() {
     }
     const vexa_lock held(g_aost.data_lock);
     // Whether a value is valid is not looked at here: deliberate.
-    for (size_t i = 0; i < IMSA_STATUS_COUNT; ++i) g_aost.status[i] = response.status[i].value;
+    std::ranges::transform(response.status, g_aost.status, &imsa_value::value);
     compose_status(g_aost.stored ? "\nims service status:\n" : "");
     return aost_imsa_write_service_status_change(false) && g_aost.registered;
 }

@@ -15,7 +15,6 @@ constexpr size_t TEXT_SIZE = 128;
 
 // A record that an earlier run left is continued.
 bool open_record(collector_info* row) REQUIRES(g_aost.data_lock) {
-    row->rec_fname[0] = '\0';
     const record_init_req req{.row = row, .dir = RECORD_DIR, .prefix = RECORD_FILE};
     if (vexastats_record_reopen(req, g_aost.record)) return true;
     ALOGE("[ERROR] vexastats_record_init() failed");

@@ -43,7 +43,7 @@ char* text_of(const write_req* req) {
 
 // Length of what snprintf left in a buffer.
 size_t printed_len(int printed, size_t capacity) {
-    return printed < 0 ? 0 : std::min(static_cast<size_t>(printed), capacity - 1);
+    return std::min(static_cast<size_t>(std::max(printed, 0)), capacity - 1);
 }
 
 // Returns whether all of it was written.

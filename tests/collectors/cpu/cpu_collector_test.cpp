@@ -81,21 +81,6 @@ TEST_F(CpuCollector, LoadIsTicksPerScanAndAScanNeedsMoreThanTenSeconds) {
     EXPECT_EQ(processes(), "org.example.browser 8000/2\n") << "16 ticks a scan";
 }
 
-TEST_F(CpuCollector, LoopEndsAtTheThresholdAndWithItsInterval) {
-    row->notify = 1;
-    row->interval = 1000;
-    start();
-    busy();
-    park();
-    for (int i = 0; i < 5; ++i) pass(1000);
-    EXPECT_EQ(stamps(), "50000 50020 50040");
-    idle();
-    pass(1000);  // the last sample
-    pass(1000);
-    pass(1000);
-    EXPECT_EQ(stamps(), "50000 50020 50040 50060");
-}
-
 TEST_F(CpuCollector, ScansWithoutAReadableListingAreLeftOut) {
     fs::permissions("/proc", fs::perms::owner_exec);
     start();
@@ -105,21 +90,6 @@ TEST_F(CpuCollector, ScansWithoutAReadableListingAreLeftOut) {
     EXPECT_EQ(stamps(), "50000") << "it sleeps for the whole interval";
     pass(50000);
     EXPECT_EQ(stamps(), "50000 50600");
-}
-
-TEST_F(CpuCollector, SingleCoreOrAnUnreadableNumberOfThemEndsTheStart) {
-    const std::string file = CPU_DIR + std::string("possible");
-    write(file, "0\n");
-    start();
-    EXPECT_TRUE(ended());
-    EXPECT_TRUE(log().ends_with("E vexastatsd: failed to get number of cpus\n"));
-    renew();
-    remove(file);
-    start();
-    EXPECT_TRUE(ended());
-    EXPECT_EQ(log(), "E vexastatsd: failed to open " + file +
-                         ". err:2\nE vexastatsd: failed to read " + file +
-                         "\nE vexastatsd: failed to get number of cpus\n");
 }
 
 TEST_F(CpuCollector, LoopWithoutConsentOrBehindAStopTakesNoSample) {
@@ -150,32 +120,6 @@ TEST_F(CpuCollector, EveryCoreIsWatchedAndChangesAtOnceGiveASampleEach) {
     pass(10000);
     pass(10000);
     EXPECT_EQ(stamps(), "50000 50100 50200");
-}
-
-TEST_F(CpuCollector, CoreThatCannotBeWatchedTakesTheOthersWatchesWithIt) {
-    row->notify = 1;
-    remove(frequency_file(1));
-    start();
-    EXPECT_EQ(log(), "E vexastatsd: cpu1 inotify_add_watch failed. err:2\n");
-    put_files({{frequency_file(1), "500000\n"}});
-    idle();  // nobody looks
-    pass(1000);
-    EXPECT_EQ(stamps(), "");
-    idle();
-    park();
-    EXPECT_EQ(stamps(), "50010");
-}
-
-TEST_F(CpuCollector, OnlyTheFirstWaitAfterAnEarlyStartIsBounded) {
-    platform_test_set_boot_ms(119999);
-    row->notify = 1;
-    start();
-    idle();
-    park();
-    pass(10000);
-    pass(days_ms(1));
-    EXPECT_EQ(log(), "");
-    EXPECT_EQ(row->notify, 1);
 }
 
 }  // namespace

@@ -92,31 +92,6 @@ TEST(NetworkTable, YieldsWhatTheLinkedListWould) {
     }
 }
 
-TEST(NetworkTable, SixthUidIsDroppedAndWhatIsNoTrafficOfInterest) {
-    std::string text =
-        "header\n2 lo 0x0 1 0 9 1 9 1\n3 wlan0 0x0 7 0 0 0 0 0\n3 dummy_wlan 0x0 7 0 9 0 9 0\n";
-    for (const std::string uid : {"1", "2", "3", "4", "5", "6"})
-        for (const char* iface : {"wlan0", "rmnet_data0", "r_rmnet_data1"})
-            text += "4 " + std::string(iface) + " 0x0 " + uid + " 1 " + uid + "00 1 1 1\n";
-    put_files({{"/proc/net/xt_qtaguid/stats", text}});
-    network_table table;
-    network_list list;
-    ASSERT_EQ(get_network_stats(&table, &list), 0);
-    EXPECT_EQ(text_of(list),
-              "1/6/1 600+1\n2/6/1 600+1\n3/6/1 600+1\n1/5/1 500+1\n2/5/1 500+1\n3/5/1 500+1\n"
-              "1/4/1 400+1\n2/4/1 400+1\n3/4/1 400+1\n1/3/1 300+1\n2/3/1 300+1\n3/3/1 300+1\n"
-              "1/2/1 200+1\n2/2/1 200+1\n3/2/1 200+1\n");
-}
-
-TEST(NetworkTable, DamageLeavesNothing) {
-    put_files(
-        {{"/proc/net/xt_qtaguid/stats", "header\n2 wlan0 0x0 1 0 5 5 5\n3 wlan0 0x0 1 0 5 5\n"}});
-    network_table table;
-    network_list list;
-    EXPECT_EQ(get_network_stats(&table, &list), -EINVAL);
-    EXPECT_EQ(text_of(list), "");
-}
-
 TEST(NetworkLine, NumbersAreWhatSscanfMakesOfThem) {
     for (const char* line :
          {"2 wlan0 0x0 10052 1 11 2 33 4", "2 rmnet0 0x0 65536 256 4294967296 x 4294967297",

@@ -82,38 +82,4 @@ TEST_F(ReadProc, RootCpusetIsReadAgainOnceInThirtyTwoScansAndAlwaysFrom8192On) {
     EXPECT_EQ(scanner.bitmap_hits, hits);
 }
 
-TEST(ProcStat, NamesAndCutTextsOfEveryKind) {
-    struct {
-        std::string text;
-        const char* name;
-        char state;
-        int32_t ppid;
-        uint64_t user, child_system;
-    } const cases[] = {
-        {"7 (a b) S 2 3 4 5 -1 6 7 8 9 10 11 12 13 14 20\n", "a b", 'S', 2, 11, 14},
-        {"7 ()) R 2 3 4 5 -1 6 7 8 9 10 11 12 13 14", ")", 'R', 2, 11, 14},
-        {"7 ((x) R 1) D 2 3 4 5 -1 6 7 8 9 10 11 12 13 14 ", "(x) R 1", 'D', 2, 11, 14},
-        {"7 () S -2 3 4 5 -1 6 7 8 9 10 18446744073709551616 12 13 -1 ", "", 'S', -2, UINT64_MAX,
-         UINT64_MAX},
-        {"7 (cut) S 2 3 4 5 -1 6 7 8 9 10 11 12 13", "cut", 'S', 2, 11, 0},
-        {"7 (cut) S 2 3 4 5 -1 6 7 8 9 10", "cut", 'S', 2, 0, 0},
-        {"7 (cut) S 2 x", "cut", 'S', 2, 0, 0},
-        {"7 (cut) S", "cut", 'S', 0, 0, 0},
-        {"7 (cut) ", "cut", '\0', 0, 0, 0},
-        {"7 (cut)", "cut", '\0', 0, 0, 0},
-        {"7 (cut", "", '\0', 0, 0, 0},
-        {")(", "", '\0', 0, 0, 0},
-        {"", "", '\0', 0, 0, 0},
-    };
-    for (const auto& c : cases) {
-        vexa_proc_entry entry = {};
-        parse_proc_stat(c.text, &entry);
-        EXPECT_STREQ(entry.name, c.name) << c.text;
-        EXPECT_EQ(entry.state, c.state) << c.text;
-        EXPECT_EQ(entry.ppid, c.ppid) << c.text;
-        EXPECT_EQ(entry.user_time, c.user) << c.text;
-        EXPECT_EQ(entry.child_system_time, c.child_system) << c.text;
-    }
-}
-
 }  // namespace

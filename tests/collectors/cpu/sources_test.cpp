@@ -1,116 +1,97 @@
-// The readers of cores and zones against file trees, and the plain decisions about power.
+// The readers of cores and processes, and the plain decisions about power: texts and what becomes
+// of them, in tests/golden/cpu.
 #include <gtest/gtest.h>
 
-#include <cerrno>
+#include <functional>
+#include <map>
+#include <regex>
+#include <sstream>
 #include <string>
-#include <vector>
 
 #include "collectors/cpu/cpu_times.h"
+#include "collectors/cpu/network_stats.h"
 #include "collectors/cpu/power_stats.h"
-#include "collectors/cpu/thermal_stats.h"
+#include "collectors/cpu/readproc.h"
+#include "support/dialogue.h"
 #include "support/files.h"
 
 namespace {
 
-TEST(CpuCount, NumberBehindTheFirstDashPlusOneAndNothingAbsurd) {
-    const struct {
-        const char* text;
-        int32_t count;
-    } cases[] = {{"0-7\n", 8}, {"0-3,5-9", 4},       {"0", -1},
-                 {"-7", -1},   {"0-", -1},           {"0--3", 4},
-                 {"", -1},     {"0-1023", 1024},     {"0-1024", -1},
-                 {"0-0", 1},   {"0-4294967295", -1}, {"0-99999999999999999999", -1}};
-    for (const auto& c : cases) EXPECT_EQ(parse_cpu_possible(c.text), c.count) << c.text;
+// Of four cores; user time of the first and the last. "510*i" stands for so many letters.
+std::string times_of(const std::string& text) {
+    std::smatch found;
+    const bool is_short = std::regex_search(text, found, std::regex("(\\d+)\\*(.)"));
+    put_files({{"/proc/stat", is_short ? found.prefix().str() +
+                                             std::string(std::stoul(found[1]), found[2].str()[0]) +
+                                             found.suffix().str()
+                                       : text}});
+    cpu_times slots[4] = {};
+    const int result = read_cpu_times(slots, 4);
+    return std::to_string(result) + ": " + std::to_string(slots[0].user) + " " +
+           std::to_string(slots[3].user);
 }
 
-// Of four cores; user time of the first and the last.
-TEST(CpuTimes, OfflineCoresLongLinesAndDamage) {
-    const std::string cpu0 = "cpu  9 9 9 9 9 9 9 9\ncpu0 1 2 3 4 5 6 7 8 9\n";
-    const struct {
-        std::string text;
-        int result;
-        uint32_t user_0, user_3;
-    } cases[] = {
-        {cpu0 + "cpu1 1 1 1 1 1 1 1\ncpu2 1 1 1 1 1 1 1\ncpu3 8 1 1 1 1 1 4294967297\n", 0, 1, 8},
-        {cpu0 + "cpu3 8 1 1 1 1 1 1\nintr 5\nctxt 6\n", 0, 1, 8},
-        {cpu0 + "cpu4 8 1\ncpu77 1\nprocs\n", 0, 1, 0},
-        // A line of 510 characters is one, a longer one is two.
-        {cpu0 + std::string(510, 'i') + "\nx\ncpu3 8 1 1 1 1 1 1\n", 0, 1, 8},
-        {cpu0 + std::string(511, 'i') + "\nx\ncpu3 8 1 1 1 1 1 1\n", 0, 1, 0},
-        {cpu0 + "cpu3 8 1 1 1 1 1\nx\ny\n", -EINVAL, 1, 8},
-        {cpu0 + "cpu3 8 1 1 1 1 1 1\nx\n", -EINVAL, 1, 8},
-        {"", -EINVAL, 0, 0},
-    };
-    for (const auto& c : cases) {
-        put_files({{"/proc/stat", c.text}});
-        cpu_times slots[4] = {};
-        EXPECT_EQ(read_cpu_times(slots, 4), c.result) << c.text;
-        EXPECT_EQ(slots[0].user, c.user_0) << c.text;
-        EXPECT_EQ(slots[3].user, c.user_3) << c.text;
+// Capacity, charge status and brightness.
+std::string power_word_of(const std::string& text) {
+    power_values values;
+    std::istringstream(text) >> values.capacity_percent >> values.charge_status >>
+        values.brightness;
+    std::ostringstream word;
+    word << std::hex << pack_power_word(values);
+    return word.str();
+}
+
+// A time and a charge counter a line; the times of those that carry processes.
+std::string triggers_of(const std::string& text) {
+    power_trigger trigger;
+    std::string at;
+    std::istringstream in(text);
+    for (int64_t now_ms = 0, counter_uAh = 0; in >> now_ms >> counter_uAh;) {
+        power_trigger_update(&trigger, static_cast<uint64_t>(now_ms),
+                             static_cast<int32_t>(counter_uAh));
+        if (trigger.snapshot) at += std::to_string(now_ms) + " ";
     }
+    return at;
 }
 
-TEST(Thermal, UnreadableZonesAreLeftOutAndTextIsNoTemperature) {
-    const std::string dir = "/sys/class/thermal/thermal_zone";
-    std::filesystem::remove_all("/sys/class/thermal");
-    put_files({{dir + "3/temp", "45000\n"},
-               {dir + "3/type", "cpu-0-0-usr\n"},
-               {dir + "4/type", "no temperature\n"},
-               {dir + "5/temp", "1\n"},
-               {dir + "6/temp", "hot\n"},
-               {dir + "6/type", "cpu-0-0-usr\n"},
-               {"/sys/class/thermal/cooling_device0/temp", "1\n"},
-               {"/sys/class/thermal/cooling_device0/type", "fan\n"}});
-    thermal_list list;
-    ASSERT_EQ(get_thermal_stats(&list), 0);
-    ASSERT_EQ(list.zones.size(), 2u);
-    EXPECT_EQ(list.zones[0].temperature ^ list.zones[1].temperature, 45000 ^ TEMPERATURE_INVALID);
-    EXPECT_EQ(std::string(list.names.data(), list.names.size()),
-              std::string("cpu-0-0-usr\0cpu-0-0-usr\0", 24));
+std::string process_of(const std::string& text) {
+    vexa_proc_entry entry = {};
+    parse_proc_stat(text, &entry);
+    return "\"" + std::string(entry.name) + "\" " + (entry.state ? entry.state : '-') + " " +
+           std::to_string(entry.ppid) + " " + std::to_string(entry.user_time) + " " +
+           std::to_string(entry.child_system_time);
 }
 
-TEST(PowerWord, KeepsTheHighBrightnessBitsAndMarksWhatIsUnknown) {
-    EXPECT_EQ(pack_power_word({.capacity_percent = 100, .charge_status = 1, .brightness = 255}),
-              0xFF21);
-    EXPECT_EQ(pack_power_word({}), 0xFC00 | 127 << 3);
-    EXPECT_EQ(pack_power_word({.capacity_percent = -1, .charge_status = 4, .brightness = -1}),
-              0xFC00 | 127 << 3 | 4);
-    EXPECT_EQ(pack_power_word({.capacity_percent = 0, .brightness = 3}), 0);
+std::string traffic_of(const std::string& text) {
+    put_files({{"/proc/net/xt_qtaguid/stats", text}});
+    network_table table;
+    network_list list;
+    std::ostringstream answer;
+    answer << get_network_stats(&table, &list);
+    for (const network_node& n : list.nodes)
+        answer << "\n"
+               << int{n.iface_class} << "/" << n.uid << "/" << int{n.counter_set} << " "
+               << n.received << "+" << n.transmitted;
+    return answer.str();
 }
 
-TEST(PowerTrigger, FiresEveryThreeMinutesAndWhileCharging) {
-    struct step {
-        uint64_t now_ms;
-        int32_t counter_uAh;
-        bool snapshot;
-    };
-    const std::vector<std::vector<step>> cases = {
-        {{1000, 500, false},
-         {2000, 500, false},
-         {180000, 500, false},
-         {180001, 500, true},
-         {360001, 500, false},
-         {360002, 500, true}},
-        // 301 mA over one second are 83.6 uAh: 84 is above it, 83 is not.
-        {{1000, 0, false},
-         {2000, 83, false},
-         {3000, 167, true},
-         {4000, 251, true},
-         {5000, 251, false}},
-        // Twice in a millisecond: no current is known, and the counter counts from there.
-        {{1000, 0, false},
-         {1000, 1000000, false},
-         {2000, 1000000, false},
-         {2000, INT32_MIN, false},
-         {2001, INT32_MAX, true}},
-    };
-    for (const auto& steps : cases) {
-        power_trigger trigger;
-        for (const step& s : steps) {
-            power_trigger_update(&trigger, s.now_ms, s.counter_uAh);
-            EXPECT_EQ(trigger.snapshot, s.snapshot) << "at " << s.now_ms;
-        }
-    }
+TEST(CpuSources, TextsOfTheKernelAndWhatBecomesOfThem) {
+    const std::map<std::string, std::function<std::string(const std::string&)>> readers = {
+        {"cores", [](auto& text) { return std::to_string(parse_cpu_possible(text)); }},
+        {"times", times_of},
+        {"power", power_word_of},
+        {"trigger", triggers_of},
+        {"process", process_of},
+        {"traffic", traffic_of}};
+    // The first word says what the rest is for.
+    expect_dialogue("cpu/sources", [&](const std::string& question) {
+        const size_t end = question.find_first_of(" \n");
+        const std::string text = question.substr(end + 1);
+        const bool is_line = question[end] == ' ';
+        return readers.at(question.substr(0, end))(is_line ? text.substr(0, text.size() - 1)
+                                                           : text) +
+               "\n";
+    });
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::IsEmpty;
 
 namespace {
@@ -105,6 +106,8 @@ TEST_F(MpsData, OnlyTheModemsOwnFilesOfBoundedSizeAreTakenEachOnce) {
     fs::permissions(DATA_DIR, fs::perms::owner_all);
     EXPECT_THAT(take(), IsEmpty());
     EXPECT_THAT(list_dir(DATA_DIR), ElementsAre("hda_data_1.bin"));
+    mps_drop_collected_data_to_dropbox(nullptr, 1, &collection, true, MPS_DATA_LLL);
+    EXPECT_THAT(log(), EndsWith("passed to function mps_drop_collected_data_to_dropbox\n"));
     row->enabled = 0;
     write(DATA_DIR / "hda_lll.bin", std::string(60, 'd'));
     EXPECT_THAT(take(), IsEmpty()) << "without consent";
@@ -115,6 +118,8 @@ TEST_F(MpsData, OnlyTheModemsOwnFilesOfBoundedSizeAreTakenEachOnce) {
 // Nobody raises anything behind the storm that could wake the collector for what it missed.
 TEST_F(MpsCollector, NothingRaisedInAStormIsLeftUnserved) {
     setenv("VEXA_TEST_WINDOW_US", "3", 1);
+    const auto threads_of_process = [] { return list_dir("/.host/proc/self/task").size(); };
+    const size_t before = threads_of_process();
     kbr_service modem("vexa");
     platform_test_set_clock(platform_test_clock::MANUAL);
     launch();
@@ -140,6 +145,9 @@ TEST_F(MpsCollector, NothingRaisedInAStormIsLeftUnserved) {
     while (mps_events() != 0 || mps_timers_expired() != 0)
         ASSERT_LT(std::chrono::steady_clock::now(), limit) << mps_events();
     wait_log("mps_main: Wait on signal\n");
+    stop();
+    modem.hang_up();
+    EXPECT_EQ(threads_of_process(), before) << "its timers' thread";
 }
 
 }  // namespace

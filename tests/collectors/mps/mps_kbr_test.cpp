@@ -202,13 +202,18 @@ TEST_F(MpsKbr, SpecsWithoutBytesAndNobodysAreRefused) {
     }
     EXPECT_EQ(modem_result_number(mps_kbr_init_mpss_bsi(nullptr, 0, stop)), -1);
     EXPECT_EQ(modem_result_number(mps_kbr_send_start_prepare_req(nullptr, 0, 0)), -1);
-    EXPECT_EQ(modem_result_number(mps_kbr_get_service_rev(nullptr, nullptr)), -1);
+    uint32_t number = 0;
+    EXPECT_EQ(mps_kbr_get_service_rev(nullptr, &number), modem_result::FAILED);
+    EXPECT_EQ(mps_kbr_get_service_rev(&number, nullptr), modem_result::FAILED);
+    release();
+    release();
     for (const char* name : {"clspec_buf", "stspec_buf", "clctxt_buf", "lll_buf"})
         EXPECT_THAT(log_text(), HasSubstr(std::string("Unexpected Null ") + name +
                                           " pointer passed to mps_kbr_init_mpss_bsi"));
     EXPECT_THAT(log_text(), HasSubstr("Null pointer passed to mps_kbr_init_mpss_bsi"
                                       "Null pointer passed to mps_kbr_send_start_prepare_req"
-                                      "Null pointers passed"));
+                                      "Null pointers passedNull pointers passed"
+                                      "VEXA KBR Instance Un-Initialized"));
 }
 
 TEST_F(MpsKbr, StopIsLookedAtBetweenParts) {

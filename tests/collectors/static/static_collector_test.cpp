@@ -9,11 +9,14 @@
 #include <filesystem>
 #include <thread>
 
-#include "framework/time/clock.h"
+#include "collectors/static/imsa_service.h"
+#include "collectors/static/static_items.h"
+#include "framework/record/record.h"
 #include "platform/log_read.h"
 #include "support/collector_phone.h"
 #include "support/gzip.h"
 #include "support/kbr_service.h"
+#include "support/size_limit.h"
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
@@ -21,6 +24,18 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
+
+namespace {
+std::atomic<size_t> g_refused{0};  // a block of that size is not to be had
+}  // namespace
+extern "C" void* __real_malloc(size_t size);
+extern "C" void* __wrap_malloc(size_t size) {
+    return size == g_refused ? nullptr : __real_malloc(size);
+}
+extern "C" void* __real_calloc(size_t count, size_t size);
+extern "C" void* __wrap_calloc(size_t count, size_t size) {
+    return count * size == g_refused ? nullptr : __real_calloc(count, size);
+}
 
 namespace {
 
@@ -37,9 +52,11 @@ std::string kernel_entry(const std::string& tag, const std::string& message, siz
 
 struct StaticCollector : testing::Test, collector_phone {
     StaticCollector() : collector_phone(3) {
-        remove(LEVEL_FILE);
-        put_files({{LEVEL_FILE, "L1"},
-                   {"/proc/config.gz", gzip("")},
+        put_sources();
+        put_files({{LEVEL_FILE, "L1"}});
+    }
+    static void put_sources() {
+        put_files({{"/proc/config.gz", gzip("CONFIG_A=y\n#\nCONFIG_B=m\n")},
                    {"/vendor/firmware_mnt/verinfo/ver_info.txt", "{one,}{two}\n"}});
     }
     std::string reported() const { return record("aoststats.tmp"); }
@@ -90,8 +107,6 @@ TEST_F(StaticCollector, DamagedAndFailedItemsAreKeptAsFarAsTheyCameAndLongEvents
     EXPECT_THAT(payloads().at(0), StartsWith("kernel_config:\n - " + std::string(100, 'a') + "\n"));
     EXPECT_THAT(payloads().at(0),
                 EndsWith("onetwo\n\npower_cycles:\n" + (event + event).substr(0, 511)));
-    EXPECT_THAT(log(), HasSubstr("E vexastatsd: failed to open kernel buffer, err:19\n"
-                                 "E vexastatsd: failed to get Power On/Off Reason\n"));
 }
 
 TEST_F(StaticCollector, StopEndsEveryPauseAndInTheFirstNothingIsDropped) {
@@ -103,6 +118,107 @@ TEST_F(StaticCollector, StopEndsEveryPauseAndInTheFirstNothingIsDropped) {
         EXPECT_EQ(dropbox(), "");
         EXPECT_THAT(log(), EndsWith("I vexastatsd: static monitor exit\n"));
         renew();
+    }
+}
+
+// ---- Each item alone
+
+constexpr struct {
+    const char* name;
+    int (*prepare)(write_req*);
+    bool says_so;
+} ITEMS[] = {{"prepare_kernel_config", prepare_kernel_config, true},
+             {"prepare_pwr_onoff_reason", prepare_pwr_onoff_reason, true},
+             {"prepare_sec_patch_level", prepare_sec_patch_level, true},
+             {"prepare_ver_info", prepare_ver_info, false}};
+
+struct StaticItem : StaticCollector {
+    StaticItem() {
+        put_sources();
+        platform_test_set_clock(platform_test_clock::MANUAL);
+    }
+    // Prepares it for a new record that takes so many bytes, with a request that `change` broke.
+    int run(int (*prepare)(write_req*), rlim_t room, void (*change)(write_req*)) {
+        platform_test_reset_log_script();
+        platform_test_script_log_entry(
+            kernel_entry("kzor,bvrx-power-on", "p@SID0 Power-on reason:r"));
+        remove(own());
+        (void)log();
+        const std::string dir = own();
+        record_init_req begin{.row = row.get(), .dir = dir.c_str(), .prefix = "a.tmp"};
+        record_handle handle;
+        handle.file = vexastats_record_init(&begin);
+        char text[STATIC_TEXT_SIZE];
+        write_req req{.row = row.get(), .handle = &handle, .data = text, .len = sizeof text};
+        change(&req);
+        const size_limit limited(room);
+        return prepare(&req);
+    }
+};
+
+TEST_F(StaticItem, RequestThatIsNotWholeIsRefused) {
+    void (*const broken[])(write_req*) = {
+        [](write_req* req) { req->row = nullptr; }, [](write_req* req) { req->handle = nullptr; },
+        [](write_req* req) { req->data = nullptr; }, [](write_req* req) { req->handle->file = {}; },
+        [](write_req* req) { req->len = 0; }};
+    for (const auto& item : ITEMS) {
+        EXPECT_EQ(item.prepare(nullptr), -EINVAL) << item.name;
+        for (const auto change : broken) {
+            EXPECT_EQ(run(item.prepare, RLIM_INFINITY, change), -EINVAL) << item.name;
+            EXPECT_EQ(log() + record(), "") << item.name;
+        }
+    }
+    const char refusal[] = "E vexastatsd: [ERROR] wrong function parameter\n";
+    EXPECT_EQ(prepare_aost_imsa_register(nullptr), -EINVAL);
+    EXPECT_EQ(log(), refusal);
+    for (const size_t i : {0, 1, 2}) {
+        EXPECT_EQ(run(prepare_aost_imsa_register, RLIM_INFINITY, broken[i]), -EINVAL) << i;
+        EXPECT_EQ(log(), refusal);
+    }
+}
+
+TEST_F(StaticItem, SourceOrMemoryThatIsNotThereIsSaid) {
+    const struct {
+        int (*prepare)(write_req*);
+        void (*lose)(write_req*);
+        int result;
+        const char* said;
+    } cases[] = {
+        {prepare_kernel_config, [](write_req*) { remove("/proc/config.gz"); }, -EINVAL,
+         "failed to gzopen /proc/config.gz\n"},
+        {prepare_ver_info, [](write_req*) { remove("/vendor/firmware_mnt"); }, -EINVAL,
+         "prepare_ver_info: /vendor/firmware_mnt/verinfo/ver_info.txt file not exist\n"},
+        {prepare_pwr_onoff_reason, [](write_req*) { platform_test_fail_log_open(ENODEV); }, -EINVAL,
+         "failed to open kernel buffer, err:19\n"},
+        {prepare_kernel_config, [](write_req* req) { g_refused = req->len; }, -ENOMEM,
+         "prepare_kernel_config: failed to alloc\n"},
+        {prepare_ver_info, [](write_req* req) { g_refused = req->len; }, -ENOMEM,
+         "prepare_ver_info: failed to malloc\n"},
+    };
+    for (const auto& c : cases) {
+        put_sources();
+        EXPECT_EQ(run(c.prepare, RLIM_INFINITY, c.lose), c.result) << c.said;
+        g_refused = 0;
+        EXPECT_EQ(log() + record(), std::string("E vexastatsd: ") + c.said);
+    }
+}
+
+TEST_F(StaticItem, WriteThatFailsEndsItAndWhatWasWrittenStays) {
+    const auto nothing = [](write_req*) {};
+    for (const auto& item : ITEMS) {
+        EXPECT_EQ(run(item.prepare, RLIM_INFINITY, nothing), 0);
+        const std::string whole = record();
+        const size_t begin = file_text(own("a.tmp")).size() - whole.size();
+        for (size_t room = 0; room < whole.size(); ++room) {
+            EXPECT_EQ(run(item.prepare, begin + room, nothing), -EINVAL) << item.name << room;
+            EXPECT_THAT(whole, StartsWith(record()));
+            std::string said = "E vexastatsd: vexastats_write_file: failed to write file\n";
+            if (item.says_so)
+                said += std::string("E vexastatsd: ") + item.name +
+                        ": failed to write file. cnt:" + std::to_string(room - record().size()) +
+                        "\n";
+            EXPECT_THAT(log(), EndsWith(said));
+        }
     }
 }
 
@@ -121,9 +237,8 @@ struct AostReporter : StaticCollector {
         modem.accept();
         modem.answer([this](const std::string& request) {
             const auto id = static_cast<uint8_t>(request[3]);
-            std::string fields =
+            const std::string fields =
                 hex_bytes(id == refused ? "02 0400 0100 0300" : "02 0400 0000 0000");
-            if (id == 0x36) fields += hex_bytes(active);
             return response_to(request, fields);
         });
     }
@@ -131,18 +246,15 @@ struct AostReporter : StaticCollector {
         stop();
         modem.hang_up();
         renew();
-        requests.clear();
         (void)modem.take_requests();
         put_files({{LEVEL_FILE, "L1"}});
     }
     void wait_requests(size_t count) {
         const auto limit = std::chrono::steady_clock::now() + EVENT_LIMIT;
-        while (requests.size() < count && std::chrono::steady_clock::now() < limit) {
-            for (const std::string& packet : modem.take_requests())
-                requests.push_back(hex(packet.substr(3)));
+        for (size_t seen = 0; seen < count; seen += modem.take_requests().size()) {
+            ASSERT_LT(std::chrono::steady_clock::now(), limit) << log();
             std::this_thread::yield();
         }
-        ASSERT_GE(requests.size(), count) << log();
     }
     void indicate(const std::string& id, const std::string& fields) const {
         const std::string value = hex_bytes(fields);
@@ -151,33 +263,8 @@ struct AostReporter : StaticCollector {
     }
 
     kbr_service modem{"imsa"};
-    std::string active = "11 0100 01";
     std::atomic<uint8_t> refused{0};
-    std::vector<std::string> requests;
 };
-
-TEST_F(AostReporter, FirstActiveSubscriptionIsBoundThenTheIndicatedOne) {
-    const std::pair<const char*, const char*> cases[] = {{"10 0100 01 11 0100 01", "00"},
-                                                         {"10 0100 00 11 0100 01 12 0100 01", "01"},
-                                                         {"12 0100 01 13 0100 01", "02"},
-                                                         {"13 0100 01", "00"}};
-    for (const auto& [flags, bound] : cases) {
-        active = flags;
-        start_reporter();
-        wait_requests(4);
-        const std::string wanted = "22000c0010010001110100011a010001";
-        EXPECT_THAT(requests,
-                    ElementsAre("36000000", std::string("33000700100400") + bound + "000000",
-                                "21000000", wanted))
-            << flags;
-        indicate("35", std::string("10 0400 ") + bound + "000000");  // the one it has: not sent
-        indicate("35", "10 0400 07000000");
-        wait_requests(6);
-        EXPECT_EQ(requests[4], "3300070010040007000000");
-        EXPECT_EQ(requests[5], wanted);
-        next_round();
-    }
-}
 
 TEST_F(AostReporter, IndicationOfAnotherShapeChangesNothing) {
     start_reporter();
@@ -186,21 +273,35 @@ TEST_F(AostReporter, IndicationOfAnotherShapeChangesNothing) {
     const std::string first = reported();
     indicate("24", "12 0300 000000");
     indicate("24", "10 0400 00000000 15 0400 00000000");
+    park();
+    g_refused = sizeof(imsa_status_indication);
+    indicate("24", "10 0400 01000000");
+    wait_log("malloc failed");
+    g_refused = 0;
     indicate("25", "");
     wait_log("[WARNING] no case for msg_id=0x25");
     EXPECT_EQ(reported(), first);
-    EXPECT_EQ(platform_test_log_count("decode failed, msg_id=0x24, error=0xfffffffa"), 1u);
-    EXPECT_EQ(platform_test_log_count("[ERROR] ind_msg_ptr is NULL"), 1u);
+    const std::string said = log(), null = "E vexastatsd: [ERROR] ind_msg_ptr is NULL\n";
+    EXPECT_THAT(said, HasSubstr("decode failed, msg_id=0x24, error=0xfffffffa\n" + null));
+    EXPECT_THAT(said, HasSubstr("E vexastatsd: malloc failed\n" + null));
 }
 
-TEST_F(AostReporter, LevelFileThatIsSomebodyElsesIsNotRead) {
-    put_files({{"/data/vendor/vexastats/secret", "hidden"}});
-    remove(LEVEL_FILE);
-    fs::create_hard_link("/data/vendor/vexastats/secret", LEVEL_FILE);
-    start_reporter();
-    wait_log("waiting for wvstats, retry=1\n");
-    EXPECT_THAT(log(), Not(HasSubstr("hidden")));
-    EXPECT_EQ(file_text(LEVEL_FILE), "hidden");
+TEST_F(AostReporter, TerminatedRowIsFoundByTheAlarmAndByAChange) {
+    for (const bool by_alarm : {true, false}) {
+        start_reporter();
+        wait_requests(4);
+        park();
+        const std::string first = reported();
+        row->terminate = 1;
+        if (by_alarm) raise(SIGALRM);
+        if (!by_alarm) indicate("24", "10 0400 09000000");
+        wait_log("aost_imsa_deinit(), registered=1");
+        EXPECT_THAT(log(), HasSubstr("D vexastatsd: exit thread\n"
+                                     "I vexastatsd: aost_imsa_deinit(), registered=1\n"));
+        EXPECT_EQ(reported(), first);
+        platform_test_clear_log();
+        next_round();
+    }
 }
 
 // Indications that write, a refused bind that ends the reporter, signals and the stop at once.
