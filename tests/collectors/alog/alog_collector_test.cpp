@@ -12,6 +12,7 @@
 #include "collectors/alog/alog_record.h"
 #include "platform/clock.h"
 #include "support/collector_phone.h"
+#include "support/dialogue.h"
 
 namespace fs = std::filesystem;
 
@@ -226,35 +227,23 @@ TEST_F(AlogCollector, ClockThatJumpsEndsTheCampaignAtTheNextEntry) {
     }
 }
 
+// The campaign in memory and the file's third line; the campaign then, its stop time and duration,
+// and the record's size.
 TEST_F(AlogCollector, ThirdLineDecidesWhetherACampaignStarts) {
-    struct {
-        int active_before;
-        const char* third_line;
-        int active_after;
-        int64_t stop_time_s;
-    } const cases[] = {
-        {-1, "", 7, NOW_S + 600},
-        {5, "", 5, 1},
-        {-1, "Active Campaign=9;Stop Time=123;", 9, 123},
-        {5, "Active Campaign=9;Stop Time=123;", 9, 123},
-        {5, "Active Campaign=-1;Stop Time=0;", 7, NOW_S + 600},
-        {5, "Active Campaign=9;", 7, NOW_S + 600},
-        {5, "\n", 7, NOW_S + 600},
-        {7, "Active Campaign=-1;Stop Time=0;", 7, 1},
-    };
-    for (const auto& [before, third_line, after, stop_time_s] : cases) {
+    expect_dialogue("alog/third_line", [this](const std::string& question) {
         timed_campaign campaign{.kind = &ALOG_CAMPAIGN, .row = row.get()};
-        campaign.state.id = before;
-        campaign.state.stop_time_s = before < 0 ? 0 : 1;
+        size_t digits = 0;
+        campaign.state.id = std::stoi(question, &digits);
+        campaign.state.stop_time_s = campaign.state.id < 0 ? 0 : 1;
         row->state = &campaign;
-        deliver(7, 600, 100, third_line);
-        alog_cfg_handler(unique_file(fopen(row->dl_cfg_file, "re")).get(), row.get());
-        EXPECT_EQ(campaign.state.id, after) << third_line;
-        EXPECT_EQ(static_cast<int64_t>(campaign.state.stop_time_s), stop_time_s) << third_line;
-        EXPECT_EQ(campaign.state.duration_s, after == 7 && before != 7 ? 600 : 0) << third_line;
-        EXPECT_EQ(row->size, before == 7 ? 65536 : 100) << third_line;
         row->size = 65536;
-    }
+        deliver(7, 600, 100, question.substr(digits + 1, question.size() - digits - 2));
+        alog_cfg_handler(unique_file(fopen(row->dl_cfg_file, "re")).get(), row.get());
+        return std::to_string(campaign.state.id) + " until " +
+               std::to_string(campaign.state.stop_time_s) + ", " +
+               std::to_string(campaign.state.duration_s) + " s, " + std::to_string(row->size) +
+               " bytes\n";
+    });
 }
 
 }  // namespace
