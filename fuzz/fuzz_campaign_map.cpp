@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (slot) check_entry(*slot);
     }
     for (int hour = 0; hour < 24; ++hour) {
-        campaign_mgr_check_for_camp_management(&state, NOW + hour * 3600);
+        campaign_mgr_check_for_camp_management(state, NOW + hour * 3600);
         check(campaign_mgr_calc_activity_timer(state.table, NOW + hour * 3600).timeout_s >= 0);
     }
     return 0;

@@ -155,6 +155,24 @@ void* run_thread(void* memory) {
     return start.body(start.argument);
 }
 
+// ---- Conditions
+
+// A thread that waits for a condition. The C library would give it the condition's mutex as soon as
+// it is woken, at a moment that is the machine's affair, and whoever has the turn would find that
+// held.
+struct condition_waiter {
+    const pthread_cond_t* condition = nullptr;
+    std::atomic<uint32_t> woken{0};
+    condition_waiter* next = nullptr;
+};
+condition_waiter* g_waiters = nullptr;  // of the thread that has the turn
+
+void leave_waiters(const condition_waiter& self) {
+    condition_waiter** link = &g_waiters;
+    while (*link != &self) link = &(*link)->next;
+    *link = self.next;
+}
+
 }  // namespace
 
 bool driven_is_on() {
@@ -221,6 +239,7 @@ int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
                           void* argument);
 int __real_pthread_join(pthread_t thread, void** result);
 int __real_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex);
+int __real_pthread_cond_broadcast(pthread_cond_t* condition);
 int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 
 [[gnu::weak]] int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
@@ -245,8 +264,25 @@ int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 
 [[gnu::weak]] int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
     if (!driven_is_on()) return __real_pthread_cond_wait(condition, mutex);
-    const driven_wait wait;
-    return __real_pthread_cond_wait(condition, mutex);
+    condition_waiter self{.condition = condition, .woken = 0, .next = g_waiters};
+    g_waiters = &self;
+    pthread_mutex_unlock(mutex);
+    {
+        const driven_wait wait;
+        while (self.woken.load() == 0) futex_wait(&self.woken, 0);
+    }
+    leave_waiters(self);
+    return pthread_mutex_lock(mutex);
+}
+
+[[gnu::weak]] int __wrap_pthread_cond_broadcast(pthread_cond_t* condition) {
+    if (!driven_is_on()) return __real_pthread_cond_broadcast(condition);
+    for (condition_waiter* waiter = g_waiters; waiter; waiter = waiter->next) {
+        if (waiter->condition != condition) continue;
+        waiter->woken.store(1);
+        futex_wake(&waiter->woken);
+    }
+    return 0;
 }
 
 [[gnu::weak]] int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {

@@ -122,10 +122,18 @@ def wake_up(source):
     yield from statements(source, lambda statement, names: source.is_expression(statement) and bool(names & WAKE_UPS))
 
 
+def does_something(part):
+    """Whether it is more than an assignment: it counts, or calls with an argument. A cast is no call."""
+    for before, token, behind in zip(part, part[1:], part[2:] + part[-1:]):
+        if token.text in ('++', '--') or token.text == '(' and before.text != '>' and behind.text != ')':
+            return True
+    return False
+
+
 def are_apart(source, one, two):
-    """Two plain assignments that name nothing in common: their order makes no difference."""
+    """Two assignments of which neither needs what the other writes: their order makes no difference."""
     parts = [source.tokens[statement.first:statement.last] for statement in (one, two)]
-    if any(token.text in ('(', '++', '--') for part in parts for token in part):
+    if any(does_something(part) for part in parts):
         return False
     targets = [{''.join(token.text for token in part).split('=')[0]} for part in parts]
     names = [{token.text for token in part if token.kind == 'name'} for part in parts]

@@ -91,14 +91,6 @@ void log_networks(const CampaignEntry& entry, uint32_t module, const phone_state
     }
 }
 
-// Of a campaign that is there and has not expired.
-void log_conditions(const CampaignEntry& entry, uint32_t module, const phone_state& phone,
-                    const campaign_verdict& verdict) {
-    ALOGI("Roaming Status on default sub = %d", phone.roaming);
-    if (verdict.reason > ROAMING) log_time(entry, module, verdict);
-    if (verdict.reason > WRONG_DAY) log_networks(entry, module, phone, verdict.reason);
-}
-
 }  // namespace
 
 campaign_reason campaign_judge_networks(const CampaignEntry& entry, const phone_state& phone) {
@@ -149,15 +141,15 @@ bool isMccMncBasedEnabMetForCampaign(const campaign_state& state, uint32_t modul
 }
 
 bool canCampaignBeEnabled(const campaign_state& state, uint32_t module, time_t now) {
-    const campaign_verdict verdict = campaign_judge(state, module, now);
-    if (verdict.reason == WRONG_MODULE) {
+    const campaign_reason reason = campaign_judge(state, module, now).reason;
+    if (reason == WRONG_MODULE) {
         ALOGE("Wrong module index %d passed to %s", static_cast<int>(module), __func__);
         return false;
     }
     if (module == CAMPAIGN_MPS_MODULE) log_default_sub(state.phone);
-    if (verdict.reason == NO_CAMPAIGN) log_no_campaign(module);
-    if (verdict.reason >= ROAMING) {
-        log_conditions(*state.table[module], module, state.phone, verdict);
-    }
-    return verdict.may_run();
+    if (reason == NO_CAMPAIGN) log_no_campaign(module);
+    if (reason < ROAMING) return false;
+    ALOGI("Roaming Status on default sub = %d", state.phone.roaming);
+    return reason != ROAMING && isTimeBasedEnabMetForCampaign(state.table, module, now) &&
+           isMccMncBasedEnabMetForCampaign(state, module);
 }

@@ -23,11 +23,11 @@ void switch_off(CampaignEntry* entry, uint32_t module) {
 
 // A campaign stops here when its hour or day ends, its network changes, roaming begins or it
 // expires.
-void check_module(campaign_state* state, uint32_t module, time_t now) {
-    unique_campaign& slot = state->table[module];
+void check_module(campaign_state& state, uint32_t module, time_t now) {
+    unique_campaign& slot = state.table[module];
     if (!campaign_is_there(slot)) return;
     const bool expired = campaign_is_expired(*slot, now);
-    const bool may_run = !expired && canCampaignBeEnabled(*state, module, now);
+    const bool may_run = !expired && canCampaignBeEnabled(state, module, now);
     if (slot->running && !may_run) switch_off(slot.get(), module);
     if (!slot->running && may_run) switch_on(slot.get(), module);
     if (expired) slot.reset();
@@ -38,10 +38,10 @@ void check_module(campaign_state* state, uint32_t module, time_t now) {
 void campaign_check() {
     const time_t now = wall_clock_s();
     const vexa_lock lock(g_campaign.lock);
-    campaign_mgr_check_for_camp_management(&g_campaign.state, now);
+    campaign_mgr_check_for_camp_management(g_campaign.state, now);
 }
 
-void campaign_mgr_check_for_camp_management(campaign_state* state, time_t now) {
+void campaign_mgr_check_for_camp_management(campaign_state& state, time_t now) {
     for (uint32_t module = FIRST_SWITCHED_MODULE; module < CAMPAIGN_MODULES; ++module) {
         check_module(state, module, now);
     }

@@ -9,5 +9,6 @@
 void campaign_check();
 
 // Switches the campaigns of modules 1 to 6 on and off and frees the expired ones. For module 6 it
-// raises the modem statistics collector's events. Logged. Thread: the holder of the campaign lock.
-void campaign_mgr_check_for_camp_management(campaign_state* state, time_t now);
+// raises the modem statistics collector's events. Logged. Thread: the holder of the campaign lock,
+// which the compiler sees at a reference.
+void campaign_mgr_check_for_camp_management(campaign_state& state, time_t now);

@@ -21,39 +21,35 @@ uint16_t get_be16(const uint8_t* at) {
     return static_cast<uint16_t>(at[0] << 8 | at[1]);
 }
 
-void set_roaming(const uint8_t* payload) REQUIRES(g_campaign.lock) {
-    phone_state* phone = &g_campaign.state.phone;
-    phone->roaming = payload[0] != 0;
-    ALOGI("Roaming Status Changed to %d\n", phone->roaming);
+void set_roaming(const uint8_t* payload, phone_state& phone) {
+    phone.roaming = payload[0] != 0;
+    ALOGI("Roaming Status Changed to %d\n", phone.roaming);
 }
 
 // Both messages about a subscription make it the default one.
-void set_subscription(const uint8_t* payload, bool is_new_default) REQUIRES(g_campaign.lock) {
-    phone_state* phone = &g_campaign.state.phone;
-    phone->default_sub = get_be32(payload);
-    phone->mcc = get_be16(payload + 4);
-    phone->mnc = get_be16(payload + 6);
-    if (is_new_default) {
-        ALOGI("Default Sub changed to %d MCC %d MNC %d\n", static_cast<int>(phone->default_sub),
-              phone->mcc, phone->mnc);
-    } else {
-        ALOGI("Mcc Mnc on sub %d changed to MCC %d MNC %d\n", static_cast<int>(phone->default_sub),
-              phone->mcc, phone->mnc);
-    }
+void set_subscription(const uint8_t* payload, phone_state& phone) {
+    phone.default_sub = get_be32(payload);
+    phone.mcc = get_be16(payload + 4);
+    phone.mnc = get_be16(payload + 6);
 }
 
-void set_default_sub(const uint8_t* payload) REQUIRES(g_campaign.lock) {
-    set_subscription(payload, true);
+void set_default_sub(const uint8_t* payload, phone_state& phone) {
+    set_subscription(payload, phone);
+    ALOGI("Default Sub changed to %d MCC %d MNC %d\n", static_cast<int>(phone.default_sub),
+          phone.mcc, phone.mnc);
 }
 
-void set_mcc_mnc(const uint8_t* payload) REQUIRES(g_campaign.lock) {
-    set_subscription(payload, false);
+void set_mcc_mnc(const uint8_t* payload, phone_state& phone) {
+    set_subscription(payload, phone);
+    ALOGI("Mcc Mnc on sub %d changed to MCC %d MNC %d\n", static_cast<int>(phone.default_sub),
+          phone.mcc, phone.mnc);
 }
 
 struct message_kind {
     uint32_t id;
     uint32_t size;  // of the payload, bytes
-    void (*apply)(const uint8_t* payload);
+    // Takes a reference, so that the compiler sees whether the lock is held.
+    void (*apply)(const uint8_t* payload, phone_state& phone);
 };
 
 constexpr message_kind KINDS[] = {
@@ -110,7 +106,7 @@ void apply(const control_message& message) {
     if (!kind) return;
     {
         const vexa_lock lock(g_campaign.lock);
-        kind->apply(message.payload);
+        kind->apply(message.payload, g_campaign.state.phone);
     }
     campaign_check();
 }

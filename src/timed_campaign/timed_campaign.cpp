@@ -66,11 +66,13 @@ int load_params(timed_campaign* campaign) {
 }
 
 // Waits for the downloaded configuration file to come or change since it was last loaded, until the
-// row's `stop` is raised or a failure, which is logged.
-void wait_update(const timed_campaign& campaign) {
-    const campaign_texts& texts = campaign.kind->texts;
+// row's `stop` is raised or a failure, which is logged. A file that ends a wait ends no other one,
+// also when the cycle in between fails before it can be loaded.
+void wait_update(timed_campaign* campaign) {
+    const campaign_texts& texts = campaign->kind->texts;
     if (texts.logs_update_wait) LOGI("%s: \n", texts.update.caller);
-    vexastats_wait_config_update(campaign.row, campaign.seen, texts.update);
+    vexastats_wait_config_update(campaign->row, campaign->seen, texts.update);
+    campaign->seen = file_mark_look(campaign->row->dl_cfg_file);
 }
 
 // Returns 0 or the failure, logged.
@@ -94,7 +96,7 @@ bool begin(timed_campaign* campaign) {
     vexastats_wait_dir_ready(row->down_dir, &row->stop);
     if (request_config(*campaign) != 0) {
         if (campaign->stopped()) return false;
-        wait_update(*campaign);
+        wait_update(campaign);
     }
     // Also after a failed request: nothing is collected without consent.
     vexastats_wait_optin(row);
@@ -143,7 +145,7 @@ void campaign_run(timed_campaign* campaign, void (*run_cycle)(void* owner), void
     while (has_work && !campaign->stopped()) {
         run_cycle(owner);
         if (campaign->stopped()) break;
-        wait_update(*campaign);
+        wait_update(campaign);
     }
     stop_flag_raise(&campaign->row->stop);
     campaign->row->state = nullptr;
@@ -161,7 +163,7 @@ int campaign_wait_active(timed_campaign* campaign) {
     LOGI("%sChecking for an active campaign", texts.state_prefix);
     while (is_over(state)) {
         LOGI("%sWaiting on %s", texts.wait_prefix, row.dl_cfg_file);
-        wait_update(*campaign);
+        wait_update(campaign);
         if (campaign->stopped()) return -EINTR;
         if (load_params(campaign) != 0) break;
     }

@@ -26,7 +26,7 @@ void driven_phone::remove_processes() const {
 }
 
 driven_result driven_phone::run(const std::string& script, const std::vector<std::string>& options,
-                                const std::vector<std::string>& command, script_from from) const {
+                                const std::vector<std::string>& command) const {
     const fs::path script_file = dir() / "script";
     const fs::path transcript = dir() / "transcript";
     const fs::path output = dir() / "output";
@@ -35,11 +35,9 @@ driven_result driven_phone::run(const std::string& script, const std::vector<std
     const bool has_start = ("\n" + script).find("\nstart ") != std::string::npos;
     std::vector<std::string> all = {"--clock", has_start ? "driven" : START, "--transcript",
                                     transcript, "--script"};
-    all.push_back(from == script_from::NAMED_FILE ? script_file.string() : "-");
+    all.push_back(script_file);
     all.insert(all.end(), options.begin(), options.end());
     std::vector<std::string> words = phone_.run(command, all);
-    if (from == script_from::STANDARD_INPUT)
-        words.insert(words.begin(), {"sh", "-c", "exec \"$@\" < " + script_file.string(), "sh"});
     child_process run(words, output, {"TZ=UTC"});
     const std::optional<int> code = run.wait(LIMIT);
     return {code, file_text(output), file_text(transcript)};

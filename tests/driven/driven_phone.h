@@ -9,8 +9,6 @@
 
 #include "support/process.h"
 
-enum class script_from { NAMED_FILE, STANDARD_INPUT };
-
 struct driven_result {
     std::optional<int> code;  // vexa-phone's; none: it did not end
     std::string output;       // what it and the command printed
@@ -31,8 +29,7 @@ class driven_phone {
     // Runs `command` (none: the daemon) and plays `script`, in a file "script" beside the phone's
     // parts, to its end.
     driven_result run(const std::string& script, const std::vector<std::string>& options = {},
-                      const std::vector<std::string>& command = {},
-                      script_from from = script_from::NAMED_FILE) const;
+                      const std::vector<std::string>& command = {}) const;
 
   private:
     temporary_phone phone_;

@@ -145,6 +145,7 @@ TEST_F(FrameworkFaultTest, FailedMeasureFailsTheAppendOrFallsBack) {
 }
 
 TEST_F(FrameworkFaultTest, FailedRewriteOfTheFirstLineKeepsTheRecord) {
+    size_t count = 0;
     fail_every_call(
         [&] {
             platform_test_set_real_ms(86400000);  // 1970
@@ -152,8 +153,12 @@ TEST_F(FrameworkFaultTest, FailedRewriteOfTheFirstLineKeepsTheRecord) {
             ASSERT_EQ(append("01234before"), 11u);
             platform_test_set_real_ms(PLATFORM_TEST_REAL_MS);
         },
-        [&] { append("after"); },
-        [&](const std::string& failed) { EXPECT_EQ(times_delivered("before"), 1u) << failed; });
+        [&] { count = append("after"); },
+        [&](const std::string& failed) {
+            EXPECT_EQ(count == 5, record().ends_with("after")) << failed;
+            EXPECT_TRUE(handle.file || count == 0) << failed << count;
+            EXPECT_EQ(times_delivered("before"), 1u) << failed;
+        });
     expect_errors({"update_rt_timestamp fseek failed. err:5\n", "failed to write timestamp\n",
                    "failed to update rt timestamp\n",
                    "vexastats_write_file: failed to write file\n"});

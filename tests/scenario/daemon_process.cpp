@@ -75,10 +75,10 @@ void deliver(int client_id, const std::string& name, const std::string& text) {
     fs::rename(dir / ".arriving", dir / name);
 }
 
-bool eventually_impl(bool (*condition)(void*), void* arg, milliseconds limit) {
+bool eventually(const std::function<bool()>& condition, milliseconds limit) {
     const steady::time_point deadline = steady::now() + limit;
     for (;;) {
-        if (condition(arg)) return true;
+        if (condition()) return true;
         if (steady::now() >= deadline) return false;
         usleep(2000);
     }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -34,8 +35,7 @@ void deliver(int client_id, const std::string& name, const std::string& text);
 inline constexpr milliseconds SCENARIO_LIMIT{30000};
 
 // Waits until `condition` holds, looking every few milliseconds. Returns false after the limit.
-template <class Condition>
-bool eventually(Condition condition, milliseconds limit = SCENARIO_LIMIT);
+bool eventually(const std::function<bool()>& condition, milliseconds limit = SCENARIO_LIMIT);
 
 // Waits until the main log has this text in it.
 bool eventually_logged(const std::string& text);
@@ -53,11 +53,3 @@ class daemon_process : public child_process {
 
 // How often a storm is to come: VEXA_STORM_ROUNDS, or so often.
 int storm_rounds(int by_default);
-
-bool eventually_impl(bool (*condition)(void*), void* arg, milliseconds limit);
-
-template <class Condition>
-bool eventually(Condition condition, milliseconds limit) {
-    return eventually_impl([](void* arg) { return (*static_cast<Condition*>(arg))(); }, &condition,
-                           limit);
-}

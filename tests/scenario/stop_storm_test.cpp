@@ -56,20 +56,6 @@ void churn_directories(unsigned seed, const std::atomic<bool>& end) {
     }
 }
 
-std::string alog_config(int duration_s) {
-    return "clientid=501;size=65536;campaign_id=1;campaign_duration_secs=" +
-           std::to_string(duration_s) + ";num_alog_masks=0;\n";
-}
-
-std::string diag_config(int duration_s) {
-    return "clientid=4;size=65536;campaign_id=1;campaign_duration_secs=" +
-           std::to_string(duration_s) + ";num_diag_masks=1;diag_mask=0xb0c0;\n";
-}
-
-std::string microdump_config(int wait_ms) {
-    return "clientid=5;size=65536;maxuploadwaittime=" + std::to_string(wait_ms) + "\n";
-}
-
 // As the download agent does, if the directory is there.
 void put_band_list() {
     const std::string dir = std::string(DOWN_DIR) + "/51/";
@@ -95,38 +81,49 @@ void print_distribution(const tally& result) {
         ms.size(), result.before_main, ms.front(), at(0.5), at(0.9), at(0.99), ms.back());
 }
 
-void one_round(std::mt19937& rnd, tally* result) {
+// One of these, or nothing at all.
+void deliver_one_of(std::mt19937& rnd, int client, const char* name, const std::string& config,
+                    std::initializer_list<const char*> values) {
+    if (rnd() % 2) deliver(client, name, config + values.begin()[rnd() % values.size()]);
+}
+
+// What the daemon finds, and the modem beside it.
+void set_the_scene(std::mt19937& rnd, std::optional<modem_thread>* modem_side, unique_fd* dump) {
     phone_reset();
-    if (rnd() % 4) opt_in(2);
-    if (rnd() % 2) fs::create_directories(std::string(DOWN_DIR) + "/2");
-    if (rnd() % 4) opt_in(501);
-    if (rnd() % 2) fs::create_directories(std::string(DOWN_DIR) + "/501");
-    // With a campaign it soon waits for log entries; one of the length 0 is over at once.
-    if (rnd() % 2) deliver(501, "alogstats.cfg", alog_config(rnd() % 4 ? 600 : 0));
-    // The modem, which is there most of the times, streams as fast as the daemon takes packets.
-    if (rnd() % 2) deliver(4, "diagstats.cfg", diag_config(rnd() % 4 ? 600 : 0));
-    std::optional<modem_thread> modem_side;
-    if (rnd() % 4) modem_side.emplace();
-    if (modem_side) modem_side->command("diag rate 0");
-    if (rnd() % 4) fs::create_directories(std::string(DOWN_DIR) + "/51");
-    if (modem_side && rnd() % 2) modem_side->command(rnd() % 2 ? "pdc silent" : "pdc stall on");
-    for (const int id : {1, 4, 5, 6}) {
+    for (const int id : {1, 2, 4, 5, 6, 51, 501}) {
         if (rnd() % 4) opt_in(id);
         if (rnd() % 2) fs::create_directories(std::string(DOWN_DIR) + "/" + std::to_string(id));
     }
-    if (rnd() % 2) deliver(5, "microdumpstats.cfg", microdump_config(rnd() % 2 ? 0 : 600000));
-    // Half a dump, or a device without a writer.
-    unique_fd modem;
-    if (rnd() % 2) modem.reset(open("/dev/ramdump_microdump_modem", O_RDWR | O_CLOEXEC));
-    if (modem) (void)!write(modem.get(), "half a dump\n", 12);
+    // With a campaign they soon wait for entries or packets; one of the length 0 is over at once.
+    deliver_one_of(rnd, 501, "alogstats.cfg", "clientid=501;size=65536;campaign_id=1;",
+                   {"campaign_duration_secs=600;num_alog_masks=0;\n",
+                    "campaign_duration_secs=0;num_alog_masks=0;\n"});
+    deliver_one_of(rnd, 4, "diagstats.cfg", "clientid=4;size=65536;campaign_id=1;",
+                   {"campaign_duration_secs=600;num_diag_masks=1;diag_mask=0xb0c0;\n",
+                    "campaign_duration_secs=0;num_diag_masks=1;diag_mask=0xb0c0;\n"});
+    deliver_one_of(rnd, 5, "microdumpstats.cfg",
+                   "clientid=5;size=65536;maxuploadwaittime=", {"0\n", "600000\n"});
+    if (rnd() % 2) dump->reset(open("/dev/ramdump_microdump_modem", O_RDWR | O_CLOEXEC));
+    if (*dump) (void)!write(dump->get(), "half a dump\n", 12);
     if (rnd() % 8 == 0) fs::remove_all("/data/vendor/vexa");
     std::string clock;
     if (rnd() % 8 == 0) clock = "real=1970-01-01T00:00:10Z ";
-    if (modem_side && rnd() % 3 == 0) {  // a call holds the stop for ten seconds: a quarter of one
-        modem_side->command("vexa silent");
-        clock += "speed=40";
+    if (rnd() % 4) {  // it streams as fast as the daemon takes packets
+        modem_side->emplace();
+        (*modem_side)->command("diag rate 0");
+        if (rnd() % 2) (*modem_side)->command(rnd() % 2 ? "pdc silent" : "pdc stall on");
+        if (rnd() % 3 == 0) {  // a call holds the stop for ten seconds: a quarter of one
+            (*modem_side)->command("vexa silent");
+            clock += "speed=40";
+        }
     }
     if (!clock.empty()) phone_set_clock(clock);
+}
+
+void one_round(std::mt19937& rnd, tally* result) {
+    std::optional<modem_thread> modem_side;
+    unique_fd dump;  // half of one, or a device without a writer
+    set_the_scene(rnd, &modem_side, &dump);
     const bool churning = rnd() % 2;
 
     std::atomic<bool> end{false};

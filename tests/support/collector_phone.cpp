@@ -72,7 +72,7 @@ void collector_phone::make_row() {
     if (stop_flag_open(&row->stop) != 0) throw std::runtime_error("no stop flag");
     row->running = 1;
     opt_in();
-    log_seen_ = platform_test_log().size();
+    log_begin_ = log_seen_ = platform_test_log().size();
 }
 
 fs::path collector_phone::own(const std::string& name) const {
@@ -187,4 +187,11 @@ std::string collector_phone::log() {
 
 void collector_phone::wait_log(const std::string& text) {
     ASSERT_TRUE(platform_test_wait_log(text, EVENT_LIMIT.count())) << text;
+}
+
+size_t collector_phone::times_logged(const std::string& text) const {
+    const std::vector<platform_test_log_entry> all = platform_test_log();
+    return static_cast<size_t>(
+        std::count_if(all.begin() + static_cast<long>(std::min(log_begin_, all.size())), all.end(),
+                      [&](const auto& entry) { return entry.text.find(text) != text.npos; }));
 }

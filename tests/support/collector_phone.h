@@ -73,6 +73,8 @@ class collector_phone {
     // not. It waits for nothing.
     std::string log();
     static void wait_log(const std::string& text);  // until that text was logged, since the start
+    // How many entries have that text in them, since the row was made.
+    size_t times_logged(const std::string& text) const;
 
     // "/data/vendor/vexastats/1", or a file in it.
     std::filesystem::path own(const std::string& name = {}) const;
@@ -84,5 +86,6 @@ class collector_phone {
     const collector_info& table_row_;
     std::thread thread_;
     std::atomic<bool> ended_{true};
+    size_t log_begin_ = 0;
     size_t log_seen_ = 0;
 };

@@ -4,13 +4,13 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "driven/driven_phone.h"
 #include "phone/enter.h"
+#include "support/dialogue.h"
 #include "support/files.h"
 
 namespace fs = std::filesystem;
@@ -29,20 +29,6 @@ std::vector<std::string> names_of_scripts() {
 bool is_to_be_written() {
     const char* value = getenv("VEXA_WRITE_TRANSCRIPTS");
     return value && std::string(value) == "1";
-}
-
-// The first lines that differ, with what leads there.
-std::string difference(const std::string& found, const std::string& expected) {
-    size_t at = 0;
-    while (at < std::min(found.size(), expected.size()) && found[at] == expected[at]) ++at;
-    if (at == found.size() && at == expected.size()) return "";
-    constexpr size_t BEFORE = 300;
-    constexpr size_t BEHIND = 400;
-    const size_t begin = found.rfind('\n', at > BEFORE ? at - BEFORE : 0) + 1;
-    const auto line = std::count(found.begin(), found.begin() + static_cast<long>(at), '\n') + 1;
-    return "line " + std::to_string(line) + ", found:\n" +
-           found.substr(begin, at - begin + BEHIND) + "\nexpected:\n" +
-           expected.substr(begin, at - begin + BEHIND);
 }
 
 class Transcript : public testing::TestWithParam<std::string> {
@@ -66,7 +52,7 @@ TEST_P(Transcript, Play) {
     if (is_to_be_written()) {
         write_text_file(expected, found);
     } else {
-        EXPECT_EQ(difference(found, file_text(expected)), "");
+        EXPECT_EQ(text_difference(file_text(expected), found), "");
     }
 }
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/inotify.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include <utility>
 
 #include "host/log_file.h"
+#include "modem/pdc.h"
 #include "phone/phone_tree.h"
 #include "vexa-campaign/campaign_text.h"
 #include "vexa-campaign/phone_control.h"
@@ -26,6 +28,7 @@ using std::chrono::steady_clock;
 constexpr char VEXA_DIR[] = "/data/vendor/vexa/";
 constexpr char UP_DIR[] = "/data/vendor/vexa/up/";
 constexpr char CAMPAIGN_FILE[] = "down/101/cdf.dat";
+constexpr char BAND_LIST_FILE[] = "down/51/mccbandlist.bin";
 
 struct signal_name {
     const char* name;
@@ -49,11 +52,32 @@ std::string campaign_bytes(const std::string& text) {
     return campaign_file_bytes(campaign_from_text(text));
 }
 
+// "DB VERSION [OWNER [SIZE]]", as the modem's own lists.
+std::string band_list_bytes(const std::string& text) {
+    std::istringstream words(text);
+    uint32_t db_id = 0;
+    uint32_t version = 0;
+    std::string owner = "vexa";
+    size_t size = 0;
+    if (!(words >> db_id >> version)) throw std::invalid_argument("no band list: " + text);
+    words >> owner >> size;
+    return pdc_band_list(db_id, version, owner, size);
+}
+
 int signal_number(const std::string& name) {
     for (const signal_name& signal : SIGNALS) {
         if (name == signal.name) return signal.number;
     }
     throw std::invalid_argument("no such signal: " + name);
+}
+
+// Two hexadecimal digits are a byte.
+std::string bytes_of(std::istream& words) {
+    std::string digits, bytes;
+    for (std::string word; words >> word;) digits += word;
+    for (size_t i = 0; i < digits.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+    return bytes;
 }
 
 fs::perms mode_of(const std::string& octal) {
@@ -206,7 +230,8 @@ void script_player::tell_modem(const std::string& command) {
         throw std::invalid_argument("the modem does not take it: " + command);
 }
 
-// "roaming 0|1", or "sub ID MCC MNC". The connection stays open for the answer, which is its end.
+// "roaming 0|1", "sub ID MCC MNC", "bytes HEX", or "more HEX" behind the last of these. The
+// connection stays open for the answer, which is its end.
 void script_player::tell_phone(const std::string& what) {
     std::istringstream words(what);
     std::string kind;
@@ -218,6 +243,11 @@ void script_player::tell_phone(const std::string& what) {
         told_.push_back(phone_send_roaming(dir_, first != 0));
     } else if (kind == "sub" && words >> first >> mcc >> mnc) {
         told_.push_back(phone_send_subscription(dir_, first, mcc, mnc));
+    } else if (kind == "bytes") {
+        told_.push_back(phone_send_bytes(dir_, bytes_of(words)));
+    } else if (kind == "more" && !told_.empty()) {
+        const std::string bytes = bytes_of(words);
+        (void)send(told_.back().get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     } else {
         throw std::invalid_argument("nothing to tell: " + what);
     }
@@ -266,6 +296,7 @@ const std::map<std::string, script_player::action> script_player::ACTIONS = {
     {"write", [](auto& p, auto& l) { overwrite(p.path(l.words[0]), p.text_of(l)); }},
     {"deliver", [](auto& p, auto& l) { p.deliver(l.words[0], p.text_of(l)); }},
     {"campaign", [](auto& p, auto& l) { p.deliver(CAMPAIGN_FILE, campaign_bytes(p.text_of(l))); }},
+    {"bandlist", [](auto& p, auto& l) { p.deliver(BAND_LIST_FILE, band_list_bytes(l.text)); }},
     {"remove", [](auto& p, auto& l) { fs::remove_all(p.path(l.words[0])); }},
     {"rename", [](auto& p, auto& l) { fs::rename(p.path(l.words[0]), p.path(l.words[1])); }},
     {"link", [](auto& p, auto& l) { fs::create_symlink(l.words[0], p.path(l.words[1])); }},

@@ -19,11 +19,11 @@ struct action_form {
 constexpr int64_t LATEST_NS = int64_t{36500} * 86400 * NS_PER_S;
 
 constexpr action_form ACTIONS[] = {
-    {"write", 1, true},         {"deliver", 1, true}, {"remove", 1, false}, {"mkdir", 1, false},
-    {"optin", 1, false},        {"optout", 1, false}, {"modem", 0, true},   {"signal", 1, false},
-    {"property", 1, true},      {"tell", 0, true},    {"clock", 0, true},   {"snapshot", 0, false},
-    {"expect-quiet", 0, false}, {"rename", 2, false}, {"chmod", 2, false},  {"campaign", 0, true},
-    {"link", 2, false},         {"log", 2, true},
+    {"write", 1, true},         {"deliver", 1, true}, {"remove", 1, false},  {"mkdir", 1, false},
+    {"optin", 1, false},        {"optout", 1, false}, {"modem", 0, true},    {"signal", 1, false},
+    {"property", 1, true},      {"tell", 0, true},    {"clock", 0, true},    {"snapshot", 0, false},
+    {"expect-quiet", 0, false}, {"rename", 2, false}, {"chmod", 2, false},   {"campaign", 0, true},
+    {"link", 2, false},         {"log", 2, true},     {"bandlist", 0, true},
 };
 
 std::optional<int64_t> parse_number(const char** at, const char* end) {

@@ -13,6 +13,7 @@
 #include "host/clock_course.h"
 #include "host/log_file.h"
 #include "input/printable_text.h"
+#include "vexa-campaign/campaign_text.h"
 #include "vexa-inspect/record_formats.h"
 
 namespace {
@@ -81,7 +82,7 @@ bool is_upload(const fs::path& path) {
 std::string upload_text(const fs::path& path, const std::string& seen_as) {
     std::string text;
     try {
-        upload_put_report(seen_as, upload_read(path.string()), {},
+        upload_put_report(seen_as, upload_read(path.string()), {.max_hex_bytes = 64},
                           [&](std::string_view part) { text += part; });
     } catch (const std::exception& error) {
         text += "    damaged: " + std::string(error.what()) + "\n";
@@ -89,9 +90,19 @@ std::string upload_text(const fs::path& path, const std::string& seen_as) {
     return text;
 }
 
+// A campaign's file as vexa-campaign shows it; a damaged one as it stands.
+std::string readable_content(const fs::path& path) {
+    if (path.extension() != ".camp") return content_of(path);
+    try {
+        return campaign_to_text(campaign_parse(campaign_file_split(path)));
+    } catch (const std::exception&) {
+        return content_of(path);
+    }
+}
+
 std::string file_text(const fs::path& path, const std::string& seen_as) {
     if (is_upload(path)) return upload_text(path, seen_as) + "\n";
-    const std::string content = content_of(path);
+    const std::string content = readable_content(path);
     std::istringstream lines(content);
     std::string text;
     size_t shown = 0;

@@ -23,14 +23,7 @@ std::string big_endian(uint64_t value, int width) {
 }
 
 unique_fd send_message(const std::string& dir, uint32_t id, const std::string& payload) {
-    const std::filesystem::path path = std::filesystem::path(dir) / SOCKET;
-    const socket_address address(path);
-    unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const std::string message = big_endian(id, 4) + big_endian(payload.size(), 4) + payload;
-    if (!fd || connect(fd.get(), address.get(), address.size()) != 0 ||
-        send(fd.get(), message.data(), message.size(), MSG_NOSIGNAL) < 0)
-        fail(path);
-    return fd;
+    return phone_send_bytes(dir, big_endian(id, 4) + big_endian(payload.size(), 4) + payload);
 }
 
 void await_end(const unique_fd& fd) {
@@ -39,6 +32,16 @@ void await_end(const unique_fd& fd) {
 }
 
 }  // namespace
+
+unique_fd phone_send_bytes(const std::string& dir, const std::string& bytes) {
+    const std::filesystem::path path = std::filesystem::path(dir) / SOCKET;
+    const socket_address address(path);
+    unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd || connect(fd.get(), address.get(), address.size()) != 0 ||
+        send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0)
+        fail(path);
+    return fd;
+}
 
 unique_fd phone_send_roaming(const std::string& dir, bool roaming) {
     return send_message(dir, ROAMING, big_endian(roaming ? 1 : 0, 1));

@@ -14,3 +14,6 @@ void phone_tell_subscription(const std::string& dir, uint32_t id, uint16_t mcc, 
 // The same without waiting. Returns the connection, which the daemon closes once it has acted.
 unique_fd phone_send_roaming(const std::string& dir, bool roaming);
 unique_fd phone_send_subscription(const std::string& dir, uint32_t id, uint16_t mcc, uint16_t mnc);
+
+// The same for any bytes, which need not be a message.
+unique_fd phone_send_bytes(const std::string& dir, const std::string& bytes);

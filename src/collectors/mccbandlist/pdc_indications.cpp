@@ -175,8 +175,3 @@ void kbr_pdc_list_configs_ind_hdlr(const pdc_list_configs_indication* indication
     const vexa_lock held(g_pdc.mutex);
     g_pdc.unasked.list_result = copy_list(indication, &g_pdc.unasked);
 }
-
-pdc_unasked pdc_kbr_unasked() {
-    const vexa_lock held(g_pdc.mutex);
-    return g_pdc.unasked;
-}

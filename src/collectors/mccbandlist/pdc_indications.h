@@ -19,7 +19,7 @@ void kbr_pdc_list_configs_ind_hdlr(const pdc_list_configs_indication* indication
 void kbr_pdc_load_config_ind_hdlr(const pdc_load_config_indication* indication);
 void kbr_pdc_get_config_info_ind_hdlr(const pdc_get_config_info_indication* indication);
 
-// What the two indications that this daemon does not ask for have left. Any thread.
+// What the two indications that this daemon does not ask for leave.
 struct pdc_unasked {
     int32_t list_result = 0;
     uint32_t listed = 0;
@@ -27,4 +27,3 @@ struct pdc_unasked {
     int32_t selected_result = 0;
     pdc_config_id selected{};
 };
-pdc_unasked pdc_kbr_unasked();

@@ -4,7 +4,7 @@
 
 #include "framework/row/collector_info.h"
 
-// The thread body of the row "microdump_collector". Runs until the row is stopped or the device or
-// the record cannot be opened; raises the row's stop flag as it ends. Returns 0. Thread: the row's
-// own.
+// The thread body of the row "microdump_collector". Runs until the row is stopped or the device
+// cannot be opened; a record that cannot be is tried again with every dump. Raises the row's stop
+// flag as it ends. Returns 0. Thread: the row's own.
 int microdump_monitor(collector_info* row);

@@ -1,72 +1,26 @@
-// The band-list updater's parts by themselves, and stops in each of its own waits.
+// The band-list updater's parts by themselves, and what others put into its directory. What it says
+// and does over its turns is told in tests/transcripts.
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
-#include <thread>
+#include <sstream>
 
 #include "collectors/mccbandlist/mccbandlist_collector.h"
 #include "collectors/mccbandlist/mccbandlist_dload.h"
-#include "collectors/mccbandlist/mccbandlist_header.h"
 #include "collectors/mccbandlist/mccbandlist_update.h"
 #include "framework/row/debug_build.h"
 #include "framework/time/clock.h"
-#include "support/events.h"
-#include "support/files.h"
-#include "support/log.h"
+#include "support/collector_phone.h"
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
-using ::testing::ContainsRegex;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 namespace {
 
 constexpr char DOWN_DIR[] = "/data/vendor/vexa/down/51";
-constexpr char STATUS[] = "/data/vendor/vexastats/51/.mccbandlist.info";
-constexpr char REQUEST[] = "/data/vendor/vexa/down/51/51-1.0-mccbandlist.bin.req";
-
-const uint8_t* bytes_of(const std::string& text) {
-    return reinterpret_cast<const uint8_t*>(text.data());
-}
-
-TEST(MccbandlistHeader, IsReadInBothByteOrdersFromFortyBytesAndNoFewer) {
-    const std::string owner = "owner"s + std::string(25, '\0');
-    const std::string ids = "\x01\x02\x03\x04";
-    const std::tuple<std::string, std::string, uint32_t> cases[] = {
-        {"\x01\x07"s + owner + ids + "\xff\x00\x00\x80"s, "owner", 0x04030201},
-        {"\x02\x07"s + std::string(30, 'o') + ids + "\x80\x00\x00\xff more"s, std::string(30, 'o'),
-         0x01020304},
-    };
-    for (const auto& [bytes, name, db_id] : cases) {
-        mccbandlist_header header;
-        ASSERT_EQ(mccbandlist_read_header(bytes_of(bytes), bytes.size(), &header), 0);
-        EXPECT_EQ(header.is_little, bytes[0] == 1);
-        EXPECT_EQ(header.st_v, 7);
-        EXPECT_EQ(header.owner_n, name);
-        EXPECT_EQ(header.db_id, db_id);
-        EXPECT_EQ(header.cont_v, 0x800000ff);
-        EXPECT_EQ(mccbandlist_read_header(bytes_of(bytes), 39, &header), -EINVAL);
-    }
-    const pdc_config_id id = mccbandlist_config_id(0x01020304);
-    EXPECT_EQ(std::string(id.bytes, id.bytes + id.len), ids);
-}
-
-TEST(MccbandlistHeader, NewerHasTheSameStructureAndOwnerAndAHigherVersion) {
-    const auto is_new = [](uint8_t st_v, const char(&owner)[3], uint32_t cont_v) {
-        mccbandlist_header next{.st_v = st_v, .cont_v = cont_v};
-        memcpy(next.owner_n, owner, sizeof owner);
-        return mccbandlist_is_new_ver({.st_v = 1, .owner_n = "us", .cont_v = 0x7fffffff}, next);
-    };
-    EXPECT_TRUE(is_new(1, "us", 0x80000000));
-    EXPECT_FALSE(is_new(1, "us", 0x7fffffff) || is_new(2, "us", 0x80000000) ||
-                 is_new(1, "me", 0x80000000));
-}
+const std::string STATS_DIR = "/data/vendor/vexastats/51";
+const std::string STATUS = STATS_DIR + "/.mccbandlist.info";
 
 TEST(MccbandlistFile, IsReadWhenItIsAFileOfBoundedSize) {
     put_files({{"/data/list", "x"}, {"/data/huge", ""}});
@@ -80,174 +34,139 @@ TEST(MccbandlistFile, IsReadWhenItIsAFileOfBoundedSize) {
     EXPECT_FALSE(fs::exists("/data/list")) << "too short, and deleted";
 }
 
-// A row in an empty phone, as far as the download directory.
-class Mccbandlist : public ::testing::Test {
-  protected:
-    void SetUp() override {
+struct Mccbandlist : testing::Test, collector_phone {
+    Mccbandlist() : collector_phone(51) {
         g_is_debug_build = false;
-        for (const char* dir : {DOWN_DIR, "/data/vendor/vexastats"}) {
-            fs::remove_all(dir);
-            fs::create_directories(dir);
-        }
-        fs::create_directory("/data/vendor/vexastats/51");
-        ASSERT_EQ(stop_flag_open(&row.stop), 0);
+        put_files({{STATS_DIR + "/"}});
+        platform_test_set_property("vendor.orb.vexa.enabled", "1");
     }
-    void TearDown() override {
-        g_is_debug_build = false;
-        close(row.stop.fd.exchange(-1));
-    }
-    collector_info row{.down_dir = DOWN_DIR, .hdr = {.client_id = 51}};
+    ~Mccbandlist() override { g_is_debug_build = false; }
     mccbandlist_request request;
 };
 
+// "@" is the id of the request.
 TEST_F(Mccbandlist, DownloadDirectoryIsJudgedByTheRulesInTheirOrder) {
-    const std::string id = "51-1.0-mccbandlist.bin";
-    using names = std::vector<std::string>;
-    const std::tuple<names, int, names, uint64_t> cases[] = {
-        {{}, -2, {}, 0},
-        {{id + ".req", id + ".cancel", "other"}, -2, {id + ".cancel", id + ".req", "other"}, 0},
-        {{id + "-cancel-200"}, -2, {}, 0},
-        {{"mccbandlist.bin.77"}, -17, {"mccbandlist.bin.77"}, 0},
-        {{id + "-404"}, 404, {}, 0},
-        {{id + "-progress-50"}, 50, {}, 0},
-        {{"mccbandlist.bin", id + "-404"}, -22, {"mccbandlist.bin"}, 0},
-        {{"mccbandlist.bin", id + "-200"}, 0, {"mccbandlist.bin"}, 0},
-        {{"mccbandlist.bin", id + ".77-200"}, 0, {"mccbandlist.bin"}, 77},
-        {{"mccbandlist.bin", id + "-4294967496"}, -22, {"mccbandlist.bin"}, 0},
-        {{id + "-"}, 0, {}, 0},
+    const std::tuple<std::string, int, std::string, uint64_t> cases[] = {
+        {"", -2, "", 0},
+        {"@.req @.cancel other", -2, "@.cancel @.req other ", 0},
+        {"@-cancel-200", -2, "", 0},
+        {"mccbandlist.bin.77", -17, "mccbandlist.bin.77 ", 0},
+        {"@-404", 404, "", 0},
+        {"@-progress-50", 50, "", 0},
+        {"mccbandlist.bin @-404", -22, "mccbandlist.bin ", 0},
+        {"mccbandlist.bin @.77-200", 0, "mccbandlist.bin ", 77},
+        {"mccbandlist.bin @-4294967496", -22, "mccbandlist.bin ", 0},
+        {"@-", 0, "", 0},
     };
-    for (const auto& [files, result, left, key_ts] : cases) {
-        fs::remove_all(DOWN_DIR);
-        fs::create_directories(DOWN_DIR + "/"s + id + "-299");  // no regular file
-        for (const std::string& name : files) put_files({{DOWN_DIR + "/"s + name, "x"}});
-        request.fields.key = request.key;
+    request.fields.key = request.key;
+    const std::string id = "51-1.0-mccbandlist.bin";
+    const fs::path dir = DOWN_DIR;
+    for (const auto& [files, wanted, left, key_ts] : cases) {
+        remove(dir);
+        fs::create_directories(dir / (id + "-299"));  // no regular file
+        std::istringstream names(files);
+        for (std::string name; names >> name;)
+            put_files({{dir / (name[0] == '@' ? id + name.substr(1) : name), "x"}});
         int status = 0;
         mccbandlist_download download;
-        EXPECT_EQ(mccbandlist_check_dload_result(DOWN_DIR, request, &status, &download), result);
-        fs::remove(DOWN_DIR + "/"s + id + "-299");
-        EXPECT_EQ(list_dir(DOWN_DIR), left);
+        EXPECT_EQ(mccbandlist_check_dload_result(DOWN_DIR, request, &status, &download), wanted);
+        remove(dir / (id + "-299"));
+        std::string found;
+        for (const std::string& name : list_dir(dir))
+            found += (name.starts_with(id) ? "@" + name.substr(id.size()) : name) + " ";
+        EXPECT_EQ(found, left);
         EXPECT_EQ(download.key_ts, key_ts);
     }
     // A directory that is a link is none.
-    fs::remove_all(DOWN_DIR);
-    put_files({{"/data/elsewhere/"s + id + "-404", ""}});
-    fs::create_directory_symlink("/data/elsewhere", DOWN_DIR);
+    fs::rename(dir, "/data/elsewhere");
+    put_files({{"/data/elsewhere/" + id + "-404", ""}});
+    fs::create_directory_symlink("/data/elsewhere", dir);
     int status = 0;
     mccbandlist_download download;
     EXPECT_EQ(mccbandlist_check_dload_result(DOWN_DIR, request, &status, &download), -2);
-    EXPECT_EQ(mccbandlist_dload_handler((DOWN_DIR + "/"s + id + "-404").c_str(), row.stop), -22);
-    EXPECT_TRUE(fs::exists("/data/elsewhere/"s + id + "-404"));
-    fs::remove(DOWN_DIR);
+    EXPECT_EQ(mccbandlist_dload_handler((dir / (id + "-404")).c_str(), row->stop), -22);
+    EXPECT_TRUE(fs::exists("/data/elsewhere/" + id + "-404"));
+    remove(dir);
 }
 
 TEST_F(Mccbandlist, NextTurnIsDueAfterTheIntervalSinceTheLast) {
-    const auto status = [](int64_t ago_ms) {
-        return "#\n\nlast_dl_done_ts=" + std::to_string(PLATFORM_TEST_REAL_MS - ago_ms) +
-               ";last_key_ts=18446744073709551615;";
+    const std::tuple<int64_t, bool, uint64_t> cases[] = {
+        {7776000000, false, 0}, {7775999001, false, 0}, {7775999000, false, 1}, {0, false, 7776000},
+        {-1, false, 7776000},   {1000, true, 299},      {300000, true, 0},
     };
-    const std::tuple<std::string, bool, uint64_t> cases[] = {
-        {"", false, 0},
-        {"last_dl_done_ts=;last_key_ts=1;", false, 0},
-        {status(7776000000), false, 0},
-        {status(7775999999), false, 0},
-        {status(7775998999), false, 1},
-        {status(0), false, 7776000},
-        {status(-1), false, 7776000},
-        {status(1000), true, 299},
-        {status(300000), true, 0},
-    };
-    for (const auto& [text, is_debug, wait_s] : cases) {
+    mccbandlist_status status;
+    for (const auto& [ago_ms, is_debug, wait_s] : cases) {
         platform_test_reset();
-        put_files({{STATUS, text}});
+        put_files(
+            {{STATUS, "#\n\nlast_dl_done_ts=" + std::to_string(PLATFORM_TEST_REAL_MS - ago_ms) +
+                          ";last_key_ts=18446744073709551615;"}});
         g_is_debug_build = is_debug;
-        mccbandlist_status read;
-        mccbandlist_wait_next_turn(7776000000, &read, row.stop);
-        EXPECT_EQ(vexastats_mono_time_ms() - PLATFORM_TEST_MONO_MS, wait_s * 1000) << text;
+        mccbandlist_wait_next_turn(7776000000, &status, row->stop);
+        EXPECT_EQ(vexastats_mono_time_ms() - PLATFORM_TEST_MONO_MS, wait_s * 1000) << ago_ms;
+        EXPECT_EQ(status.last_key_ts, UINT64_MAX);
     }
+    put_files({{STATUS, "last_dl_done_ts=5;last_key_ts=;"}});
+    EXPECT_EQ(mccbandlist_get_status(&status), -EINVAL);
+    EXPECT_EQ(status.last_dl_done_ts, 0u);
     // One that cannot be saved stays in memory.
-    fs::remove_all("/data/vendor/vexastats/51");
-    mccbandlist_status status_now{.last_dl_done_ts = 7};
-    EXPECT_EQ(mccbandlist_set_status(&status_now), -EINVAL);
-    EXPECT_EQ(mccbandlist_get_status(&status_now), 0);
-    EXPECT_EQ(status_now.last_dl_done_ts, 7u);
+    remove(STATS_DIR);
+    status.last_dl_done_ts = 7;
+    EXPECT_EQ(mccbandlist_set_status(&status), -EINVAL);
+    EXPECT_EQ(mccbandlist_get_status(&status), 0);
+    EXPECT_EQ(status.last_dl_done_ts, 7u);
 }
 
-TEST_F(Mccbandlist, StopEndsEveryWaitWithoutFilingAnything) {
-    platform_test_set_clock(platform_test_clock::MANUAL);
-    const std::tuple<bool, const char*, const char*> cases[] = {
-        {false, "1", ""},
-        {true, "0", ""},
-        {true, "1", "last_dl_done_ts=1700000000000;last_key_ts=0;"},
-    };
-    for (const auto& [has_dir, property, status] : cases) {
-        TearDown();
-        SetUp();
-        row.stop.raised = 0;
-        if (!has_dir) fs::remove(DOWN_DIR);
-        platform_test_set_property("vendor.orb.vexa.enabled", property);
-        put_files({{STATUS, status}});
-        std::thread thread([&] { EXPECT_EQ(mccbandlist_monitor(&row), 0); });
-        EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
-        stop_flag_raise(&row.stop);
-        thread.join();
-        EXPECT_THAT(list_dir(DOWN_DIR), IsEmpty());
-        EXPECT_EQ(file_text(STATUS), status);
+// Whether the daemon is enabled is waited for, but not for ever. A stop ends that wait, too.
+TEST_F(Mccbandlist, EnablingPropertyIsWaitedForThreeHundredSeconds) {
+    for (const bool is_stopped : {true, false}) {
+        platform_test_set_property("vendor.orb.vexa.enabled", "0");
+        start();
+        for (int waited_s = 0; waited_s < 295; waited_s += 5) pass(5000);
+        EXPECT_EQ(requests(), "");
+        if (is_stopped) stop();
+        if (!is_stopped) pass(5000);
+        EXPECT_EQ(requests().empty(), is_stopped);
+        if (is_stopped) renew();
     }
-}
-
-// Its own looks and other directories raise events too; a lost directory ends it.
-TEST_F(Mccbandlist, AttemptRestsUntilAFileComesAndEndsWithItsDirectory) {
-    platform_test_set_clock(platform_test_clock::MANUAL);
-    platform_test_set_property("vendor.orb.vexa.enabled", "1");
-    std::thread thread([&] { mccbandlist_monitor(&row); });
-    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
-    const std::string begun = log_text();
-    fs::create_directory(DOWN_DIR + "/sub"s);
-    fs::remove(DOWN_DIR + "/sub"s);
-    put_files({{"/data/vendor/vexa/down/neighbour", ""}});
-    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
-    EXPECT_EQ(log_text(), begun);
-    // By rename, so that nothing closes it in there; and it ends the attempt.
-    put_files({{"/data/status", ""}});
-    fs::rename("/data/status", DOWN_DIR + "/51-1.0-mccbandlist.bin-503"s);
-    EXPECT_TRUE(wait_for_file(STATUS));
-    EXPECT_TRUE(platform_test_wait_log("mccbandlist_wait_next_turn: start wait time 7776000 sec ",
-                                       EVENT_LIMIT.count()));
-    EXPECT_EQ(file_text(STATUS), "last_dl_done_ts=1700000000000;last_key_ts=0;");
-    EXPECT_THAT(list_dir(DOWN_DIR), IsEmpty());
-    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
-    platform_test_advance_ms(7776000000);
-    EXPECT_TRUE(wait_for_file(REQUEST));
-    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
-    fs::rename("/data/vendor/vexa/down", "/data/vendor/vexa/aside");
-    thread.join();
-    EXPECT_TRUE(stop_flag_is_raised(row.stop));
-    // Told by the directory itself or by the one above it, whichever was read last.
-    EXPECT_THAT(log_text(), ContainsRegex("mccbandlist_monitor: dropbox not exist, so exit. "
-                                          "(800|40000040) "));
 }
 
 TEST_F(Mccbandlist, FileThatIsNotClosedYetIsNotTaken) {
     const std::string report = DOWN_DIR + "/51-1.0-mccbandlist.bin-200"s;
-    platform_test_set_clock(platform_test_clock::MANUAL);
-    platform_test_set_property("vendor.orb.vexa.enabled", "1");
-    std::thread thread([&] { mccbandlist_monitor(&row); });
-    EXPECT_TRUE(wait_for_file(REQUEST));
-    EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+    start();
     {
         const unique_fd being_written(open(report.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
-        EXPECT_TRUE(platform_test_wait_log("mccbandlist_monitor: event.mask 0x100 continue.",
-                                           EVENT_LIMIT.count()));
-        EXPECT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+        park();
         EXPECT_TRUE(fs::exists(report));
         // The list comes first, then the report is complete.
         put_files({{DOWN_DIR + "/mccbandlist.bin"s, "x"}});
-        EXPECT_TRUE(
-            platform_test_wait_log("successfully downloaded the file", EVENT_LIMIT.count()));
+        wait_log("successfully downloaded the file");
     }
     EXPECT_TRUE(wait_for_file(STATUS));
-    stop_flag_raise(&row.stop);
-    thread.join();
+}
+
+// Others may fill the directory and touch it as often as they like: so many lines, and so many
+// looks a second.
+TEST_F(Mccbandlist, NeighbourWhoFillsTheDirectoryAndTouchesItCostsLittle) {
+    const auto looks = [this] { return times_logged("not found status file"); };
+    start();
+    EXPECT_EQ(looks(), 1u);
+    put_files({{DOWN_DIR + "/sub/"s}, {"/data/vendor/vexa/down/neighbour", ""}});
+    park();
+    EXPECT_EQ(looks(), 1u) << "of no interest";
+    platform_test_at_once([] {
+        for (int i = 0; i < 40; ++i) put_files({{DOWN_DIR + "/junk"s + std::to_string(i), ""}});
+    });
+    park();
+    EXPECT_EQ(times_logged("mccbandlist_check_dload_result: 8 more files"), 1u);
+    EXPECT_EQ(times_logged("mccbandlist_monitor: 104 more events"), 1u);
+    for (size_t second = 0; second < 3; ++second) {
+        for (int i = 0; i < 20; ++i) {
+            put_files({{DOWN_DIR + "/junk0"s, "x"}});
+            park();
+        }
+        EXPECT_EQ(looks(), 4u * (second + 1));
+        pass(1000);
+    }
 }
 
 }  // namespace
