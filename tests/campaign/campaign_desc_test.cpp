@@ -6,9 +6,11 @@
 #include <sys/inotify.h>
 
 #include <random>
+#include <sstream>
 
 #include "campaign.pb.h"
 #include "campaign/campaign_map.h"
+#include "support/dialogue.h"
 #include "support/files.h"
 #include "support/gzip.h"
 #include "support/log.h"
@@ -17,7 +19,6 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 // A campaign as libprotobuf writes it.
 std::string written(uint32_t module, uint64_t id, uint32_t expiry_type = 2, uint32_t networks = 0,
@@ -65,6 +66,15 @@ struct CampaignDesc : testing::Test {
         return campaign_desciption_entry_decode_from_buffer(raw(bytes), bytes.size(), &table,
                                                             write);
     }
+    // How many of them are taken.
+    int null_arguments() {
+        owned_bytes logic;
+        return campaignDecode(nullptr, 4, &table) + campaignDecode(raw("four"), 4, nullptr) +
+               campaign_desciption_entry_decode_from_buffer(nullptr, 1, &table, false) +
+               campaign_desciption_entry_decode_from_buffer(raw("x"), 1, nullptr, false) +
+               get_campaign_logic_from_campaign_description(nullptr, 1, &logic) +
+               get_campaign_logic_from_campaign_description(raw("x"), 1, nullptr);
+    }
     static std::string stored(const std::string& name) {
         return file_text(std::string(CAMPAIGN_DIR) + "/" + name);
     }
@@ -72,85 +82,62 @@ struct CampaignDesc : testing::Test {
     campaign_table table;
 };
 
-std::string text_of(const CampaignEntry& entry) {
-    std::string text =
-        std::to_string(entry.campaignId) + " until " + std::to_string(entry.expiryValue) +
-        " type " + std::to_string(entry.enablementType) + " at " + std::to_string(entry.timeSlices);
+// What is asked is done, and answered by the result, the table's campaigns and the errors.
+std::string text_of(uint32_t module, const CampaignEntry& entry) {
+    std::ostringstream text;
+    text << "  " << module << ": " << entry.campaignId << " until " << entry.expiryValue << " type "
+         << entry.enablementType << " at " << entry.timeSlices;
     for (uint32_t i = 0; i < entry.mccMncCount; ++i) {
         const MccMncEnablementRecord& network = entry.mccMncList[i];
-        text += " on " + std::to_string(network.mcc);
-        for (uint32_t j = 0; j < network.mncCount; ++j)
-            text += "/" + std::to_string(network.mnc[j]);
+        text << " on " << network.mcc;
+        for (uint32_t j = 0; j<network.mncCount; j += network.mncCount> 9 ? 99 : 1)
+            text << "/" << network.mnc[j];
     }
-    return text;
+    return text.str() + "\n";
 }
 
-// Fields out of order, codes packed and not, and a field that nobody knows.
-TEST_F(CampaignDesc, HandWrittenCampaignIsReadAndStoredAsItCame) {
-    const std::string entry = bytes(
-        "22 2b 12 05 0a 03 61 00 62"               // logic "a\0b"
-        "  0a 22 08 03 12 06 08 ff 81 fc f7 07"    // by time and network, slices 0x7eff00ff
-        "    1a 0a 08 b6 02 12 05 01 9a 05 e8 07"  // 310: packed 1, 666, 1000
-        "    1a 06 10 05 10 06 08 06 1a 02 08 09"  // 5 and 6 before their mcc; no mnc at all
-        "7a 01 58 1a 08 08 02 10 80 e6 ff 89 07"   // unknown; expires at 1900016384
-        "10 06 08 87 80 80 80 10");                // module 6, id 0x100000007
-    ASSERT_TRUE(decode(entry)) << log_text();
-    EXPECT_EQ(text_of(*table[6]),
-              "4294967303 until 1900016384 type 3 at 2130641151 "
-              "on 310/1/666/1000 on 6/5/6 on 9");
-    EXPECT_EQ(table[6]->mccMncList[9].mcc, 0u) << "a block of ten";
-    EXPECT_EQ(stored("6-7-1900016384.camp"), entry);
+std::string logic_text(const std::string& entry) {
     owned_bytes logic;
-    const std::string twice = entry + bytes("22 05 12 03 0a 01 7a");  // the last one counts
-    for (const size_t less : {0, 1}) {
-        const bool whole = less == 0;
-        EXPECT_EQ(
-            get_campaign_logic_from_campaign_description(raw(twice), twice.size() - less, &logic),
-            whole);
-        EXPECT_EQ(text(logic), whole ? "z" : "");
-    }
-    EXPECT_FALSE(get_campaign_logic_from_campaign_description(nullptr, 1, &logic));
-    EXPECT_FALSE(get_campaign_logic_from_campaign_description(raw(twice), 1, nullptr));
-    EXPECT_THAT(log_text(), HasSubstr("campaign_description: Null passed\nget_campaign_logic_from_"
-                                      "campaign_description: Null passed\n"));
+    const bool whole =
+        get_campaign_logic_from_campaign_description(raw(entry), entry.size(), &logic);
+    return whole ? text(logic) + "\n" : "refused\n";
 }
 
-TEST_F(CampaignDesc, LimitsHoldToTheElement) {
-    const std::tuple<std::string, const char*> rows[] = {
-        {written(6, 1, 2, 10, 100, 32768), "Campaign Logic Length = 32768 "},
-        {written(0, 1), "Campaign Logic Length = 0 "},
-        {bytes("10 06 08 01 1a 02 08 02 22 04 12 02 0a 00"), "Campaign Logic Length = 0 "},
-        {written(6, 1, 2, 11), "logic_decode: Exceeded Max number of MCC MNC Enablements\n"},
-        {written(6, 1, 2, 1, 101), "list_decode: Exceeded Max number of MNC PER MCC Enablements\n"},
-        {written(6, 1, 2, 0, 0, 32769),
-         "length 32769\ncampaign_logic_decode: Too big campaign size\n"},
-        // A packed list without an element, in a network of its own.
-        {bytes("10 06 08 01 1a 02 08 02 22 08 0a 06 08 02 1a 02 12 00"),
-         "campaign_mnc_list_decode: failed campaign_mcc_mnc_enablement_logic_decode: Submessage "
-         "decode Failed\ncampaign_desciption_entry_decode_from_buffer: Submessage decode Failed\n"},
-    };
-    for (const auto& [entry, log] : rows) {
-        table = {};
-        platform_test_clear_log();
-        EXPECT_EQ(decode(entry), std::string(log).starts_with("Campaign"));
-        EXPECT_THAT(log_text(), HasSubstr(log));
-        for (uint32_t i = 0; table[6] && table[6]->mccMncList && i < 10; i++)
-            EXPECT_EQ(table[6]->mccMncList[i].mnc[99], 99000 + i);
-    }
-    EXPECT_FALSE(campaign_desciption_entry_decode_from_buffer(nullptr, 1, &table, false));
-    EXPECT_FALSE(campaign_desciption_entry_decode_from_buffer(raw("x"), 1, nullptr, false));
-    EXPECT_EQ(platform_test_log_count("Null pointer passed in function "
-                                      "campaign_desciption_entry_decode_from_buffer\n"),
-              2u);
-}
-
-TEST_F(CampaignDesc, TwinsHaveTheSameFileWhichDoesNotGoWithTheFirst) {
-    EXPECT_TRUE(decode(written(6, 2)));
-    const std::string twin = written(6, 2 + (1ull << 32));
-    for (const bool write : {true, false}) {
-        EXPECT_TRUE(decode(twin, write));
-        EXPECT_EQ(stored("6-2-1900000000.camp"), twin);
-    }
+TEST_F(CampaignDesc, Dialogue) {
+    expect_dialogue("campaign/descriptions", [this](const std::string& question) {
+        std::ostringstream all;
+        for (const auto& line : words_of(question)) {
+            std::string digits;
+            for (size_t i = 1; i < line.size(); ++i) digits += line[i];
+            const auto number = [&](size_t i) {
+                return static_cast<uint32_t>(std::stoul(line[i]));
+            };
+            platform_test_clear_log();
+            if (line[0] == "new") empty_dir();
+            if (line[0] == "logic") all << logic_text(bytes(digits));
+            if (line[0] == "files")
+                for (const std::string& name : list_dir(CAMPAIGN_DIR))
+                    all << name << " " << hex(stored(name)) << "\n";
+            const std::string data =
+                line[0] == "large" ? written(6, 1, 2, number(1), number(2), number(3))
+                : line[0] == "entry" || line[0] == "load" || line[0] == "map" ? bytes(digits)
+                                                                              : "";
+            if (line[0] == "map")
+                all << campaignDecode(raw(data), data.size(), &table) << "\n";
+            else if (!data.empty())
+                all << decode(data, line[0] != "load") << "\n";
+            else if (line[0] != "null")
+                continue;
+            if (line[0] == "null") all << null_arguments() << "\n";
+            for (uint32_t module = 0; module < CAMPAIGN_MODULES; ++module)
+                if (table[module]) all << text_of(module, *table[module]);
+            size_t seen = 0;
+            std::istringstream log(log_lines(&seen));
+            for (std::string text; std::getline(log, text);)
+                if (text[0] == 'E') all << "  " << text << "\n";
+        }
+        return all.str();
+    });
 }
 
 TEST_F(CampaignDesc, MapLeavesWhatStoringItsCampaignsOneByOneLeaves) {
@@ -183,30 +170,6 @@ TEST_F(CampaignDesc, StopComesBetweenTwoCampaigns) {
     EXPECT_FALSE(campaignDecode(raw(map), map.size(), &table, true, &stop));
     EXPECT_THAT(list_dir(CAMPAIGN_DIR), ElementsAre("1-1-1900000000.camp", "2-1-1900000000.camp"));
     EXPECT_EQ(platform_test_log_count("Decoding failed: (none)\n"), 0u);
-}
-
-// A zero byte ends a message, and not the map.
-TEST_F(CampaignDesc, MapsAreReadUpToTheirFirstDamage) {
-    const std::string one = map_of({written(1, 9)}), two = map_of({written(2, 3)});
-    const std::string zeros(3, '\0');
-    const std::tuple<std::string, bool, bool, bool> rows[] = {
-        {"", false, false, false},
-        {one + zeros + two + '\0', true, true, true},
-        {one + bytes("0a 00") + two, false, true, false},
-        {one + bytes("0a 7f 08"), false, true, false},
-        {one + bytes("0a 02 08 ff"), false, true, false},
-        {one + two.substr(0, two.size() - 1), false, true, false},
-        {one + bytes("12 01 78") + two, true, true, true},  // a field that nobody knows
-    };
-    for (const auto& [map, whole, has_one, has_two] : rows) {
-        table = {};
-        platform_test_clear_log();
-        EXPECT_EQ(campaignDecode(raw(map), map.size(), &table), whole) << hex(map);
-        EXPECT_EQ(table[1] != nullptr, has_one);
-        EXPECT_EQ(table[2] != nullptr, has_two);
-        EXPECT_EQ(platform_test_log_count("Decode Success\n"), whole ? 1u : 0u);
-    }
-    EXPECT_FALSE(campaignDecode(nullptr, 4, &table) || campaignDecode(raw(one), 4, nullptr));
 }
 
 }  // namespace

@@ -130,9 +130,12 @@ class framework_phone : public record_phone {
                 all[key] = shown(key, fs::path(dir) / file);
             }
         }
-        std::istringstream uploads(fs::is_directory(UP) ? dropbox() : "");
-        for (std::string line; std::getline(uploads, line);)
-            all["up/" + line.substr(0, line.find(' '))] = "up/" + line;
+        try {
+            std::istringstream uploads(fs::is_directory(UP) ? dropbox() : "");
+            for (std::string line; std::getline(uploads, line);)
+                all["up/" + line.substr(0, line.find(' '))] = "up/" + line;
+        } catch (const std::exception&) {  // one of them is none
+        }
         return all;
     }
     std::string changes() {
@@ -170,6 +173,15 @@ const std::map<std::string, framework_phone::command> framework_phone::COMMANDS 
     {"mkdir", [](phone&, auto& w) { return fs::create_directories(path(w[1])), ""; }},
     {"fifo", [](phone&, auto& w) { return mkfifo(path(w[1]).c_str(), 0600), ""; }},
     {"link", [](phone&, auto& w) { return fs::create_symlink(path(w[2]), path(w[1])), ""; }},
+    {"move", [](phone&, auto& w) { return fs::rename(path(w[1]), path(w[2])), ""; }},
+    {"flip", [](phone&, auto& w) {
+         std::string bytes = file_text(path(w[1]));
+         bytes.at(std::stoul(w[2])) ^= 1;
+         return write_text_file(path(w[1]), bytes), "";
+     }},
+    {"add", [](phone&, auto& w) {
+         return write_text_file(path(w[1]), file_text(path(w[1])) + text(w, 2)), "";
+     }},
     {"real", [](phone&, auto& w) { return platform_test_set_real_ms(std::stoll(w[1])), ""; }},
     {"boot", [](phone&, auto& w) { return platform_test_set_boot_ms(std::stoll(w[1])), ""; }},
     {"pass-ms", [](phone&, auto& w) { return platform_test_advance_ms(std::stoll(w[1])), ""; }},

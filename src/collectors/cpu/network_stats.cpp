@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "base/line_reader.h"
@@ -71,7 +72,7 @@ network_table::group* make_group(network_table* table, uint16_t uid) {
     }
     if (!table->groups.push_back({.total = initial_total(*table, uid)})) return nullptr;
     table->pages[page - 1].groups[uid & 0xFF] = static_cast<uint32_t>(table->groups.size());
-    if (uid < table->lowest_uid) table->lowest_uid = uid;
+    table->lowest_uid = std::min<uint32_t>(table->lowest_uid, uid);
     return &table->groups[table->groups.size() - 1];
 }
 

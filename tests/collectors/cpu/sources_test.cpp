@@ -64,6 +64,7 @@ std::string process_of(const std::string& text) {
 
 std::string traffic_of(const std::string& text) {
     put_files({{"/proc/net/xt_qtaguid/stats", text}});
+    if (text == "missing") std::filesystem::remove("/proc/net/xt_qtaguid/stats");
     network_table table;
     network_list list;
     std::ostringstream answer;

@@ -6,7 +6,6 @@
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,27 +16,22 @@
 #include "collectors/mps/mps_service.h"
 #include "host/kbr_message.h"
 #include "mps_events/mps_events.h"
+#include "platform/log.h"
 #include "support/dialogue.h"
 #include "support/gzip.h"
 #include "support/kbr_service.h"
 #include "support/log.h"
 #include "support/owned_text.h"
 
-using ::testing::HasSubstr;
-
 namespace {
 
 using words = std::vector<std::string>;
 
-// Bytes in hex, the many equal ones of a spec as "07*800".
+// Bytes in hex; of many the first, the last and how many.
 std::string short_hex(const std::string& bytes) {
-    std::string text;
-    for (size_t i = 0, same = 0; i < bytes.size(); i += same) {
-        for (same = 0; i + same < bytes.size() && bytes[i + same] == bytes[i]; ++same) continue;
-        if (same < 8) same = 1;
-        text += " " + hex(bytes.substr(i, 1)) + (same > 1 ? "*" + std::to_string(same) : "");
-    }
-    return text;
+    if (bytes.size() <= 48) return " " + hex(bytes);
+    const std::string begin = hex(bytes.substr(0, 32)), end = hex(bytes.substr(bytes.size() - 12));
+    return " " + begin + " .. " + end + ", " + std::to_string(bytes.size()) + " bytes";
 }
 
 std::string text_of(const MpsCampaign& c) {
@@ -89,7 +83,8 @@ struct MpsKbr : testing::Test {
                                 : line[i] == "lll"        ? &record.lll_spec
                                 : line[i] == "collection" ? &record.collection_spec
                                                           : nullptr;
-            if (spec) memset((*spec = spec_of(number)).bytes.get(), 7, number);
+            if (spec) *spec = spec_of(number, static_cast<uint8_t>(i));
+            if (spec && line[0] == "nothing") spec->bytes.reset();
             if (line[i] == "delay") record.lllDelaySecs = number;
             if (line[i] == "field6") record.specField6 = number;
         }
@@ -102,28 +97,35 @@ struct MpsKbr : testing::Test {
         const auto done = [&](bool good) {
             return good ? modem_result::OK : modem_result::REFUSED;
         };
-        if (line[0] == "start") result = mps_kbr_init_mpss_bsi(&record, number(1), stop);
+        const MpsCampaign* campaign = line.back() == "null" ? nullptr : &record;
+        if (line[0] == "start") result = mps_kbr_init_mpss_bsi(campaign, number(1), stop);
         if (line[0] == "prepare")
-            result = mps_kbr_send_start_prepare_req(&record, number(1), number(2));
+            result = mps_kbr_send_start_prepare_req(campaign, number(1), number(2));
         if (line[0] == "flush") result = mps_kbr_stop_flush_bsi();
         if (line[0] == "fetch") result = mps_kbr_fetch_results();
         if (line[0] == "pause") result = done(mps_kbr_send_lll_stop_req());
         if (line[0] == "resume") result = done(mps_kbr_send_lll_start_req());
         if (line[0] == "delay") more = " " + std::to_string(mps_kbr_get_lll_delayt_timer_secs());
         if (line[0] == "revision") {
-            result = mps_kbr_get_service_rev(&major, &minor);
+            result = mps_kbr_get_service_rev(line.back() == "major" ? nullptr : &major,
+                                             line.back() == "minor" ? nullptr : &minor);
             more = " " + std::to_string(mps_kbr_service_revision().major) + "." +
                    std::to_string(minor);
         }
         std::string text = std::to_string(modem_result_number(result)) + more + "\n";
-        for (const std::string& packet : modem.take_requests())
-            text += " " + short_hex(packet.substr(3)) + "\n";
+        const std::vector<std::string> packets = modem.take_requests();
+        for (size_t i = 0; i < packets.size(); ++i)
+            if (i < 4 || i + 9 > packets.size())
+                text += " " + short_hex(packets[i].substr(3)) + "\n";
+        for (const auto& entry : platform_test_log())
+            if (entry.priority == ANDROID_LOG_ERROR) text += "  E " + entry.text + "\n";
+        platform_test_clear_log();
         return text;
     }
     std::string answer(const std::string& question) {
         std::string text;
         for (const words& line : words_of(question)) {
-            if (line[0] == "campaign") fill(line);
+            if (line[0] == "campaign" || line[0] == "nothing") fill(line);
             if (line[0] == "refuse") refused = std::stoi(line[1]);
             if (line[0] == "fields") fields = line[1];
             if (line[0] == "decode") text += decode(bytes(line.size() > 1 ? line[1] : ""));
@@ -168,52 +170,6 @@ TEST(MpsService, LargestRequestsAreAsTheServiceHasThem) {
 
 TEST_F(MpsKbr, Dialogue) {
     expect_dialogue("mps/client", [this](const std::string& text) { return answer(text); });
-}
-
-TEST_F(MpsKbr, PartsAreNumberedAcrossTheKindsAndRepeatFrom256On) {
-    record.collection_spec = spec_of(257 * 800);
-    record.ctxt_spec = spec_of(801, 50);
-    record.lll_spec = spec_of(1600, 100);
-    EXPECT_EQ(mps_kbr_init_mpss_bsi(&record, 0, stop), modem_result::OK);
-    const std::vector<std::string> requests = modem.take_requests();
-    ASSERT_EQ(requests.size(), 1 + 257 + 2 + 2 + 1u);
-    EXPECT_EQ(requests[0].substr(7, 4), bytes("01 0100 05"));
-    const std::tuple<size_t, char, const owned_bytes&, size_t, size_t> cases[] = {
-        {0, 1, record.collection_spec, 0, 800},   {255, 1, record.collection_spec, 204000, 800},
-        {256, 1, record.collection_spec, 0, 800}, {257, 2, record.ctxt_spec, 0, 800},
-        {258, 2, record.ctxt_spec, 800, 1},       {260, 3, record.lll_spec, 800, 800}};
-    for (const auto& [part, kind, spec, offset, size] : cases) {
-        const std::string number(1, static_cast<char>(part));
-        EXPECT_EQ(requests[part + 1].substr(10, 1), number);
-        EXPECT_EQ(requests[part + 1].substr(16, size), text(spec).substr(offset, size)) << part;
-        EXPECT_EQ(requests[part + 1].substr(16 + size),
-                  bytes("10 0400") + kind + std::string(3, 0));
-    }
-}
-
-TEST_F(MpsKbr, SpecsWithoutBytesAndNobodysAreRefused) {
-    for (owned_bytes MpsCampaign::*spec : {&MpsCampaign::collection_spec, &MpsCampaign::static_spec,
-                                           &MpsCampaign::ctxt_spec, &MpsCampaign::lll_spec}) {
-        MpsCampaign bad;
-        (bad.*spec).length = 1;
-        EXPECT_EQ(modem_result_number(mps_kbr_init_mpss_bsi(&bad, 0, stop)), -1);
-        EXPECT_EQ(mps_kbr_send_start_prepare_req(&bad, 0, 0) == modem_result::FAILED,
-                  spec == &MpsCampaign::static_spec);
-    }
-    EXPECT_EQ(modem_result_number(mps_kbr_init_mpss_bsi(nullptr, 0, stop)), -1);
-    EXPECT_EQ(modem_result_number(mps_kbr_send_start_prepare_req(nullptr, 0, 0)), -1);
-    uint32_t number = 0;
-    EXPECT_EQ(mps_kbr_get_service_rev(nullptr, &number), modem_result::FAILED);
-    EXPECT_EQ(mps_kbr_get_service_rev(&number, nullptr), modem_result::FAILED);
-    release();
-    release();
-    for (const char* name : {"clspec_buf", "stspec_buf", "clctxt_buf", "lll_buf"})
-        EXPECT_THAT(log_text(), HasSubstr(std::string("Unexpected Null ") + name +
-                                          " pointer passed to mps_kbr_init_mpss_bsi"));
-    EXPECT_THAT(log_text(), HasSubstr("Null pointer passed to mps_kbr_init_mpss_bsi"
-                                      "Null pointer passed to mps_kbr_send_start_prepare_req"
-                                      "Null pointers passedNull pointers passed"
-                                      "VEXA KBR Instance Un-Initialized"));
 }
 
 TEST_F(MpsKbr, StopIsLookedAtBetweenParts) {
