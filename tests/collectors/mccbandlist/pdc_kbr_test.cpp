@@ -8,12 +8,11 @@
 #include <cstring>
 
 #include "collectors/mccbandlist/pdc_indications.h"
+#include "support/dialogue.h"
 #include "support/kbr_service.h"
 #include "support/log.h"
 
 namespace {
-
-const std::string STALE = "ffffffff";  // a token that no call has
 
 std::string indication(char msg, const std::string& fields) {
     return hex_bytes("02 0000") + msg + '\0' + static_cast<char>(fields.size()) +
@@ -44,6 +43,7 @@ struct PdcKbr : ::testing::Test {
     void renew() {
         TearDown();
         SetUp();
+        platform_test_clear_log();
     }
     // The indication goes out first, so that it comes before anybody waits.
     void answer(const std::string& fields) {
@@ -63,20 +63,25 @@ struct PdcKbr : ::testing::Test {
     pdc_config_info info;
 };
 
-TEST_F(PdcKbr, OutcomeOfALoadIsTheModems) {
-    const std::tuple<const char*, int, size_t> cases[] = {
-        {"", 0, 2},
-        {"12 0400 00000000", 0, 1},
-        {"10 0200 0000", 0, 2},
-        {"10 0200 0300 13 0100 01", -1, 1},
-        {"12 0400 00000000 13 0100 00", -3, 1},
-    };
-    for (const auto& [fields, result, segments] : cases) {
-        answer(hex_bytes(fields));
-        EXPECT_EQ(load(901), result) << fields;
-        EXPECT_EQ(modem.take_requests().size(), segments) << fields;
+// "load FIELDS": what becomes of a load whose indications carry those fields. "22 FIELDS": what is
+// said of an indication of that id.
+TEST_F(PdcKbr, IndicationsAreTakenForWhatTheySay) {
+    expect_dialogue("mccbandlist/indications", [this](const std::string& question) {
+        const std::string words = question.substr(0, question.size() - 1) + " ";
+        const std::string fields = hex_bytes(words.substr(words.find(' ') + 1));
         renew();
-    }
+        size_t seen = 0;
+        if (question.starts_with("load")) {
+            answer(fields);
+            const std::string result = std::to_string(load(901));
+            return result + ", " + std::to_string(modem.take_requests().size()) + " segments\n";
+        }
+        modem.send(indication(hex_bytes(words)[0], fields));
+        // One more behind it, after which it has been handled.
+        modem.send(indication('\x26', hex_bytes("01 0400 ffffffff")));
+        EXPECT_TRUE(platform_test_wait_log("kbr_pdc_load_config_ind_hdlr ", EVENT_LIMIT.count()));
+        return log_lines(&seen);
+    });
     EXPECT_EQ(pdc_load_config_mem(nullptr, 1, id, 16, stop), -1);
     EXPECT_EQ(load(0), -1);
 }
@@ -130,35 +135,6 @@ TEST_F(PdcKbr, WithoutAConnectionOrAModernServiceOrAShortIdThereIsNothing) {
     EXPECT_EQ(load(1), -1);
     EXPECT_TRUE(pdc_is_idl_supported(2, 0) && pdc_is_idl_supported(1, 15));
     EXPECT_FALSE(pdc_is_idl_supported(1, 14) || pdc_is_idl_supported(0, 16));
-}
-
-TEST_F(PdcKbr, IndicationsThatNothingAsksForAreSaidAndDoNoHarm) {
-    const std::tuple<char, std::string, const char*> cases[] = {
-        {'\x22', hex_bytes("10 0200 0500"), "E vexastatsd-mbl: KBR error, error code: 5\n"},
-        {'\x22', hex_bytes("11 0400 0200 0102"), ""},
-        {'\x22', hex_bytes("11 7f00 7d00") + std::string(125, 'x'), ""},
-        {'\x22', hex_bytes("12 0300 0100 09"), "I vexastatsd-mbl: has pending configuration\n"},
-        {'\x24', hex_bytes("11 0200 0000"), "E vexastatsd-mbl: None MBN available in modem EFS\n"},
-        {'\x24', "", ""},
-        {'\x24', hex_bytes("11 3400 1900") + std::string(50, '\0'),
-         "I vexastatsd-mbl: succeed to get config_list\n"},
-        {'\x24', hex_bytes("11 3600 1a00") + std::string(52, '\0'), ""},
-        {'\x77', "", "E vexastatsd-mbl: failed to get message c_struct len\n"},
-        {'\x28', hex_bytes("10 ff00 00"),
-         "E vexastatsd-mbl: failed to decode kbr message, msg_id: 0x28\n"
-         "E vexastatsd-mbl: NULL pointer for ind_data_ptr\n"},
-    };
-    const std::string begin = "I vexastatsd-mbl: kbr_pdc_unsol_ind_cb \n";
-    for (const auto& [msg, fields, said] : cases) {
-        platform_test_clear_log();
-        modem.send(indication(msg, fields));
-        // One more behind it, after which it has been handled.
-        modem.send(indication('\x26', hex_bytes("01 0400") + hex_bytes(STALE)));
-        ASSERT_TRUE(platform_test_wait_log("kbr_pdc_load_config_ind_hdlr ", EVENT_LIMIT.count()));
-        size_t seen = 0;
-        EXPECT_EQ(log_lines(&seen),
-                  begin + said + begin + "I vexastatsd-mbl: kbr_pdc_load_config_ind_hdlr \n");
-    }
 }
 
 }  // namespace
