@@ -113,6 +113,7 @@ TEST_P(Sampling, StopEndsTheFirstWaitAfterAnEarlyStart) {
     stop();
     EXPECT_EQ(log(), line("I vexastatsd: @_collector Terminated\n"
                           "E vexastatsd: failed to poll wait. err:4"));
+    EXPECT_EQ(result, 0);
 }
 
 TEST_P(Sampling, ParametersAreLoadedAgainOnceMoreThanFiveDaysArePast) {

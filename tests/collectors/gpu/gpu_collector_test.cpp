@@ -82,11 +82,21 @@ TEST_F(GpuCollector, WordsOfAListAreNumbersOfAnyBaseAndMayBeTooMany) {
     const uint64_t expected[] = {31, 8, 12, 0, 9};
     for (size_t i = 0; i < 5; ++i) EXPECT_EQ(levels[i].time, expected[i]) << i;
 
-    put_files({{gpu("num_pwrlevels"), "0\n"}});
-    row->notify = 0;
-    start();
-    pass(1000);
-    EXPECT_EQ(record().size(), 20u) << "no level needs no word";
+    // No level needs no word; a page holds no more words than this.
+    for (const size_t count : {0, 2048}) {
+        std::string words = count == 0 ? "1" : "";
+        for (size_t i = 0; i < count; ++i) words += "1 ";
+        put_files({{gpu("num_pwrlevels"), std::to_string(count)},
+                   {gpu("gpu_available_frequencies"), words},
+                   {gpu("gpu_clock_stats"), words}});
+        row->notify = 0;
+        row->size = 1 << 20;
+        start();
+        pass(1000);
+        EXPECT_EQ(record().size(), 20 + 12 * count);
+        renew();
+        remove(own());
+    }
 }
 
 TEST_F(GpuCollector, LoopSleepsBeforeEverySampleAndEndsOnceItIsIdleTwiceInARow) {
