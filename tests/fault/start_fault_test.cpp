@@ -52,7 +52,7 @@ void start_with_fault(const char* name, long n, end_of_start* end) {
     if (ended == 0) {
         kill(pid, SIGTERM);
         ASSERT_TRUE(eventually([&] { return (ended = waitpid(pid, &status, WNOHANG)) != 0; },
-                               milliseconds(5000)))
+                               SCENARIO_LIMIT))
             << "does not end\n"
             << phone_log() << (kill(pid, SIGKILL), "");
     }
