@@ -165,9 +165,30 @@ struct condition_waiter {
     std::atomic<uint32_t> woken{0};
     condition_waiter* next = nullptr;
 };
-condition_waiter* g_waiters = nullptr;  // of the thread that has the turn
+condition_waiter* g_waiters = nullptr;  // touched by the thread that has the turn
+std::atomic_flag g_waiters_held;
+
+// Never waited for, since only one thread has the turn: it shows a thread sanitizer, which cannot
+// see turns pass through another process, who comes after whom.
+class waiters_guard {
+  public:
+    waiters_guard() {
+        while (g_waiters_held.test_and_set(std::memory_order_acquire)) {
+        }
+    }
+    ~waiters_guard() { g_waiters_held.clear(std::memory_order_release); }
+    waiters_guard(const waiters_guard&) = delete;
+    waiters_guard& operator=(const waiters_guard&) = delete;
+};
+
+void join_waiters(condition_waiter* self) {
+    const waiters_guard held;
+    self->next = g_waiters;
+    g_waiters = self;
+}
 
 void leave_waiters(const condition_waiter& self) {
+    const waiters_guard held;
     condition_waiter** link = &g_waiters;
     while (*link != &self) link = &(*link)->next;
     *link = self.next;
@@ -264,8 +285,8 @@ int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 
 [[gnu::weak]] int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
     if (!driven_is_on()) return __real_pthread_cond_wait(condition, mutex);
-    condition_waiter self{.condition = condition, .woken = 0, .next = g_waiters};
-    g_waiters = &self;
+    condition_waiter self{.condition = condition, .woken = 0, .next = nullptr};
+    join_waiters(&self);
     pthread_mutex_unlock(mutex);
     {
         const driven_wait wait;
@@ -277,6 +298,7 @@ int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 
 [[gnu::weak]] int __wrap_pthread_cond_broadcast(pthread_cond_t* condition) {
     if (!driven_is_on()) return __real_pthread_cond_broadcast(condition);
+    const waiters_guard held;
     for (condition_waiter* waiter = g_waiters; waiter; waiter = waiter->next) {
         if (waiter->condition != condition) continue;
         waiter->woken.store(1);
