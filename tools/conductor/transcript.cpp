@@ -8,6 +8,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <regex>
 #include <sstream>
 
 #include "host/clock_course.h"
@@ -79,6 +80,12 @@ bool is_upload(const fs::path& path) {
     return path.parent_path().parent_path().string().ends_with("/data/vendor/vexa/up");
 }
 
+// Numbers of processes and threads in log entries are the machine's affair.
+std::string without_thread_ids(const std::string& report) {
+    static const std::regex ENTRY("(\\n\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}) +\\d+ +\\d+ ");
+    return std::regex_replace(report, ENTRY, "$1     *     * ");
+}
+
 std::string upload_text(const fs::path& path, const std::string& seen_as) {
     std::string text;
     try {
@@ -87,7 +94,7 @@ std::string upload_text(const fs::path& path, const std::string& seen_as) {
     } catch (const std::exception& error) {
         text += "    damaged: " + std::string(error.what()) + "\n";
     }
-    return text;
+    return without_thread_ids(text);
 }
 
 // A campaign's file as vexa-campaign shows it; a damaged one as it stands.
