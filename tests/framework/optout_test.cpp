@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "framework/time/clock.h"
+#include "support/events.h"
 #include "support/record_phone.h"
 
 namespace fs = std::filesystem;
@@ -68,9 +69,19 @@ TEST_F(OptOut, PropertyIsWaitedForInRoundsOfFiveSeconds) {
     EXPECT_EQ(waited_s(), 10);
     EXPECT_EQ(log(), "");
     platform_test_set_property("vendor.orb.vexa.enabled", "0");
+    platform_test_set_clock(platform_test_clock::MANUAL);
+    int result = 0;
+    std::thread waiting_thread([&] { result = vexastats_wait_prop_enalbled(10, row.stop); });
+    ASSERT_TRUE(platform_test_wait_parked(1, EVENT_LIMIT.count()));
+    platform_test_set_property("vendor.orb.vexa.enabled", "1");
+    platform_test_advance_ms(5000);
+    waiting_thread.join();
+    EXPECT_EQ(result, 0) << "it looks again";
+    EXPECT_EQ(log(), waiting);
+    platform_test_set_property("vendor.orb.vexa.enabled", "0");
     row.stop.raised = 1;
     EXPECT_EQ(vexastats_wait_prop_enalbled(10, row.stop), -22);
-    EXPECT_EQ(waited_s(), 10) << "a stop ends it";
+    EXPECT_EQ(waited_s(), 15) << "a stop ends it";
     row.stop.raised = 0;
 }
 
