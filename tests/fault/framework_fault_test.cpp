@@ -6,7 +6,6 @@
 #include <filesystem>
 
 #include "fault/fault.h"
-#include "framework/config/dload.h"
 #include "support/record_phone.h"
 
 namespace fs = std::filesystem;
@@ -196,14 +195,7 @@ TEST_F(FrameworkFaultTest, FailedLoadKeepsTheDownloadUntilItIsRecorded) {
 }
 
 TEST_F(FrameworkFaultTest, FailedRequestIsReported) {
-    const dload_req req{.client_id = 7,
-                        .version = "1.1",
-                        .key = "x.cfg",
-                        .request_type = 1,
-                        .request_timer = 2,
-                        .conn_type = 3,
-                        .conn_timer = 4};
-    fail_every_call([] {}, [&] { vexastats_dload_req(&req); }, [](const std::string&) {});
+    fail_every_call([] {}, [] { (void)request(); }, [](const std::string&) {});
     expect_errors({"failed to create /data/vendor/vexa/down/7/7-1.1-x.cfg.req. err:28\n"});
 }
 

@@ -94,16 +94,6 @@ class framework_phone : public record_phone {
                std::to_string(row.notify) + ", unsupported " +
                std::to_string(row.no_supported_kernel) + "\n";
     }
-    int request() const {
-        const dload_req req{.client_id = 7,
-                            .version = "1.1",
-                            .key = "x.cfg",
-                            .request_type = 1,
-                            .request_timer = 2,
-                            .conn_type = 3,
-                            .conn_timer = 4};
-        return vexastats_dload_req(&req);
-    }
 
     static std::string shown(const std::string& name, const fs::path& file) {
         if (fs::is_symlink(file)) return name + " -> " + fs::read_symlink(file).string();

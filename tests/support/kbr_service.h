@@ -17,19 +17,11 @@
 #include "base/owned_bytes.h"
 #include "base/unique_handle.h"
 #include "support/events.h"
-
-// "01 ff" as two bytes.
-inline std::string hex_bytes(const std::string& text) {
-    std::string bytes;
-    for (size_t i = 0; i < text.size(); i += text[i] == ' ' ? 1 : 2) {
-        if (text[i] != ' ') bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
-    }
-    return bytes;
-}
+#include "support/gzip.h"
 
 // The response of success to a request, or with the fields given.
 inline std::string response_to(const std::string& request,
-                               const std::string& fields = hex_bytes("02 0400 0000 0000")) {
+                               const std::string& fields = bytes("02 0400 0000 0000")) {
     return std::string(1, '\1') + request.substr(1, 4) + static_cast<char>(fields.size()) +
            std::string(1, '\0') + fields;
 }

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "framework/config/config.h"
+#include "framework/config/dload.h"
 #include "framework/record/record.h"
 #include "platform_test.h"
 #include "support/dropbox.h"
@@ -61,6 +62,17 @@ struct record_phone {
         return count;
     }
     size_t drop(uint32_t flags = WRITE_DROP) { return append({nullptr, 0}, flags); }
+
+    static int request() {
+        const dload_req req{.client_id = 7,
+                            .version = "1.1",
+                            .key = "x.cfg",
+                            .request_type = 1,
+                            .request_timer = 2,
+                            .conn_type = 3,
+                            .conn_timer = 4};
+        return vexastats_dload_req(&req);
+    }
 
     static std::filesystem::path own(const std::string& name) {
         return std::filesystem::path(OWN) / name;

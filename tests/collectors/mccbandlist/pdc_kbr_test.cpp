@@ -15,12 +15,12 @@
 namespace {
 
 std::string indication(char msg, const std::string& fields) {
-    return hex_bytes("02 0000") + msg + '\0' + static_cast<char>(fields.size()) +
+    return bytes("02 0000") + msg + '\0' + static_cast<char>(fields.size()) +
            static_cast<char>(fields.size() >> 8) + fields;
 }
 // The indication that belongs to a request, of these fields behind its token.
 std::string outcome(const std::string& request, const std::string& fields) {
-    return indication(request[3], hex_bytes("01 0400") + request.substr(10, 4) + fields);
+    return indication(request[3], bytes("01 0400") + request.substr(10, 4) + fields);
 }
 
 std::string header_field(size_t size, char byte) {
@@ -68,7 +68,7 @@ struct PdcKbr : ::testing::Test {
 TEST_F(PdcKbr, IndicationsAreTakenForWhatTheySay) {
     expect_dialogue("mccbandlist/indications", [this](const std::string& question) {
         const std::string words = question.substr(0, question.size() - 1) + " ";
-        const std::string fields = hex_bytes(words.substr(words.find(' ') + 1));
+        const std::string fields = bytes(words.substr(words.find(' ') + 1));
         renew();
         size_t seen = 0;
         if (question.starts_with("load")) {
@@ -76,9 +76,9 @@ TEST_F(PdcKbr, IndicationsAreTakenForWhatTheySay) {
             const std::string result = std::to_string(load(901));
             return result + ", " + std::to_string(modem.take_requests().size()) + " segments\n";
         }
-        modem.send(indication(hex_bytes(words)[0], fields));
+        modem.send(indication(bytes(words)[0], fields));
         // One more behind it, after which it has been handled.
-        modem.send(indication('\x26', hex_bytes("01 0400 ffffffff")));
+        modem.send(indication('\x26', bytes("01 0400 ffffffff")));
         EXPECT_TRUE(platform_test_wait_log("kbr_pdc_load_config_ind_hdlr ", EVENT_LIMIT.count()));
         return log_lines(&seen);
     });
@@ -112,7 +112,7 @@ TEST_F(PdcKbr, IndicationThatComesLateIsNobodys) {
 // The clock stands still, so no time-out ends a call.
 TEST_F(PdcKbr, IndicationWithoutATokenOrThatNobodyCanReadIsTheCallInProgresss) {
     const std::tuple<std::string, int> cases[] = {
-        {"", 0}, {hex_bytes("10 ff00 00"), -1},  // a field longer than the message
+        {"", 0}, {bytes("10 ff00 00"), -1},  // a field longer than the message
     };
     for (const auto& [fields, result] : cases) {
         modem.answer([&, fields = fields](const std::string& request) {

@@ -25,7 +25,7 @@ const fs::path DATA_DIR = "/mnt/vendor/persist/hlos_rfs/shared/vexa";
 
 struct MpsCollector : testing::Test, collector_phone {
     MpsCollector() : collector_phone(6) {
-        setenv("TZ", "XXX+05:30", 1);
+        setenv("TZ", "WEST+05:30", 1);
         tzset();
         fs::remove_all(DATA_DIR);
         fs::create_directories(DATA_DIR);

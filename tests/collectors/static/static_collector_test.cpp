@@ -189,7 +189,7 @@ struct AostReporter : StaticCollector {
         modem.answer([this](const std::string& request) {
             const auto id = static_cast<uint8_t>(request[3]);
             const std::string fields =
-                hex_bytes(id == refused ? "02 0400 0100 0300" : "02 0400 0000 0000");
+                bytes(id == refused ? "02 0400 0100 0300" : "02 0400 0000 0000");
             return response_to(request, fields);
         });
     }
@@ -208,9 +208,8 @@ struct AostReporter : StaticCollector {
         }
     }
     void indicate(const std::string& id, const std::string& fields) const {
-        const std::string value = hex_bytes(fields);
-        modem.send(hex_bytes("02 0000 " + id + "00") + static_cast<char>(value.size()) + '\0' +
-                   value);
+        const std::string value = bytes(fields);
+        modem.send(bytes("02 0000 " + id + "00") + static_cast<char>(value.size()) + '\0' + value);
     }
 
     kbr_service modem{"imsa"};
